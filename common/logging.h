@@ -1,0 +1,75 @@
+#ifndef COMMON_LOGGING_H_
+#define COMMON_LOGGING_H_
+
+#include <functional>
+#include <sstream>
+#include <string>
+
+namespace vantu {
+
+// One log record as handed to the sink.
+struct LogRecord {
+  int level;             // 1 (failed checks) .. 6 (payload dumps); lower is more severe
+  std::string logger;    // "http_server", "http_request_parser", "rpc", "check", ...
+  std::string file;      // source file without extension, e.g. "relay/http_server"
+  std::string function;  // the function's signature
+  int line;
+  int id;                // per-statement identifier, stable for the life of the process
+  std::string text;
+};
+
+using LogSink = std::function<void(const LogRecord&)>;
+
+// True when records of `level` under `logger` are written. By default only
+// levels 1 and 2 are. Cheap: callers test it before building a record.
+// Any thread.
+bool isLoggerEnabled(int level, const char* logger);
+
+// Enables `logger` up to and including `level` (a lower level disables the
+// chattier ones again). Any thread.
+void setLogLevel(const std::string& logger, int level);
+
+// Replaces the sink that receives every written record; an empty function
+// restores the default, which writes one line per record to stderr. The sink
+// may be called from any thread, one record at a time.
+void setLogSink(LogSink sink);
+
+// Builds one record and hands it to the sink when destroyed. Construct it only
+// after isLoggerEnabled said yes; the VLOG-style macro below does both.
+class LoggingStream {
+ public:
+  // `statement_id` points to a static int that starts at -1; the first record
+  // of the statement gives it a process-wide unique value.
+  LoggingStream(int level, const char* logger, const char* file, const char* function, int line,
+                int* statement_id);
+  ~LoggingStream();
+  LoggingStream(const LoggingStream&) = delete;
+  LoggingStream& operator=(const LoggingStream&) = delete;
+
+  template <typename T>
+  LoggingStream& operator<<(const T& value) {
+    stream_ << value;
+    return *this;
+  }
+
+ private:
+  LogRecord record_;
+  std::ostringstream stream_;
+};
+
+}  // namespace vantu
+
+// Writes a record when `logger` is enabled at `level`; the streamed operands are
+// evaluated only then:  VANTU_LOG(5, "http_server", "relay/http_server") << "x=" << x;
+#define VANTU_LOG_AT(level, logger, file, function, line)                       \
+  if (!::vantu::isLoggerEnabled((level), (logger))) {                           \
+  } else                                                                        \
+    ::vantu::LoggingStream((level), (logger), (file), (function), (line), [] {  \
+      static int statement_id = -1;                                             \
+      return &statement_id;                                                     \
+    }())
+
+#define VANTU_LOG(level, logger, file) \
+  VANTU_LOG_AT(level, logger, file, __PRETTY_FUNCTION__, __LINE__)
+
+#endif  // COMMON_LOGGING_H_
