@@ -32,8 +32,8 @@ std::atomic<int> min_enabled_level{kDefaultLevel};
 std::atomic<int> next_statement_id{0};
 
 void writeToStderr(const LogRecord& r) {
-  fprintf(stderr, "[%d %s %s:%d #%d] %s\n", r.level, r.logger.c_str(), r.file.c_str(), r.line,
-          r.id, r.text.c_str());
+  fprintf(stderr, "[%d %s %s:%d #%d] %s\n", r.level, r.logger.c_str(), r.file.c_str(), r.line, r.id,
+          r.text.c_str());
 }
 
 }  // namespace
@@ -70,8 +70,8 @@ void setLogSink(LogSink sink) {
   s.sink = std::move(sink);
 }
 
-LoggingStream::LoggingStream(int level, const char* logger, const char* file,
-                             const char* function, int line, int* statement_id) {
+LoggingStream::LoggingStream(int level, const char* logger, const char* file, const char* function,
+                             int line, int* statement_id) {
   record_.level = level;
   record_.logger = logger;
   record_.file = file;

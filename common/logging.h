@@ -14,7 +14,7 @@ struct LogRecord {
   std::string file;      // source file without extension, e.g. "relay/http_server"
   std::string function;  // the function's signature
   int line;
-  int id;                // per-statement identifier, stable for the life of the process
+  int id;  // per-statement identifier, stable for the life of the process
   std::string text;
 };
 
@@ -61,12 +61,12 @@ class LoggingStream {
 
 // Writes a record when `logger` is enabled at `level`; the streamed operands are
 // evaluated only then:  VANTU_LOG(5, "http_server", "relay/http_server") << "x=" << x;
-#define VANTU_LOG_AT(level, logger, file, function, line)                       \
-  if (!::vantu::isLoggerEnabled((level), (logger))) {                           \
-  } else                                                                        \
-    ::vantu::LoggingStream((level), (logger), (file), (function), (line), [] {  \
-      static int statement_id = -1;                                             \
-      return &statement_id;                                                     \
+#define VANTU_LOG_AT(level, logger, file, function, line)                      \
+  if (!::vantu::isLoggerEnabled((level), (logger))) {                          \
+  } else                                                                       \
+    ::vantu::LoggingStream((level), (logger), (file), (function), (line), [] { \
+      static int statement_id = -1;                                            \
+      return &statement_id;                                                    \
     }())
 
 #define VANTU_LOG(level, logger, file) \

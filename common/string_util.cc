@@ -54,8 +54,8 @@ bool ParseInt(const std::string& text, int* value) {
   uint64_t magnitude;
   uint64_t limit = negative ? 2147483648ULL : 2147483647ULL;
   if (!parseDigits(text, start, limit, &magnitude)) return false;
-  *value = negative ? static_cast<int>(-static_cast<int64_t>(magnitude))
-                    : static_cast<int>(magnitude);
+  *value =
+      negative ? static_cast<int>(-static_cast<int64_t>(magnitude)) : static_cast<int>(magnitude);
   return true;
 }
 

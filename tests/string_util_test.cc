@@ -18,10 +18,10 @@ TEST(StringUtilTest, ParseUInt32AcceptsOnlyUnsignedDecimalsThatFit) {
     bool ok;
     uint32_t value;
   } cases[] = {
-      {"0", true, 0},           {"42", true, 42},           {"4294967295", true, 4294967295u},
-      {"0004", true, 4},        {"4294967296", false, 0},   {"99999999999999999999", false, 0},
-      {"", false, 0},           {"-1", false, 0},           {"+1", false, 0},
-      {" 1", false, 0},         {"1 ", false, 0},           {"1a", false, 0},
+      {"0", true, 0},     {"42", true, 42},         {"4294967295", true, 4294967295u},
+      {"0004", true, 4},  {"4294967296", false, 0}, {"99999999999999999999", false, 0},
+      {"", false, 0},     {"-1", false, 0},         {"+1", false, 0},
+      {" 1", false, 0},   {"1 ", false, 0},         {"1a", false, 0},
       {"0x10", false, 0},
   };
   for (const Case& c : cases) {
@@ -38,10 +38,16 @@ TEST(StringUtilTest, ParseIntAcceptsSignedIntsThatFit) {
     bool ok;
     int value;
   } cases[] = {
-      {"42", true, 42},       {"-42", true, -42},          {"+7", true, 7},
-      {"2147483647", true, 2147483647}, {"-2147483648", true, -2147483647 - 1},
-      {"2147483648", false, 0}, {"abc", false, 0},       {"", false, 0},
-      {"-", false, 0},        {"1.5", false, 0},
+      {"42", true, 42},
+      {"-42", true, -42},
+      {"+7", true, 7},
+      {"2147483647", true, 2147483647},
+      {"-2147483648", true, -2147483647 - 1},
+      {"2147483648", false, 0},
+      {"abc", false, 0},
+      {"", false, 0},
+      {"-", false, 0},
+      {"1.5", false, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);

@@ -1,0 +1,30 @@
+#ifndef RELAY_HTTP_LINE_MATCH_H_
+#define RELAY_HTTP_LINE_MATCH_H_
+
+#include <cstddef>
+#include <string>
+
+namespace vantu {
+namespace relay {
+
+// Hand-written matchers for the three fixed line patterns of HTTP/1.x. Each one
+// accepts exactly what pcrecpp's FullMatch of its pattern (default options)
+// accepts and captures the same text; they exist because they are several times
+// faster than running PCRE once per line. A differential test and the parser
+// fuzzers hold them to that.
+
+// "([A-Z]*) ([^ ]*) HTTP/1.[0-1]"
+bool matchRequestLine(const std::string& line, std::string* method, std::string* target);
+
+// "HTTP/1.[0-9] ([0-9]*) (.*)" with the code captured into an int (no digits, or
+// a value that does not fit an int, is no match).
+bool matchStatusLine(const std::string& line, int* code, std::string* reason);
+
+// "([^:]*): (.*)": the name is everything before the first colon, which must be
+// followed by a blank; the value is the rest. Returns the split by position.
+bool matchHeaderLine(const std::string& line, size_t* name_length, size_t* value_start);
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_HTTP_LINE_MATCH_H_

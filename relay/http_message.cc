@@ -1,0 +1,154 @@
+#include "relay/http_message.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+
+#include "common/string_util.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// Indexed by HttpMethod; the null entry ends the table.
+const char* const kMethodNames[] = {"OPTIONS", "GET",    "HEAD",  "POST",
+                                    "PUT",     "DELETE", "TRACE", nullptr};
+
+struct StatusEntry {
+  int code;
+  const char* phrase;
+};
+
+// Sorted by code for the bisecting lookup.
+const StatusEntry kStatusTable[] = {
+    {100, "Continue"},
+    {101, "Switching Protocols"},
+    {200, "OK"},
+    {201, "Created"},
+    {202, "Accepted"},
+    {203, "Non-Authoritative Information"},
+    {204, "No Content"},
+    {205, "Reset Content"},
+    {206, "Partial Content"},
+    {300, "Multiple Choices"},
+    {301, "Moved Permanently"},
+    {302, "Found"},
+    {303, "See Other"},
+    {304, "Not Modified"},
+    {305, "Use Proxy"},
+    {307, "Temporary Redirect"},
+    {400, "Bad Request"},
+    {401, "Unauthorized"},
+    {402, "Payment Required"},
+    {403, "Forbidden"},
+    {404, "Not Found"},
+    {405, "Method Not Allowed"},
+    {406, "Not Acceptable"},
+    {407, "Proxy Authentication Required"},
+    {408, "Request Time-out"},
+    {409, "Conflict"},
+    {410, "Gone"},
+    {411, "Length Required"},
+    {412, "Precondition Failed"},
+    {413, "Request Entity Too Large"},
+    {414, "Request-URI Too Large"},
+    {415, "Unsupported Media Type"},
+    {416, "Requested range not satisfiable"},
+    {417, "Expectation Failed"},
+    {500, "Internal Server Error"},
+    {501, "Not Implemented"},
+    {502, "Bad Gateway"},
+    {503, "Service Unavailable"},
+    {504, "Gateway Time-out"},
+    {505, "HTTP Version not supported"},
+};
+
+}  // namespace
+
+const char* httpMethodToName(HttpMethod method) {
+  // Unsigned, so that negative values fall outside the table too.
+  if (static_cast<unsigned>(method) > static_cast<unsigned>(kHttpTrace)) return "";
+  return kMethodNames[method];
+}
+
+HttpMethod httpMethodFromName(const std::string& name) {
+  for (int i = 0; kMethodNames[i] != nullptr; ++i) {
+    if (name == kMethodNames[i]) return static_cast<HttpMethod>(i);
+  }
+  return kHttpUnknown;
+}
+
+size_t HttpRequest::numQueryComponent(const std::string& name) const {
+  return query_components.count(name);
+}
+
+bool HttpRequest::hasQueryComponent(const std::string& name) const {
+  return numQueryComponent(name) != 0;
+}
+
+std::string HttpRequest::getStringQueryComponent(const std::string& name, int index) const {
+  if (index < 0) return std::string();
+  auto range = query_components.equal_range(name);
+  for (auto it = range.first; it != range.second; ++it, --index) {
+    if (index == 0) return it->second;
+  }
+  return std::string();
+}
+
+int HttpRequest::getIntQueryComponent(const std::string& name, int index) const {
+  int value = 0;
+  ParseInt(getStringQueryComponent(name, index), &value);  // a rejected text leaves 0
+  return value;
+}
+
+void HttpRequest::getStringQueryComponents(const std::string& name,
+                                           std::vector<std::string>* values) const {
+  auto range = query_components.equal_range(name);
+  for (auto it = range.first; it != range.second; ++it) values->push_back(it->second);
+}
+
+HttpResponse::HttpResponse() { setHeader("Connection", "keep-alive"); }
+
+const char* HttpResponse::getStatusString(StatusCode code) {
+  const StatusEntry* end = kStatusTable + sizeof(kStatusTable) / sizeof(kStatusTable[0]);
+  const StatusEntry* entry =
+      std::lower_bound(kStatusTable, end, static_cast<int>(code),
+                       [](const StatusEntry& e, int wanted) { return e.code < wanted; });
+  return (entry != end && entry->code == code) ? entry->phrase : "";
+}
+
+void HttpResponse::setHeader(const std::string& name, const std::string& value) {
+  headers[name] = value;
+}
+
+void HttpResponse::setHeaderF(const std::string& name, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string value = stringVPrintf(format, args);
+  va_end(args);
+  value.resize(strnlen(value.data(), value.size()));  // up to the first NUL
+  setHeader(name, value);
+}
+
+void HttpResponse::setContentType(const std::string& type) { setHeader("Content-Type", type); }
+
+void HttpResponse::setTextHtml() { setContentType("text/html"); }
+
+void HttpResponse::outputHeader(std::string* out) {
+  if (status_string.empty()) status_string = getStatusString(status_code);
+  *out = stringPrintf("HTTP/1.1 %d %s\r\n", static_cast<int>(status_code), status_string.c_str());
+  setHeaderF("Content-Length", "%d", static_cast<int>(content.size()));
+  size_t size = out->size() + 2;
+  for (const auto& header : headers) size += header.first.size() + header.second.size() + 4;
+  out->reserve(size);
+  for (const auto& header : headers) {
+    out->append(header.first);
+    out->append(": ", 2);
+    out->append(header.second);
+    out->append("\r\n", 2);
+  }
+  out->append("\r\n", 2);
+}
+
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,160 @@
+#ifndef RELAY_HTTP_MESSAGE_H_
+#define RELAY_HTTP_MESSAGE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "url/gurl.h"
+
+namespace vantu {
+namespace relay {
+
+// Request methods; the values index the method name table.
+enum HttpMethod {
+  kHttpOptions = 0,
+  kHttpGet = 1,
+  kHttpHead = 2,
+  kHttpPost = 3,
+  kHttpPut = 4,
+  kHttpDelete = 5,
+  kHttpTrace = 6,
+  kHttpUnknown = 7,
+};
+
+// The name of `method` ("GET", ...); "" for kHttpUnknown and any value outside
+// the table. Never null.
+const char* httpMethodToName(HttpMethod method);
+
+// The method whose name is exactly `name` (case-sensitive, no trimming);
+// kHttpUnknown when none is.
+HttpMethod httpMethodFromName(const std::string& name);
+
+// What requests and responses share: the headers, the announced body length and
+// the received body. A plain data holder, used by one thread at a time.
+class HttpMessage {
+ public:
+  HttpMessage() = default;
+  virtual ~HttpMessage() = default;
+
+  // Header name to value. Names are compared byte by byte, case-sensitively; a
+  // name has one value (the last one stored wins); iteration is in byte order,
+  // which is the order responses are written in.
+  std::map<std::string, std::string> headers;
+  // The "Content-Length" the parser read; 0 without one.
+  uint32_t content_length = 0;
+  // The body bytes exactly as received.
+  std::string body;
+};
+
+// A request as the parser produced it.
+class HttpRequest : public HttpMessage {
+ public:
+  HttpRequest() = default;
+
+  // The number of query components named `name`.
+  size_t numQueryComponent(const std::string& name) const;
+  bool hasQueryComponent(const std::string& name) const;
+  // The index-th value (in query order) of the components named `name`; "" when
+  // the index is negative or there are not that many.
+  std::string getStringQueryComponent(const std::string& name, int index) const;
+  // getStringQueryComponent parsed as a decimal int; 0 when missing or not a number.
+  int getIntQueryComponent(const std::string& name, int index) const;
+  // Appends every value of `name`, in query order, to *values (which is not cleared).
+  void getStringQueryComponents(const std::string& name, std::vector<std::string>* values) const;
+
+  // The absolute URL: the request-target when that is one, else built from
+  // "http://", the Host header and the request-target.
+  GURL url;
+  HttpMethod method = kHttpUnknown;
+  // Unescaped query key to unescaped value, one entry per pair, in query order
+  // for equal keys.
+  std::multimap<std::string, std::string> query_components;
+  // The request-target exactly as it stood in the request line.
+  std::string uri;
+};
+
+// A response: built by the server for each request, or filled by the client's
+// response parser. Used by one thread at a time.
+class HttpResponse : public HttpMessage {
+ public:
+  // Any int may be stored: the response parser keeps whatever code it reads.
+  enum StatusCode : int {
+    kContinue = 100,
+    kSwitchingProtocols = 101,
+    kOk = 200,
+    kCreated = 201,
+    kAccepted = 202,
+    kNonAuthoritativeInformation = 203,
+    kNoContent = 204,
+    kResetContent = 205,
+    kPartialContent = 206,
+    kMultipleChoices = 300,
+    kMovedPermanently = 301,
+    kFound = 302,
+    kSeeOther = 303,
+    kNotModified = 304,
+    kUseProxy = 305,
+    kTemporaryRedirect = 307,
+    kBadRequest = 400,
+    kUnauthorized = 401,
+    kPaymentRequired = 402,
+    kForbidden = 403,
+    kNotFound = 404,
+    kMethodNotAllowed = 405,
+    kNotAcceptable = 406,
+    kProxyAuthenticationRequired = 407,
+    kRequestTimeout = 408,
+    kConflict = 409,
+    kGone = 410,
+    kLengthRequired = 411,
+    kPreconditionFailed = 412,
+    kRequestEntityTooLarge = 413,
+    kRequestUriTooLarge = 414,
+    kUnsupportedMediaType = 415,
+    kRequestedRangeNotSatisfiable = 416,
+    kExpectationFailed = 417,
+    kInternalServerError = 500,
+    kNotImplemented = 501,
+    kBadGateway = 502,
+    kServiceUnavailable = 503,
+    kGatewayTimeout = 504,
+    kHttpVersionNotSupported = 505,
+  };
+
+  // Status 200, no reason phrase yet, and "Connection: keep-alive".
+  HttpResponse();
+
+  // The reason phrase of `code`; "" for codes the table does not know. Never null.
+  static const char* getStatusString(StatusCode code);
+
+  // Stores `value` under `name`, replacing an earlier value of exactly that name.
+  void setHeader(const std::string& name, const std::string& value);
+  // setHeader with a printf-formatted value (taken up to its first NUL).
+  void setHeaderF(const std::string& name, const char* format, ...)
+      __attribute__((format(printf, 3, 4)));
+  void setContentType(const std::string& type);
+  void setTextHtml();
+
+  // Replaces *out with the status line and the header block, ended by the blank
+  // line. Fills status_string from the table when it is empty and sets
+  // "Content-Length" to the size of content.
+  void outputHeader(std::string* out);
+
+  // The body bytes to send.
+  std::vector<char> content;
+  StatusCode status_code = kOk;
+  // The reason phrase; empty means the table's.
+  std::string status_string;
+};
+
+using HttpRequestPtr = std::shared_ptr<HttpRequest>;
+using HttpResponsePtr = std::shared_ptr<HttpResponse>;
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_HTTP_MESSAGE_H_

@@ -1,0 +1,185 @@
+#include "relay/http_request_parser.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/logging.h"
+#include "common/string_util.h"
+#include "relay/http_line_match.h"
+#include "relay/url_escape.h"
+#include "url/url_parse.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+constexpr char kLogger[] = "http_request_parser";
+constexpr char kSourceFile[] = "relay/http_request_parser";
+
+// The first CR or LF in [begin, end), or end.
+inline const char* findLineEnd(const char* begin, const char* end) {
+  for (const char* p = begin; p < end; ++p) {
+    if (*p == '\r' || *p == '\n') return p;
+  }
+  return end;
+}
+
+// Appends the pointers to *out as shared pointers of the concrete type.
+template <typename Message>
+void adoptAll(const std::vector<HttpMessage*>& messages,
+              std::vector<std::shared_ptr<Message>>* out) {
+  out->reserve(out->size() + messages.size());
+  for (HttpMessage* message : messages) {
+    out->push_back(std::shared_ptr<Message>(static_cast<Message*>(message)));
+  }
+}
+
+}  // namespace
+
+bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
+  if (!message_) message_.reset(createNewMessage());
+  const char* scan = data.data();
+  const char* const end = scan + data.size();
+  if (skip_line_feed_ && scan < end) {
+    skip_line_feed_ = false;
+    if (*scan == '\n') ++scan;
+  }
+  const char* line_start = scan;
+  for (;;) {
+    if (state_ == kBody) {
+      const size_t missing = message_->content_length - message_->body.size();
+      const size_t take = std::min(missing, static_cast<size_t>(end - scan));
+      message_->body.append(scan, take);
+      scan += take;
+      if (message_->body.size() < message_->content_length) return true;
+      messages->push_back(message_.release());
+      state_ = kInitialLine;
+      message_.reset(createNewMessage());
+      buffer_.clear();
+      line_start = scan;
+      if (scan == end) return true;
+    }
+    const char* line_end = findLineEnd(scan, end);
+    if (line_end == end) {
+      buffer_.append(line_start, end - line_start);
+      return true;
+    }
+    if (!processLine(line_start, line_end - line_start)) return false;
+    scan = line_end + 1;
+    if (*line_end == '\r') {
+      if (scan == end) {
+        skip_line_feed_ = true;
+      } else if (*scan == '\n') {
+        ++scan;
+      }
+    }
+    line_start = scan;
+  }
+}
+
+bool HttpMessageParser::processLine(const char* data, size_t length) {
+  // The line is always handed over from buffer_, which keeps its capacity from
+  // line to line, so that whole lines cost no allocation either.
+  buffer_.append(data, length);
+  bool accepted;
+  if (state_ == kInitialLine) {
+    accepted = processInitialLine(buffer_);
+  } else if (state_ == kHeaders) {
+    accepted = processHeaderLine(buffer_);
+  } else {
+    accepted = false;
+  }
+  buffer_.clear();
+  return accepted;
+}
+
+bool HttpMessageParser::processHeaderLine(const std::string& line) {
+  if (line.empty()) {
+    finalizeHeader();
+    state_ = kBody;
+    return true;
+  }
+  size_t name_length;
+  size_t value_start;
+  if (!matchHeaderLine(line, &name_length, &value_start)) return false;
+  const char* data = line.data();
+  VANTU_LOG(5, kLogger, kSourceFile)
+      << "Key=" << std::string(data, name_length)
+      << " value=" << std::string(data + value_start, line.size() - value_start);
+  auto inserted = message_->headers.insert_or_assign(
+      std::string(data, name_length), std::string(data + value_start, line.size() - value_start));
+  if (name_length == 14 && memcmp(data, "Content-Length", 14) == 0) {
+    return ParseUInt32(inserted.first->second, &message_->content_length);
+  }
+  return true;
+}
+
+bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
+  std::vector<HttpMessage*> messages;
+  bool result = doParse(data, &messages);
+  adoptAll(messages, requests);
+  return result;
+}
+
+HttpMessage* HttpRequestParser::createNewMessage() { return new HttpRequest; }
+
+bool HttpRequestParser::processInitialLine(const std::string& line) {
+  std::string method_name;
+  HttpRequest* request = this->request();
+  if (!matchRequestLine(line, &method_name, &request->uri)) return false;
+  request->method = httpMethodFromName(method_name);
+  if (request->method == kHttpUnknown) {
+    VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << method_name;
+    return false;
+  }
+  VANTU_LOG(5, kLogger, kSourceFile) << "Method: " << static_cast<int>(request->method) << "="
+                                     << method_name << " URI=" << request->uri;
+  state_ = kHeaders;
+  return true;
+}
+
+void HttpRequestParser::finalizeHeader() {
+  HttpRequest* request = this->request();
+  request->url = GURL(request->uri);
+  if (!request->url.is_valid()) {
+    // Inserts an empty Host when the request has none.
+    const std::string& host = request->headers["Host"];
+    std::string absolute;
+    absolute.reserve(7 + host.size() + request->uri.size());
+    absolute.append("http://").append(host).append(request->uri);
+    request->url = GURL(absolute);
+  }
+  if (!request->url.has_query()) return;
+  const std::string& spec = request->url.possibly_invalid_spec();
+  url_parse::Component query = request->url.parsed_for_possibly_invalid_spec().query;
+  url_parse::Component key;
+  url_parse::Component value;
+  while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
+    std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : std::string();
+    std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : std::string();
+    urlUnescape(&key_text);
+    urlUnescape(&value_text);
+    request->query_components.emplace(std::move(key_text), std::move(value_text));
+  }
+}
+
+bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {
+  std::vector<HttpMessage*> messages;
+  bool result = doParse(data, &messages);
+  adoptAll(messages, responses);
+  return result;
+}
+
+HttpMessage* HttpResponseParser::createNewMessage() { return new HttpResponse; }
+
+bool HttpResponseParser::processInitialLine(const std::string& line) {
+  int code;
+  HttpResponse* response = static_cast<HttpResponse*>(message_.get());
+  if (!matchStatusLine(line, &code, &response->status_string)) return false;
+  response->status_code = static_cast<HttpResponse::StatusCode>(code);
+  state_ = kHeaders;
+  return true;
+}
+
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,101 @@
+#ifndef RELAY_HTTP_REQUEST_PARSER_H_
+#define RELAY_HTTP_REQUEST_PARSER_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "relay/http_message.h"
+
+namespace vantu {
+namespace relay {
+
+// Turns a byte stream that arrives in chunks of any size into complete HTTP
+// messages: lines ended by CR LF, a lone LF or a lone CR, header lines, the
+// blank line, and a body framed by "Content-Length" alone. Subclasses supply the
+// first line and the message type.
+//
+// One parser serves one connection for its whole life and keeps partial lines
+// and bodies between chunks. Used by one thread at a time; no locking.
+class HttpMessageParser {
+ public:
+  HttpMessageParser() = default;
+  virtual ~HttpMessageParser() = default;
+  HttpMessageParser(const HttpMessageParser&) = delete;
+  HttpMessageParser& operator=(const HttpMessageParser&) = delete;
+
+  // Consumes the whole chunk and appends every message it completes, in stream
+  // order; the caller owns them. Returns false at the first rejected line: the
+  // messages completed before it are in *messages, the rest of the chunk is
+  // dropped, and a later call continues from the state before that line.
+  bool doParse(const std::string& data, std::vector<HttpMessage*>* messages);
+
+  // One complete line, without its line end.
+  bool processLine(const char* data, size_t length);
+  // One line of the header block; the empty line ends the block.
+  bool processHeaderLine(const std::string& line);
+
+ protected:
+  enum State { kInitialLine = 0, kHeaders = 1, kBody = 2 };
+
+  // A new, default-constructed message of the subclass's type.
+  virtual HttpMessage* createNewMessage() = 0;
+  // Fills the message in progress from its first line, sets state_ to kHeaders
+  // and returns true; or returns false leaving state_ alone.
+  virtual bool processInitialLine(const std::string& line) = 0;
+  // Called once per message, at the blank line, before any body byte.
+  virtual void finalizeHeader() {}
+
+  // The bytes of a line not finished when the previous chunk ended.
+  std::string buffer_;
+  int state_ = kInitialLine;
+  // The message in progress; null only before the first chunk.
+  std::unique_ptr<HttpMessage> message_;
+
+ private:
+  // The previous chunk ended with a CR: an LF opening the next one belongs to
+  // that line end.
+  bool skip_line_feed_ = false;
+};
+
+// Reads requests: the request line, then the absolute URL and the unescaped
+// query components when the header block ends. The server keeps one per
+// connection and uses it on the event thread only.
+class HttpRequestParser : public HttpMessageParser {
+ public:
+  HttpRequestParser() = default;
+  ~HttpRequestParser() override = default;
+
+  // Feeds one chunk; appends the completed requests (also those completed
+  // before a rejected line) to *requests, which is never cleared. False means
+  // the peer sent something that is not acceptable HTTP.
+  bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests);
+
+ protected:
+  HttpMessage* createNewMessage() override;
+  bool processInitialLine(const std::string& line) override;
+  void finalizeHeader() override;
+
+ private:
+  HttpRequest* request() { return static_cast<HttpRequest*>(message_.get()); }
+};
+
+// Reads responses: the status line; the rest is the shared framing. The RPC
+// client keeps one per channel and uses it on the event thread only.
+class HttpResponseParser : public HttpMessageParser {
+ public:
+  HttpResponseParser() = default;
+  ~HttpResponseParser() override = default;
+
+  // As HttpRequestParser::parse, for responses.
+  bool parse(const std::string& data, std::vector<HttpResponsePtr>* responses);
+
+ protected:
+  HttpMessage* createNewMessage() override;
+  bool processInitialLine(const std::string& line) override;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_HTTP_REQUEST_PARSER_H_
