@@ -31,16 +31,30 @@ Input makeInput(int which) {
       return {readData("browser_get.http"), 1};
     case 1:
       return {readData("rpc_post.http"), 1};
-    default: {
+    case 2: {
       std::string one = readData("browser_get.http");
       std::string all;
       for (int i = 0; i < 32; ++i) all += one;
       return {all, 32};
     }
+    default: {
+      // Every request names another URL, so nothing is served from the last
+      // URL built: what a browser loading a page's resources looks like.
+      std::string one = readData("browser_get.http");
+      const size_t version = one.find("&v=2");
+      std::string all;
+      for (int i = 0; i < 32; ++i) {
+        std::string distinct = one;
+        distinct.replace(version, 4, "&v=" + std::to_string(100 + i));
+        all += distinct;
+      }
+      return {all, 32};
+    }
   }
 }
 
-const char* const kInputNames[] = {"browser_get", "rpc_post", "browser_get_x32_pipelined"};
+const char* const kInputNames[] = {"browser_get", "rpc_post", "browser_get_x32_pipelined",
+                                   "browser_get_x32_distinct_urls"};
 
 std::vector<std::string> chunked(const std::string& bytes, size_t chunk) {
   std::vector<std::string> chunks;
@@ -108,7 +122,7 @@ void BM_HttpParserTokenise(benchmark::State& state) {
 }
 
 void inputsAndChunks(benchmark::internal::Benchmark* b) {
-  for (int input = 0; input < 3; ++input) {
+  for (int input = 0; input < 4; ++input) {
     b->Args({input, 0});
     b->Args({input, 1460});
   }

@@ -58,6 +58,11 @@ bool parsePort(string_view digits, int* port) {
 // resolved. Each byte is copied at most once and removed at most once, so this
 // is linear in the length of the path.
 void appendWithoutDotSegments(string_view path, std::string* out) {
+  // Every dot segment starts with "/."; most paths have none.
+  if (path.find("/.") == string_view::npos) {
+    out->append(path.data(), path.size());
+    return;
+  }
   std::string result;
   result.reserve(path.size());
   size_t i = 0;
