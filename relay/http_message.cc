@@ -73,7 +73,10 @@ const char* httpMethodToName(HttpMethod method) {
 
 HttpMethod httpMethodFromName(const std::string& name) {
   for (int i = 0; kMethodNames[i] != nullptr; ++i) {
-    if (name == kMethodNames[i]) return static_cast<HttpMethod>(i);
+    // The first byte rules out most entries without a full comparison.
+    if (!name.empty() && name[0] == kMethodNames[i][0] && name == kMethodNames[i]) {
+      return static_cast<HttpMethod>(i);
+    }
   }
   return kHttpUnknown;
 }
