@@ -2,16 +2,11 @@
 // (split into writes at fuzzer-chosen points), and what comes back must be a
 // well-formed stream of responses, one per request when the input is clean.
 // Nothing may crash, hang or leak, whatever the bytes.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "common/event_thread.h"
 #include "fuzz/parser_oracle.h"
 #include "relay/http_server.h"
 #include "test_services.pb.h"
+#include "tests/loopback_client.h"
 
 namespace {
 
@@ -63,33 +58,19 @@ uint16_t serverPort() {
 }
 
 std::string exchange(uint16_t port, const std::string& input, const std::vector<size_t>& cuts) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  timeval guard{20, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
-  int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    fuzz::fail("cannot connect");
-  }
+  vantu::testing::LoopbackClient client(port);
+  if (!client.connected()) fuzz::fail("cannot connect");
   size_t start = 0;
   std::vector<size_t> ends = cuts;
   ends.push_back(input.size());
   for (size_t end : ends) {
     end = std::min(std::max(end, start), input.size());
-    if (end > start) send(fd, input.data() + start, end - start, MSG_NOSIGNAL);
+    if (end > start) client.write(input.substr(start, end - start));
     start = end;
   }
-  shutdown(fd, SHUT_WR);
-  std::string output;
-  char buffer[65536];
-  ssize_t n;
-  while ((n = recv(fd, buffer, sizeof(buffer), 0)) > 0) output.append(buffer, n);
-  if (n < 0) fuzz::fail("the server neither answered nor closed");
-  close(fd);
+  client.shutdownWrite();
+  std::string output = client.readToEnd();
+  if (!client.peerClosed()) fuzz::fail("the server neither answered nor closed");
   return output;
 }
 

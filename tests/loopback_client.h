@@ -61,14 +61,17 @@ class LoopbackClient {
     return bytes;
   }
 
-  // Reads until the peer closes (or the guard expires).
+  // Reads until the peer closes (or the guard expires: then peerClosed() is
+  // false).
   std::string readToEnd() {
     std::string bytes;
     char buffer[65536];
     ssize_t n;
     while ((n = ::recv(fd_, buffer, sizeof(buffer), 0)) > 0) bytes.append(buffer, n);
+    peer_closed_ = n == 0;
     return bytes;
   }
+  bool peerClosed() const { return peer_closed_; }
 
   void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
 
@@ -87,6 +90,7 @@ class LoopbackClient {
  private:
   int fd_ = -1;
   bool connected_ = false;
+  bool peer_closed_ = false;
 };
 
 }  // namespace testing
