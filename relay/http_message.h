@@ -14,7 +14,7 @@ namespace vantu {
 namespace relay {
 
 // Request methods; the values index the method name table.
-enum HttpMethod {
+enum HttpMethod : int {
   kHttpOptions = 0,
   kHttpGet = 1,
   kHttpHead = 2,

@@ -38,8 +38,8 @@ Fed feed(const std::vector<std::string>& chunks) {
 
 const char* const kStreams[] = {
     "GET /a?x=1 HTTP/1.1\r\nHost: h\r\n\r\n",
-    "POST /rpc HTTP/1.1\r\nContent-Length: 5\r\nRpc-Service: s\r\n\r\nhello"
-    "GET / HTTP/1.0\r\n\r\n",
+    ("POST /rpc HTTP/1.1\r\nContent-Length: 5\r\nRpc-Service: s\r\n\r\nhello"
+     "GET / HTTP/1.0\r\n\r\n"),
     "PUT /p HTTP/1.1\nContent-Length: 4\n\nab\ncDELETE /d HTTP/1.1\r\r",
     "GET http://Example.COM:80/a/../b?q=%41+b HTTP/1.1\r\nHost: ignored\r\n\r\n",
     "POST / HTTP/1.1\r\nContent-Length: 2\r\n\r\n\r\nHEAD /h HTTP/1.1\r\n\r\n",

@@ -1,0 +1,328 @@
+#include "common/event_thread.h"
+
+#include <event2/event.h>
+#include <event2/thread.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "common/mutex.h"
+
+namespace vantu {
+namespace internal {
+
+// What a TimerHandle points at.
+struct TimerState {
+  explicit TimerState(bool delayed) : delayed(delayed) {}
+  const bool delayed;
+  std::atomic<bool> cancelled{false};
+  // Delayed timers only, event thread only: the armed libevent timer and the
+  // function it will run.
+  struct event* timer = nullptr;
+  std::function<void()> fn;
+};
+
+}  // namespace internal
+
+namespace {
+
+using internal::TimerState;
+
+thread_local bool on_event_thread = false;
+
+// Stopping runs the queue dry; work that keeps deferring more work forever is
+// cut off after this many rounds.
+constexpr int kMaxDrainRoundsAtStop = 1000;
+
+// The loop and its queue. Made once, on first use, and never destroyed: calls
+// may still arrive from static destructors after it stopped, and must find it.
+// Owned by the process; see the free functions below for who may call what.
+class EventThread {
+ public:
+  EventThread() {
+    evthread_use_pthreads();
+    base_ = event_base_new();
+    {
+      MutexLock lock(mutex_);
+      wake_ = event_new(base_, -1, 0, &EventThread::onWake, this);
+    }
+    thread_ = std::thread([this] { run(); });
+  }
+
+  // Queues one entry; false when the loop has stopped and the entry was parked.
+  bool post(std::function<void()> fn, std::shared_ptr<TimerState> timer) {
+    MutexLock lock(mutex_);
+    if (state_ == kStopped) {
+      // Never run and never destroyed: destroying it would run the destructors
+      // of what it captured on an exiting thread, which is what deferring was
+      // meant to avoid. It stays reachable, so it is no leak either.
+      parked_.push_back(std::move(fn));
+      return false;
+    }
+    queue_.push_back(Entry{std::move(fn), std::move(timer)});
+    if (!wake_pending_) {
+      // Under mutex_, so that the stopping loop cannot free wake_ in between.
+      // libevent never holds its base lock while it runs our callbacks, so
+      // taking it inside mutex_ cannot deadlock.
+      wake_pending_ = true;
+      event_active(wake_, EV_READ, 1);
+    }
+    return true;
+  }
+
+  void addStopHook(const std::function<void()>& fn) {
+    MutexLock lock(mutex_);
+    stop_hooks_.push_back(fn);
+  }
+
+  bool stopped() {
+    MutexLock lock(mutex_);
+    return state_ == kStopped;
+  }
+
+  struct event_base* base() {
+    return stopped() ? nullptr : base_;
+  }
+
+  // Event thread only: arms a delayed timer for `state`.
+  void armTimer(const std::shared_ptr<TimerState>& state, Duration delay) {
+    if (state->cancelled.load()) return;
+    state->timer = evtimer_new(base_, &EventThread::onTimer, state.get());
+    timeval tv;
+    int64_t us = delay.toMicroseconds() < 0 ? 0 : delay.toMicroseconds();
+    tv.tv_sec = static_cast<time_t>(us / 1000000);
+    tv.tv_usec = static_cast<suseconds_t>(us % 1000000);
+    evtimer_add(state->timer, &tv);
+    armed_[state.get()] = state;
+  }
+
+  // Event thread only: forgets a cancelled delayed timer (frees its event and
+  // what its function captured).
+  void disarmTimer(TimerState* state) {
+    auto it = armed_.find(state);
+    if (it == armed_.end()) return;
+    std::shared_ptr<TimerState> keep = std::move(it->second);
+    armed_.erase(it);
+    event_free(keep->timer);
+    keep->timer = nullptr;
+    keep->fn = nullptr;
+  }
+
+  // At process exit, from whichever thread runs the exit handlers.
+  void stop() {
+    {
+      MutexLock lock(mutex_);
+      if (state_ != kRunning) return;
+      state_ = kStopping;
+    }
+    if (on_event_thread) {
+      // exit() was called from a callback: drain here; the loop is on our
+      // stack, so it can neither be joined nor freed.
+      drainAndStop();
+      thread_.detach();
+      return;
+    }
+    {
+      MutexLock lock(mutex_);
+      event_active(wake_, EV_READ, 1);
+    }
+    thread_.join();
+    event_base_free(base_);
+  }
+
+ private:
+  struct Entry {
+    std::function<void()> fn;
+    std::shared_ptr<TimerState> timer;  // set when the entry can be cancelled
+  };
+  enum State { kRunning, kStopping, kStopped };
+
+  void run() {
+    on_event_thread = true;
+    event_base_loop(base_, EVLOOP_NO_EXIT_ON_EMPTY);
+  }
+
+  static void onWake(evutil_socket_t, short, void* arg) {
+    static_cast<EventThread*>(arg)->runQueued();
+  }
+
+  static void onTimer(evutil_socket_t, short, void* arg) {
+    EventThread& self = instanceForCallbacks();
+    auto it = self.armed_.find(static_cast<TimerState*>(arg));
+    if (it == self.armed_.end()) return;
+    std::shared_ptr<TimerState> state = std::move(it->second);
+    self.armed_.erase(it);
+    event_free(state->timer);
+    state->timer = nullptr;
+    std::function<void()> fn = std::move(state->fn);
+    if (!state->cancelled.load()) fn();
+  }
+
+  static EventThread& instanceForCallbacks();
+
+  // Runs one batch: everything queued when the batch started. What the batch
+  // defers runs in the next one, after the I/O that became ready meanwhile.
+  void runQueued() {
+    bool stopping;
+    {
+      MutexLock lock(mutex_);
+      wake_pending_ = false;
+      running_.swap(queue_);
+      stopping = state_ == kStopping;
+    }
+    runBatch();
+    if (stopping) drainAndStop();
+  }
+
+  void runBatch() {
+    for (Entry& entry : running_) {
+      if (entry.timer && entry.timer->cancelled.load()) continue;
+      entry.fn();
+    }
+    // Destroyed here, on the event thread, keeping the vector's capacity.
+    running_.clear();
+  }
+
+  void drainAndStop() {
+    std::vector<std::function<void()>> hooks;
+    {
+      MutexLock lock(mutex_);
+      hooks.swap(stop_hooks_);
+    }
+    for (auto& hook : hooks) hook();
+    for (int round = 0;; ++round) {
+      {
+        MutexLock lock(mutex_);
+        if (queue_.empty() || round == kMaxDrainRoundsAtStop) {
+          for (Entry& entry : queue_) parked_.push_back(std::move(entry.fn));
+          queue_.clear();
+          state_ = kStopped;
+          event_free(wake_);
+          wake_ = nullptr;
+          break;
+        }
+        running_.swap(queue_);
+      }
+      runBatch();
+    }
+    for (auto& entry : armed_) {
+      event_free(entry.second->timer);
+      entry.second->timer = nullptr;
+      entry.second->fn = nullptr;
+    }
+    armed_.clear();
+    event_base_loopbreak(base_);
+  }
+
+  Mutex mutex_;
+  std::vector<Entry> queue_ GUARDED_BY(mutex_);
+  bool wake_pending_ GUARDED_BY(mutex_) = false;
+  State state_ GUARDED_BY(mutex_) = kRunning;
+  std::vector<std::function<void()>> stop_hooks_ GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> parked_ GUARDED_BY(mutex_);
+
+  // Constant after construction.
+  struct event_base* base_ = nullptr;
+  std::thread thread_;
+
+  // Activated under mutex_ whenever the queue gets work; freed under it when
+  // the loop stops.
+  struct event* wake_ GUARDED_BY(mutex_) = nullptr;
+
+  // Event thread only.
+  std::vector<Entry> running_;
+  std::unordered_map<TimerState*, std::shared_ptr<TimerState>> armed_;
+};
+
+EventThread* the_thread = nullptr;
+
+void stopAtExit() { the_thread->stop(); }
+
+EventThread& instance() {
+  static EventThread* thread = [] {
+    the_thread = new EventThread;
+    atexit(stopAtExit);
+    return the_thread;
+  }();
+  return *thread;
+}
+
+EventThread& EventThread::instanceForCallbacks() { return *the_thread; }
+
+}  // namespace
+
+TimerHandle::TimerHandle() = default;
+TimerHandle::TimerHandle(std::shared_ptr<internal::TimerState> state) : state_(std::move(state)) {}
+TimerHandle::TimerHandle(TimerHandle&& other) noexcept = default;
+TimerHandle& TimerHandle::operator=(TimerHandle&& other) noexcept = default;
+TimerHandle::~TimerHandle() = default;
+
+void TimerHandle::cancel() {
+  if (!state_ || state_->cancelled.exchange(true) || !state_->delayed) return;
+  // A delayed timer also holds a libevent event and its function until it
+  // fires; release both now rather than at the deadline.
+  std::shared_ptr<internal::TimerState> state = state_;
+  if (isEventThread()) {
+    instance().disarmTimer(state.get());
+  } else {
+    instance().post([state] { instance().disarmTimer(state.get()); }, nullptr);
+  }
+}
+
+void defer(const std::function<void()>& fn) { instance().post(fn, nullptr); }
+
+TimerHandle scheduleDeferred(const std::function<void()>& fn) {
+  auto state = std::make_shared<internal::TimerState>(false);
+  instance().post(fn, state);
+  return TimerHandle(state);
+}
+
+TimerHandle scheduleDeferred(const std::function<void()>& fn, Duration delay) {
+  auto state = std::make_shared<internal::TimerState>(true);
+  state->fn = fn;
+  // Armed on the event thread, so that only that thread touches the timer.
+  instance().post([state, delay] { instance().armTimer(state, delay); }, nullptr);
+  return TimerHandle(state);
+}
+
+void waitForDeferredWork() {
+  if (isEventThread()) return;
+  runOnEventThreadAndWait([] {});
+}
+
+bool runOnEventThreadAndWait(const std::function<void()>& fn) {
+  if (isEventThread()) {
+    fn();
+    return true;
+  }
+  Mutex mutex;
+  ConditionVariable done_cv;
+  bool done = false;
+  bool queued = instance().post(
+      [&] {
+        fn();
+        MutexLock lock(mutex);
+        done = true;
+        done_cv.notifyAll();
+      },
+      nullptr);
+  if (!queued) return false;
+  MutexLock lock(mutex);
+  while (!done) done_cv.wait(mutex);
+  return true;
+}
+
+bool isEventThread() { return on_event_thread; }
+
+struct event_base* eventThreadBase() {
+  return instance().base();
+}
+
+void atEventThreadStop(const std::function<void()>& fn) { instance().addStopHook(fn); }
+
+}  // namespace vantu

@@ -1,0 +1,23 @@
+#ifndef EXAMPLES_DEMO_SERVICE_H_
+#define EXAMPLES_DEMO_SERVICE_H_
+
+#include "demo.pb.h"
+
+namespace demo {
+
+// demo.EchoService: Echo answers at once on the calling (event) thread; Delay
+// answers from a thread of its own after delay_ms; Fail fails the call with
+// the requested text. Safe to call from any thread.
+class EchoServiceImpl : public EchoService {
+ public:
+  void Echo(google::protobuf::RpcController* controller, const EchoRequest* request,
+            EchoReply* response, google::protobuf::Closure* done) override;
+  void Delay(google::protobuf::RpcController* controller, const DelayRequest* request,
+             EchoReply* response, google::protobuf::Closure* done) override;
+  void Fail(google::protobuf::RpcController* controller, const FailRequest* request,
+            EchoReply* response, google::protobuf::Closure* done) override;
+};
+
+}  // namespace demo
+
+#endif  // EXAMPLES_DEMO_SERVICE_H_

@@ -1,0 +1,36 @@
+#include "net/request_response_connection_handler.h"
+
+namespace vantu {
+namespace relay {
+
+RequestResponseConnectionHandler::SendGuard::SendGuard(RequestResponseConnectionHandler& handler)
+    : mutex_(handler.source_.pushMutex()) {
+  mutex_.lock();
+}
+
+RequestResponseConnectionHandler::SendGuard::~SendGuard() { mutex_.unlock(); }
+
+RequestResponseConnectionHandler::RequestResponseConnectionHandler(
+    unsigned long initial_read_size) {
+  sink_.setReader(this);
+  sink_.setInitialReservation(initial_read_size);
+}
+
+RequestResponseConnectionHandler::~RequestResponseConnectionHandler() = default;
+
+void RequestResponseConnectionHandler::send(const std::string& bytes) { source_.push(bytes); }
+
+void RequestResponseConnectionHandler::shutdown() { source_.close(); }
+
+void RequestResponseConnectionHandler::notifyOutputShutdown() { source_.close(); }
+
+void RequestResponseConnectionHandler::notifyInputShutdown(std::string*) {}
+
+void RequestResponseConnectionHandler::onReadable(std::string* data) { notifyIncomingData(data); }
+
+void RequestResponseConnectionHandler::onInputEnd(std::string* data) { notifyInputShutdown(data); }
+
+void RequestResponseConnectionHandler::onOutputEnd() { notifyOutputShutdown(); }
+
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,83 @@
+#ifndef NET_REQUEST_RESPONSE_CONNECTION_HANDLER_H_
+#define NET_REQUEST_RESPONSE_CONNECTION_HANDLER_H_
+
+#include <string>
+
+#include "common/mutex.h"
+#include "net/char_stream.h"
+
+namespace vantu {
+namespace relay {
+
+// Base of the objects that speak a protocol over one TCP connection: the
+// server's per-connection handlers and the client's. Once linked to a
+// TcpSocket it is told, on the event thread, about incoming bytes, the end of
+// input and output failures, and it sends bytes and ends the connection from
+// any thread.
+//
+// Ownership: on the server, the TcpServer's connection keeps its handler
+// alive (through the shared pointer its factory returned) until the
+// connection ends; on the client, whoever linked the handler owns it. Once the
+// connection has ended the handler is unlinked: send and shutdown do nothing.
+//
+// Threads: send, shutdown and SendGuard from any thread; the notify*
+// operations are called on the event thread.
+class RequestResponseConnectionHandler
+    : public char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
+                                                       char_stream::PullStreamTraits>,
+      private char_stream::PullStreamSink::Reader {
+ public:
+  // Keeps a pair of sends (a response header, then its body) together: while
+  // one thread holds a guard, no other thread's bytes get between the sends it
+  // makes on this handler. Sends made on the event thread never interleave
+  // with anything, guard or not. Scoped; the handler must outlive it.
+  class SendGuard {
+   public:
+    explicit SendGuard(RequestResponseConnectionHandler& handler);
+    explicit SendGuard(RequestResponseConnectionHandler* handler) : SendGuard(*handler) {}
+    ~SendGuard();
+    SendGuard(const SendGuard&) = delete;
+    SendGuard& operator=(const SendGuard&) = delete;
+
+   private:
+    Mutex& mutex_;
+  };
+
+  // `initial_read_size`: the capacity reserved for the input buffer when bytes
+  // arrive into an empty one. Not a limit: every read takes everything the
+  // connection has, and the buffer grows to hold what is not consumed.
+  explicit RequestResponseConnectionHandler(unsigned long initial_read_size);
+  ~RequestResponseConnectionHandler() override;
+
+  // Queues `bytes` for the peer. Any thread; the bytes of one thread go out in
+  // call order. On the event thread they go straight into the connection's
+  // output (flushed together at the end of the current batch); from other
+  // threads they are handed over through the event thread. A no-op once the
+  // connection is gone.
+  void send(const std::string& bytes);
+  // Ends the connection: what was sent before (from any thread) is flushed,
+  // then the connection closes. Any thread; nothing more is delivered.
+  void shutdown();
+
+  // Output can no longer be delivered (a write failed or the connection
+  // broke). The default ends this handler's outgoing stream.
+  virtual void notifyOutputShutdown();
+  // The peer closed its sending side; `data` holds the bytes received and not
+  // consumed. The connection closes once what was sent is flushed. The default
+  // does nothing.
+  virtual void notifyInputShutdown(std::string* data);
+  // `data` holds every byte received and not consumed yet; erase what was
+  // used. What is left stays at the front of `data` for the next call.
+  virtual void notifyIncomingData(std::string* data) = 0;
+
+ private:
+  // char_stream::PullStreamSink::Reader
+  void onReadable(std::string* data) override;
+  void onInputEnd(std::string* data) override;
+  void onOutputEnd() override;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // NET_REQUEST_RESPONSE_CONNECTION_HANDLER_H_

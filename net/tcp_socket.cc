@@ -1,0 +1,356 @@
+#include "net/tcp_socket.h"
+
+#include <errno.h>
+#include <event2/buffer.h>
+#include <event2/event.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <utility>
+
+#include "common/deferred_deleter.h"
+#include "common/event_thread.h"
+#include "common/logging.h"
+#include "net/socket_util.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// One read event takes everything the kernel has, in pieces of this size, up to
+// kMaxReadPerEvent so that one busy peer cannot starve the others.
+constexpr size_t kScratchSize = 64 * 1024;
+constexpr size_t kMaxReadPerEvent = 1024 * 1024;
+// Buffers handed to one sendmsg.
+constexpr int kMaxIovecs = 64;
+// How long a connection whose output is done waits for the peer to close.
+constexpr int kLingerSeconds = 2;
+
+// Event thread only.
+char* scratchBuffer() {
+  static char* buffer = new char[kScratchSize];
+  return buffer;
+}
+
+// Event thread only: the sockets that have started and not finished.
+TcpSocket* live_head = nullptr;
+
+bool isNull(const void* pointer) { return pointer == nullptr; }
+
+}  // namespace
+
+std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
+                                             std::function<void()> on_close) {
+  internal::raiseOpenFileLimit();
+  if (!address.isValid() || address.port() == 0) return nullptr;
+  int fd = ::socket(address.sockaddr()->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return nullptr;
+  if (::connect(fd, address.sockaddr(), address.length()) != 0 || !internal::makeNonBlocking(fd)) {
+    ::close(fd);
+    return nullptr;
+  }
+  internal::disableNagle(fd);
+  return std::shared_ptr<TcpSocket>(new TcpSocket(fd, std::move(on_close), false),
+                                    LibEventThreadDeferredDeleter<TcpSocket>());
+}
+
+std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer) {
+  internal::disableNagle(fd);
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, nullptr, true),
+                                    LibEventThreadDeferredDeleter<TcpSocket>());
+  socket->peer_ = std::move(peer);
+  return socket;
+}
+
+TcpSocket::TcpSocket(int fd, std::function<void()> on_close, bool owns_itself)
+    : owns_itself_(owns_itself), fd_(fd), on_close_(std::move(on_close)), output_(evbuffer_new()) {
+  sink_.setWriter(this);
+}
+
+TcpSocket::~TcpSocket() {
+  // Whatever the kernel takes at once still goes out; no one is told anything.
+  if (state_ == kOpen) flush(false);
+  finish(false);
+}
+
+void TcpSocket::link(char_stream::PushStreamSource* other_source,
+                     char_stream::PullStreamSink* other_sink) {
+  if (isNull(other_sink)) {
+    VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 485)
+        << "Check failed other_sink ";
+  }
+  if (isNull(other_source)) {
+    VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 486)
+        << "Check failed other_source ";
+  }
+  if (isNull(&sink_)) {
+    VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 487)
+        << "Check failed sink_ ";
+  }
+  if (isNull(&source_)) {
+    VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 488)
+        << "Check failed source_ ";
+  }
+  if (other_sink != nullptr) other_sink->linkInternal(&source_);
+  if (other_source != nullptr) other_source->linkInternal(&sink_);
+  if (isEventThread()) {
+    start();
+    return;
+  }
+  std::shared_ptr<TcpSocket> self = shared_from_this();
+  defer([self] { self->start(); });
+}
+
+SocketAddress TcpSocket::localAddress() const {
+  sockaddr_storage address;
+  socklen_t length = sizeof(address);
+  if (fd_ < 0 || getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return SocketAddress();
+  }
+  return SocketAddress::fromSockaddr(reinterpret_cast<sockaddr*>(&address), length);
+}
+
+SocketAddress TcpSocket::peerAddress() const {
+  sockaddr_storage address;
+  socklen_t length = sizeof(address);
+  if (fd_ < 0 || getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return SocketAddress();
+  }
+  return SocketAddress::fromSockaddr(reinterpret_cast<sockaddr*>(&address), length);
+}
+
+void TcpSocket::start() {
+  if (state_ != kNew) return;
+  struct event_base* base = eventThreadBase();
+  if (base == nullptr || fd_ < 0) {
+    finish(false);
+    return;
+  }
+  static std::once_flag hook_once;
+  std::call_once(hook_once, [] { atEventThreadStop(&TcpSocket::closeAllOpen); });
+  read_event_ = event_new(base, fd_, EV_READ | EV_PERSIST, &TcpSocket::onReadable, this);
+  write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
+  event_add(read_event_, nullptr);
+  state_ = kOpen;
+  live_next_ = live_head;
+  if (live_head != nullptr) live_head->live_prev_ = this;
+  live_head = this;
+  if (owns_itself_) self_ = shared_from_this();
+  if (evbuffer_get_length(output_) > 0 || output_closing_) activateWrite();
+}
+
+void TcpSocket::onReadable(int, short what, void* arg) {
+  auto* socket = static_cast<TcpSocket*>(arg);
+  std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
+  if (!keep) {
+    // The last owner let go and the deletion is queued; until it runs, stop
+    // hearing about a socket nobody wants.
+    event_del(socket->read_event_);
+    return;
+  }
+  socket->handleRead(what);
+}
+
+void TcpSocket::onWritable(int, short, void* arg) {
+  auto* socket = static_cast<TcpSocket*>(arg);
+  std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
+  if (!keep) {
+    event_del(socket->write_event_);
+    return;
+  }
+  socket->handleWrite();
+}
+
+void TcpSocket::handleRead(short what) {
+  if (state_ == kClosed) return;
+  if (what & EV_TIMEOUT) {
+    // Lingering ran out: the peer did not close in time.
+    finish(true);
+    return;
+  }
+  const bool deliver = state_ == kOpen && !output_closing_;
+  char* buffer = scratchBuffer();
+  size_t total = 0;
+  bool eof = false;
+  bool failed = false;
+  for (;;) {
+    ssize_t n = ::recv(fd_, buffer, kScratchSize, 0);
+    if (n > 0) {
+      if (deliver) source_.append(buffer, static_cast<size_t>(n));
+      total += static_cast<size_t>(n);
+      // A short read emptied the kernel buffer: another recv would only say so.
+      if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
+      continue;
+    }
+    if (n == 0) {
+      eof = true;
+    } else if (errno == EINTR) {
+      continue;
+    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      failed = true;
+    }
+    break;
+  }
+  if (state_ == kLingering) {
+    if (eof || failed) finish(true);
+    return;
+  }
+  // Sends made by the handler from here on are flushed together below.
+  in_read_callback_ = true;
+  if (deliver && total > 0) source_.notifyReadable();
+  if (failed) {
+    in_read_callback_ = false;
+    fail();
+    return;
+  }
+  if (eof) {
+    input_ended_ = true;
+    event_del(read_event_);
+    if (!output_closing_) source_.notifyInputEnd();
+  }
+  in_read_callback_ = false;
+  makeProgress(false);
+}
+
+void TcpSocket::handleWrite() {
+  write_activated_ = false;
+  makeProgress(true);
+}
+
+void TcpSocket::makeProgress(bool flush_even_if_waiting) {
+  if (state_ != kOpen) return;
+  if (evbuffer_get_length(output_) > 0) {
+    // While waiting for the kernel to drain, only the write event flushes.
+    if (write_waiting_ && !flush_even_if_waiting) return;
+    if (flush(true) != kFlushed) return;
+  }
+  if (output_closing_ || input_ended_) shutdownOutput();
+}
+
+TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
+  bool blocked = false;
+  while (evbuffer_get_length(output_) > 0) {
+    evbuffer_iovec chains[kMaxIovecs];
+    int count = evbuffer_peek(output_, -1, nullptr, chains, kMaxIovecs);
+    if (count > kMaxIovecs) count = kMaxIovecs;
+    iovec iov[kMaxIovecs];
+    size_t requested = 0;
+    for (int i = 0; i < count; ++i) {
+      iov[i].iov_base = chains[i].iov_base;
+      iov[i].iov_len = chains[i].iov_len;
+      requested += chains[i].iov_len;
+    }
+    msghdr message = {};
+    message.msg_iov = iov;
+    message.msg_iovlen = static_cast<size_t>(count);
+    // MSG_NOSIGNAL: a peer that went away is an error here, not a SIGPIPE.
+    ssize_t written = ::sendmsg(fd_, &message, MSG_NOSIGNAL);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        blocked = true;
+        break;
+      }
+      if (notify_failure) {
+        fail();
+      } else {
+        finish(false);
+      }
+      return kFailed;
+    }
+    evbuffer_drain(output_, static_cast<size_t>(written));
+    if (static_cast<size_t>(written) < requested) {
+      blocked = true;
+      break;
+    }
+  }
+  if (blocked) {
+    if (!write_waiting_ && write_event_ != nullptr) {
+      event_add(write_event_, nullptr);
+      write_waiting_ = true;
+    }
+    return kBlocked;
+  }
+  if (write_waiting_) {
+    event_del(write_event_);
+    write_waiting_ = false;
+  }
+  return kFlushed;
+}
+
+void TcpSocket::shutdownOutput() {
+  ::shutdown(fd_, SHUT_WR);
+  if (input_ended_) {
+    finish(true);
+    return;
+  }
+  // Closing now, with input still unread, would make the kernel send a reset
+  // that can destroy the last response before the peer reads it. Drain the
+  // input until the peer closes too, or the timeout.
+  state_ = kLingering;
+  timeval timeout = {kLingerSeconds, 0};
+  event_add(read_event_, &timeout);
+}
+
+void TcpSocket::fail() {
+  if (state_ == kOpen) source_.notifyOutputEnd();
+  finish(true);
+}
+
+void TcpSocket::finish(bool notify_close) {
+  if (state_ == kClosed) return;
+  const bool started = state_ != kNew;
+  state_ = kClosed;
+  if (read_event_ != nullptr) event_free(read_event_);
+  if (write_event_ != nullptr) event_free(write_event_);
+  read_event_ = nullptr;
+  write_event_ = nullptr;
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+  if (output_ != nullptr) evbuffer_free(output_);
+  output_ = nullptr;
+  if (started) {
+    if (live_prev_ != nullptr) live_prev_->live_next_ = live_next_;
+    if (live_next_ != nullptr) live_next_->live_prev_ = live_prev_;
+    if (live_head == this) live_head = live_next_;
+    live_prev_ = live_next_ = nullptr;
+  }
+  // From here on the handler's sends are no-ops and it hears nothing more.
+  source_.unlink();
+  sink_.unlink();
+  std::function<void()> on_close = std::move(on_close_);
+  on_close_ = nullptr;
+  if (notify_close && started && on_close) on_close();
+  peer_.reset();
+  // Last: it may be the final reference, whose deleter queues our deletion.
+  self_.reset();
+}
+
+void TcpSocket::activateWrite() {
+  if (state_ != kOpen || write_activated_) return;
+  write_activated_ = true;
+  // Runs handleWrite later in this loop turn: the sends made meanwhile leave
+  // together, and no epoll change is needed.
+  event_active(write_event_, EV_WRITE, 0);
+}
+
+void TcpSocket::writeBytes(const char* data, size_t size) {
+  if (state_ == kLingering || state_ == kClosed || output_closing_ || size == 0) return;
+  evbuffer_add(output_, data, size);
+  if (!in_read_callback_) activateWrite();
+}
+
+void TcpSocket::endOfStream() {
+  if (state_ == kLingering || state_ == kClosed || output_closing_) return;
+  output_closing_ = true;
+  if (!in_read_callback_) activateWrite();
+}
+
+void TcpSocket::closeAllOpen() {
+  while (live_head != nullptr) live_head->finish(false);
+}
+
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,129 @@
+#ifndef NET_TCP_SOCKET_H_
+#define NET_TCP_SOCKET_H_
+
+#include <functional>
+#include <memory>
+
+#include "common/socket_address.h"
+#include "net/char_stream.h"
+
+struct event;
+struct evbuffer;
+
+namespace vantu {
+namespace relay {
+
+// One TCP connection, driven by the event thread: it reads whatever arrives and
+// delivers it through source_ to the linked handler's sink, and writes what the
+// handler pushes into sink_. Both the client side (create) and the connections
+// a TcpServer accepts are TcpSockets.
+//
+// Writes are coalesced: everything sent while the event thread handles one
+// batch of input (a pipelined burst of requests, say) leaves in one sendmsg at
+// the end of it. Reads take everything the kernel has.
+//
+// The connection ends when the peer has closed its side and everything sent
+// was flushed, when a read or write fails, or when the handler ends its output
+// (its shutdown()), after that output was flushed. On a write or read failure
+// the handler is told through notifyOutputShutdown; on the peer's end of input
+// through notifyInputShutdown (with the bytes it did not consume). When the
+// handler ends the output while the peer still sends, the write side is shut
+// first and the rest of the input drained for a while, so that the peer gets
+// the last bytes instead of a reset.
+//
+// Ownership: create() gives the caller a shared pointer whose deleter runs the
+// destructor on the event thread; dropping the last reference closes the
+// connection there (flushing what it can at once, without notifications). A
+// socket accepted by a TcpServer owns itself until the connection ends and
+// keeps its handler alive until then.
+//
+// Threads: create and link may be called from any thread; everything else runs
+// on the event thread.
+class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::PullStreamTraits,
+                                                                   char_stream::PushStreamTraits>,
+                  public std::enable_shared_from_this<TcpSocket>,
+                  private char_stream::PushStreamSink::Writer {
+ public:
+  // Connects to `address` (a blocking connect on the caller's thread). Null
+  // when the connection is refused or the address cannot be used. `on_close`
+  // runs on the event thread when the connection ends (not when the socket is
+  // destroyed while still open).
+  static std::shared_ptr<TcpSocket> create(const SocketAddress& address,
+                                           std::function<void()> on_close = {});
+
+  ~TcpSocket() override;
+
+  // Connects a handler's stream ends to this socket: `other_source` (the
+  // handler's outgoing bytes) to sink_, and `other_sink` (where incoming bytes
+  // go) to source_, then starts reading. A null end is reported as a failed
+  // check and left out. Call once, before the handler is used; the linked
+  // handler must be destroyed on the event thread or after the connection
+  // ended.
+  void link(char_stream::PushStreamSource* other_source, char_stream::PullStreamSink* other_sink);
+
+  // The local and the remote address; not valid once the connection has ended
+  // or if the kernel will not say. Event thread, or before link.
+  SocketAddress localAddress() const;
+  SocketAddress peerAddress() const;
+
+ private:
+  friend class TcpServer;
+  enum State { kNew, kOpen, kLingering, kClosed };
+  enum FlushResult { kFlushed, kBlocked, kFailed };
+
+  TcpSocket(int fd, std::function<void()> on_close, bool owns_itself);
+
+  // For TcpServer: wraps an accepted, non-blocking `fd`. The socket owns
+  // itself once linked, and keeps `peer` alive until the connection ends.
+  static std::shared_ptr<TcpSocket> adopt(int fd, std::shared_ptr<void> peer);
+
+  // Event thread: registers the events and starts reading.
+  void start();
+  static void onReadable(int fd, short what, void* arg);
+  static void onWritable(int fd, short what, void* arg);
+  void handleRead(short what);
+  void handleWrite();
+  // Flushes if it may, and closes the write side once the output is done.
+  void makeProgress(bool flush_even_if_waiting);
+  // Writes as much of output_ as the kernel takes. A failure ends the
+  // connection, telling the handler only if `notify_failure`.
+  FlushResult flush(bool notify_failure);
+  void shutdownOutput();
+  void fail();
+  // Closes the connection and drops the handler. `notify_close` runs on_close_.
+  void finish(bool notify_close);
+  void activateWrite();
+  // Process exit: closes every socket still open, without notifications.
+  static void closeAllOpen();
+
+  // char_stream::PushStreamSink::Writer
+  void writeBytes(const char* data, size_t size) override;
+  void endOfStream() override;
+
+  // Constant after construction.
+  const bool owns_itself_;
+
+  // Event thread only (the constructor and link run before start; the queue
+  // that carries start to the event thread orders them).
+  int fd_;
+  std::function<void()> on_close_;
+  std::shared_ptr<void> peer_;
+  std::shared_ptr<TcpSocket> self_;  // while the connection lasts, if owns_itself_
+  struct event* read_event_ = nullptr;
+  struct event* write_event_ = nullptr;
+  struct evbuffer* output_ = nullptr;
+  State state_ = kNew;
+  bool input_ended_ = false;     // the peer closed its side (or we stopped reading)
+  bool output_closing_ = false;  // the handler ended its output
+  bool in_read_callback_ = false;
+  bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
+  bool write_activated_ = false;  // write_event_ made active: flush in this loop turn
+  // The list of open sockets that process exit closes.
+  TcpSocket* live_prev_ = nullptr;
+  TcpSocket* live_next_ = nullptr;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // NET_TCP_SOCKET_H_

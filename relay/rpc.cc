@@ -1,0 +1,288 @@
+#include "relay/rpc.h"
+
+#include <cstdlib>
+
+#include "common/closure.h"
+#include "common/deferred_deleter.h"
+#include "common/event_thread.h"
+#include "common/logging.h"
+#include "common/string_util.h"
+#include "common/weak_function.h"
+#include "net/tcp_socket.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+constexpr char kSourceFile[] = "relay/rpc";
+
+// Reads a call id or flag the way both ends do: strtol in base 10, keeping the
+// low 32 bits, so that "%d" of any 32-bit id reads back as the same id.
+uint32_t readHeaderNumber(const std::string& text) {
+  return static_cast<uint32_t>(strtol(text.c_str(), nullptr, 10));
+}
+
+}  // namespace
+
+const std::string RPCChannel::kHeaderService = "Rpc-Service";
+const std::string RPCChannel::kHeaderMethod = "Rpc-Method";
+const std::string RPCChannel::kHeaderId = "Rpc-Id";
+const std::string RPCChannel::kHeaderFailed = "Rpc-Failed";
+const std::string RPCChannel::kHeaderError = "Rpc-Error";
+const std::string RPCChannel::kHeaderContentType = "Content-Type";
+
+// ---------------------------------------------------------------------------
+// RPC
+
+RPC::RPC() = default;
+
+RPC::~RPC() {
+  MutexLock lock(mutex_);
+  cancel_callback_.reset();
+}
+
+void RPC::Reset() {
+  MutexLock lock(mutex_);
+  done_ = false;
+  failed_ = false;
+  canceled_ = false;
+  error_text_.clear();
+  cancel_callback_.reset();
+}
+
+bool RPC::Failed() const {
+  MutexLock lock(mutex_);
+  return failed_;
+}
+
+std::string RPC::ErrorText() const {
+  MutexLock lock(mutex_);
+  return error_text_;
+}
+
+bool RPC::IsCanceled() const {
+  MutexLock lock(mutex_);
+  return canceled_;
+}
+
+void RPC::SetFailed(const std::string& reason) {
+  MutexLock lock(mutex_);
+  error_text_ = reason;
+  failed_ = true;
+  setDoneInternal();
+}
+
+void RPC::setDone() {
+  MutexLock lock(mutex_);
+  setDoneInternal();
+}
+
+void RPC::setDoneInternal() {
+  done_ = true;
+  cond_.notifyAll();
+  // Completion discards the cancel callback unrun.
+  cancel_callback_.reset();
+}
+
+void RPC::StartCancel() {
+  std::unique_ptr<google::protobuf::Closure> callback;
+  {
+    MutexLock lock(mutex_);
+    if (canceled_) return;
+    canceled_ = true;
+    callback = std::move(cancel_callback_);
+  }
+  // Run outside the mutex: the callback completes the call on this controller.
+  // Once run, the callback is no longer ours; it frees itself if it must.
+  if (callback) callback.release()->Run();
+}
+
+void RPC::NotifyOnCancel(google::protobuf::Closure* callback) {
+  mutex_.lock();
+  if (canceled_) {
+    mutex_.unlock();
+    callback->Run();
+    return;
+  }
+  if (cancel_callback_) {
+    VANTU_LOG_AT(1, "check", kSourceFile,
+                 "virtual void vantu::relay::RPC::NotifyOnCancel(google::protobuf::Closure*)", 116)
+        << "Check failed !cancel_callback_.get() "
+        << "NotifyOnCancel must be called no more than once per request.";
+  }
+  cancel_callback_.reset(callback);
+  mutex_.unlock();
+}
+
+void RPC::wait() {
+  MutexLock lock(mutex_);
+  while (!done_) cond_.wait(mutex_);
+}
+
+bool RPC::timedWaitAbsolute(const Time& deadline) {
+  mutex_.lock();
+  for (;;) {
+    if (done_) {
+      mutex_.unlock();
+      return true;
+    }
+    if (deadline <= Time::now()) {
+      mutex_.unlock();
+      StartCancel();
+      return false;
+    }
+    cond_.timedWaitAbsolute(mutex_, deadline);
+  }
+}
+
+bool RPC::timedWaitRelative(const Duration& timeout) {
+  return timedWaitAbsolute(Time::now() + timeout);
+}
+
+// ---------------------------------------------------------------------------
+// RPCChannel
+
+RPCChannelPtr RPCChannel::create(const SocketAddress& address) {
+  RPCChannelPtr channel(new RPCChannel, LibEventThreadDeferredDeleter<RPCChannel>());
+  channel->socket_ = TcpSocket::create(address);
+  if (!channel->socket_) {
+    VANTU_LOG_AT(2, "rpc", kSourceFile,
+                 "static vantu::relay::RPCChannelPtr vantu::relay::RPCChannel::create(const "
+                 "vantu::SocketAddress&)",
+                 381)
+        << "Failed to create a TCP socket.";
+    return RPCChannelPtr();
+  }
+  channel->socket_->link(channel->handler_->streamSource(), channel->handler_->streamSink());
+  return channel;
+}
+
+RPCChannel::RPCChannel() : handler_(new RPCHandler, LibEventThreadDeferredDeleter<RPCHandler>()) {}
+
+RPCChannel::~RPCChannel() {
+  handler_.reset();
+  socket_.reset();
+}
+
+void RPCChannel::CallMethod(const google::protobuf::MethodDescriptor* method,
+                            google::protobuf::RpcController* controller,
+                            const google::protobuf::Message* request,
+                            google::protobuf::Message* response, google::protobuf::Closure* done) {
+  handler_->sendRequest(method, controller, request, response, done);
+}
+
+// ---------------------------------------------------------------------------
+// RPCChannel::RPCHandler
+
+RPCChannel::RPCHandler::RPCHandler() : RequestResponseConnectionHandler(2048) {}
+
+RPCChannel::RPCHandler::~RPCHandler() {
+  {
+    MutexLock lock(mutex_);
+    for (auto& entry : pending_) {
+      PendingRequest& call = entry.second;
+      call.controller->SetFailed("Canceled");
+      if (call.done != nullptr) call.done->Run();
+    }
+  }
+  shutdown();
+  MutexLock lock(mutex_);
+  pending_.clear();
+}
+
+void RPCChannel::RPCHandler::sendRequest(const google::protobuf::MethodDescriptor* method,
+                                         google::protobuf::RpcController* controller,
+                                         const google::protobuf::Message* request,
+                                         google::protobuf::Message* response,
+                                         google::protobuf::Closure* done) {
+  if (controller->IsCanceled()) return;
+  uint32_t id;
+  {
+    MutexLock lock(mutex_);
+    id = ++next_id_;
+  }
+  std::weak_ptr<RPCHandler> self = shared_from_this();
+  // Self-deleting: run once by a cancellation and freed by itself, or discarded
+  // unrun (and freed) by the controller on completion.
+  controller->NotifyOnCancel(
+      newClosure(makeWeakFunction(self, std::bind(&RPCHandler::onCancelRPC, this, id)), true));
+  {
+    MutexLock lock(mutex_);
+    PendingRequest& call = pending_[id];
+    call.id = id;
+    call.controller = controller;
+    call.response = response;
+    call.done = done;
+  }
+  auto timer = std::make_shared<TimerHandle>();
+  *timer = scheduleDeferred(std::function<void()>(makeWeakFunction(
+      self, std::bind(&RPCHandler::doSendRequest, this, timer, method, request, id))));
+}
+
+void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /*timer*/,
+                                           const google::protobuf::MethodDescriptor* method,
+                                           const google::protobuf::Message* request, int id) {
+  MutexLock lock(mutex_);
+  if (pending_.find(static_cast<unsigned>(id)) == pending_.end()) return;
+  std::string body;
+  request->SerializeToString(&body);
+  const std::string head = stringPrintf(
+      "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: %d\r\n%s: %d\r\n%s: %s\r\n%s: %s\r\n"
+      "\r\n",
+      static_cast<int>(body.size()), kHeaderId.c_str(), id, kHeaderService.c_str(),
+      method->service()->full_name().c_str(), kHeaderMethod.c_str(), method->name().c_str());
+  SendGuard guard(*this);
+  send(head);
+  send(body);
+}
+
+void RPCChannel::RPCHandler::onCancelRPC(int id) {
+  MutexLock lock(mutex_);
+  auto it = pending_.find(static_cast<unsigned>(id));
+  if (it == pending_.end()) return;
+  PendingRequest call = it->second;
+  call.controller->SetFailed("Canceled");
+  pending_.erase(it);
+  if (call.done != nullptr) call.done->Run();
+}
+
+void RPCChannel::RPCHandler::handleResponse(const HttpResponsePtr& response) {
+  const uint32_t id = readHeaderNumber(response->headers[kHeaderId]);
+  MutexLock lock(mutex_);
+  auto it = pending_.find(id);
+  if (it == pending_.end()) return;
+  PendingRequest call = it->second;
+  if (call.controller != nullptr) {
+    const int failed = static_cast<int32_t>(readHeaderNumber(response->headers[kHeaderFailed]));
+    if (failed != 0) {
+      call.controller->SetFailed(response->headers[kHeaderError]);
+    } else if (call.response->ParseFromString(response->body)) {
+      static_cast<RPC*>(call.controller)->setDone();
+    } else {
+      call.controller->SetFailed("Can't parse response.");
+    }
+  }
+  // The entry goes before done runs: a done closure may issue a call that wraps
+  // onto this id (recursive mutex) and must find its own entry afterwards.
+  pending_.erase(it);
+  if (call.done != nullptr) call.done->Run();
+}
+
+void RPCChannel::RPCHandler::notifyIncomingData(std::string* data) {
+  std::vector<HttpResponsePtr> responses;
+  const bool parsed = parser_.parse(*data, &responses);
+  data->clear();
+  for (const HttpResponsePtr& response : responses) handleResponse(response);
+  if (!parsed) shutdown();
+}
+
+void RPCChannel::RPCHandler::notifyInputShutdown(std::string* data) {
+  if (data->empty()) return;
+  send("Unexpected EOF!");
+  shutdown();
+}
+
+void RPCChannel::RPCHandler::notifyOutputShutdown() { source_.close(); }
+
+}  // namespace relay
+}  // namespace vantu

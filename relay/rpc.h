@@ -1,0 +1,166 @@
+#ifndef RELAY_RPC_H_
+#define RELAY_RPC_H_
+
+#include <google/protobuf/message.h>
+#include <google/protobuf/service.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "common/mutex.h"
+#include "common/non_copyable.h"
+#include "common/socket_address.h"
+#include "common/time.h"
+#include "net/request_response_connection_handler.h"
+#include "relay/http_request_parser.h"
+
+namespace vantu {
+
+class TimerHandle;
+
+namespace relay {
+
+class TcpSocket;
+
+// The controller of one remote call, on either side of the wire.
+//
+// Client: the application makes one, hands it to a stub over an RPCChannel, and
+// either gets its done closure run or waits here (a timed wait that expires
+// cancels the call). Server: one per incoming call, handed to the service,
+// which fails the call with SetFailed.
+//
+// Every operation may be called from any thread. Callbacks run outside the
+// controller's mutex; the cancel callback is deleted under it, so its
+// destructor must not call back into the controller.
+class RPC : public google::protobuf::RpcController {
+ public:
+  RPC();
+  ~RPC() override;
+  RPC(const RPC&) = delete;
+  RPC& operator=(const RPC&) = delete;
+
+  // google::protobuf::RpcController
+  void Reset() override;
+  bool Failed() const override;
+  std::string ErrorText() const override;
+  void StartCancel() override;
+  void SetFailed(const std::string& reason) override;
+  bool IsCanceled() const override;
+  void NotifyOnCancel(google::protobuf::Closure* callback) override;
+
+  // Blocks until the call has completed.
+  void wait();
+  // Waits for completion until `deadline`. True: completed. False: the deadline
+  // passed first, and the call was canceled.
+  bool timedWaitAbsolute(const Time& deadline);
+  bool timedWaitRelative(const Duration& timeout);
+  // Marks the call completed successfully.
+  void setDone();
+
+ private:
+  void setDoneInternal() REQUIRES(mutex_);
+
+  bool done_ GUARDED_BY(mutex_) = false;
+  bool failed_ GUARDED_BY(mutex_) = false;
+  bool canceled_ GUARDED_BY(mutex_) = false;
+  std::string error_text_ GUARDED_BY(mutex_);
+  mutable Mutex mutex_;
+  ConditionVariable cond_;
+  std::unique_ptr<google::protobuf::Closure> cancel_callback_ GUARDED_BY(mutex_);
+};
+
+class RPCChannel;
+// The channel as create() returns it: destroyed on the event thread.
+using RPCChannelPtr = std::shared_ptr<RPCChannel>;
+
+// The client side of RPC over HTTP: one TCP connection to one server, on which
+// any number of calls overlap and are matched to their answers by id.
+//
+// Made by create(); the last RPCChannelPtr may be dropped on any thread, and
+// destroying the channel completes every pending call with "Canceled".
+// CallMethod may be called from any thread, also from several at once and from
+// inside a done closure. A call completes through its controller, which must be
+// an RPC, and its done closure, if any; done closures run on the event thread
+// (or on the thread that cancels) with the channel's mutex held.
+class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
+ public:
+  // The header names of the protocol, shared by client and server.
+  static const std::string kHeaderService;      // "Rpc-Service"
+  static const std::string kHeaderMethod;       // "Rpc-Method"
+  static const std::string kHeaderId;           // "Rpc-Id"
+  static const std::string kHeaderFailed;       // "Rpc-Failed"
+  static const std::string kHeaderError;        // "Rpc-Error"
+  static const std::string kHeaderContentType;  // "Content-Type"
+
+  // The connection handler that carries the calls; owned by its channel and
+  // destroyed on the event thread.
+  class RPCHandler : public RequestResponseConnectionHandler,
+                     public std::enable_shared_from_this<RPCHandler>,
+                     private NonCopyable {
+   public:
+    RPCHandler();
+    ~RPCHandler() override;
+
+    // Issues one call: records it and schedules its write. Caller's thread.
+    void sendRequest(const google::protobuf::MethodDescriptor* method,
+                     google::protobuf::RpcController* controller,
+                     const google::protobuf::Message* request, google::protobuf::Message* response,
+                     google::protobuf::Closure* done);
+    // Writes the request if the call is still pending. Event thread.
+    void doSendRequest(const std::shared_ptr<TimerHandle>& timer,
+                       const google::protobuf::MethodDescriptor* method,
+                       const google::protobuf::Message* request, int id);
+    // Completes a pending call as canceled. The cancelling thread.
+    void onCancelRPC(int id);
+    // Completes the call a response answers. Event thread.
+    void handleResponse(const HttpResponsePtr& response);
+
+    // RequestResponseConnectionHandler
+    void notifyOutputShutdown() override;
+    void notifyInputShutdown(std::string* data) override;
+    void notifyIncomingData(std::string* data) override;
+
+   private:
+    struct PendingRequest {
+      uint32_t id = 0;
+      google::protobuf::RpcController* controller = nullptr;  // not owned; an RPC
+      google::protobuf::Message* response = nullptr;          // not owned
+      google::protobuf::Closure* done = nullptr;              // not owned; may be null
+    };
+
+    // Last id handed out; guarded by mutex_ so that several threads may issue
+    // calls at once.
+    uint32_t next_id_ GUARDED_BY(mutex_) = 0;
+    // Event thread only.
+    HttpResponseParser parser_;
+    // Recursive, so that a done closure may issue the next call on the same
+    // channel. Guards the pending calls and everything done while one is
+    // written, completed or canceled.
+    Mutex mutex_{Mutex::kRecursive};
+    std::map<unsigned, PendingRequest> pending_ GUARDED_BY(mutex_);
+  };
+
+  // A channel connected to `address`, or an empty pointer when no connection
+  // could be made.
+  static RPCChannelPtr create(const SocketAddress& address);
+
+  RPCChannel();
+  ~RPCChannel() override;
+
+  // google::protobuf::RpcChannel
+  void CallMethod(const google::protobuf::MethodDescriptor* method,
+                  google::protobuf::RpcController* controller,
+                  const google::protobuf::Message* request, google::protobuf::Message* response,
+                  google::protobuf::Closure* done) override;
+
+ private:
+  std::shared_ptr<TcpSocket> socket_;
+  std::shared_ptr<RPCHandler> handler_;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_RPC_H_

@@ -1,0 +1,211 @@
+#include "common/event_thread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/mutex.h"
+
+namespace vantu {
+namespace {
+
+// Holds the event thread inside a deferred function until release(), so that
+// a test can act while the queue is known not to run.
+class EventThreadBlocker {
+ public:
+  EventThreadBlocker() {
+    defer([this] {
+      MutexLock lock(mutex_);
+      entered_ = true;
+      cv_.notifyAll();
+      while (!released_) cv_.wait(mutex_);
+      finished_ = true;
+      cv_.notifyAll();
+    });
+    MutexLock lock(mutex_);
+    while (!entered_) cv_.wait(mutex_);
+  }
+  ~EventThreadBlocker() {
+    release();
+    MutexLock lock(mutex_);
+    while (!finished_) cv_.wait(mutex_);
+  }
+  void release() {
+    MutexLock lock(mutex_);
+    released_ = true;
+    cv_.notifyAll();
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable cv_;
+  bool entered_ = false;
+  bool released_ = false;
+  bool finished_ = false;
+};
+
+TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThread) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 2000;
+  EXPECT_FALSE(isEventThread());
+  // Touched only on the event thread; read here after waitForDeferredWork.
+  std::vector<std::pair<int, int>> ran;
+  int off_thread_runs = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        auto record = [&, t, i] {
+          if (!isEventThread()) ++off_thread_runs;
+          ran.emplace_back(t, i);
+        };
+        // Both kinds share one queue and one order.
+        if (i % 2 == 0) {
+          defer(record);
+        } else {
+          scheduleDeferred(record);
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  waitForDeferredWork();
+
+  ASSERT_EQ(static_cast<size_t>(kThreads * kPerThread), ran.size());
+  EXPECT_EQ(0, off_thread_runs);
+  std::vector<int> next(kThreads, 0);
+  for (const auto& entry : ran) {
+    ASSERT_EQ(next[entry.first], entry.second) << "thread " << entry.first << " out of order";
+    ++next[entry.first];
+  }
+}
+
+TEST(EventThreadTest, DeferNeverRunsInsideTheCallerAndWaitingOnTheLoopReturns) {
+  // All touched on the event thread only, read here after waiting.
+  bool inner_ran = false;
+  bool inner_ran_inline = true;
+  bool inner_saw_outer_finished = false;
+  bool outer_finished = false;
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    EXPECT_TRUE(isEventThread());
+    defer([&] {
+      inner_ran = true;
+      inner_saw_outer_finished = outer_finished;
+    });
+    // Would deadlock if it waited for the queue it is running from.
+    waitForDeferredWork();
+    inner_ran_inline = inner_ran;
+    outer_finished = true;
+  }));
+  waitForDeferredWork();
+  EXPECT_FALSE(inner_ran_inline);
+  EXPECT_TRUE(inner_ran);
+  EXPECT_TRUE(inner_saw_outer_finished);
+}
+
+TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
+  struct Case {
+    const char* name;
+    bool delayed;
+  };
+  for (const Case& c : {Case{"queued", false}, Case{"timer", true}}) {
+    SCOPED_TRACE(c.name);
+    auto held = std::make_shared<int>(0);
+    std::weak_ptr<int> weak_held = held;
+    std::atomic<int> runs{0};
+    std::function<void()> fn = [held, &runs] { ++runs; };
+    held.reset();
+    TimerHandle kept;
+    {
+      EventThreadBlocker blocker;
+      TimerHandle cancelled =
+          c.delayed ? scheduleDeferred(fn, Duration::seconds(3600)) : scheduleDeferred(fn);
+      kept = c.delayed ? scheduleDeferred(fn, Duration::milliseconds(1)) : scheduleDeferred(fn);
+      cancelled.cancel();
+      cancelled.cancel();  // twice is harmless
+    }
+    // The kept one runs; then nothing can still hold the cancelled one's copy.
+    Mutex mutex;
+    ConditionVariable cv;
+    bool done = false;
+    scheduleDeferred(
+        [&] {
+          MutexLock lock(mutex);
+          done = true;
+          cv.notifyAll();
+        },
+        Duration::milliseconds(c.delayed ? 20 : 0));
+    {
+      MutexLock lock(mutex);
+      while (!done) cv.wait(mutex);
+    }
+    waitForDeferredWork();
+    EXPECT_EQ(1, runs.load());
+    kept = TimerHandle();
+    fn = nullptr;
+    waitForDeferredWork();
+    EXPECT_TRUE(weak_held.expired()) << "the cancelled function's captures are still alive";
+  }
+}
+
+TEST(EventThreadTest, TimersFireInDeadlineOrder) {
+  Mutex mutex;
+  ConditionVariable cv;
+  std::vector<int> fired;
+  auto record = [&](int id) {
+    return [&, id] {
+      EXPECT_TRUE(isEventThread());
+      MutexLock lock(mutex);
+      fired.push_back(id);
+      cv.notifyAll();
+    };
+  };
+  scheduleDeferred(record(3), Duration::milliseconds(60));
+  scheduleDeferred(record(1), Duration::milliseconds(0));
+  scheduleDeferred(record(2), Duration::milliseconds(30));
+  MutexLock lock(mutex);
+  while (fired.size() < 3) cv.wait(mutex);
+  EXPECT_EQ((std::vector<int>{1, 2, 3}), fired);
+}
+
+// Process exit: work queued before it still runs (so deferred deletions
+// happen), and work deferred after the loop stopped is dropped without a crash.
+bool ran_after_stop = false;
+
+void deferAfterStop() {
+  // Registered before the event thread started, so it runs after the thread's
+  // own exit handler.
+  defer([] { ran_after_stop = true; });
+  waitForDeferredWork();
+  bool ok = eventThreadBase() == nullptr && !runOnEventThreadAndWait([] {}) && !ran_after_stop;
+  _exit(ok ? 7 : 1);
+}
+
+TEST(EventThreadDeathTest, ExitRunsQueuedWorkThenDropsLaterWork) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        atexit(deferAfterStop);
+        struct Noisy {
+          ~Noisy() { fprintf(stderr, "deleted on event thread: %d\n", isEventThread()); }
+        };
+        // The deletion is queued behind a blocked event thread when exit
+        // starts; the blocker is released by an exit handler that runs before
+        // the event thread's own.
+        static EventThreadBlocker* blocker = new EventThreadBlocker;
+        atexit([] { blocker->release(); });
+        Noisy* noisy = new Noisy;
+        defer([noisy] { delete noisy; });
+        exit(0);
+      },
+      ::testing::ExitedWithCode(7), "deleted on event thread: 1");
+}
+
+}  // namespace
+}  // namespace vantu

@@ -1,0 +1,95 @@
+#ifndef TESTS_LOOPBACK_CLIENT_H_
+#define TESTS_LOOPBACK_CLIENT_H_
+
+// A plain blocking TCP client for end-to-end tests over loopback. Every read has
+// a generous receive time-out so that a server that never answers fails the
+// test instead of hanging it; the time-out is a guard, not an assertion.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace vantu {
+namespace testing {
+
+class LoopbackClient {
+ public:
+  explicit LoopbackClient(uint16_t port) {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval guard{30, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
+    int one = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  }
+  ~LoopbackClient() { close(); }
+  LoopbackClient(const LoopbackClient&) = delete;
+  LoopbackClient& operator=(const LoopbackClient&) = delete;
+
+  bool connected() const { return connected_; }
+
+  bool write(const std::string& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+      ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += n;
+    }
+    return true;
+  }
+
+  // Reads until exactly `size` bytes have arrived (fewer if the connection
+  // ends or the guard expires first).
+  std::string read(size_t size) {
+    std::string bytes;
+    while (bytes.size() < size) {
+      char buffer[65536];
+      ssize_t n = ::recv(fd_, buffer, std::min(sizeof(buffer), size - bytes.size()), 0);
+      if (n <= 0) break;
+      bytes.append(buffer, n);
+    }
+    return bytes;
+  }
+
+  // Reads until the peer closes (or the guard expires).
+  std::string readToEnd() {
+    std::string bytes;
+    char buffer[65536];
+    ssize_t n;
+    while ((n = ::recv(fd_, buffer, sizeof(buffer), 0)) > 0) bytes.append(buffer, n);
+    return bytes;
+  }
+
+  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+  // Closes with a reset instead of an orderly end.
+  void abort() {
+    linger option{1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+    close();
+  }
+
+ private:
+  int fd_ = -1;
+  bool connected_ = false;
+};
+
+}  // namespace testing
+}  // namespace vantu
+
+#endif  // TESTS_LOOPBACK_CLIENT_H_

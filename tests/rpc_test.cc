@@ -1,0 +1,171 @@
+#include "relay/rpc.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "common/logging.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// Counts its runs and its deletion.
+class CountingClosure : public google::protobuf::Closure {
+ public:
+  CountingClosure(int* runs, int* deletions) : runs_(runs), deletions_(deletions) {}
+  ~CountingClosure() override { ++*deletions_; }
+  void Run() override { ++*runs_; }
+
+ private:
+  int* runs_;
+  int* deletions_;
+};
+
+TEST(RPCTest, FreshControllerAndZeroTimeoutCancels) {
+  RPC rpc;
+  EXPECT_FALSE(rpc.Failed());
+  EXPECT_FALSE(rpc.IsCanceled());
+  EXPECT_EQ("", rpc.ErrorText());
+  EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(0)));
+  EXPECT_TRUE(rpc.IsCanceled());
+  EXPECT_FALSE(rpc.Failed());  // nobody completed it: no channel here
+}
+
+TEST(RPCTest, CompletionTestedBeforeTheClock) {
+  RPC rpc;
+  rpc.setDone();
+  EXPECT_TRUE(rpc.timedWaitAbsolute(Time::fromMicroseconds(0)));
+  EXPECT_FALSE(rpc.IsCanceled());
+  EXPECT_FALSE(rpc.Failed());
+  rpc.wait();  // returns at once
+  // setDone after SetFailed leaves the call failed; SetFailed again overwrites.
+  rpc.SetFailed("x");
+  rpc.setDone();
+  EXPECT_TRUE(rpc.Failed());
+  rpc.SetFailed("y");
+  EXPECT_EQ("y", rpc.ErrorText());
+}
+
+TEST(RPCTest, SetFailedWakesAWaiterOnAnotherThread) {
+  RPC rpc;
+  std::atomic<bool> woke{false};
+  std::thread waiter([&] {
+    rpc.wait();
+    woke = true;
+  });
+  rpc.SetFailed("x");
+  waiter.join();
+  EXPECT_TRUE(woke);
+  EXPECT_TRUE(rpc.Failed());
+  EXPECT_EQ("x", rpc.ErrorText());
+
+  RPC timed;
+  std::thread completer([&] { timed.setDone(); });
+  EXPECT_TRUE(timed.timedWaitRelative(Duration::seconds(60)));
+  completer.join();
+  EXPECT_FALSE(timed.IsCanceled());
+}
+
+TEST(RPCTest, CancelCallbackRunsAtMostOnceAndOnlyBeforeCompletion) {
+  int runs = 0, deletions = 0;
+  {
+    CountingClosure* callback = new CountingClosure(&runs, &deletions);
+    {
+      RPC rpc;
+      rpc.NotifyOnCancel(callback);
+      rpc.StartCancel();
+      rpc.StartCancel();
+      EXPECT_EQ(1, runs);
+      EXPECT_TRUE(rpc.IsCanceled());
+    }
+    // The controller never deletes a callback it has run: that one is its
+    // own (or, as here, its creator's) to free.
+    EXPECT_EQ(0, deletions);
+    delete callback;
+  }
+  runs = deletions = 0;
+  {
+    RPC rpc;
+    rpc.NotifyOnCancel(new CountingClosure(&runs, &deletions));
+    rpc.setDone();  // completion discards it unrun
+    EXPECT_EQ(1, deletions);
+    rpc.StartCancel();
+    EXPECT_TRUE(rpc.IsCanceled());
+    EXPECT_EQ(0, runs);
+  }
+  runs = deletions = 0;
+  {
+    RPC rpc;
+    rpc.StartCancel();
+    CountingClosure* callback = new CountingClosure(&runs, &deletions);
+    rpc.NotifyOnCancel(callback);  // already canceled: run at once, not kept
+    EXPECT_EQ(1, runs);
+    delete callback;
+  }
+  EXPECT_EQ(1, deletions);
+  runs = deletions = 0;
+  {
+    RPC rpc;
+    rpc.NotifyOnCancel(new CountingClosure(&runs, &deletions));  // destroyed unrun
+  }
+  EXPECT_EQ(0, runs);
+  EXPECT_EQ(1, deletions);
+}
+
+TEST(RPCTest, SecondNotifyOnCancelIsReportedAndReplacesTheFirst) {
+  std::vector<LogRecord> records;
+  setLogSink([&records](const LogRecord& r) { records.push_back(r); });
+  int first_runs = 0, first_deletions = 0, second_runs = 0, second_deletions = 0;
+  CountingClosure* second = nullptr;
+  {
+    RPC rpc;
+    rpc.NotifyOnCancel(new CountingClosure(&first_runs, &first_deletions));
+    second = new CountingClosure(&second_runs, &second_deletions);
+    rpc.NotifyOnCancel(second);
+    EXPECT_EQ(1, first_deletions);
+    rpc.StartCancel();
+    EXPECT_EQ(0, first_runs);
+    EXPECT_EQ(1, second_runs);
+  }
+  EXPECT_EQ(0, second_deletions);  // run, so not deleted by the controller
+  delete second;
+  setLogSink(nullptr);
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ(1, records[0].level);
+  EXPECT_EQ("check", records[0].logger);
+  EXPECT_EQ("relay/rpc", records[0].file);
+  EXPECT_EQ(116, records[0].line);
+  EXPECT_EQ("virtual void vantu::relay::RPC::NotifyOnCancel(google::protobuf::Closure*)",
+            records[0].function);
+  EXPECT_EQ(
+      "Check failed !cancel_callback_.get() NotifyOnCancel must be called no more than once per "
+      "request.",
+      records[0].text);
+}
+
+TEST(RPCTest, ResetReturnsToTheInitialState) {
+  int runs = 0, deletions = 0;
+  RPC rpc;
+  rpc.SetFailed("boom");
+  rpc.StartCancel();
+  CountingClosure* ran = new CountingClosure(&runs, &deletions);
+  rpc.NotifyOnCancel(ran);  // canceled: run at once, not kept
+  EXPECT_EQ(1, runs);
+  delete ran;
+  rpc.Reset();
+  EXPECT_FALSE(rpc.Failed());
+  EXPECT_FALSE(rpc.IsCanceled());
+  EXPECT_EQ("", rpc.ErrorText());
+  rpc.NotifyOnCancel(new CountingClosure(&runs, &deletions));
+  rpc.Reset();  // deletes the stored callback unrun
+  EXPECT_EQ(1, runs);
+  EXPECT_EQ(2, deletions);
+  EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,532 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/deferred_deleter.h"
+#include "common/event_thread.h"
+#include "common/logging.h"
+#include "common/mutex.h"
+#include "common/socket_address.h"
+#include "net/request_response_connection_handler.h"
+#include "net/tcp_server.h"
+#include "net/tcp_socket.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// A bound for reads that never come, so that a broken test fails instead of
+// hanging; not a measure of anything.
+constexpr int kPatienceMs = 30000;
+
+std::string pattern(size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>('a' + i % 26);
+  return bytes;
+}
+
+// A blocking loopback client speaking raw bytes.
+class Client {
+ public:
+  explicit Client(const SocketAddress& address) {
+    fd_ = ::socket(address.sockaddr()->sa_family, SOCK_STREAM, 0);
+    if (::connect(fd_, address.sockaddr(), address.length()) != 0) {
+      ::close(fd_);
+      fd_ = -1;
+    }
+  }
+  ~Client() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool connected() const { return fd_ >= 0; }
+
+  void write(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+      ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+      if (n <= 0) return;
+      done += static_cast<size_t>(n);
+    }
+  }
+  // Up to `size` bytes: fewer only at end of stream or when nothing came for
+  // kPatienceMs.
+  std::string read(size_t size) {
+    std::string result;
+    char buffer[65536];
+    while (result.size() < size) {
+      pollfd p = {fd_, POLLIN, 0};
+      if (::poll(&p, 1, kPatienceMs) <= 0) break;
+      ssize_t n = ::recv(fd_, buffer, std::min(sizeof(buffer), size - result.size()), 0);
+      if (n <= 0) {
+        eof_ = n == 0;
+        break;
+      }
+      result.append(buffer, static_cast<size_t>(n));
+    }
+    return result;
+  }
+  // True when the server closed its side: nothing more arrives.
+  bool atEof() {
+    if (!eof_) read(1);
+    return eof_;
+  }
+  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+  // Vanishes: the kernel answers with a reset, whatever is still in flight.
+  void reset() {
+    linger abort = {1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+    ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  bool eof_ = false;
+};
+
+// What the server-side handlers saw, shared with the test thread. The fields
+// are guarded by mutex (not annotated: they are read inside lambdas that the
+// analysis cannot follow).
+struct Recorder {
+  Mutex mutex;
+  ConditionVariable cv;
+  std::vector<std::weak_ptr<RequestResponseConnectionHandler>> handlers;
+  std::vector<std::string> input_ends;
+  int output_ends = 0;
+  int destroyed = 0;
+  std::vector<std::thread> threads;
+
+  void update(const std::function<void()>& change) {
+    MutexLock lock(mutex);
+    change();
+    cv.notifyAll();
+  }
+  // Waits (bounded by kPatienceMs) until `done` holds; false if it never did.
+  bool waitFor(const std::function<bool()>& done) {
+    Time deadline = Time::now() + Duration::milliseconds(kPatienceMs);
+    MutexLock lock(mutex);
+    while (!done()) {
+      if (!cv.timedWaitAbsolute(mutex, deadline) && !done()) return false;
+    }
+    return true;
+  }
+  ~Recorder() {
+    for (auto& thread : threads) thread.join();
+  }
+};
+
+// Echoes every complete line; "big N loop|thread" answers with N pattern bytes
+// from the event thread or from another thread and then ends the connection;
+// the peer's end of input is answered with "bye:" and what was left.
+class LineEchoHandler : public RequestResponseConnectionHandler {
+ public:
+  explicit LineEchoHandler(std::shared_ptr<Recorder> recorder)
+      : RequestResponseConnectionHandler(2048), recorder_(std::move(recorder)) {}
+  ~LineEchoHandler() override {
+    recorder_->update([&] { ++recorder_->destroyed; });
+  }
+
+  std::weak_ptr<LineEchoHandler> weak_this_;
+
+  void notifyIncomingData(std::string* data) override {
+    EXPECT_TRUE(isEventThread());
+    size_t end;
+    while ((end = data->find('\n')) != std::string::npos) {
+      std::string line = data->substr(0, end + 1);
+      data->erase(0, end + 1);
+      size_t size = 0;
+      char mode[16] = {0};
+      if (sscanf(line.c_str(), "big %zu %15s", &size, mode) == 2) {
+        answerBig(size, mode);
+      } else {
+        send(line);
+      }
+    }
+  }
+  void notifyInputShutdown(std::string* data) override {
+    recorder_->update([&] { recorder_->input_ends.push_back(*data); });
+    send("bye:" + *data);
+    data->clear();
+    shutdown();
+  }
+  void notifyOutputShutdown() override {
+    recorder_->update([&] { ++recorder_->output_ends; });
+    RequestResponseConnectionHandler::notifyOutputShutdown();
+  }
+
+ private:
+  void answerBig(size_t size, const std::string& mode) {
+    if (mode == "loop") {
+      send(pattern(size));
+      shutdown();
+      return;
+    }
+    std::shared_ptr<LineEchoHandler> self = weak_this_.lock();
+    recorder_->update([&] {
+      recorder_->threads.emplace_back([self, size] {
+        std::string bytes = pattern(size);
+        // In pieces, to exercise the hand-over queue.
+        for (size_t at = 0; at < size; at += 100000) self->send(bytes.substr(at, 100000));
+        self->shutdown();
+      });
+    });
+  }
+
+  std::shared_ptr<Recorder> recorder_;
+};
+
+struct EchoServer {
+  EchoServer() : recorder(std::make_shared<Recorder>()) {
+    std::shared_ptr<Recorder> r = recorder;
+    server = std::make_unique<TcpServer>(
+        [r] {
+          auto handler = std::make_shared<LineEchoHandler>(r);
+          handler->weak_this_ = handler;
+          r->update([&] { r->handlers.push_back(handler); });
+          return handler;
+        },
+        1024);
+    initialized = server->initialize(SocketAddress("127.0.0.1", 0));
+    address = server->localAddress();
+  }
+  int destroyed() {
+    MutexLock lock(recorder->mutex);
+    return recorder->destroyed;
+  }
+  bool waitForDestroyed(int count) {
+    return recorder->waitFor([&] { return recorder->destroyed >= count; });
+  }
+
+  std::shared_ptr<Recorder> recorder;
+  std::unique_ptr<TcpServer> server;
+  bool initialized = false;
+  SocketAddress address;
+};
+
+TEST(TcpServerTest, EchoesOverManyConnectionsAndDropsHandlersWhenTheyEnd) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  EXPECT_EQ("127.0.0.1", echo.address.ip());
+  EXPECT_NE(0, echo.address.port());
+  constexpr int kConnections = 500;
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < kConnections; ++i) {
+    clients.push_back(std::make_unique<Client>(echo.address));
+    ASSERT_TRUE(clients.back()->connected());
+    // A line in two pieces: the first stays unconsumed until the rest comes.
+    clients.back()->write("connection " + std::to_string(i));
+  }
+  for (int i = 0; i < kConnections; ++i) clients[i]->write(" done\n");
+  for (int i = 0; i < kConnections; ++i) {
+    std::string expected = "connection " + std::to_string(i) + " done\n";
+    ASSERT_EQ(expected, clients[i]->read(expected.size()));
+  }
+  EXPECT_EQ(0, echo.destroyed());
+  clients.clear();
+  EXPECT_TRUE(echo.waitForDestroyed(kConnections));
+}
+
+TEST(TcpServerTest, PipelinedAnswersKeepOrderAndShutdownFlushesEverythingFirst) {
+  for (const char* mode : {"loop", "thread"}) {
+    SCOPED_TRACE(mode);
+    EchoServer echo;
+    ASSERT_TRUE(echo.initialized);
+    auto client = std::make_unique<Client>(echo.address);
+    std::string requests;
+    std::string answers;
+    for (int i = 0; i < 100; ++i) {
+      std::string line = "request " + std::to_string(i) + "\n";
+      requests += line;
+      answers += line;
+    }
+    constexpr size_t kBig = 4 * 1000 * 1000;
+    requests += "big " + std::to_string(kBig) + " " + mode + "\n";
+    answers += pattern(kBig);
+    client->write(requests);
+    std::string received = client->read(answers.size() + 1);
+    EXPECT_EQ(answers.size(), received.size());
+    EXPECT_TRUE(received == answers) << "payload differs";
+    EXPECT_TRUE(client->atEof());
+    // The server waits for our close before it lets go of the connection.
+    client.reset();
+    EXPECT_TRUE(echo.waitForDestroyed(1));
+  }
+}
+
+TEST(TcpServerTest, SendsFromManyThreadsKeepTheirOrderAndGuardedPairsStayTogether) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  Client client(echo.address);
+  std::shared_ptr<RequestResponseConnectionHandler> handler;
+  ASSERT_TRUE(echo.recorder->waitFor([&] { return !echo.recorder->handlers.empty(); }));
+  {
+    MutexLock lock(echo.recorder->mutex);
+    handler = echo.recorder->handlers[0].lock();
+  }
+  ASSERT_TRUE(handler);
+
+  constexpr int kThreads = 4;
+  constexpr int kPairs = 1000;
+  size_t expected_size = 0;
+  std::vector<std::string> heads(kThreads * kPairs), bodies(kThreads * kPairs), loop_lines(kPairs);
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kPairs; ++i) {
+      std::string tag = "T" + std::to_string(t) + ":" + std::to_string(i);
+      heads[t * kPairs + i] = tag + ":head|";
+      bodies[t * kPairs + i] = tag + ":body\n";
+      expected_size += heads[t * kPairs + i].size() + bodies[t * kPairs + i].size();
+    }
+  }
+  for (int i = 0; i < kPairs; ++i) {
+    loop_lines[i] = "E:" + std::to_string(i) + "\n";
+    expected_size += loop_lines[i].size();
+  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPairs; ++i) {
+        RequestResponseConnectionHandler::SendGuard guard(*handler);
+        handler->send(heads[t * kPairs + i]);
+        handler->send(bodies[t * kPairs + i]);
+      }
+    });
+  }
+  // Meanwhile the event thread writes lines of its own, unguarded.
+  threads.emplace_back([&] {
+    for (int i = 0; i < kPairs; ++i) defer([&, i] { handler->send(loop_lines[i]); });
+  });
+  for (auto& thread : threads) thread.join();
+
+  std::string received = client.read(expected_size);
+  ASSERT_EQ(expected_size, received.size());
+  std::vector<int> next(kThreads + 1, 0);
+  size_t start = 0;
+  while (start < received.size()) {
+    size_t end = received.find('\n', start);
+    ASSERT_NE(std::string::npos, end);
+    std::string line = received.substr(start, end - start + 1);
+    start = end + 1;
+    if (line[0] == 'E') {
+      ASSERT_EQ(loop_lines[next[kThreads]++], line);
+      continue;
+    }
+    int t = line[1] - '0';
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    int i = next[t]++;
+    ASSERT_EQ(heads[t * kPairs + i] + bodies[t * kPairs + i], line) << "interleaved or reordered";
+  }
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kPairs, next[t]);
+  EXPECT_EQ(kPairs, next[kThreads]);
+}
+
+TEST(TcpServerTest, PeerHalfCloseHandsOverTheUnconsumedBytes) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  Client client(echo.address);
+  client.write("complete\npartial");
+  client.shutdownWrite();
+  std::string expected = "complete\nbye:partial";
+  EXPECT_EQ(expected, client.read(expected.size() + 1));
+  EXPECT_TRUE(client.atEof());
+  EXPECT_TRUE(echo.waitForDestroyed(1));
+  MutexLock lock(echo.recorder->mutex);
+  EXPECT_EQ(std::vector<std::string>{"partial"}, echo.recorder->input_ends);
+  EXPECT_EQ(0, echo.recorder->output_ends);
+}
+
+TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
+  struct Case {
+    const char* name;
+    std::string request;
+    size_t read_before_vanishing;
+  };
+  const Case cases[] = {
+      {"mid-request", "half a li", 0},
+      {"mid-response", "big 16000000 loop\n", 1000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EchoServer echo;
+    ASSERT_TRUE(echo.initialized);
+    Client client(echo.address);
+    client.write(c.request);
+    if (c.read_before_vanishing > 0) {
+      ASSERT_EQ(c.read_before_vanishing, client.read(c.read_before_vanishing).size());
+    } else {
+      // The bytes have arrived once the server made a handler; wait for that.
+      ASSERT_TRUE(echo.recorder->waitFor([&] { return !echo.recorder->handlers.empty(); }));
+    }
+    std::shared_ptr<RequestResponseConnectionHandler> kept;
+    {
+      MutexLock lock(echo.recorder->mutex);
+      kept = echo.recorder->handlers[0].lock();
+    }
+    client.reset();
+    // The failed read or write tells the handler, and then the connection
+    // lets go of it: only our reference keeps it.
+    EXPECT_TRUE(echo.recorder->waitFor([&] { return echo.recorder->output_ends == 1; }));
+    waitForDeferredWork();
+    EXPECT_EQ(1, kept.use_count());
+    // Sending into a connection that is gone does nothing, from any thread.
+    kept->send("into the void");
+    runOnEventThreadAndWait([&] { kept->send("into the void"); });
+    kept->shutdown();
+    waitForDeferredWork();
+    kept.reset();
+    EXPECT_TRUE(echo.waitForDestroyed(1));
+  }
+}
+
+TEST(TcpServerTest, ConnectionsOutliveTheServer) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  Client client(echo.address);
+  client.write("before\n");
+  EXPECT_EQ("before\n", client.read(7));
+  echo.server.reset();
+  client.write("after\n");
+  EXPECT_EQ("after\n", client.read(6));
+  EXPECT_FALSE(Client(echo.address).connected());
+}
+
+TEST(TcpListenerTest, InitializeReportsAddressesItCannotUse) {
+  EchoServer first;
+  ASSERT_TRUE(first.initialized);
+  struct Case {
+    const char* name;
+    SocketAddress address;
+  };
+  const Case cases[] = {
+      {"port in use", first.address},
+      {"not an address", SocketAddress("localhost", 80)},
+      {"not local", SocketAddress("192.0.2.1", 0)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TcpServer server([] { return nullptr; }, 16);
+    EXPECT_FALSE(server.initialize(c.address));
+    EXPECT_FALSE(server.localAddress().isValid());
+  }
+  TcpServer twice([] { return nullptr; }, 16);
+  ASSERT_TRUE(twice.initialize(SocketAddress("127.0.0.1", 0)));
+  EXPECT_FALSE(twice.initialize(SocketAddress("127.0.0.1", 0)));
+
+  // IPv6 loopback, where the machine has it.
+  TcpServer v6([] { return nullptr; }, 16);
+  if (v6.initialize(SocketAddress("::1", 0))) {
+    EXPECT_EQ("::1", v6.localAddress().ip());
+    EXPECT_EQ("[::1]:" + std::to_string(v6.localAddress().port()), v6.localAddress().toString());
+  }
+}
+
+// The client side: bytes received, end of input and close, as seen by the test.
+class CollectingHandler : public RequestResponseConnectionHandler {
+ public:
+  CollectingHandler() : RequestResponseConnectionHandler(2048) {}
+  void notifyIncomingData(std::string* data) override {
+    recorder.update([&] { received += *data; });
+    data->clear();
+  }
+  void notifyInputShutdown(std::string* data) override {
+    recorder.update([&] { input_ended = data->empty(); });
+  }
+  Recorder recorder;
+  std::string received;
+  bool input_ended = false;
+};
+
+TEST(TcpSocketTest, ClientTalksToTheServerAndHearsItClose) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  auto handler = std::shared_ptr<CollectingHandler>(
+      new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
+  std::atomic<int> closes{0};
+  std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address, [&] {
+    EXPECT_TRUE(isEventThread());
+    handler->recorder.update([&] { ++closes; });
+  });
+  ASSERT_TRUE(socket);
+  socket->link(handler->streamSource(), handler->streamSink());
+  handler->send("hello\n");
+  handler->send("big 3 loop\n");
+  EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->input_ended && closes == 1; }));
+  MutexLock lock(handler->recorder.mutex);
+  EXPECT_EQ("hello\nabc", handler->received);
+}
+
+TEST(TcpSocketTest, CreateGivesNullWhenThereIsNoPeer) {
+  SocketAddress closed;
+  {
+    EchoServer gone;
+    ASSERT_TRUE(gone.initialized);
+    closed = gone.address;
+  }
+  EXPECT_EQ(nullptr, TcpSocket::create(closed));
+  EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress("not an ip", 80)));
+  EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress()));
+}
+
+TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  std::vector<LogRecord> records;
+  Mutex mutex;
+  setLogSink([&](const LogRecord& record) {
+    MutexLock lock(mutex);
+    records.push_back(record);
+  });
+  std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address);
+  ASSERT_TRUE(socket);
+  socket->link(nullptr, nullptr);
+  setLogSink(nullptr);
+  MutexLock lock(mutex);
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ(485, records[0].line);
+  EXPECT_EQ("Check failed other_sink ", records[0].text);
+  EXPECT_EQ(486, records[1].line);
+  EXPECT_EQ("Check failed other_source ", records[1].text);
+  for (const LogRecord& record : records) {
+    EXPECT_EQ(1, record.level);
+    EXPECT_EQ("check", record.logger);
+    EXPECT_EQ("relay/char_stream", record.file);
+    EXPECT_NE(std::string::npos, record.function.find("TcpSocket::link")) << record.function;
+  }
+}
+
+std::shared_ptr<Recorder> exit_recorder;
+
+void checkConnectionClosedAtExit() {
+  // Registered before the event thread started, so it runs after the thread
+  // stopped: by then the open connection must have let go of its handler.
+  MutexLock lock(exit_recorder->mutex);
+  _exit(exit_recorder->destroyed == 1 ? 7 : 1);
+}
+
+TEST(TcpDeathTest, ExitClosesConnectionsThatAreStillOpen) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        atexit(checkConnectionClosedAtExit);
+        static EchoServer* echo = new EchoServer;
+        exit_recorder = echo->recorder;
+        static Client* client = new Client(echo->address);
+        client->write("open\n");
+        if (client->read(5) != "open\n") _exit(1);
+        exit(0);
+      },
+      ::testing::ExitedWithCode(7), "");
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
