@@ -13,7 +13,6 @@
 // answered, a server that crashes or will not stop) is printed as a problem
 // and makes the exit status non-zero.
 #include <fcntl.h>
-#include <grpcpp/grpcpp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -36,10 +35,16 @@
 #include <vector>
 
 #include "common/socket_address.h"
-#include "demo_service.h"
-#include "grpc_echo.grpc.pb.h"
+#include "examples/demo_service.h"
 #include "relay/http_server.h"
 #include "relay/rpc.h"
+
+// After ours: our headers and abseil's (pulled in by gRPC) both define
+// GUARDED_BY and its kin, and only a redefinition inside a system header is
+// silent under -Werror.
+#include <grpcpp/grpcpp.h>
+
+#include "grpc_echo.grpc.pb.h"
 
 extern char** environ;
 
