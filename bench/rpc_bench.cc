@@ -9,6 +9,11 @@
 // measuring window closes. Calls that complete inside the window count toward
 // calls/s and their issue-to-completion times give the latency percentiles.
 //
+// The machine may be shared, so each scenario is measured in several short
+// rounds that alternate between the two sides; calls/s is the median round and
+// the percentiles come from all rounds' calls together. A burst of outside load
+// then lands on both sides alike instead of on whichever ran at the time.
+//
 // Anything that goes wrong (a failed call, a wrong reply, a call never
 // answered, a server that crashes or will not stop) is printed as a problem
 // and makes the exit status non-zero.
@@ -59,8 +64,9 @@ constexpr int kClientCpu = 1;
 constexpr std::chrono::seconds kStallLimit(5);
 
 struct Options {
-  double seconds = 3.0;
-  double warmup = 0.5;
+  double seconds = 2.0;  // per round
+  double warmup = 0.5;   // per round, on a fresh channel
+  int rounds = 3;
   std::vector<int> in_flight = {1, 64};
 };
 
@@ -101,16 +107,9 @@ class Recorder {
 
   Clock::time_point until() const { return until_; }
   double callsPerSecond() const { return latencies_us_.size() / seconds_; }
+  std::vector<double>& latencies() { return latencies_us_; }
   uint64_t errors() const { return errors_; }
   const std::string& firstError() const { return first_error_; }
-
-  // The latency below which `fraction` of the calls completed, in µs.
-  double percentile(double fraction) {
-    if (latencies_us_.empty()) return 0;
-    std::sort(latencies_us_.begin(), latencies_us_.end());
-    size_t rank = static_cast<size_t>(std::ceil(fraction * latencies_us_.size()));
-    return latencies_us_[std::clamp<size_t>(rank, 1, latencies_us_.size()) - 1];
-  }
 
  private:
   static Clock::duration toDuration(double seconds) {
@@ -125,24 +124,57 @@ class Recorder {
   std::string first_error_;
 };
 
-struct Result {
+// One round of one side: what its measuring window saw.
+struct Round {
   bool valid = false;
   double calls_per_second = 0;
-  double median_us = 0;
-  double p99_us = 0;
+  std::vector<double> latencies_us;
 };
 
-Result summarise(const std::string& what, Recorder& recorder) {
+Round summarise(const std::string& what, Recorder& recorder) {
   if (recorder.errors() > 0) {
     problem(what + ": " + std::to_string(recorder.errors()) +
             " calls failed or returned a wrong reply; first: " + recorder.firstError());
   }
+  Round round;
+  round.valid = recorder.callsPerSecond() > 0;
+  round.calls_per_second = recorder.callsPerSecond();
+  round.latencies_us = std::move(recorder.latencies());
+  if (!round.valid) problem(what + ": no call completed inside the measuring window");
+  return round;
+}
+
+// One side of one scenario over all its rounds.
+struct Result {
+  bool valid = false;
+  double calls_per_second = 0;  // the median round
+  double median_us = 0;
+  double p99_us = 0;
+  std::vector<double> per_round;  // calls/s of each valid round, in order
+};
+
+// The latency below which `fraction` of the sorted samples lie.
+double percentile(const std::vector<double>& sorted, double fraction) {
+  size_t rank = static_cast<size_t>(std::ceil(fraction * sorted.size()));
+  return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
+}
+
+Result combine(std::vector<Round>& rounds) {
   Result result;
-  result.valid = recorder.callsPerSecond() > 0;
-  result.calls_per_second = recorder.callsPerSecond();
-  result.median_us = recorder.percentile(0.5);
-  result.p99_us = recorder.percentile(0.99);
-  if (!result.valid) problem(what + ": no call completed inside the measuring window");
+  std::vector<double> latencies;
+  for (Round& round : rounds) {
+    if (!round.valid) continue;
+    result.per_round.push_back(round.calls_per_second);
+    latencies.insert(latencies.end(), round.latencies_us.begin(), round.latencies_us.end());
+  }
+  if (result.per_round.empty()) return result;
+  std::vector<double> sorted = result.per_round;
+  std::sort(sorted.begin(), sorted.end());
+  std::sort(latencies.begin(), latencies.end());
+  result.valid = true;
+  result.calls_per_second = percentile(sorted, 0.5);
+  result.median_us = percentile(latencies, 0.5);
+  result.p99_us = percentile(latencies, 0.99);
   return result;
 }
 
@@ -412,7 +444,7 @@ class OursLoad {
   int outstanding_;
 };
 
-Result runOurs(const Options& options, const ServerProcess& server, int in_flight) {
+Round runOurs(const Options& options, const ServerProcess& server, int in_flight) {
   const std::string what = "ours, " + std::to_string(in_flight) + " in flight";
   vantu::relay::RPCChannelPtr channel =
       vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port));
@@ -439,7 +471,7 @@ Result runOurs(const Options& options, const ServerProcess& server, int in_fligh
 // ---------------------------------------------------------------------------
 // The gRPC client.
 
-Result runGrpc(const Options& options, const ServerProcess& server, int in_flight) {
+Round runGrpc(const Options& options, const ServerProcess& server, int in_flight) {
   const std::string what = "gRPC, " + std::to_string(in_flight) + " in flight";
   std::shared_ptr<grpc::Channel> channel = grpc::CreateChannel(
       "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials());
@@ -503,7 +535,7 @@ Result runGrpc(const Options& options, const ServerProcess& server, int in_fligh
   bool ok;
   while (cq.Next(&tag, &ok)) {
   }
-  return stalled ? Result{} : summarise(what, recorder);
+  return stalled ? Round{} : summarise(what, recorder);
 }
 
 // ---------------------------------------------------------------------------
@@ -529,9 +561,9 @@ void printTables(const Options& options, const std::vector<Result>& ours,
   auto median = [](const Result& r) { return r.median_us; };
   auto p99 = [](const Result& r) { return r.p99_us; };
   std::printf(
-      "== RPC echo (\"%s\"), one channel, server on CPU %d, client on CPU %d, %.1f s each "
-      "after %.1f s warm-up\n",
-      kText, kServerCpu, kClientCpu, options.seconds, options.warmup);
+      "== RPC echo (\"%s\"), one channel, server on CPU %d, client on CPU %d; %d alternating "
+      "rounds of %.1f s (+%.1f s warm-up) per side\n",
+      kText, kServerCpu, kClientCpu, options.rounds, options.seconds, options.warmup);
   std::printf("%-14s %14s %14s %8s\n", "scenario", "ours calls/s", "gRPC calls/s", "ratio");
   for (size_t i = 0; i < options.in_flight.size(); ++i) {
     std::string scenario = std::to_string(options.in_flight[i]) + " in flight";
@@ -547,11 +579,20 @@ void printTables(const Options& options, const std::vector<Result>& ours,
                 ratio(ours[i], grpc[i], median).c_str(), value(ours[i], p99, "%.1f").c_str(),
                 value(grpc[i], p99, "%.1f").c_str(), ratio(ours[i], grpc[i], p99).c_str());
   }
+  // The rounds behind the medians, so that a noisy run shows as one.
+  std::printf("\ncalls/s per round\n");
+  for (size_t i = 0; i < options.in_flight.size(); ++i) {
+    for (const auto& [name, result] : {std::pair{"ours", &ours[i]}, std::pair{"gRPC", &grpc[i]}}) {
+      std::string line = std::to_string(options.in_flight[i]) + " in flight, " + name + ":";
+      for (double calls : result->per_round) line += " " + format(calls, "%.0f");
+      std::printf("  %s\n", line.c_str());
+    }
+  }
 }
 
 int usage() {
   std::fprintf(stderr,
-               "usage: rpc_bench [--seconds S] [--warmup S] [--in-flight N[,N...]]\n"
+               "usage: rpc_bench [--seconds S] [--warmup S] [--rounds N] [--in-flight N[,N...]]\n"
                "       rpc_bench --serve ours|grpc --cpu N   (the server child)\n");
   return 2;
 }
@@ -570,6 +611,8 @@ int main(int argc, char** argv) {
       options.seconds = std::atof(arg.c_str());
     } else if (flag == "--warmup") {
       options.warmup = std::atof(arg.c_str());
+    } else if (flag == "--rounds") {
+      options.rounds = std::atoi(arg.c_str());
     } else if (flag == "--in-flight") {
       options.in_flight.clear();
       for (size_t at = 0; at < arg.size();) {
@@ -586,7 +629,8 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  if (options.seconds <= 0 || options.warmup < 0 || options.in_flight.empty() ||
+  if (options.seconds <= 0 || options.warmup < 0 || options.rounds < 1 ||
+      options.in_flight.empty() ||
       *std::min_element(options.in_flight.begin(), options.in_flight.end()) < 1) {
     return usage();
   }
@@ -605,24 +649,34 @@ int main(int argc, char** argv) {
     std::perror("rpc_bench: sched_setaffinity");
   }
 
-  std::vector<Result> ours(options.in_flight.size()), grpc(options.in_flight.size());
   struct Side {
     std::string kind;
-    std::vector<Result>* results;
-    Result (*run)(const Options&, const ServerProcess&, int);
-  };
-  for (const Side& side : {Side{"ours", &ours, runOurs}, Side{"grpc", &grpc, runGrpc}}) {
+    Round (*run)(const Options&, const ServerProcess&, int);
     ServerProcess server;
-    if (startServer(side.kind, &server)) {
-      for (size_t i = 0; i < options.in_flight.size(); ++i) {
-        (*side.results)[i] = side.run(options, server, options.in_flight[i]);
-        if (!serverAlive(side.kind, &server)) break;
+    bool up = false;
+    std::vector<Result> results;
+  };
+  Side sides[] = {{"ours", runOurs, {}, false, {}}, {"grpc", runGrpc, {}, false, {}}};
+  for (Side& side : sides) {
+    side.up = startServer(side.kind, &side.server);
+    side.results.resize(options.in_flight.size());
+  }
+  for (size_t i = 0; i < options.in_flight.size(); ++i) {
+    std::vector<Round> rounds[2];
+    for (int round = 0; round < options.rounds; ++round) {
+      // Alternate which side goes first, so neither always follows the other.
+      for (int k = 0; k < 2; ++k) {
+        Side& side = sides[(round + k) % 2];
+        if (!side.up) continue;
+        rounds[&side - sides].push_back(side.run(options, side.server, options.in_flight[i]));
+        side.up = serverAlive(side.kind, &side.server);
       }
     }
-    stopServer(side.kind, &server);
+    for (int k = 0; k < 2; ++k) sides[k].results[i] = combine(rounds[k]);
   }
+  for (Side& side : sides) stopServer(side.kind, &side.server);
 
-  printTables(options, ours, grpc);
+  printTables(options, sides[0].results, sides[1].results);
   if (!g_problems.empty()) {
     std::fprintf(stderr, "rpc_bench: %zu problem(s), see above\n", g_problems.size());
     return 1;
