@@ -14,6 +14,8 @@
 #include "common/logging.h"
 #include "demo_service.h"
 #include "relay/http_server.h"
+#include "relay/url_escape.h"
+#include "url/url_parse.h"
 
 namespace {
 
@@ -81,10 +83,16 @@ void registerHandlers(vantu::relay::HttpServer* server) {
             "{\"method\":" + jsonString(vantu::relay::httpMethodToName(request->method)) +
             ",\"uri\":" + jsonString(request->uri) +
             ",\"path\":" + jsonString(request->url.path()) + ",\"query\":[";
+        // In the order of the query itself (query_components is sorted by key).
         bool first = true;
-        for (const auto& component : request->query_components) {
-          json += (first ? "[" : ",[") + jsonString(component.first) + "," +
-                  jsonString(component.second) + "]";
+        const std::string& spec = request->url.possibly_invalid_spec();
+        url_parse::Component query = request->url.parsed_for_possibly_invalid_spec().query;
+        url_parse::Component key, value;
+        while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
+          const std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : "";
+          const std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : "";
+          json += (first ? "[" : ",[") + jsonString(vantu::relay::urlUnescape(key_text)) + "," +
+                  jsonString(vantu::relay::urlUnescape(value_text)) + "]";
           first = false;
         }
         json += "],\"headers\":{";

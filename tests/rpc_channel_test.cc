@@ -31,7 +31,16 @@ class TestServiceImpl : public relaytest::TestService {
     const Text* request;
     Text* response;
     google::protobuf::Closure* done;
+    bool completed;
   };
+
+  // Calls still held are completed now: the server is gone by then, so this
+  // also proves that such completions free their records.
+  ~TestServiceImpl() override {
+    for (size_t i = 0; i < held_.size(); ++i) {
+      if (!held_[i].completed) complete(i);
+    }
+  }
 
   void Echo(google::protobuf::RpcController*, const Text* request, Text* response,
             google::protobuf::Closure* done) override {
@@ -43,7 +52,7 @@ class TestServiceImpl : public relaytest::TestService {
             google::protobuf::Closure* done) override {
     ++calls;
     std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back({controller, request, response, done});
+    held_.push_back({controller, request, response, done, false});
     arrived_.notify_all();
   }
   void Fail(google::protobuf::RpcController* controller, const Text* request, Text*,
@@ -70,6 +79,7 @@ class TestServiceImpl : public relaytest::TestService {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       held = held_.at(index);
+      held_.at(index).completed = true;
     }
     if (error.empty()) {
       held.response->set_text(held.request->text());
