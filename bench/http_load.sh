@@ -4,13 +4,20 @@
 # wrk runs alone on CPU 1, so each server gets one core, as our one event thread
 # would. Prints requests/second for keep-alive and for 16-deep pipelining.
 #
+# The machine may be shared, so each server's time is split into rounds that
+# alternate ours, nginx, nginx, ours, ...: outside load that comes and goes
+# then falls on both alike. req/s is all of a server's requests over all its
+# rounds' time; the rounds are printed too.
+#
 # Usage: bench/http_load.sh BUILD_DIR
-# Environment: HTTP_LOAD_SECONDS (default 10), HTTP_LOAD_WARMUP (default 2),
+# Environment: HTTP_LOAD_SECONDS (default 10, per server and test),
+# HTTP_LOAD_ROUNDS (default 2), HTTP_LOAD_WARMUP (default 2),
 # HTTP_LOAD_CONNECTIONS (default 50).
 set -euo pipefail
 
 build=${1:?usage: http_load.sh BUILD_DIR}
 seconds=${HTTP_LOAD_SECONDS:-10}
+rounds=${HTTP_LOAD_ROUNDS:-2}
 warmup=${HTTP_LOAD_WARMUP:-2}
 connections=${HTTP_LOAD_CONNECTIONS:-50}
 server_cpu=0
@@ -128,7 +135,7 @@ expect_hello() {
 expect_hello ours "$our_port" "$work/demo.log"
 expect_hello nginx "$nginx_port" "$work/nginx/error.log"
 
-# Runs wrk against PORT; prints requests/second. Any socket error or non-2xx
+# Runs wrk against PORT; prints "requests microseconds". Any socket error or non-2xx
 # answer fails the whole benchmark: a fast server that drops requests is no win.
 run_wrk() {
   local name=$1 port=$2 script=$3 duration=$4 out
@@ -152,7 +159,12 @@ run_wrk() {
     echo "$out" >&2
     exit 1
   fi
-  python3 -c "print(f'{$requests / ($micros / 1e6):.0f}')"
+  echo "$requests $micros"
+}
+
+# Requests per second from "requests microseconds" pairs summed up.
+rate() {
+  python3 -c "print(f'{$1 / ($2 / 1e6):.0f}')"
 }
 
 # Each server must still be alive after the runs: a crash under load shows up
@@ -166,7 +178,10 @@ check_alive() {
   fi
 }
 
-declare -A result
+# wrk takes whole seconds.
+round_seconds=$(((seconds + rounds - 1) / rounds))
+seconds=$((round_seconds * rounds))
+declare -A requests micros per_round
 for test in keepalive pipelined16; do
   script="$work/summary.lua"
   [[ $test == pipelined16 ]] && script="$work/pipeline.lua"
@@ -174,20 +189,42 @@ for test in keepalive pipelined16; do
     port=$our_port
     [[ $server == nginx ]] && port=$nginx_port
     run_wrk "$server" "$port" "$script" "$warmup" >/dev/null
-    result[$test,$server]=$(run_wrk "$server" "$port" "$script" "$seconds")
+    requests[$test,$server]=0
+    micros[$test,$server]=0
+    per_round[$test,$server]=""
+  done
+  for ((round = 0; round < rounds; ++round)); do
+    order="ours nginx"
+    ((round % 2)) && order="nginx ours"
+    for server in $order; do
+      port=$our_port
+      [[ $server == nginx ]] && port=$nginx_port
+      measured=$(run_wrk "$server" "$port" "$script" "$round_seconds")
+      read -r got took <<<"$measured"
+      requests[$test,$server]=$((requests[$test,$server] + got))
+      micros[$test,$server]=$((micros[$test,$server] + took))
+      per_round[$test,$server]+=" $(rate "$got" "$took")"
+    done
   done
   check_alive ours "${pids[0]}" "$work/demo.log"
   check_alive nginx "${pids[1]}" "$work/nginx/error.log"
 done
 expect_hello ours "$our_port" "$work/demo.log"
 
-echo "== HTTP /hello, one server core (CPU $server_cpu), wrk -t1 -c$connections on CPU $client_cpu, ${seconds}s each"
+echo "== HTTP /hello, one server core (CPU $server_cpu), wrk -t1 -c$connections on CPU $client_cpu," \
+  "${seconds}s per server and test in $rounds alternating rounds"
 printf '%-22s %14s %14s %8s\n' test "ours req/s" "nginx req/s" ratio
 for test in keepalive pipelined16; do
-  ours=${result[$test,ours]}
-  peer=${result[$test,nginx]}
+  ours=$(rate "${requests[$test,ours]}" "${micros[$test,ours]}")
+  peer=$(rate "${requests[$test,nginx]}" "${micros[$test,nginx]}")
   label="keep-alive"
   [[ $test == pipelined16 ]] && label="pipelined (16 deep)"
   printf '%-22s %14s %14s %8s\n' "$label" "$ours" "$peer" \
     "$(python3 -c "print(f'{$ours / $peer:.2f}')")"
+done
+echo "req/s per round"
+for test in keepalive pipelined16; do
+  for server in ours nginx; do
+    echo "  $test, $server:${per_round[$test,$server]}"
+  done
 done
