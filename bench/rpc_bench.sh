@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# RPC echo load: our RPCChannel and HttpServer beside gRPC C++, 1 and 64 calls
+# in flight on one channel (bench/rpc_bench.cc does the work and the pinning).
+#
+# Usage: bench/rpc_bench.sh BUILD_DIR
+# Environment: RPC_BENCH_SECONDS (default 2, per round), RPC_BENCH_WARMUP
+# (default 0.5), RPC_BENCH_ROUNDS (default 3).
+set -euo pipefail
+
+build=${1:?usage: rpc_bench.sh BUILD_DIR}
+exe="$build/bench/rpc_bench"
+[[ -x "$exe" ]] || { echo "rpc_bench: $exe not built" >&2; exit 1; }
+exec "$exe" --seconds "${RPC_BENCH_SECONDS:-2}" --warmup "${RPC_BENCH_WARMUP:-0.5}" \
+  --rounds "${RPC_BENCH_ROUNDS:-3}"
