@@ -220,11 +220,11 @@ class EventThread {
   }
 
   Mutex mutex_;
-  std::vector<Entry> queue_ GUARDED_BY(mutex_);
-  bool wake_pending_ GUARDED_BY(mutex_) = false;
-  State state_ GUARDED_BY(mutex_) = kRunning;
-  std::vector<std::function<void()>> stop_hooks_ GUARDED_BY(mutex_);
-  std::vector<std::function<void()>> parked_ GUARDED_BY(mutex_);
+  std::vector<Entry> queue_ VANTU_GUARDED_BY(mutex_);
+  bool wake_pending_ VANTU_GUARDED_BY(mutex_) = false;
+  State state_ VANTU_GUARDED_BY(mutex_) = kRunning;
+  std::vector<std::function<void()>> stop_hooks_ VANTU_GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> parked_ VANTU_GUARDED_BY(mutex_);
 
   // Constant after construction.
   struct event_base* base_ = nullptr;
@@ -232,7 +232,7 @@ class EventThread {
 
   // Activated under mutex_ whenever the queue gets work; freed under it when
   // the loop stops.
-  struct event* wake_ GUARDED_BY(mutex_) = nullptr;
+  struct event* wake_ VANTU_GUARDED_BY(mutex_) = nullptr;
 
   // Event thread only.
   std::vector<Entry> running_;

@@ -10,7 +10,7 @@ namespace vantu {
 
 // A mutual-exclusion lock. Recursive when constructed with kRecursive: the
 // owning thread may lock it again, and must unlock it as often.
-class CAPABILITY("mutex") Mutex {
+class VANTU_CAPABILITY("mutex") Mutex {
  public:
   enum Kind { kPlain, kRecursive };
   explicit Mutex(Kind kind = kPlain);
@@ -18,8 +18,8 @@ class CAPABILITY("mutex") Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() ACQUIRE();
-  void unlock() RELEASE();
+  void lock() VANTU_ACQUIRE();
+  void unlock() VANTU_RELEASE();
 
  private:
   friend class ConditionVariable;
@@ -27,10 +27,10 @@ class CAPABILITY("mutex") Mutex {
 };
 
 // Holds a Mutex for the life of a scope.
-class SCOPED_CAPABILITY MutexLock {
+class VANTU_SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~MutexLock() RELEASE() { mutex_.unlock(); }
+  explicit MutexLock(Mutex& mutex) VANTU_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexLock() VANTU_RELEASE() { mutex_.unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
@@ -47,10 +47,10 @@ class ConditionVariable {
   ConditionVariable& operator=(const ConditionVariable&) = delete;
 
   // Releases `mutex` while blocked; returns with it held. May wake spuriously.
-  void wait(Mutex& mutex) REQUIRES(mutex);
+  void wait(Mutex& mutex) VANTU_REQUIRES(mutex);
   // As wait, but gives up at `deadline` (Time::now's clock). Returns false when
   // the deadline passed, true when woken (possibly spuriously).
-  bool timedWaitAbsolute(Mutex& mutex, const Time& deadline) REQUIRES(mutex);
+  bool timedWaitAbsolute(Mutex& mutex, const Time& deadline) VANTU_REQUIRES(mutex);
   void notifyOne();
   void notifyAll();
 

@@ -8,14 +8,14 @@
 #define VANTU_THREAD_ANNOTATION(x)
 #endif
 
-#define CAPABILITY(x) VANTU_THREAD_ANNOTATION(capability(x))
-#define SCOPED_CAPABILITY VANTU_THREAD_ANNOTATION(scoped_lockable)
-#define GUARDED_BY(x) VANTU_THREAD_ANNOTATION(guarded_by(x))
-#define PT_GUARDED_BY(x) VANTU_THREAD_ANNOTATION(pt_guarded_by(x))
-#define REQUIRES(...) VANTU_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define ACQUIRE(...) VANTU_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define RELEASE(...) VANTU_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define EXCLUDES(...) VANTU_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define NO_THREAD_SAFETY_ANALYSIS VANTU_THREAD_ANNOTATION(no_thread_safety_analysis)
+#define VANTU_CAPABILITY(x) VANTU_THREAD_ANNOTATION(capability(x))
+#define VANTU_SCOPED_CAPABILITY VANTU_THREAD_ANNOTATION(scoped_lockable)
+#define VANTU_GUARDED_BY(x) VANTU_THREAD_ANNOTATION(guarded_by(x))
+#define VANTU_PT_GUARDED_BY(x) VANTU_THREAD_ANNOTATION(pt_guarded_by(x))
+#define VANTU_REQUIRES(...) VANTU_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define VANTU_ACQUIRE(...) VANTU_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define VANTU_RELEASE(...) VANTU_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define VANTU_EXCLUDES(...) VANTU_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define VANTU_NO_THREAD_SAFETY_ANALYSIS VANTU_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 #endif  // COMMON_THREAD_ANNOTATIONS_H_

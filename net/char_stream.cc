@@ -40,14 +40,14 @@ void PushStreamSink::close() {
 struct PushStreamSource::Pending {
   // Recursive: a SendGuard holds it around pushes that take it again.
   Mutex mutex{Mutex::kRecursive};
-  PushStreamSource* source GUARDED_BY(mutex);
-  std::string bytes GUARDED_BY(mutex);
-  bool close GUARDED_BY(mutex) = false;
-  bool hand_over_scheduled GUARDED_BY(mutex) = false;
+  PushStreamSource* source VANTU_GUARDED_BY(mutex);
+  std::string bytes VANTU_GUARDED_BY(mutex);
+  bool close VANTU_GUARDED_BY(mutex) = false;
+  bool hand_over_scheduled VANTU_GUARDED_BY(mutex) = false;
 
   explicit Pending(PushStreamSource* owner) : source(owner) {}
 
-  void scheduleHandOver(const std::shared_ptr<Pending>& self) REQUIRES(mutex) {
+  void scheduleHandOver(const std::shared_ptr<Pending>& self) VANTU_REQUIRES(mutex) {
     if (hand_over_scheduled) return;
     hand_over_scheduled = true;
     defer([self] { self->handOver(); });
@@ -60,7 +60,7 @@ struct PushStreamSource::Pending {
 
   // Event thread. The lock stays held while the sink takes the bytes: it is
   // what keeps the source alive meanwhile, and a sink never calls back.
-  void handOverLocked() REQUIRES(mutex) {
+  void handOverLocked() VANTU_REQUIRES(mutex) {
     hand_over_scheduled = false;
     std::string out;
     out.swap(bytes);

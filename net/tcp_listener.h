@@ -54,7 +54,7 @@ class TcpListener {
   const int backlog_;
 
   mutable Mutex mutex_;
-  SocketAddress local_address_ GUARDED_BY(mutex_);
+  SocketAddress local_address_ VANTU_GUARDED_BY(mutex_);
 
   // Event thread only.
   struct evconnlistener* listener_ = nullptr;

@@ -270,7 +270,9 @@ std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStrea
                                                           char_stream::PullStreamTraits>>
 HttpServer::newConnection() {
   std::weak_ptr<HttpServerImpl> impl = impl_;
-  std::shared_ptr<HttpConnectionHandler> handler = std::make_shared<HttpConnectionHandler>(impl);
+  // Not make_shared: pending RPCs hold the connection weakly, and a shared
+  // allocation would keep a closed connection's memory until they finish.
+  std::shared_ptr<HttpConnectionHandler> handler(new HttpConnectionHandler(impl));
   handler->weak_this_ = handler;
   return handler;
 }

@@ -106,8 +106,9 @@ class HttpServerImpl {
   // Guards handlers_ and services_ only; never held while application code
   // runs or anything is sent.
   Mutex mutex_;
-  std::vector<std::shared_ptr<Handler>> handlers_ GUARDED_BY(mutex_);
-  std::map<std::string, std::shared_ptr<google::protobuf::Service>> services_ GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<Handler>> handlers_ VANTU_GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<google::protobuf::Service>> services_
+      VANTU_GUARDED_BY(mutex_);
 
   // Constant after construction.
   std::unique_ptr<google::protobuf::util::TypeResolver> type_resolver_;

@@ -98,20 +98,22 @@ void RPC::StartCancel() {
 }
 
 void RPC::NotifyOnCancel(google::protobuf::Closure* callback) {
-  mutex_.lock();
-  if (canceled_) {
-    mutex_.unlock();
-    callback->Run();
-    return;
+  {
+    MutexLock lock(mutex_);
+    if (!canceled_) {
+      if (cancel_callback_) {
+        VANTU_LOG_AT(1, "check", kSourceFile,
+                     "virtual void vantu::relay::RPC::NotifyOnCancel(google::protobuf::Closure*)",
+                     116)
+            << "Check failed !cancel_callback_.get() "
+            << "NotifyOnCancel must be called no more than once per request.";
+      }
+      cancel_callback_.reset(callback);  // the older one, if any, is deleted unrun
+      return;
+    }
   }
-  if (cancel_callback_) {
-    VANTU_LOG_AT(1, "check", kSourceFile,
-                 "virtual void vantu::relay::RPC::NotifyOnCancel(google::protobuf::Closure*)", 116)
-        << "Check failed !cancel_callback_.get() "
-        << "NotifyOnCancel must be called no more than once per request.";
-  }
-  cancel_callback_.reset(callback);
-  mutex_.unlock();
+  // Already canceled: run at once, on this thread, outside the mutex.
+  callback->Run();
 }
 
 void RPC::wait() {
@@ -120,19 +122,18 @@ void RPC::wait() {
 }
 
 bool RPC::timedWaitAbsolute(const Time& deadline) {
-  mutex_.lock();
-  for (;;) {
-    if (done_) {
-      mutex_.unlock();
-      return true;
+  {
+    MutexLock lock(mutex_);
+    for (;;) {
+      // Completion is tested before the clock: a completed call wins even
+      // against a deadline in the past.
+      if (done_) return true;
+      if (deadline <= Time::now()) break;
+      cond_.timedWaitAbsolute(mutex_, deadline);
     }
-    if (deadline <= Time::now()) {
-      mutex_.unlock();
-      StartCancel();
-      return false;
-    }
-    cond_.timedWaitAbsolute(mutex_, deadline);
   }
+  StartCancel();  // through the virtual table, so an override runs
+  return false;
 }
 
 bool RPC::timedWaitRelative(const Duration& timeout) {

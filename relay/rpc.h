@@ -60,15 +60,15 @@ class RPC : public google::protobuf::RpcController {
   void setDone();
 
  private:
-  void setDoneInternal() REQUIRES(mutex_);
+  void setDoneInternal() VANTU_REQUIRES(mutex_);
 
-  bool done_ GUARDED_BY(mutex_) = false;
-  bool failed_ GUARDED_BY(mutex_) = false;
-  bool canceled_ GUARDED_BY(mutex_) = false;
-  std::string error_text_ GUARDED_BY(mutex_);
+  bool done_ VANTU_GUARDED_BY(mutex_) = false;
+  bool failed_ VANTU_GUARDED_BY(mutex_) = false;
+  bool canceled_ VANTU_GUARDED_BY(mutex_) = false;
+  std::string error_text_ VANTU_GUARDED_BY(mutex_);
   mutable Mutex mutex_;
   ConditionVariable cond_;
-  std::unique_ptr<google::protobuf::Closure> cancel_callback_ GUARDED_BY(mutex_);
+  std::unique_ptr<google::protobuf::Closure> cancel_callback_ VANTU_GUARDED_BY(mutex_);
 };
 
 class RPCChannel;
@@ -81,7 +81,8 @@ using RPCChannelPtr = std::shared_ptr<RPCChannel>;
 // Made by create(); the last RPCChannelPtr may be dropped on any thread, and
 // destroying the channel completes every pending call with "Canceled".
 // CallMethod may be called from any thread, also from several at once and from
-// inside a done closure. A call completes through its controller, which must be
+// inside a done closure (except one run because the channel is being
+// destroyed: the channel is gone by then). A call completes through its controller, which must be
 // an RPC, and its done closure, if any; done closures run on the event thread
 // (or on the thread that cancels) with the channel's mutex held.
 class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
@@ -132,14 +133,14 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
 
     // Last id handed out; guarded by mutex_ so that several threads may issue
     // calls at once.
-    uint32_t next_id_ GUARDED_BY(mutex_) = 0;
+    uint32_t next_id_ VANTU_GUARDED_BY(mutex_) = 0;
     // Event thread only.
     HttpResponseParser parser_;
     // Recursive, so that a done closure may issue the next call on the same
     // channel. Guards the pending calls and everything done while one is
     // written, completed or canceled.
     Mutex mutex_{Mutex::kRecursive};
-    std::map<unsigned, PendingRequest> pending_ GUARDED_BY(mutex_);
+    std::map<unsigned, PendingRequest> pending_ VANTU_GUARDED_BY(mutex_);
   };
 
   // A channel connected to `address`, or an empty pointer when no connection
