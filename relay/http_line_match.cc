@@ -1,6 +1,7 @@
 #include "relay/http_line_match.h"
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
 
 namespace vantu {
@@ -49,7 +50,7 @@ bool matchStatusLine(const std::string& line, int* code, std::string* reason) {
     return false;
   }
   size_t i = 9;
-  long value = 0;
+  int64_t value = 0;
   bool overflow = false;
   while (i < size && data[i] >= '0' && data[i] <= '9') {
     if (!overflow) {

@@ -25,10 +25,10 @@ class LineEndFinder {
 
   // The first CR or LF in [from, end), or end.
   const char* next(const char* from) {
-    if (next_cr_ < from) next_cr_ = find(from, end_, '\r');
+    if (next_cr_ == nullptr || next_cr_ < from) next_cr_ = find(from, end_, '\r');
     // Only an LF before the next CR matters; when there is none, next_lf_
     // rests on that CR until the scan passes it.
-    if (next_lf_ < from) next_lf_ = find(from, next_cr_, '\n');
+    if (next_lf_ == nullptr || next_lf_ < from) next_lf_ = find(from, next_cr_, '\n');
     return std::min(next_cr_, next_lf_);
   }
 
@@ -47,11 +47,14 @@ class LineEndFinder {
 // requests of a connection mostly repeat their URL (RPCs always post to "/" on
 // the same host), so the last one built on this thread is kept.
 const GURL& makeUrl(const std::string& text) {
+  // Long URLs are not kept, so that one of them cannot pin its memory.
+  constexpr size_t kLongestKept = 2048;
   thread_local std::string last_text;
   thread_local GURL last_url;
-  if (text != last_text || last_text.empty()) {
+  if (text.empty() || text.size() > kLongestKept || text != last_text) {
+    last_text.clear();  // should what follows throw, nothing stale is kept
     last_url = GURL(text);
-    last_text = text;
+    if (text.size() <= kLongestKept) last_text = text;
   }
   return last_url;
 }
@@ -60,7 +63,6 @@ const GURL& makeUrl(const std::string& text) {
 template <typename Message>
 void adoptAll(const std::vector<HttpMessage*>& messages,
               std::vector<std::shared_ptr<Message>>* out) {
-  out->reserve(out->size() + messages.size());
   for (HttpMessage* message : messages) {
     out->push_back(std::shared_ptr<Message>(static_cast<Message*>(message)));
   }
@@ -97,8 +99,12 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
       buffer_.append(line_start, end - line_start);
       return true;
     }
-    if (!processLine(line_start, line_end - line_start)) return false;
     scan = line_end + 1;
+    if (!processLine(line_start, line_end - line_start)) {
+      // Even a rejected line's CR may have its LF in the next chunk.
+      skip_line_feed_ = *line_end == '\r' && scan == end;
+      return false;
+    }
     if (*line_end == '\r') {
       if (scan == end) {
         skip_line_feed_ = true;
@@ -122,7 +128,14 @@ bool HttpMessageParser::processLine(const char* data, size_t length) {
   } else {
     accepted = false;
   }
-  buffer_.clear();
+  // An exceptionally long line must not pin its memory for the life of the
+  // connection.
+  constexpr size_t kCapacityKept = 4096;
+  if (buffer_.capacity() > kCapacityKept) {
+    std::string().swap(buffer_);
+  } else {
+    buffer_.clear();
+  }
   return accepted;
 }
 

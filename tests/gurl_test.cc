@@ -18,7 +18,8 @@ namespace {
 TEST(GurlTest, ValidityAndCanonicalForm) {
   struct Case {
     std::string input;
-    const char* spec;  // nullptr: invalid
+    const char* spec;                         // nullptr: invalid
+    const char* kept_when_invalid = nullptr;  // an invalid URL's parsed form, else the input
   } cases[] = {
       {"http://example.com/a", "http://example.com/a"},
       {"HTTP://Example.COM/A/b", "http://example.com/A/b"},
@@ -53,16 +54,22 @@ TEST(GurlTest, ValidityAndCanonicalForm) {
       {"/rpc", nullptr},
       {"rpc", nullptr},
       {"a b", nullptr},
-      {"http:/a", nullptr},
-      {"http://", nullptr},
-      {"https:///a", nullptr},
+      // Without a host, http(s) URLs are invalid but keep their parts.
+      {"http:/a", nullptr, "http:/a"},
+      {"http://", nullptr, "http:///"},
+      {"https:///a?x=1", nullptr, "https:///a?x=1"},
       {"http://h:65536/", nullptr},
+      {"http://h:80%41/", nullptr},  // not a port, and no path after it
       {"http://h:99999999999999999999/", nullptr},
-      {"http://h/a b", nullptr},
-      {"http://h/%zz", nullptr},
-      {"http://h/%4", nullptr},
-      {"http://h/\x01", nullptr},
-      {std::string("http://h/a\0b", 12), nullptr},
+      // What RFC 3986 forbids but clients send is escaped, not refused.
+      {"http://h/a b", "http://h/a%20b"},
+      {"http://h/%zz", "http://h/%25zz"},
+      {"http://h/%4", "http://h/%254"},
+      {"http://h/100%", "http://h/100%25"},
+      {"http://h/\x01", "http://h/%01"},
+      {std::string("http://h/a\0b", 12), "http://h/a%00b"},
+      {"http://h/a|b?q={x}&r=\"^`\\[]", "http://h/a%7Cb?q=%7Bx%7D&r=%22%5E%60%5C%5B%5D"},
+      {"http://h/\xc3\xa9", "http://h/%C3%A9"},
       {" http://h/", nullptr},
       {"1http://h/", nullptr},
   };
@@ -71,7 +78,8 @@ TEST(GurlTest, ValidityAndCanonicalForm) {
     GURL url(c.input);
     EXPECT_EQ(c.spec != nullptr, url.is_valid());
     EXPECT_EQ(c.spec ? c.spec : "", url.spec());
-    EXPECT_EQ(c.spec ? c.spec : c.input, url.possibly_invalid_spec());
+    EXPECT_EQ(c.spec ? c.spec : (c.kept_when_invalid ? c.kept_when_invalid : c.input),
+              url.possibly_invalid_spec());
     EXPECT_EQ(c.input.empty(), url.is_empty());
     std::ostringstream streamed;
     streamed << url;
@@ -96,7 +104,9 @@ TEST(GurlTest, ComponentsPointIntoTheCanonicalForm) {
       {"https://u:p@h/?#", "https", "h", -1, true, "/", true, ""},
       {"http://h/a#?x", "http", "h", -1, true, "/a", false, ""},
       {"/a?x=1", "", "", -1, false, "", false, ""},
-      {"http://h/%zz?x=1", "", "", -1, false, "", false, ""},
+      {"http://h/%zz?x=1", "http", "h", -1, true, "/%25zz", true, "x=1"},
+      // Invalid (no host), yet its parts are there for whoever wants them.
+      {"http:///a?x=1", "http", "", -1, true, "/a", true, "x=1"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.input);
@@ -113,8 +123,8 @@ TEST(GurlTest, ComponentsPointIntoTheCanonicalForm) {
       const url_parse::Component& query = u->parsed_for_possibly_invalid_spec().query;
       EXPECT_EQ(c.has_query, query.is_valid());
       if (query.is_valid()) {
-        EXPECT_EQ('?', u->spec()[query.begin - 1]);
-        EXPECT_EQ(c.query, u->spec().substr(query.begin, query.len));
+        EXPECT_EQ('?', u->possibly_invalid_spec()[query.begin - 1]);
+        EXPECT_EQ(c.query, u->possibly_invalid_spec().substr(query.begin, query.len));
       }
     }
   }

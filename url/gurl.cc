@@ -87,11 +87,58 @@ void appendWithoutDotSegments(string_view path, std::string* out) {
   out->append(result);
 }
 
+inline bool isHex(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// Bytes that may stand nowhere in a URI: controls, blank, non-ASCII and
+// " < > \ ^ ` { | }. Browsers and HTTP clients send them anyway.
+inline bool neverAllowed(unsigned char c) {
+  return c <= 0x20 || c >= 0x7f || c == '"' || c == '<' || c == '>' || c == '\\' || c == '^' ||
+         c == '`' || c == '{' || c == '|' || c == '}';
+}
+
+// Percent-escapes what RFC 3986 forbids so that such URLs are read as clients
+// mean them: the bytes above, a "%" that starts no escape (as "%25"), and "["
+// or "]" outside the authority. The scheme is left alone: a bad one stays bad.
+std::string escapeForParsing(const std::string& text) {
+  static const char kHex[] = "0123456789ABCDEF";
+  const size_t colon = text.find(':');
+  if (colon == std::string::npos) return text;
+  size_t authority_end = colon + 1;
+  if (text.compare(colon + 1, 2, "//") == 0) {
+    authority_end = text.find_first_of("/?#", colon + 3);
+    if (authority_end == std::string::npos) authority_end = text.size();
+  }
+  std::string out;
+  out.reserve(text.size() + 16);
+  out.append(text, 0, colon + 1);
+  for (size_t i = colon + 1; i < text.size(); ++i) {
+    const unsigned char c = text[i];
+    const bool stray_percent =
+        c == '%' && !(i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2]));
+    const bool bracket = (c == '[' || c == ']') && i >= authority_end;
+    if (neverAllowed(c) || stray_percent || bracket) {
+      out.push_back('%');
+      out.push_back(kHex[c >> 4]);
+      out.push_back(kHex[c & 15]);
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
+enum class Verdict { kUnparsable, kParsedInvalid, kValid };
+
 // Writes the canonical form of `text` to `*out` and its components to
-// `*parsed`. Returns false when `text` is not a valid URL.
-bool canonicalize(const std::string& text, std::string* out, url_parse::Parsed* parsed) {
+// `*parsed`. An http(s) URL without a host is kept with its components but is
+// not valid.
+Verdict canonicalize(const std::string& input, std::string* out, url_parse::Parsed* parsed) {
+  const std::string text = escapeForParsing(input);
+  if (text.size() > kMaxInputLength) return Verdict::kUnparsable;
   auto result = boost::urls::parse_uri(text);
-  if (!result) return false;
+  if (!result) return Verdict::kUnparsable;
   const boost::urls::url_view& url = *result;
   out->reserve(text.size() + 2);
 
@@ -100,7 +147,7 @@ bool canonicalize(const std::string& text, std::string* out, url_parse::Parsed* 
   out->push_back(':');
 
   const bool needs_host = scheme == "http" || scheme == "https";
-  if (needs_host && (!url.has_authority() || url.encoded_host().empty())) return false;
+  const bool valid = !(needs_host && (!url.has_authority() || url.encoded_host().empty()));
 
   if (url.has_authority()) {
     out->append("//");
@@ -115,7 +162,7 @@ bool canonicalize(const std::string& text, std::string* out, url_parse::Parsed* 
     parsed->host = appendLowerCase(url.encoded_host(), out);
     if (url.has_port() && !url.port().empty()) {
       int port = 0;
-      if (!parsePort(url.port(), &port)) return false;
+      if (!parsePort(url.port(), &port)) return Verdict::kUnparsable;
       if (port != defaultPort(scheme)) {
         out->push_back(':');
         parsed->port = appendComponent(std::to_string(port), out);
@@ -124,6 +171,10 @@ bool canonicalize(const std::string& text, std::string* out, url_parse::Parsed* 
   }
 
   const string_view path = url.encoded_path();
+  // After an authority the path must be empty or start with "/". Boost.URL
+  // 1.81 lets "http://h:80%41/" through with the path "%41/", which would
+  // read back as part of the host.
+  if (url.has_authority() && !path.empty() && path[0] != '/') return Verdict::kUnparsable;
   const int path_begin = static_cast<int>(out->size());
   if (path.empty() && url.has_authority()) {
     out->push_back('/');
@@ -147,7 +198,7 @@ bool canonicalize(const std::string& text, std::string* out, url_parse::Parsed* 
     out->push_back('#');
     parsed->ref = appendComponent(url.encoded_fragment(), out);
   }
-  return true;
+  return valid ? Verdict::kValid : Verdict::kParsedInvalid;
 }
 
 }  // namespace
@@ -160,10 +211,11 @@ GURL::GURL(const std::string& url_string) {
     if (url_string.size() > kMaxInputLength) return;
     std::string canonical;
     url_parse::Parsed parsed;
-    if (!canonicalize(url_string, &canonical, &parsed)) return;
+    const Verdict verdict = canonicalize(url_string, &canonical, &parsed);
+    if (verdict == Verdict::kUnparsable) return;
     spec_.swap(canonical);
     parsed_ = parsed;
-    is_valid_ = true;
+    is_valid_ = verdict == Verdict::kValid;
   } catch (const std::exception&) {
     // Only running out of memory gets here; the URL stays invalid. Boost.URL
     // itself reports bad text through its result, not by throwing.
