@@ -30,7 +30,12 @@ class LoopbackClient {
     setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
     int one = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    int result;
+    do {
+      result = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    } while (result != 0 && errno == EINTR);
+    connected_ = result == 0;
+    last_error_ = connected_ ? 0 : errno;
   }
   ~LoopbackClient() { close(); }
   LoopbackClient(const LoopbackClient&) = delete;
@@ -42,6 +47,7 @@ class LoopbackClient {
     size_t sent = 0;
     while (sent < bytes.size()) {
       ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
       if (n <= 0) return false;
       sent += n;
     }
@@ -55,6 +61,7 @@ class LoopbackClient {
     while (bytes.size() < size) {
       char buffer[65536];
       ssize_t n = ::recv(fd_, buffer, std::min(sizeof(buffer), size - bytes.size()), 0);
+      if (n < 0 && errno == EINTR) continue;  // a signal, e.g. a fuzzer's timer
       if (n <= 0) break;
       bytes.append(buffer, n);
     }
@@ -67,11 +74,17 @@ class LoopbackClient {
     std::string bytes;
     char buffer[65536];
     ssize_t n;
-    while ((n = ::recv(fd_, buffer, sizeof(buffer), 0)) > 0) bytes.append(buffer, n);
+    while ((n = ::recv(fd_, buffer, sizeof(buffer), 0)) > 0 || (n < 0 && errno == EINTR)) {
+      if (n > 0) bytes.append(buffer, n);
+    }
     peer_closed_ = n == 0;
+    last_error_ = n < 0 ? errno : 0;
     return bytes;
   }
   bool peerClosed() const { return peer_closed_; }
+  // The errno of a failed connect, or of the read that ended readToEnd; 0
+  // when it connected, or when the peer closed.
+  int lastError() const { return last_error_; }
 
   void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
 
@@ -91,6 +104,7 @@ class LoopbackClient {
   int fd_ = -1;
   bool connected_ = false;
   bool peer_closed_ = false;
+  int last_error_ = 0;
 };
 
 }  // namespace testing
