@@ -15,24 +15,23 @@
 #include <cstring>
 #include <string>
 
+#include "common/socket_address.h"
+
 namespace vantu {
 namespace testing {
 
 class LoopbackClient {
  public:
-  explicit LoopbackClient(uint16_t port) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  explicit LoopbackClient(uint16_t port) : LoopbackClient(SocketAddress("127.0.0.1", port)) {}
+  explicit LoopbackClient(const SocketAddress& address) {
+    fd_ = socket(address.sockaddr()->sa_family, SOCK_STREAM, 0);
     timeval guard{30, 0};
     setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
     int one = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     int result;
     do {
-      result = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+      result = connect(fd_, address.sockaddr(), address.length());
     } while (result != 0 && errno == EINTR);
     connected_ = result == 0;
     last_error_ = connected_ ? 0 : errno;
@@ -85,6 +84,16 @@ class LoopbackClient {
   // The errno of a failed connect, or of the read that ended readToEnd; 0
   // when it connected, or when the peer closed.
   int lastError() const { return last_error_; }
+
+  // True when the peer has closed: the next read finds the end of the stream.
+  bool atEof() {
+    char byte;
+    ssize_t n;
+    do {
+      n = ::recv(fd_, &byte, 1, 0);
+    } while (n < 0 && errno == EINTR);
+    return n == 0;
+  }
 
   void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
 

@@ -20,6 +20,7 @@
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
 #include "net/tcp_socket.h"
+#include "tests/loopback_client.h"
 
 namespace vantu {
 namespace relay {
@@ -35,64 +36,7 @@ std::string pattern(size_t size) {
   return bytes;
 }
 
-// A blocking loopback client speaking raw bytes.
-class Client {
- public:
-  explicit Client(const SocketAddress& address) {
-    fd_ = ::socket(address.sockaddr()->sa_family, SOCK_STREAM, 0);
-    if (::connect(fd_, address.sockaddr(), address.length()) != 0) {
-      ::close(fd_);
-      fd_ = -1;
-    }
-  }
-  ~Client() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  bool connected() const { return fd_ >= 0; }
-
-  void write(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-      ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n <= 0) return;
-      done += static_cast<size_t>(n);
-    }
-  }
-  // Up to `size` bytes: fewer only at end of stream or when nothing came for
-  // kPatienceMs.
-  std::string read(size_t size) {
-    std::string result;
-    char buffer[65536];
-    while (result.size() < size) {
-      pollfd p = {fd_, POLLIN, 0};
-      if (::poll(&p, 1, kPatienceMs) <= 0) break;
-      ssize_t n = ::recv(fd_, buffer, std::min(sizeof(buffer), size - result.size()), 0);
-      if (n <= 0) {
-        eof_ = n == 0;
-        break;
-      }
-      result.append(buffer, static_cast<size_t>(n));
-    }
-    return result;
-  }
-  // True when the server closed its side: nothing more arrives.
-  bool atEof() {
-    if (!eof_) read(1);
-    return eof_;
-  }
-  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
-  // Vanishes: the kernel answers with a reset, whatever is still in flight.
-  void reset() {
-    linger abort = {1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-    ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_ = -1;
-  bool eof_ = false;
-};
+using Client = vantu::testing::LoopbackClient;
 
 // What the server-side handlers saw, shared with the test thread. The fields
 // are guarded by mutex (not annotated: they are read inside lambdas that the
@@ -371,7 +315,7 @@ TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
       MutexLock lock(echo.recorder->mutex);
       kept = echo.recorder->handlers[0].lock();
     }
-    client.reset();
+    client.abort();
     // The failed read or write tells the handler, and then the connection
     // lets go of it: only our reference keeps it.
     EXPECT_TRUE(echo.recorder->waitFor([&] { return echo.recorder->output_ends == 1; }));
