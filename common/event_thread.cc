@@ -119,6 +119,9 @@ class EventThread {
       MutexLock lock(mutex_);
       if (state_ != kRunning) return;
       state_ = kStopping;
+      // Woken in the same critical section: once kStopping is visible, a
+      // batch already under way may stop the loop and free wake_ at once.
+      if (!on_event_thread) event_active(wake_, EV_READ, 1);
     }
     if (on_event_thread) {
       // exit() was called from a callback: drain here; the loop is on our
@@ -126,10 +129,6 @@ class EventThread {
       drainAndStop();
       thread_.detach();
       return;
-    }
-    {
-      MutexLock lock(mutex_);
-      event_active(wake_, EV_READ, 1);
     }
     thread_.join();
     event_base_free(base_);
