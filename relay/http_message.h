@@ -75,6 +75,8 @@ class HttpRequest : public HttpMessage {
   std::multimap<std::string, std::string> query_components;
   // The request-target exactly as it stood in the request line.
   std::string uri;
+  // The minor version of the request line's "HTTP/1.x": 0 or 1.
+  int minor_version = 1;
 };
 
 // A response: built by the server for each request, or filled by the client's

@@ -68,7 +68,43 @@ void adoptAll(const std::vector<HttpMessage*>& messages,
   }
 }
 
+// Splits the url's query, when it has one (a "?" was there, even with nothing
+// after it), into unescaped key/value pairs.
+void fillQueryComponents(HttpRequest* request) {
+  if (!request->url.has_query()) return;
+  const std::string& spec = request->url.possibly_invalid_spec();
+  url_parse::Component query = request->url.parsed_for_possibly_invalid_spec().query;
+  url_parse::Component key;
+  url_parse::Component value;
+  while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
+    std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : std::string();
+    std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : std::string();
+    urlUnescape(&key_text);
+    urlUnescape(&value_text);
+    request->query_components.emplace(std::move(key_text), std::move(value_text));
+  }
+}
+
 }  // namespace
+
+bool resolveAbsoluteTarget(HttpRequest* request) {
+  // A target that starts with "/" has no scheme and so can never be an
+  // absolute URL.
+  if (!request->uri.empty() && request->uri[0] == '/') return false;
+  const GURL& url = makeUrl(request->uri);
+  if (!url.is_valid()) return false;
+  request->url = url;
+  fillQueryComponents(request);
+  return true;
+}
+
+void resolveUrlFromHost(HttpRequest* request, const std::string& host) {
+  std::string absolute;
+  absolute.reserve(7 + host.size() + request->uri.size());
+  absolute.append("http://").append(host).append(request->uri);
+  request->url = makeUrl(absolute);
+  fillQueryComponents(request);
+}
 
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
   if (!message_) message_.reset(createNewMessage());
@@ -176,6 +212,7 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
   std::string method_name;
   HttpRequest* request = this->request();
   if (!matchRequestLine(line, &method_name, &request->uri)) return false;
+  request->minor_version = line.back() - '0';
   request->method = httpMethodFromName(method_name);
   if (request->method == kHttpUnknown) {
     VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << method_name;
@@ -189,29 +226,8 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
 
 void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
-  // A target that starts with "/" has no scheme and so can never be an
-  // absolute URL: skip straight to building one from the Host header.
-  if (request->uri.empty() || request->uri[0] != '/') request->url = makeUrl(request->uri);
-  if (!request->url.is_valid()) {
-    // Inserts an empty Host when the request has none.
-    const std::string& host = request->headers["Host"];
-    std::string absolute;
-    absolute.reserve(7 + host.size() + request->uri.size());
-    absolute.append("http://").append(host).append(request->uri);
-    request->url = makeUrl(absolute);
-  }
-  if (!request->url.has_query()) return;
-  const std::string& spec = request->url.possibly_invalid_spec();
-  url_parse::Component query = request->url.parsed_for_possibly_invalid_spec().query;
-  url_parse::Component key;
-  url_parse::Component value;
-  while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
-    std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : std::string();
-    std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : std::string();
-    urlUnescape(&key_text);
-    urlUnescape(&value_text);
-    request->query_components.emplace(std::move(key_text), std::move(value_text));
-  }
+  // Inserts an empty Host when the request has none.
+  if (!resolveAbsoluteTarget(request)) resolveUrlFromHost(request, request->headers["Host"]);
 }
 
 bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {

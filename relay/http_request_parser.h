@@ -1,6 +1,8 @@
 #ifndef RELAY_HTTP_REQUEST_PARSER_H_
 #define RELAY_HTTP_REQUEST_PARSER_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +11,25 @@
 
 namespace vantu {
 namespace relay {
+
+// Limits a server may put on the requests it reads; 0 means no limit, which is
+// what a parser has unless told otherwise.
+struct RequestLimits {
+  // The request line and the header lines of one request, line ends included.
+  size_t max_header_bytes = 0;
+  // The body of one request.
+  uint64_t max_body_bytes = 0;
+};
+
+// The two ways a request whose head is complete gets its url (and with it its
+// query components, split from the url's query).
+//
+// When the request-target is itself a valid absolute URL, it becomes the url
+// and the result is true; otherwise nothing changes and the result is false.
+bool resolveAbsoluteTarget(HttpRequest* request);
+// Sets the url to the one built from "http://", `host` and the target, valid
+// or not.
+void resolveUrlFromHost(HttpRequest* request, const std::string& host);
 
 // Turns a byte stream that arrives in chunks of any size into complete HTTP
 // messages: lines ended by CR LF, a lone LF or a lone CR, header lines, the

@@ -152,6 +152,13 @@ void HttpServerImpl::registerRPCService(const std::shared_ptr<google::protobuf::
   services_[name] = service;
 }
 
+std::vector<const google::protobuf::ServiceDescriptor*> HttpServerImpl::serviceDescriptors() const {
+  std::vector<const google::protobuf::ServiceDescriptor*> descriptors;
+  MutexLock lock(mutex_);
+  for (const auto& entry : services_) descriptors.push_back(entry.second->GetDescriptor());
+  return descriptors;
+}
+
 void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpResponsePtr& response,
                                 HttpConnectionHandlerWeakPtr connection) {
   auto header = [&request](const std::string& name) -> std::string {
@@ -264,6 +271,10 @@ void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler ha
 
 void HttpServer::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {
   impl_->registerRPCService(service);
+}
+
+std::vector<const google::protobuf::ServiceDescriptor*> HttpServer::serviceDescriptors() const {
+  return impl_->serviceDescriptors();
 }
 
 std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,

@@ -90,6 +90,9 @@ class HttpServerImpl {
   // that name. Any thread.
   void registerRPCService(const std::shared_ptr<google::protobuf::Service>& service);
 
+  // The descriptors of the services registered now, in name order. Any thread.
+  std::vector<const google::protobuf::ServiceDescriptor*> serviceDescriptors() const;
+
   // Starts one RPC; answers at once when the service, the method or the body
   // is wrong. Event thread.
   void handleRPCs(const HttpRequestPtr& request, const HttpResponsePtr& response,
@@ -105,7 +108,7 @@ class HttpServerImpl {
 
   // Guards handlers_ and services_ only; never held while application code
   // runs or anything is sent.
-  Mutex mutex_;
+  mutable Mutex mutex_;
   std::vector<std::shared_ptr<Handler>> handlers_ VANTU_GUARDED_BY(mutex_);
   std::map<std::string, std::shared_ptr<google::protobuf::Service>> services_
       VANTU_GUARDED_BY(mutex_);
@@ -134,6 +137,8 @@ class HttpServer : public TcpServer {
 
   void registerHandler(const std::string& regex, HttpRequestHandler handler);
   void registerRPCService(const std::shared_ptr<google::protobuf::Service>& service);
+  // The descriptors of the services registered now, in name order.
+  std::vector<const google::protobuf::ServiceDescriptor*> serviceDescriptors() const;
 
   // The connection factory: one handler per accepted connection.
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,

@@ -1,0 +1,102 @@
+#ifndef RELAY_STRICT_FRAMING_H_
+#define RELAY_STRICT_FRAMING_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "relay/http_message.h"
+#include "relay/http_request_parser.h"
+
+namespace vantu {
+namespace relay {
+
+// Reads requests the way RFC 9112 does, so that this server and any proxy in
+// front of it agree on where every request ends. A server uses it instead of
+// HttpRequestParser when its options ask for strict framing.
+//
+// What it accepts, and what it answers otherwise (errorStatus()):
+// - Lines end in CR LF only; a bare CR or a bare LF is 400.
+// - Empty lines before a request line are skipped.
+// - Request line: token SP request-target SP "HTTP/" DIGIT "." DIGIT, single
+//   blanks. A method that is a token but not a known one: 501; not a token:
+//   400. Versions other than 1.0 and 1.1: 505. A target with controls, blanks
+//   or bytes above 127, or of no known form (origin, absolute, "*" for
+//   OPTIONS): 400.
+// - Header lines: a token name, a colon, optional blanks, a value without NUL
+//   or controls other than tab, optional blanks. No blank before the colon, no
+//   obs-fold (a line starting with a blank), no blank line before the first
+//   header: 400. The value is stored without the surrounding blanks; names as
+//   received, the last of a name wins, as in HttpRequestParser.
+// - Framing headers are recognised whatever their letter case:
+//   Content-Length must be digits only and appear once (400), and frames the
+//   body. Transfer-Encoding with "chunked" as its only coding is decoded; any
+//   other coding: 501; chunked not last, chunked twice, Transfer-Encoding with
+//   Content-Length, or Transfer-Encoding in HTTP/1.0: 400.
+// - Chunked bodies: hex-digit sizes (no sign, "0x", blanks or overflow),
+//   extensions checked as tokens (or quoted strings) and ignored, chunk data
+//   followed by exactly CR LF, trailers read as header lines and dropped. Any
+//   fault: 400. The request is delivered with the decoded `body` and its size
+//   as `content_length`; its headers stay as received.
+// - HTTP/1.1 requests carry exactly one Host (any case), whose value is empty
+//   or host[:port] (reg-name, IPv4 or IP literal; port at most 65535; no
+//   userinfo, no path). HTTP/1.0 requests carry at most one, likewise valid.
+//   Otherwise 400.
+// - Limits (RequestLimits): a request line longer than max_header_bytes is
+//   414 and a longer head 400, both as soon as the bytes buffered exceed the
+//   limit, without waiting for the line to end; a Content-Length, or a
+//   chunked body whose sizes add up to more than max_body_bytes (or 2^32 - 1
+//   bytes, whatever the limit) is 413, before the body or that chunk's data is
+//   read. Trailers count against max_header_bytes as a block of their own.
+//
+// Every delivered request is complete: method, uri, minor_version, headers,
+// body, content_length, and url and query components as HttpRequestParser
+// gives them (resolveAbsoluteTarget, else resolveUrlFromHost with the one Host
+// value, or "" for an HTTP/1.0 request without one).
+//
+// After a rejected request, or after delivering a request that ends the
+// connection ("Connection: close", or HTTP/1.0 without "Connection:
+// keep-alive"; the Connection header's tokens are matched whatever their
+// case), the parser is spent: later calls deliver nothing.
+//
+// One per connection, used by one thread at a time (the event thread).
+class StrictRequestParser {
+ public:
+  explicit StrictRequestParser(const RequestLimits& limits = RequestLimits());
+  ~StrictRequestParser();
+  StrictRequestParser(const StrictRequestParser&) = delete;
+  StrictRequestParser& operator=(const StrictRequestParser&) = delete;
+
+  // As HttpRequestParser::parse: consumes the whole chunk, appends the
+  // requests it completes in stream order, and returns false when the stream
+  // breaks the rules above. The requests completed before the fault are
+  // appended too. A spent parser appends nothing: false after a fault, true
+  // after a request that ends the connection.
+  bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests);
+
+  // The status the fault is answered with (400, 413, 414, 501 or 505); 400
+  // before any fault.
+  HttpResponse::StatusCode errorStatus() const;
+  // The last request delivered ends the connection: answer it, then close.
+  bool closing() const;
+  // Part of a request's head has arrived, and not the whole of it. (Empty lines
+  // skipped before a request line do not count.)
+  bool headInProgress() const;
+  // A request's head is complete and its body is not.
+  bool bodyInProgress() const;
+  // True once for each request whose head asked for "Expect: 100-continue"
+  // (HTTP/1.1, any case) and whose body has not fully arrived with the head:
+  // the caller then sends the interim "HTTP/1.1 100 Continue" answer.
+  bool takeContinueRequest();
+
+ private:
+  class Reader;
+  std::unique_ptr<Reader> reader_;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_STRICT_FRAMING_H_
