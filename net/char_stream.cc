@@ -34,6 +34,10 @@ void PushStreamSink::close() {
   if (writer_ != nullptr) writer_->endOfStream();
 }
 
+void PushStreamSink::abort() {
+  if (writer_ != nullptr) writer_->abortStream();
+}
+
 // What other threads pushed and the event thread has not handed over yet.
 // Shared by the source and the hand-overs queued on the event thread, so that a
 // hand-over still finds it after the source is gone (it then drops the bytes).
@@ -105,6 +109,17 @@ void PushStreamSource::push(const std::string& bytes) {
   pending_->scheduleHandOver(pending_);
 }
 
+void PushStreamSource::abort() {
+  {
+    // Bytes other threads queued and not handed over yet are dropped too.
+    MutexLock lock(pending_->mutex);
+    pending_->bytes.clear();
+    pending_->close = false;
+  }
+  auto* sink = static_cast<PushStreamSink*>(consumer());
+  if (sink != nullptr) sink->abort();
+}
+
 Mutex& PushStreamSource::pushMutex() { return pending_->mutex; }
 
 void PullStreamSink::append(const char* data, size_t size) {
@@ -119,13 +134,18 @@ void PullStreamSink::notifyReadable() {
   releaseIfEmpty();
 }
 
-void PullStreamSink::notifyInputEnd() {
-  if (reader_ != nullptr) reader_->onInputEnd(&buffer_);
+bool PullStreamSink::notifyInputEnd() {
+  const bool hold_open = reader_ != nullptr && reader_->onInputEnd(&buffer_);
   releaseIfEmpty();
+  return hold_open;
 }
 
 void PullStreamSink::notifyOutputEnd() {
   if (reader_ != nullptr) reader_->onOutputEnd();
+}
+
+void PullStreamSink::notifyClosed() {
+  if (reader_ != nullptr) reader_->onClosed();
 }
 
 void PullStreamSink::releaseIfEmpty() {
@@ -144,12 +164,17 @@ void PullStreamSource::notifyReadable() {
   if (PullStreamSink* s = sink()) s->notifyReadable();
 }
 
-void PullStreamSource::notifyInputEnd() {
-  if (PullStreamSink* s = sink()) s->notifyInputEnd();
+bool PullStreamSource::notifyInputEnd() {
+  PullStreamSink* s = sink();
+  return s != nullptr && s->notifyInputEnd();
 }
 
 void PullStreamSource::notifyOutputEnd() {
   if (PullStreamSink* s = sink()) s->notifyOutputEnd();
+}
+
+void PullStreamSource::notifyClosed() {
+  if (PullStreamSink* s = sink()) s->notifyClosed();
 }
 
 }  // namespace char_stream

@@ -86,6 +86,9 @@ class PushStreamSink : public BufferConsumer {
     virtual void writeBytes(const char* data, size_t size) = 0;
     // No more bytes will come: send what was written, then close.
     virtual void endOfStream() = 0;
+    // Close soon, dropping what was not sent yet. Must not call back into the
+    // stream synchronously.
+    virtual void abortStream() = 0;
 
    protected:
     ~Writer() = default;
@@ -96,6 +99,7 @@ class PushStreamSink : public BufferConsumer {
 
   void write(const char* data, size_t size);
   void close();
+  void abort();
 
  private:
   Writer* writer_ = nullptr;
@@ -116,6 +120,9 @@ class PushStreamSource : public BufferProducer {
   virtual void close();
   // Sends `bytes` after everything this thread pushed before. Any thread.
   virtual void push(const std::string& bytes);
+  // Ends the outgoing stream at once: what was not sent yet is dropped and the
+  // connection closes in a moment (never inside this call). Event thread.
+  void abort();
 
   // The (recursive) lock that queues other threads' pushes; whoever holds it
   // keeps every other thread's bytes out from between its own pushes.
@@ -139,10 +146,16 @@ class PullStreamSink : public BufferProducer {
     // `data`: every byte received and not consumed yet. Erase what was used
     // (or everything); what is left stays at the front for the next call.
     virtual void onReadable(std::string* data) = 0;
-    // The peer ended its output; `data` as above.
-    virtual void onInputEnd(std::string* data) = 0;
+    // The peer ended its output; `data` as above. True keeps the connection
+    // open for output until the reader ends it (closes its push source);
+    // false closes it once what was sent is flushed.
+    virtual bool onInputEnd(std::string* data) = 0;
     // Output can no longer be delivered (the write side failed).
     virtual void onOutputEnd() = 0;
+    // The connection carries nothing more either way: its output was flushed
+    // and shut, or it broke, or it was aborted. Called once, before the link
+    // is broken.
+    virtual void onClosed() = 0;
 
    protected:
     ~Reader() = default;
@@ -158,8 +171,9 @@ class PullStreamSink : public BufferProducer {
   // Called by the linked PullStreamSource.
   void append(const char* data, size_t size);
   void notifyReadable();
-  void notifyInputEnd();
+  bool notifyInputEnd();
   void notifyOutputEnd();
+  void notifyClosed();
 
  private:
   // An idle connection keeps no buffer: once everything was consumed the
@@ -182,8 +196,10 @@ class PullStreamSource : public BufferConsumer {
   // Appends to the sink's buffer without telling the reader yet.
   void append(const char* data, size_t size);
   void notifyReadable();
-  void notifyInputEnd();
+  // The reader's answer (see Reader::onInputEnd); false without a link.
+  bool notifyInputEnd();
   void notifyOutputEnd();
+  void notifyClosed();
 
  private:
   PullStreamSink* sink() const;

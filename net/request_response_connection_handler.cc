@@ -22,15 +22,26 @@ void RequestResponseConnectionHandler::send(const std::string& bytes) { source_.
 
 void RequestResponseConnectionHandler::shutdown() { source_.close(); }
 
+void RequestResponseConnectionHandler::abort() { source_.abort(); }
+
 void RequestResponseConnectionHandler::notifyOutputShutdown() { source_.close(); }
 
 void RequestResponseConnectionHandler::notifyInputShutdown(std::string*) {}
 
+bool RequestResponseConnectionHandler::holdOpenAfterInputEnd() { return false; }
+
+void RequestResponseConnectionHandler::notifyClosed() {}
+
 void RequestResponseConnectionHandler::onReadable(std::string* data) { notifyIncomingData(data); }
 
-void RequestResponseConnectionHandler::onInputEnd(std::string* data) { notifyInputShutdown(data); }
+bool RequestResponseConnectionHandler::onInputEnd(std::string* data) {
+  notifyInputShutdown(data);
+  return holdOpenAfterInputEnd();
+}
 
 void RequestResponseConnectionHandler::onOutputEnd() { notifyOutputShutdown(); }
+
+void RequestResponseConnectionHandler::onClosed() { notifyClosed(); }
 
 }  // namespace relay
 }  // namespace vantu

@@ -58,14 +58,27 @@ class RequestResponseConnectionHandler
   // Ends the connection: what was sent before (from any thread) is flushed,
   // then the connection closes. Any thread; nothing more is delivered.
   void shutdown();
+  // Ends the connection at once: output not yet sent is dropped. The socket
+  // closes a moment later (never inside this call), and notifyClosed follows.
+  // Event thread.
+  void abort();
 
   // Output can no longer be delivered (a write failed or the connection
   // broke). The default ends this handler's outgoing stream.
   virtual void notifyOutputShutdown();
   // The peer closed its sending side; `data` holds the bytes received and not
-  // consumed. The connection closes once what was sent is flushed. The default
-  // does nothing.
+  // consumed. The connection then closes once what was sent is flushed, unless
+  // holdOpenAfterInputEnd says otherwise. The default does nothing.
   virtual void notifyInputShutdown(std::string* data);
+  // Asked right after notifyInputShutdown: true keeps the connection open for
+  // output (answers still being worked on) until this handler calls
+  // shutdown() or abort(). The default is false.
+  virtual bool holdOpenAfterInputEnd();
+  // The connection carries nothing more either way: its output was flushed
+  // and shut (the socket may still wait a little for the peer's end), or it
+  // broke, or it was aborted. Called once, on the event thread, before the
+  // handler is unlinked. The default does nothing.
+  virtual void notifyClosed();
   // `data` holds every byte received and not consumed yet; erase what was
   // used. What is left stays at the front of `data` for the next call.
   virtual void notifyIncomingData(std::string* data) = 0;
@@ -73,8 +86,9 @@ class RequestResponseConnectionHandler
  private:
   // char_stream::PullStreamSink::Reader
   void onReadable(std::string* data) override;
-  void onInputEnd(std::string* data) override;
+  bool onInputEnd(std::string* data) override;
   void onOutputEnd() override;
+  void onClosed() override;
 };
 
 }  // namespace relay

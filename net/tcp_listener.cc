@@ -55,6 +55,10 @@ bool TcpListener::listenOnEventThread(const SocketAddress& address) {
   if (fd < 0) return false;
   int one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  if (reuse_port_ && setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0) {
+    ::close(fd);
+    return false;
+  }
   if (::bind(fd, address.sockaddr(), address.length()) != 0 ||
       ::listen(fd, backlog_ > 0 ? backlog_ : SOMAXCONN) != 0) {
     ::close(fd);
@@ -83,6 +87,16 @@ bool TcpListener::listenOnEventThread(const SocketAddress& address) {
   return true;
 }
 
+void TcpListener::pauseAccepting() {
+  paused_by_owner_ = true;
+  if (listener_ != nullptr) evconnlistener_disable(listener_);
+}
+
+void TcpListener::resumeAccepting() {
+  paused_by_owner_ = false;
+  if (listener_ != nullptr && !paused_by_error_) evconnlistener_enable(listener_);
+}
+
 void TcpListener::closeOnEventThread() {
   resume_timer_.cancel();
   if (listener_ == nullptr) return;
@@ -107,9 +121,13 @@ void TcpListener::onAcceptError(struct evconnlistener* listener, void* arg) {
   VANTU_LOG(2, "net", "net/tcp_listener") << "accept failed: " << strerror(error);
   if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) return;
   evconnlistener_disable(listener);
+  self->paused_by_error_ = true;
   self->resume_timer_ = scheduleDeferred(
       [self] {
-        if (self->listener_ != nullptr) evconnlistener_enable(self->listener_);
+        self->paused_by_error_ = false;
+        if (self->listener_ != nullptr && !self->paused_by_owner_) {
+          evconnlistener_enable(self->listener_);
+        }
       },
       kAcceptPause);
 }

@@ -24,9 +24,13 @@ class TcpListener {
   TcpListener(const TcpListener&) = delete;
   TcpListener& operator=(const TcpListener&) = delete;
 
-  // Binds (SO_REUSEADDR) and listens on `address`; port 0 picks a free port.
-  // False when that fails (address in use or unusable, already listening).
+  // Binds (SO_REUSEADDR, and SO_REUSEPORT when asked) and listens on
+  // `address`; port 0 picks a free port. False when that fails (address in use
+  // or unusable, already listening).
   bool initialize(const SocketAddress& address);
+  // SO_REUSEPORT: several listening sockets, in this process or others, share
+  // one port and the kernel spreads the connections. Call before initialize.
+  void setReusePort(bool reuse_port) { reuse_port_ = reuse_port; }
   // The address actually bound, once initialize succeeded; not valid before.
   SocketAddress localAddress() const;
 
@@ -41,6 +45,11 @@ class TcpListener {
   // destructor, so that no connection reaches an object half destroyed.
   void stopListening();
 
+  // Accepting pauses (the kernel keeps queueing up to the backlog) and
+  // resumes. Event thread.
+  void pauseAccepting();
+  void resumeAccepting();
+
  private:
   static void onAccept(struct evconnlistener* listener, int fd, struct sockaddr* address,
                        int length, void* arg);
@@ -52,6 +61,8 @@ class TcpListener {
 
   // Constant after construction.
   const int backlog_;
+  // Set before initialize.
+  bool reuse_port_ = false;
 
   mutable Mutex mutex_;
   SocketAddress local_address_ VANTU_GUARDED_BY(mutex_);
@@ -59,6 +70,8 @@ class TcpListener {
   // Event thread only.
   struct evconnlistener* listener_ = nullptr;
   TimerHandle resume_timer_;  // re-enables accepting after running out of descriptors
+  bool paused_by_error_ = false;
+  bool paused_by_owner_ = false;
 };
 
 }  // namespace relay

@@ -2,15 +2,33 @@
 
 #include <unistd.h>
 
+#include "common/event_thread.h"
 #include "net/tcp_socket.h"
 
 namespace vantu {
 namespace relay {
 
-TcpServer::TcpServer(const Factory& factory, int backlog)
-    : TcpListener(backlog), factory_(factory) {}
+// The count of accepted connections that are still open.
+struct TcpServer::Accepted {
+  size_t open = 0;
+  size_t max = 0;
+  // Null once the server stops listening.
+  TcpServer* server = nullptr;
+};
 
-TcpServer::~TcpServer() { stopListening(); }
+TcpServer::TcpServer(const Factory& factory, int backlog)
+    : TcpListener(backlog), factory_(factory), accepted_(std::make_shared<Accepted>()) {
+  accepted_->server = this;
+}
+
+TcpServer::~TcpServer() {
+  stopListening();
+  runOnEventThreadAndWait([this] { accepted_->server = nullptr; });
+}
+
+void TcpServer::setMaxConnections(size_t max) { accepted_->max = max; }
+
+size_t TcpServer::openConnections() const { return accepted_->open; }
 
 void TcpServer::connectionCallback(int fd) {
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
@@ -20,7 +38,13 @@ void TcpServer::connectionCallback(int fd) {
     ::close(fd);
     return;
   }
-  std::shared_ptr<TcpSocket> socket = TcpSocket::adopt(fd, handler);
+  std::shared_ptr<Accepted> accepted = accepted_;
+  if (++accepted->open == accepted->max) pauseAccepting();
+  std::shared_ptr<TcpSocket> socket = TcpSocket::adopt(fd, handler, [accepted] {
+    if (accepted->open-- == accepted->max && accepted->server != nullptr) {
+      accepted->server->resumeAccepting();
+    }
+  });
   socket->link(handler->streamSource(), handler->streamSink());
 }
 

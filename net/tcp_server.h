@@ -28,12 +28,24 @@ class TcpServer : public TcpListener {
   TcpServer(const Factory& factory, int backlog);
   ~TcpServer() override;
 
+  // At most `max` connections open at once (0: no limit): at the limit,
+  // accepting pauses, and it resumes when one of them closes. Call before
+  // initialize.
+  void setMaxConnections(size_t max);
+  // The connections accepted and not yet ended. Event thread.
+  size_t openConnections() const;
+
   // TcpListener. Event thread.
   void connectionCallback(int fd) override;
 
  private:
+  struct Accepted;
+
   // Constant after construction.
   const Factory factory_;
+  // Shared with the accepted sockets' close callbacks, which may outlive the
+  // server. Event thread only, once listening.
+  const std::shared_ptr<Accepted> accepted_;
 };
 
 }  // namespace relay

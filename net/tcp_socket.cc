@@ -56,9 +56,10 @@ std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
                                     LibEventThreadDeferredDeleter<TcpSocket>());
 }
 
-std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer) {
+std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
+                                            std::function<void()> on_close) {
   internal::disableNagle(fd);
-  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, nullptr, true),
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), true),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
   socket->peer_ = std::move(peer);
   return socket;
@@ -138,7 +139,7 @@ void TcpSocket::start() {
   if (live_head != nullptr) live_head->live_prev_ = this;
   live_head = this;
   if (owns_itself_) self_ = shared_from_this();
-  if (evbuffer_get_length(output_) > 0 || output_closing_) activateWrite();
+  if (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_) activateWrite();
 }
 
 void TcpSocket::onReadable(int, short what, void* arg) {
@@ -170,63 +171,95 @@ void TcpSocket::handleRead(short what) {
     finish(true);
     return;
   }
-  const bool deliver = state_ == kOpen && !output_closing_;
-  char* buffer = scratchBuffer();
-  size_t total = 0;
   bool eof = false;
   bool failed = false;
-  for (;;) {
-    ssize_t n = ::recv(fd_, buffer, kScratchSize, 0);
-    if (n > 0) {
-      if (deliver) source_.append(buffer, static_cast<size_t>(n));
-      total += static_cast<size_t>(n);
-      // A short read emptied the kernel buffer: another recv would only say so.
-      if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
-      continue;
-    }
-    if (n == 0) {
-      eof = true;
-    } else if (errno == EINTR) {
-      continue;
-    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      failed = true;
-    }
-    break;
-  }
   if (state_ == kLingering) {
+    readAvailable(&eof, &failed);
     if (eof || failed) finish(true);
     return;
   }
   // Sends made by the handler from here on are flushed together below.
   in_read_callback_ = true;
-  if (deliver && total > 0) source_.notifyReadable();
+  readAvailable(&eof, &failed);
+  in_read_callback_ = false;
+  // The handler's notification may have ended or aborted the connection.
+  if (state_ != kOpen || aborting_) return;
   if (failed) {
-    in_read_callback_ = false;
     fail();
     return;
   }
   if (eof) {
     input_ended_ = true;
     event_del(read_event_);
-    if (!output_closing_) source_.notifyInputEnd();
+    reading_paused_ = false;
+    if (!output_closing_) held_open_ = source_.notifyInputEnd();
+  } else if (!reading_paused_ && evbuffer_get_length(output_) > kOutputHighWater) {
+    pauseReading();
   }
-  in_read_callback_ = false;
   makeProgress(false);
+}
+
+size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
+  char* buffer = scratchBuffer();
+  size_t total = 0;
+  for (;;) {
+    ssize_t n = ::recv(fd_, buffer, kScratchSize, 0);
+    if (n > 0) {
+      total += static_cast<size_t>(n);
+      // Each piece goes to the handler at once, so that the answers it makes
+      // are counted against the output bound before more is read.
+      if (state_ == kOpen && !output_closing_ && !aborting_) {
+        source_.append(buffer, static_cast<size_t>(n));
+        source_.notifyReadable();
+        if (state_ != kOpen) break;
+      }
+      // A short read emptied the kernel buffer: another recv would only say so.
+      if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
+      if (state_ == kOpen && evbuffer_get_length(output_) > kOutputHighWater) break;
+      continue;
+    }
+    if (n == 0) {
+      *eof = true;
+    } else if (errno == EINTR) {
+      continue;
+    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      *failed = true;
+    }
+    break;
+  }
+  return total;
+}
+
+void TcpSocket::pauseReading() {
+  if (reading_paused_ || input_ended_ || state_ != kOpen) return;
+  event_del(read_event_);
+  reading_paused_ = true;
+}
+
+void TcpSocket::resumeReadingIfDrained() {
+  if (!reading_paused_ || state_ != kOpen) return;
+  if (evbuffer_get_length(output_) >= kOutputLowWater) return;
+  reading_paused_ = false;
+  if (!input_ended_) event_add(read_event_, nullptr);
 }
 
 void TcpSocket::handleWrite() {
   write_activated_ = false;
+  if (aborting_) {
+    finish(true);
+    return;
+  }
   makeProgress(true);
 }
 
 void TcpSocket::makeProgress(bool flush_even_if_waiting) {
-  if (state_ != kOpen) return;
+  if (state_ != kOpen || aborting_) return;
   if (evbuffer_get_length(output_) > 0) {
     // While waiting for the kernel to drain, only the write event flushes.
     if (write_waiting_ && !flush_even_if_waiting) return;
     if (flush(true) != kFlushed) return;
   }
-  if (output_closing_ || input_ended_) shutdownOutput();
+  if (output_closing_ || (input_ended_ && !held_open_)) shutdownOutput();
 }
 
 TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
@@ -261,6 +294,7 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
       return kFailed;
     }
     evbuffer_drain(output_, static_cast<size_t>(written));
+    resumeReadingIfDrained();
     if (static_cast<size_t>(written) < requested) {
       blocked = true;
       break;
@@ -282,6 +316,7 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
 
 void TcpSocket::shutdownOutput() {
   ::shutdown(fd_, SHUT_WR);
+  notifyClosed();
   if (input_ended_) {
     finish(true);
     return;
@@ -290,13 +325,23 @@ void TcpSocket::shutdownOutput() {
   // that can destroy the last response before the peer reads it. Drain the
   // input until the peer closes too, or the timeout.
   state_ = kLingering;
+  reading_paused_ = false;
   timeval timeout = {kLingerSeconds, 0};
   event_add(read_event_, &timeout);
 }
 
 void TcpSocket::fail() {
-  if (state_ == kOpen) source_.notifyOutputEnd();
+  if (state_ == kOpen) {
+    source_.notifyOutputEnd();
+    notifyClosed();
+  }
   finish(true);
+}
+
+void TcpSocket::notifyClosed() {
+  if (closed_notified_) return;
+  closed_notified_ = true;
+  source_.notifyClosed();
 }
 
 void TcpSocket::finish(bool notify_close) {
@@ -312,6 +357,8 @@ void TcpSocket::finish(bool notify_close) {
   if (output_ != nullptr) evbuffer_free(output_);
   output_ = nullptr;
   if (started) {
+    // Process exit and the destructor end connections that were never told.
+    notifyClosed();
     if (live_prev_ != nullptr) live_prev_->live_next_ = live_next_;
     if (live_next_ != nullptr) live_next_->live_prev_ = live_prev_;
     if (live_head == this) live_head = live_next_;
@@ -337,15 +384,30 @@ void TcpSocket::activateWrite() {
 }
 
 void TcpSocket::writeBytes(const char* data, size_t size) {
-  if (state_ == kLingering || state_ == kClosed || output_closing_ || size == 0) return;
+  if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_ || size == 0) {
+    return;
+  }
   evbuffer_add(output_, data, size);
+  // Answers completed on other threads count against the bound too.
+  if (evbuffer_get_length(output_) > kOutputHighWater) pauseReading();
   if (!in_read_callback_) activateWrite();
 }
 
 void TcpSocket::endOfStream() {
-  if (state_ == kLingering || state_ == kClosed || output_closing_) return;
+  if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_) return;
   output_closing_ = true;
   if (!in_read_callback_) activateWrite();
+}
+
+void TcpSocket::abortStream() {
+  // A lingering connection has already delivered everything; it ends by itself.
+  if (state_ == kClosed || state_ == kLingering || aborting_) return;
+  aborting_ = true;
+  if (output_ != nullptr) evbuffer_drain(output_, evbuffer_get_length(output_));
+  if (state_ == kNew) return;  // start() finds it aborting
+  // Closed from handleWrite, never inside the caller's frame: the handler
+  // that asked may be the socket's last reference to itself.
+  activateWrite();
 }
 
 void TcpSocket::closeAllOpen() {

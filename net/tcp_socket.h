@@ -20,16 +20,24 @@ namespace relay {
 //
 // Writes are coalesced: everything sent while the event thread handles one
 // batch of input (a pipelined burst of requests, say) leaves in one sendmsg at
-// the end of it. Reads take everything the kernel has.
+// the end of it. Reads take what the kernel has, up to a bound per event.
+//
+// Backpressure: while more than kOutputHighWater bytes wait to be sent (a peer
+// that sends requests and does not read the answers), the socket stops reading
+// from the peer; it reads again once the backlog drains below half of that.
+// Such a peer costs about that much memory plus one read, whatever it sends.
 //
 // The connection ends when the peer has closed its side and everything sent
-// was flushed, when a read or write fails, or when the handler ends its output
-// (its shutdown()), after that output was flushed. On a write or read failure
-// the handler is told through notifyOutputShutdown; on the peer's end of input
-// through notifyInputShutdown (with the bytes it did not consume). When the
-// handler ends the output while the peer still sends, the write side is shut
-// first and the rest of the input drained for a while, so that the peer gets
-// the last bytes instead of a reset.
+// was flushed (unless the handler asks to keep it open for answers still being
+// worked on, and ends it itself later), when a read or write fails, when the
+// handler ends its output (its shutdown()), after that output was flushed, or
+// when the handler aborts it. On a write or read failure the handler is told
+// through notifyOutputShutdown; on the peer's end of input through
+// notifyInputShutdown (with the bytes it did not consume); once nothing more
+// will be carried, through notifyClosed. When the handler ends the output while
+// the peer still sends, the write side is shut first and the rest of the input
+// drained for a while, so that the peer gets the last bytes instead of a
+// reset.
 //
 // Ownership: create() gives the caller a shared pointer whose deleter runs the
 // destructor on the event thread; dropping the last reference closes the
@@ -44,6 +52,11 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
                   public std::enable_shared_from_this<TcpSocket>,
                   private char_stream::PushStreamSink::Writer {
  public:
+  // Unsent output above which the socket stops reading from the peer; it
+  // reads again below half of it.
+  static constexpr size_t kOutputHighWater = 1024 * 1024;
+  static constexpr size_t kOutputLowWater = kOutputHighWater / 2;
+
   // Connects to `address` (a blocking connect on the caller's thread). Null
   // when the connection is refused or the address cannot be used. `on_close`
   // runs on the event thread when the connection ends (not when the socket is
@@ -74,8 +87,10 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   TcpSocket(int fd, std::function<void()> on_close, bool owns_itself);
 
   // For TcpServer: wraps an accepted, non-blocking `fd`. The socket owns
-  // itself once linked, and keeps `peer` alive until the connection ends.
-  static std::shared_ptr<TcpSocket> adopt(int fd, std::shared_ptr<void> peer);
+  // itself once linked, and keeps `peer` alive until the connection ends;
+  // `on_close` runs on the event thread then.
+  static std::shared_ptr<TcpSocket> adopt(int fd, std::shared_ptr<void> peer,
+                                          std::function<void()> on_close);
 
   // Event thread: registers the events and starts reading.
   void start();
@@ -83,6 +98,13 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   static void onWritable(int fd, short what, void* arg);
   void handleRead(short what);
   void handleWrite();
+  // Reads what the kernel has (up to a bound) and hands it to the handler;
+  // sets *eof / *failed. Returns the bytes read.
+  size_t readAvailable(bool* eof, bool* failed);
+  void pauseReading();
+  void resumeReadingIfDrained();
+  // Tells the handler, once, that nothing more will be carried.
+  void notifyClosed();
   // Flushes if it may, and closes the write side once the output is done.
   void makeProgress(bool flush_even_if_waiting);
   // Writes as much of output_ as the kernel takes. A failure ends the
@@ -99,6 +121,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // char_stream::PushStreamSink::Writer
   void writeBytes(const char* data, size_t size) override;
   void endOfStream() override;
+  void abortStream() override;
 
   // Constant after construction.
   const bool owns_itself_;
@@ -114,7 +137,11 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   struct evbuffer* output_ = nullptr;
   State state_ = kNew;
   bool input_ended_ = false;     // the peer closed its side (or we stopped reading)
+  bool held_open_ = false;       // ...and the handler keeps the output open meanwhile
   bool output_closing_ = false;  // the handler ended its output
+  bool aborting_ = false;        // the handler aborted: close at the next turn
+  bool reading_paused_ = false;  // backpressure: too much output waiting
+  bool closed_notified_ = false;
   bool in_read_callback_ = false;
   bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
   bool write_activated_ = false;  // write_event_ made active: flush in this loop turn

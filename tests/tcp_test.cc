@@ -447,6 +447,225 @@ TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
   }
 }
 
+// Flow control and the ends of a connection: "amp N\n" answers with N pattern
+// bytes; "owe\n" promises an answer that the test delivers later through
+// deliver(); "abort\n" queues output and aborts. Counts its notifications.
+class FlowHandler : public RequestResponseConnectionHandler {
+ public:
+  explicit FlowHandler(std::shared_ptr<Recorder> recorder)
+      : RequestResponseConnectionHandler(2048), recorder_(std::move(recorder)) {}
+  ~FlowHandler() override {
+    recorder_->update([&] { ++recorder_->destroyed; });
+  }
+
+  void notifyIncomingData(std::string* data) override {
+    received_ += data->size();
+    size_t end;
+    while ((end = data->find('\n')) != std::string::npos) {
+      const std::string line = data->substr(0, end);
+      data->erase(0, end + 1);
+      size_t size = 0;
+      if (sscanf(line.c_str(), "amp %zu", &size) == 1) {
+        send(pattern(size));
+      } else if (line == "owe") {
+        ++owed_;
+      } else if (line == "abort") {
+        send(pattern(1000));
+        abort();
+      }
+    }
+  }
+  bool holdOpenAfterInputEnd() override {
+    input_ended_ = true;
+    return owed_ > 0;
+  }
+  void notifyClosed() override {
+    recorder_->update([&] { ++closed; });
+  }
+  // Event thread: pays one debt; the last one after the peer's end closes.
+  void deliver(const std::string& answer) {
+    send(answer);
+    if (--owed_ == 0 && input_ended_) shutdown();
+  }
+
+  size_t received_ = 0;  // event thread only
+  int closed = 0;        // guarded by recorder_->mutex
+
+ private:
+  std::shared_ptr<Recorder> recorder_;
+  int owed_ = 0;
+  bool input_ended_ = false;
+};
+
+struct FlowServer {
+  explicit FlowServer(size_t max_connections = 0, bool reuse_port = false, uint16_t port = 0)
+      : recorder(std::make_shared<Recorder>()) {
+    std::shared_ptr<Recorder> r = recorder;
+    auto made = std::make_shared<std::vector<std::shared_ptr<FlowHandler>>>();
+    handlers = made;
+    server = std::make_unique<TcpServer>(
+        [r, made] {
+          auto handler = std::make_shared<FlowHandler>(r);
+          r->update([&] { made->push_back(handler); });
+          return handler;
+        },
+        1024);
+    server->setMaxConnections(max_connections);
+    server->setReusePort(reuse_port);
+    initialized = server->initialize(SocketAddress("127.0.0.1", port));
+    address = server->localAddress();
+  }
+  ~FlowServer() {
+    server.reset();
+    runOnEventThreadAndWait([this] { handlers->clear(); });
+  }
+  // The i-th handler made; the test's reference keeps it alive.
+  std::shared_ptr<FlowHandler> handler(size_t i) {
+    MutexLock lock(recorder->mutex);
+    return i < handlers->size() ? (*handlers)[i] : nullptr;
+  }
+  size_t made() {
+    MutexLock lock(recorder->mutex);
+    return handlers->size();
+  }
+
+  std::shared_ptr<Recorder> recorder;
+  std::shared_ptr<std::vector<std::shared_ptr<FlowHandler>>> handlers;
+  std::unique_ptr<TcpServer> server;
+  bool initialized = false;
+  SocketAddress address;
+};
+
+// Writes `bytes` repeatedly without reading, until the connection stops taking
+// them (nothing more fits for a while) or `limit` bytes went out. Returns what
+// was written.
+size_t writeUntilBlocked(int fd, const std::string& bytes, size_t limit) {
+  size_t written = 0;
+  size_t offset = 0;
+  while (written < limit) {
+    pollfd ready{fd, POLLOUT, 0};
+    if (poll(&ready, 1, 500) != 1) break;  // the peer stopped reading
+    ssize_t n = ::send(fd, bytes.data() + offset, bytes.size() - offset, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    if (n <= 0) break;
+    written += n;
+    offset = (offset + n) % bytes.size();
+  }
+  return written;
+}
+
+TEST(TcpServerTest, ClientThatDoesNotReadStopsTheServerReadingAndLosesNothing) {
+  FlowServer flow;
+  ASSERT_TRUE(flow.initialized);
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(0, connect(fd, flow.address.sockaddr(), flow.address.length()));
+  // Each 8-byte request asks for 100 bytes: the answers pile up 12 times faster
+  // than the requests arrive.
+  const std::string request = "amp 100\n";
+  constexpr size_t kLimit = 64 * 1024 * 1024;
+  const size_t written = writeUntilBlocked(fd, std::string(request).append(request), kLimit);
+  ASSERT_LT(written, kLimit) << "the server never stopped reading";
+  ASSERT_EQ(0u, written % request.size());
+  std::shared_ptr<FlowHandler> handler = flow.handler(0);
+  ASSERT_TRUE(handler);
+  size_t received = 0;
+  runOnEventThreadAndWait([&] { received = handler->received_; });
+  // What the server took in answers to about its output bound plus what the
+  // kernel buffers; far below what a reader without a bound takes (all of it).
+  EXPECT_LT(received * 100 / request.size(), 16u * TcpSocket::kOutputHighWater);
+  // Reading now lets the server go on: every answer arrives, in full.
+  const size_t expected = written / request.size() * 100;
+  size_t got = 0;
+  bool intact = true;
+  std::vector<char> buffer(1 << 16);
+  const std::string answer = pattern(100);
+  std::string carry;
+  while (got < expected) {
+    ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
+    if (n <= 0) break;
+    carry.append(buffer.data(), n);
+    size_t whole = carry.size() / 100 * 100;
+    for (size_t at = 0; at < whole; at += 100)
+      intact = intact && carry.compare(at, 100, answer) == 0;
+    carry.erase(0, whole);
+    got += n;
+  }
+  close(fd);
+  EXPECT_EQ(expected, got);
+  EXPECT_TRUE(intact);
+}
+
+TEST(TcpServerTest, HandlerKeepsAHalfClosedConnectionOpenForAnswersItOwes) {
+  FlowServer flow;
+  ASSERT_TRUE(flow.initialized);
+  Client client(flow.address);
+  client.write("owe\nowe\n");
+  client.shutdownWrite();
+  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.handlers->size() == 1; }));
+  std::shared_ptr<FlowHandler> handler = flow.handler(0);
+  // The peer's end has arrived once the handler heard of it; the connection
+  // is still open for the two answers.
+  ASSERT_TRUE(runOnEventThreadAndWait([&] { handler->deliver("first;"); }));
+  EXPECT_EQ("first;", client.read(6));
+  ASSERT_TRUE(runOnEventThreadAndWait([&] { handler->deliver("second;"); }));
+  EXPECT_EQ("second;", client.readToEnd());
+  EXPECT_TRUE(client.peerClosed());
+  EXPECT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }));
+}
+
+TEST(TcpServerTest, AbortDropsTheOutputAndEndsTheConnectionOnce) {
+  FlowServer flow;
+  ASSERT_TRUE(flow.initialized);
+  Client client(flow.address);
+  client.write("amp 5\nabort\n");
+  // What was sent before the batch ended is dropped with the rest.
+  EXPECT_EQ("", client.readToEnd());
+  std::shared_ptr<FlowHandler> handler = flow.handler(0);
+  ASSERT_TRUE(handler);
+  EXPECT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }));
+  handler.reset();
+  runOnEventThreadAndWait([&] { flow.handlers->clear(); });
+  EXPECT_TRUE(flow.recorder->waitFor([&] { return flow.recorder->destroyed == 1; }));
+  MutexLock lock(flow.recorder->mutex);
+  EXPECT_EQ(1, flow.recorder->destroyed);
+}
+
+TEST(TcpServerTest, AcceptingPausesAtTheConnectionLimitAndResumesWhenOneCloses) {
+  FlowServer flow(2);
+  ASSERT_TRUE(flow.initialized);
+  auto first = std::make_unique<Client>(flow.address);
+  Client second(flow.address);
+  for (Client* c : {first.get(), &second}) {
+    c->write("amp 3\n");
+    EXPECT_EQ("abc", c->read(3));
+  }
+  // The kernel completes the third handshake, but the server does not take
+  // the connection while two are open.
+  Client third(flow.address);
+  ASSERT_TRUE(third.connected());
+  third.write("amp 4\n");
+  for (int i = 0; i < 3; ++i) {
+    second.write("amp 2\n");
+    EXPECT_EQ("ab", second.read(2));
+  }
+  EXPECT_EQ(2u, flow.made());
+  size_t open = 0;
+  runOnEventThreadAndWait([&] { open = flow.server->openConnections(); });
+  EXPECT_EQ(2u, open);
+  first.reset();
+  EXPECT_EQ("abcd", third.read(4));
+  EXPECT_EQ(3u, flow.made());
+}
+
+TEST(TcpListenerTest, ReusePortLetsTwoListenersShareAPort) {
+  FlowServer first(0, true);
+  ASSERT_TRUE(first.initialized);
+  FlowServer shared(0, true, first.address.port());
+  EXPECT_TRUE(shared.initialized);
+  FlowServer exclusive(0, false, first.address.port());
+  EXPECT_FALSE(exclusive.initialized);
+}
+
 std::shared_ptr<Recorder> exit_recorder;
 
 void checkConnectionClosedAtExit() {
