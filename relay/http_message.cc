@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "common/string_util.h"
+#include "relay/url_escape.h"
+#include "url/url_parse.h"
 
 namespace vantu {
 namespace relay {
@@ -79,6 +81,40 @@ HttpMethod httpMethodFromName(const std::string& name) {
     }
   }
   return kHttpUnknown;
+}
+
+void QueryComponents::assignFrom(const GURL& url) {
+  map_.clear();
+  source_.reset();
+  if (!url.has_query()) return;
+  source_ = url.shared_spec();
+  query_ = url.parsed_for_possibly_invalid_spec().query;
+}
+
+const QueryComponents::Map& QueryComponents::map() const {
+  if (source_) split();
+  return map_;
+}
+
+QueryComponents::Map& QueryComponents::map() {
+  if (source_) split();
+  return map_;
+}
+
+void QueryComponents::split() const {
+  const std::string& spec = *source_;
+  url_parse::Component query = query_;
+  url_parse::Component key;
+  url_parse::Component value;
+  while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
+    std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : std::string();
+    std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : std::string();
+    urlUnescape(&key_text);
+    urlUnescape(&value_text);
+    // Pairs arrive in query order, so equal keys land after their elders.
+    map_.emplace(std::move(key_text), std::move(value_text));
+  }
+  source_.reset();
 }
 
 size_t HttpRequest::numQueryComponent(const std::string& name) const {

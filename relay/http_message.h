@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "url/gurl.h"
@@ -50,6 +51,76 @@ class HttpMessage {
   std::string body;
 };
 
+// The query components of a request: unescaped key to unescaped value, one
+// entry for each key/value pair of the url's query, equal keys in query order.
+// It behaves as the std::multimap it holds, but the pairs are split from the
+// query only when first looked at, so that a request whose handler never asks
+// pays nothing for them (the map nodes of a 16 MB query of "a=b&" pairs would
+// take some 400 MB). Used by one thread at a time, like the request.
+class QueryComponents {
+ public:
+  using Map = std::multimap<std::string, std::string>;
+  using key_type = Map::key_type;
+  using mapped_type = Map::mapped_type;
+  using value_type = Map::value_type;
+  using size_type = Map::size_type;
+  using iterator = Map::iterator;
+  using const_iterator = Map::const_iterator;
+
+  QueryComponents() = default;
+
+  // Replaces the components with those of `url`'s query (none when it has no
+  // "?"), to be split when first looked at.
+  void assignFrom(const GURL& url);
+
+  // The components as a map, split now if they were not yet.
+  const Map& map() const;
+  Map& map();
+  operator const Map&() const { return map(); }  // NOLINT: a drop-in for the map
+
+  const_iterator begin() const { return map().begin(); }
+  const_iterator end() const { return map().end(); }
+  iterator begin() { return map().begin(); }
+  iterator end() { return map().end(); }
+  const_iterator cbegin() const { return map().cbegin(); }
+  const_iterator cend() const { return map().cend(); }
+  bool empty() const { return map().empty(); }
+  size_type size() const { return map().size(); }
+  size_type count(const std::string& key) const { return map().count(key); }
+  const_iterator find(const std::string& key) const { return map().find(key); }
+  iterator find(const std::string& key) { return map().find(key); }
+  const_iterator lower_bound(const std::string& key) const { return map().lower_bound(key); }
+  const_iterator upper_bound(const std::string& key) const { return map().upper_bound(key); }
+  std::pair<const_iterator, const_iterator> equal_range(const std::string& key) const {
+    return map().equal_range(key);
+  }
+  std::pair<iterator, iterator> equal_range(const std::string& key) {
+    return map().equal_range(key);
+  }
+  template <typename... Args>
+  iterator emplace(Args&&... args) {
+    return map().emplace(std::forward<Args>(args)...);
+  }
+  iterator insert(const value_type& value) { return map().insert(value); }
+  iterator erase(const_iterator position) { return map().erase(position); }
+  size_type erase(const std::string& key) { return map().erase(key); }
+  void clear() {
+    source_.reset();
+    map_.clear();
+  }
+
+  bool operator==(const QueryComponents& other) const { return map() == other.map(); }
+  bool operator!=(const QueryComponents& other) const { return !(*this == other); }
+
+ private:
+  void split() const;
+
+  mutable Map map_;
+  // The text whose query is still to be split; null once it was.
+  mutable std::shared_ptr<const std::string> source_;
+  mutable url_parse::Component query_;
+};
+
 // A request as the parser produced it.
 class HttpRequest : public HttpMessage {
  public:
@@ -71,8 +142,8 @@ class HttpRequest : public HttpMessage {
   GURL url;
   HttpMethod method = kHttpUnknown;
   // Unescaped query key to unescaped value, one entry per pair, in query order
-  // for equal keys.
-  std::multimap<std::string, std::string> query_components;
+  // for equal keys; split from the url's query when first looked at.
+  QueryComponents query_components;
   // The request-target exactly as it stood in the request line.
   std::string uri;
   // The minor version of the request line's "HTTP/1.x": 0 or 1.

@@ -43,18 +43,30 @@ class LineEndFinder {
   const char* next_lf_ = nullptr;
 };
 
-// The GURL of `text`. Building one is the dearest step of a request, and the
-// requests of a connection mostly repeat their URL (RPCs always post to "/" on
-// the same host), so the last one built on this thread is kept.
-const GURL& makeUrl(const std::string& text) {
-  // Long URLs are not kept, so that one of them cannot pin its memory.
+// The URL of a request: from its target alone (host null), or from "http://",
+// its Host and its target. Building one is the dearest step of a request, and
+// the requests of a connection mostly repeat their URL (RPCs always post to "/"
+// on the same host), so the last one built on this thread is kept; a copy
+// shares its text.
+GURL makeUrl(const std::string* host, const std::string& target) {
+  // Long URLs are neither kept nor looked for, so that one of them cannot pin
+  // its memory.
   constexpr size_t kLongestKept = 2048;
-  thread_local std::string last_text;
+  thread_local bool last_had_host = false;
+  thread_local std::string last_host;
+  thread_local std::string last_target;
   thread_local GURL last_url;
-  if (text.empty() || text.size() > kLongestKept || text != last_text) {
-    last_text.clear();  // should what follows throw, nothing stale is kept
-    last_url = GURL(text);
-    if (text.size() <= kLongestKept) last_text = text;
+  const size_t size = target.size() + (host != nullptr ? host->size() : 0);
+  if (size > kLongestKept) {
+    return host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
+  }
+  if (target.empty() || last_had_host != (host != nullptr) || target != last_target ||
+      (host != nullptr && *host != last_host)) {
+    last_target.clear();  // should what follows throw, nothing stale is kept
+    last_url = host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
+    last_had_host = host != nullptr;
+    if (host != nullptr) last_host = *host;
+    last_target = target;
   }
   return last_url;
 }
@@ -68,42 +80,22 @@ void adoptAll(const std::vector<HttpMessage*>& messages,
   }
 }
 
-// Splits the url's query, when it has one (a "?" was there, even with nothing
-// after it), into unescaped key/value pairs.
-void fillQueryComponents(HttpRequest* request) {
-  if (!request->url.has_query()) return;
-  const std::string& spec = request->url.possibly_invalid_spec();
-  url_parse::Component query = request->url.parsed_for_possibly_invalid_spec().query;
-  url_parse::Component key;
-  url_parse::Component value;
-  while (url_parse::ExtractQueryKeyValue(spec.data(), &query, &key, &value)) {
-    std::string key_text = key.len > 0 ? spec.substr(key.begin, key.len) : std::string();
-    std::string value_text = value.len > 0 ? spec.substr(value.begin, value.len) : std::string();
-    urlUnescape(&key_text);
-    urlUnescape(&value_text);
-    request->query_components.emplace(std::move(key_text), std::move(value_text));
-  }
-}
-
 }  // namespace
 
 bool resolveAbsoluteTarget(HttpRequest* request) {
   // A target that starts with "/" has no scheme and so can never be an
   // absolute URL.
   if (!request->uri.empty() && request->uri[0] == '/') return false;
-  const GURL& url = makeUrl(request->uri);
+  GURL url = makeUrl(nullptr, request->uri);
   if (!url.is_valid()) return false;
-  request->url = url;
-  fillQueryComponents(request);
+  request->url = std::move(url);
+  request->query_components.assignFrom(request->url);
   return true;
 }
 
 void resolveUrlFromHost(HttpRequest* request, const std::string& host) {
-  std::string absolute;
-  absolute.reserve(7 + host.size() + request->uri.size());
-  absolute.append("http://").append(host).append(request->uri);
-  request->url = makeUrl(absolute);
-  fillQueryComponents(request);
+  request->url = makeUrl(&host, request->uri);
+  request->query_components.assignFrom(request->url);
 }
 
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {

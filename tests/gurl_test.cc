@@ -175,6 +175,91 @@ TEST(GurlTest, CanonicalFormIsStableAndHostileTextNeverThrows) {
   EXPECT_EQ("http://host/a/", GURL("http://Host:80" + inputs[3]).spec());
 }
 
+// A text whose authority or fragment the grammar refuses still yields its
+// path and query; only a text without a scheme keeps nothing but itself.
+TEST(GurlTest, InvalidUrlsKeepTheirPathAndQuery) {
+  struct Case {
+    std::string input;
+    const char* spec;  // possibly_invalid_spec()
+    const char* host;
+    const char* path;   // nullptr: no path component
+    const char* query;  // nullptr: no query component
+  } cases[] = {
+      {"http://h:99999/a?x=1", "http://h:99999/a?x=1", "h:99999", "/a", "x=1"},
+      {"http://h:65536/a?x=1", "http://h:65536/a?x=1", "h:65536", "/a", "x=1"},
+      {"http://h:80:80/a?x=1", "http://h:80:80/a?x=1", "h:80:80", "/a", "x=1"},
+      {"http://a@b@c/a?x=1", "http://a@b@c/a?x=1", "c", "/a", "x=1"},
+      {"http://[::1/a?x=1", "http://[::1/a?x=1", "[::1", "/a", "x=1"},
+      {"http://[zz]/a?x=1", "http://[zz]/a?x=1", "[zz]", "/a", "x=1"},
+      {"http://h/a?x=1#f#g", "http://h/a?x=1#f#g", "h", "/a", "x=1"},
+      {"HTTP://H:99999/b/../a b?q r", "http://h:99999/a%20b?q%20r", "h:99999", "/a%20b", "q%20r"},
+      {"http://h:x", "http://h:x/", "h:x", "/", nullptr},
+      {"foo:#a#b", "foo:#a#b", "", "", nullptr},
+      {"/a?x=1", "/a?x=1", "", nullptr, nullptr},
+      {"a b?x=1", "a b?x=1", "", nullptr, nullptr},
+      {"1http://h/?x", "1http://h/?x", "", nullptr, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input);
+    const GURL url(c.input);
+    EXPECT_FALSE(url.is_valid());
+    EXPECT_EQ("", url.spec());
+    EXPECT_EQ(c.spec, url.possibly_invalid_spec());
+    EXPECT_EQ(c.host, url.host());
+    EXPECT_EQ(c.path != nullptr, url.has_path());
+    EXPECT_EQ(c.path ? c.path : "", url.path());
+    EXPECT_EQ(c.query != nullptr, url.has_query());
+    EXPECT_EQ(c.query ? c.query : "", url.query());
+    EXPECT_EQ(-1, url.IntPort());
+  }
+}
+
+// fromParts takes a short cut around joining its parts; it must end exactly
+// where parsing the joined text ends, valid or not, whatever the parts hold.
+TEST(GurlTest, FromPartsIsTheJoinedText) {
+  const unsigned seed = std::random_device{}();
+  std::printf("seed %u\n", seed);
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const std::string authority_bytes = "hH0:9@[]%.-:/?#aB ~!$&'()*+,;=\x01\xe9";
+  const std::string target_bytes = "/./..%?#:@[]aZ09 &=+|\x01\x7f\xff";
+  auto draw = [&random](const std::string& bytes, int longest) {
+    std::string text;
+    const int length = std::uniform_int_distribution<int>(0, longest)(random);
+    for (int i = 0; i < length; ++i) text += bytes[random() % bytes.size()];
+    return text;
+  };
+  std::vector<std::string> authorities = {
+      "",     "h",       "H:80",  "h:",  "u:p@h:8080", "[::1]:1",
+      "[::1", "h:99999", "a@b@c", "h/x", "h?x",        "h#x"};
+  std::vector<std::string> targets = {"", "/", "//x", "/a?", "?x", "#f", "x", "/a?x=1#f#g"};
+  for (int i = 0; i < 400; ++i) authorities.push_back(draw(authority_bytes, 10));
+  for (int i = 0; i < 400; ++i) targets.push_back("/" + draw(target_bytes, 16));
+  int valid = 0;
+  for (size_t i = 0; i < 20000; ++i) {
+    const std::string& authority = authorities[i < 12 * 8 ? i / 8 : random() % authorities.size()];
+    const std::string& target = targets[i < 12 * 8 ? i % 8 : random() % targets.size()];
+    SCOPED_TRACE("authority \"" + authority + "\" target \"" + target + "\"");
+    const GURL joined("http://" + authority + target);
+    const GURL parts = GURL::fromParts("http", authority, target);
+    valid += joined.is_valid();
+    ASSERT_EQ(joined.is_valid(), parts.is_valid());
+    ASSERT_EQ(joined.possibly_invalid_spec(), parts.possibly_invalid_spec());
+    const url_parse::Parsed& a = joined.parsed_for_possibly_invalid_spec();
+    const url_parse::Parsed& b = parts.parsed_for_possibly_invalid_spec();
+    for (auto component :
+         {&url_parse::Parsed::scheme, &url_parse::Parsed::username, &url_parse::Parsed::password,
+          &url_parse::Parsed::host, &url_parse::Parsed::port, &url_parse::Parsed::path,
+          &url_parse::Parsed::query, &url_parse::Parsed::ref}) {
+      ASSERT_EQ((a.*component).begin, (b.*component).begin);
+      ASSERT_EQ((a.*component).len, (b.*component).len);
+    }
+  }
+  // Both kinds must be well represented for the comparison to mean much.
+  EXPECT_GT(valid, 2000);
+  EXPECT_LT(valid, 18000);
+}
+
 std::vector<std::pair<std::string, std::string>> splitQuery(const std::string& query) {
   // Offsets are into the whole URL, so place the query after a prefix.
   const std::string url = "http://h/p?" + query;

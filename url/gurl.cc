@@ -103,27 +103,20 @@ inline bool neverAllowed(unsigned char c) {
          c == '`' || c == '{' || c == '|' || c == '}';
 }
 
-// Percent-escapes what RFC 3986 forbids so that such URLs are read as clients
-// mean them: the bytes above, a "%" that starts no escape (as "%25"), and "["
-// or "]" outside the authority. The scheme is left alone: a bad one stays bad.
-// Returns false, writing nothing, when there is nothing to escape (the common
-// case, which then costs one scan and no copy).
-bool escapeForParsing(const std::string& text, std::string* out) {
+// Percent-escapes, from `from` on, what RFC 3986 forbids so that such URLs are
+// read as clients mean them: the bytes above, a "%" that starts no escape (as
+// "%25"), and "[" or "]" at or after `authority_end`. Returns false, writing
+// nothing, when there is nothing to escape (the common case, which then costs
+// one scan and no copy).
+bool escapeRange(const std::string& text, size_t from, size_t authority_end, std::string* out) {
   static const char kHex[] = "0123456789ABCDEF";
-  const size_t colon = text.find(':');
-  if (colon == std::string::npos) return false;
-  size_t authority_end = colon + 1;
-  if (text.compare(colon + 1, 2, "//") == 0) {
-    authority_end = text.find_first_of("/?#", colon + 3);
-    if (authority_end == std::string::npos) authority_end = text.size();
-  }
   auto needsEscape = [&text, authority_end](size_t i) {
     const unsigned char c = text[i];
     if (neverAllowed(c)) return true;
     if (c == '%') return !(i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2]));
     return (c == '[' || c == ']') && i >= authority_end;
   };
-  size_t first = colon + 1;
+  size_t first = from;
   while (first < text.size() && !needsEscape(first)) ++first;
   if (first == text.size()) return false;
   out->reserve(text.size() + 16);
@@ -141,41 +134,100 @@ bool escapeForParsing(const std::string& text, std::string* out) {
   return true;
 }
 
+// The whole text, escaped as above; the scheme is left alone (a bad one stays
+// bad) and brackets are allowed inside the authority.
+bool escapeForParsing(const std::string& text, std::string* out) {
+  const size_t colon = text.find(':');
+  if (colon == std::string::npos) return false;
+  size_t authority_end = colon + 1;
+  if (text.compare(colon + 1, 2, "//") == 0) {
+    authority_end = text.find_first_of("/?#", colon + 3);
+    if (authority_end == std::string::npos) authority_end = text.size();
+  }
+  return escapeRange(text, colon + 1, authority_end, out);
+}
+
+// The length of the scheme at the start of `text` (ALPHA *( ALPHA / DIGIT /
+// "+" / "-" / "." ) before a ":"), or 0 when there is none.
+size_t schemeLength(const std::string& text) {
+  auto alpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  if (text.empty() || !alpha(text[0])) return 0;
+  size_t i = 1;
+  while (i < text.size() && (alpha(text[i]) || (text[i] >= '0' && text[i] <= '9') ||
+                             text[i] == '+' || text[i] == '-' || text[i] == '.')) {
+    ++i;
+  }
+  return i < text.size() && text[i] == ':' ? i : 0;
+}
+
+// A URL taken apart, as views into text that outlives the build.
+struct Pieces {
+  string_view scheme;
+  bool has_authority = false;
+  bool has_userinfo = false;
+  string_view user;
+  bool has_password = false;
+  string_view password;
+  string_view host;
+  bool has_port = false;  // with digits: an empty port is as good as none
+  string_view port;
+  string_view path;
+  bool has_query = false;
+  string_view query;
+  bool has_fragment = false;
+  string_view fragment;
+};
+
+Pieces piecesOf(const boost::urls::url_view& url) {
+  Pieces p;
+  p.scheme = url.scheme();
+  p.has_authority = url.has_authority();
+  p.has_userinfo = url.has_userinfo();
+  p.user = url.encoded_user();
+  p.has_password = url.has_password();
+  p.password = url.encoded_password();
+  p.host = url.encoded_host();
+  p.has_port = url.has_port() && !url.port().empty();
+  p.port = url.port();
+  p.path = url.encoded_path();
+  p.has_query = url.has_query();
+  p.query = url.encoded_query();
+  p.has_fragment = url.has_fragment();
+  p.fragment = url.encoded_fragment();
+  return p;
+}
+
 enum class Verdict { kUnparsable, kParsedInvalid, kValid };
 
-// Writes the canonical form of `text` to `*out` and its components to
-// `*parsed`. An http(s) URL without a host is kept with its components but is
-// not valid.
-Verdict canonicalize(const std::string& input, std::string* out, url_parse::Parsed* parsed) {
-  std::string escaped;
-  const std::string& text = escapeForParsing(input, &escaped) ? escaped : input;
-  if (text.size() > kMaxInputLength) return Verdict::kUnparsable;
-  auto result = boost::urls::parse_uri(text);
-  if (!result) return Verdict::kUnparsable;
-  const boost::urls::url_view& url = *result;
-  out->reserve(text.size() + 2);
+// Writes the canonical form of `p` to `*out` and its components to `*parsed`.
+// An http(s) URL without a host is kept with its components but is not valid.
+Verdict build(const Pieces& p, std::string* out, url_parse::Parsed* parsed) {
+  const size_t size = p.scheme.size() + p.user.size() + p.password.size() + p.host.size() +
+                      p.port.size() + p.path.size() + p.query.size() + p.fragment.size() + 16;
+  if (size > kMaxInputLength) return Verdict::kUnparsable;
+  out->reserve(size);
 
-  parsed->scheme = appendLowerCase(url.scheme(), out);
-  const std::string scheme = *out;
+  parsed->scheme = appendLowerCase(p.scheme, out);
+  const std::string scheme = out->substr(parsed->scheme.begin, parsed->scheme.len);
   out->push_back(':');
 
   const bool needs_host = scheme == "http" || scheme == "https";
-  const bool valid = !(needs_host && (!url.has_authority() || url.encoded_host().empty()));
+  const bool valid = !(needs_host && (!p.has_authority || p.host.empty()));
 
-  if (url.has_authority()) {
+  if (p.has_authority) {
     out->append("//");
-    if (url.has_userinfo()) {
-      parsed->username = appendComponent(url.encoded_user(), out);
-      if (url.has_password()) {
+    if (p.has_userinfo) {
+      parsed->username = appendComponent(p.user, out);
+      if (p.has_password) {
         out->push_back(':');
-        parsed->password = appendComponent(url.encoded_password(), out);
+        parsed->password = appendComponent(p.password, out);
       }
       out->push_back('@');
     }
-    parsed->host = appendLowerCase(url.encoded_host(), out);
-    if (url.has_port() && !url.port().empty()) {
+    parsed->host = appendLowerCase(p.host, out);
+    if (p.has_port) {
       int port = 0;
-      if (!parsePort(url.port(), &port)) return Verdict::kUnparsable;
+      if (!parsePort(p.port, &port)) return Verdict::kUnparsable;
       if (port != defaultPort(scheme)) {
         out->push_back(':');
         parsed->port = appendComponent(std::to_string(port), out);
@@ -183,19 +235,19 @@ Verdict canonicalize(const std::string& input, std::string* out, url_parse::Pars
     }
   }
 
-  const string_view path = url.encoded_path();
+  const string_view path = p.path;
   // After an authority the path must be empty or start with "/". Boost.URL
   // 1.81 lets "http://h:80%41/" through with the path "%41/", which would
   // read back as part of the host.
-  if (url.has_authority() && !path.empty() && path[0] != '/') return Verdict::kUnparsable;
+  if (p.has_authority && !path.empty() && path[0] != '/') return Verdict::kUnparsable;
   const int path_begin = static_cast<int>(out->size());
-  if (path.empty() && url.has_authority()) {
+  if (path.empty() && p.has_authority) {
     out->push_back('/');
   } else if (!path.empty() && path[0] == '/') {
     appendWithoutDotSegments(path, out);
     // Without an authority a path may not start with "//", or reading the URL
     // back would take the first segment for a host ("foo:/.//x").
-    if (!url.has_authority() && out->compare(path_begin, 2, "//") == 0) {
+    if (!p.has_authority && out->compare(path_begin, 2, "//") == 0) {
       out->insert(path_begin, "/.");
     }
   } else {
@@ -203,15 +255,70 @@ Verdict canonicalize(const std::string& input, std::string* out, url_parse::Pars
   }
   parsed->path = Component(path_begin, static_cast<int>(out->size()) - path_begin);
 
-  if (url.has_query()) {
+  if (p.has_query) {
     out->push_back('?');
-    parsed->query = appendComponent(url.encoded_query(), out);
+    parsed->query = appendComponent(p.query, out);
   }
-  if (url.has_fragment()) {
+  if (p.has_fragment) {
     out->push_back('#');
-    parsed->ref = appendComponent(url.encoded_fragment(), out);
+    parsed->ref = appendComponent(p.fragment, out);
   }
   return valid ? Verdict::kValid : Verdict::kParsedInvalid;
+}
+
+Verdict canonicalize(const std::string& input, std::string* out, url_parse::Parsed* parsed) {
+  std::string escaped;
+  const std::string& text = escapeForParsing(input, &escaped) ? escaped : input;
+  if (text.size() > kMaxInputLength) return Verdict::kUnparsable;
+  auto result = boost::urls::parse_uri(text);
+  if (!result) return Verdict::kUnparsable;
+  return build(piecesOf(*result), out, parsed);
+}
+
+// For a text with a scheme that the grammar refuses: splits it at the first
+// "//" authority, "?" and "#" and canonicalises the path, query and fragment,
+// keeping the authority as written. False when the text has no scheme.
+bool splitLeniently(const std::string& input, std::string* out, url_parse::Parsed* parsed) {
+  const size_t scheme_length = schemeLength(input);
+  if (scheme_length == 0) return false;
+  std::string escaped;
+  const std::string& text = escapeForParsing(input, &escaped) ? escaped : input;
+  const string_view all(text.data(), text.size());
+  Pieces p;
+  p.scheme = all.substr(0, scheme_length);
+  size_t at = scheme_length + 1;
+  if (all.substr(at, 2) == "//") {
+    size_t end = text.find_first_of("/?#", at + 2);
+    if (end == std::string::npos) end = text.size();
+    string_view authority = all.substr(at + 2, end - at - 2);
+    p.has_authority = true;
+    const size_t last_at = authority.rfind('@');
+    if (last_at != string_view::npos) {
+      p.has_userinfo = true;
+      p.user = authority.substr(0, last_at);
+      authority = authority.substr(last_at + 1);
+    }
+    p.host = authority;
+    at = end;
+  }
+  size_t end = text.find_first_of("?#", at);
+  if (end == std::string::npos) end = text.size();
+  p.path = all.substr(at, end - at);
+  at = end;
+  if (at < text.size() && text[at] == '?') {
+    end = text.find('#', at);
+    if (end == std::string::npos) end = text.size();
+    p.has_query = true;
+    p.query = all.substr(at + 1, end - at - 1);
+    at = end;
+  }
+  if (at < text.size()) {
+    p.has_fragment = true;
+    p.fragment = all.substr(at + 1);
+  }
+  *parsed = url_parse::Parsed();
+  out->clear();
+  return build(p, out, parsed) != Verdict::kUnparsable;
 }
 
 }  // namespace
@@ -220,36 +327,96 @@ GURL::GURL() = default;
 
 GURL::GURL(const std::string& url_string) {
   try {
-    spec_ = url_string;
-    if (url_string.size() > kMaxInputLength) return;
-    std::string canonical;
-    url_parse::Parsed parsed;
-    const Verdict verdict = canonicalize(url_string, &canonical, &parsed);
-    if (verdict == Verdict::kUnparsable) return;
-    spec_.swap(canonical);
-    parsed_ = parsed;
+    std::string spec;
+    const Verdict verdict = canonicalize(url_string, &spec, &parsed_);
+    if (verdict == Verdict::kUnparsable) {
+      parsed_ = url_parse::Parsed();
+      spec.clear();
+      if (!splitLeniently(url_string, &spec, &parsed_)) {
+        parsed_ = url_parse::Parsed();
+        spec = url_string;
+      }
+    }
     is_valid_ = verdict == Verdict::kValid;
+    spec_ = std::make_shared<const std::string>(std::move(spec));
   } catch (const std::exception&) {
-    // Only running out of memory gets here; the URL stays invalid. Boost.URL
-    // itself reports bad text through its result, not by throwing.
+    // Only running out of memory gets here; the URL stays empty and invalid.
+    // Boost.URL itself reports bad text through its result, not by throwing.
+    is_valid_ = false;
+    parsed_ = url_parse::Parsed();
+    spec_.reset();
   }
+}
+
+GURL GURL::fromParts(const std::string& scheme, const std::string& authority,
+                     const std::string& target) {
+  // The joined text would end the authority at its first "/", "?" or "#", and
+  // read a target starting with "//" as part of the path after it: only when
+  // neither happens do the parts parse as they stand.
+  if (authority.find_first_of("/?#") == std::string::npos && !target.empty() && target[0] == '/' &&
+      target.compare(0, 2, "//") != 0) {
+    try {
+      std::string escaped_authority;
+      const std::string& authority_text =
+          escapeRange(authority, 0, authority.size(), &escaped_authority) ? escaped_authority
+                                                                          : authority;
+      std::string escaped_target;
+      const std::string& target_text =
+          escapeRange(target, 0, 0, &escaped_target) ? escaped_target : target;
+      auto parsed_authority = boost::urls::parse_authority(authority_text);
+      auto parsed_target = boost::urls::parse_relative_ref(target_text);
+      if (parsed_authority && parsed_target && schemeLength(scheme + ":") == scheme.size()) {
+        Pieces p = piecesOf(*parsed_target);
+        const boost::urls::authority_view& a = *parsed_authority;
+        p.scheme = scheme;
+        p.has_authority = true;
+        p.has_userinfo = a.has_userinfo();
+        p.user = a.encoded_user();
+        p.has_password = a.has_password();
+        p.password = a.encoded_password();
+        p.host = a.encoded_host();
+        p.has_port = a.has_port() && !a.port().empty();
+        p.port = a.port();
+        GURL url;
+        std::string spec;
+        const Verdict verdict = build(p, &spec, &url.parsed_);
+        if (verdict != Verdict::kUnparsable) {
+          url.is_valid_ = verdict == Verdict::kValid;
+          url.spec_ = std::make_shared<const std::string>(std::move(spec));
+          return url;
+        }
+      }
+    } catch (const std::exception&) {
+      // Out of memory: the joined way below decides.
+    }
+  }
+  std::string joined;
+  joined.reserve(scheme.size() + 3 + authority.size() + target.size());
+  joined.append(scheme).append("://").append(authority).append(target);
+  return GURL(joined);
+}
+
+const std::string& GURL::possibly_invalid_spec() const {
+  static const std::string* const kEmpty = new std::string();
+  return spec_ ? *spec_ : *kEmpty;
 }
 
 const std::string& GURL::spec() const {
   static const std::string* const kEmpty = new std::string();
-  return is_valid_ ? spec_ : *kEmpty;
+  return is_valid_ ? *spec_ : *kEmpty;
 }
 
 int GURL::IntPort() const {
   if (!parsed_.port.is_nonempty()) return -1;
+  const std::string& spec = *spec_;
   int port = 0;
-  for (int i = parsed_.port.begin; i < parsed_.port.end(); ++i) port = port * 10 + (spec_[i] - '0');
+  for (int i = parsed_.port.begin; i < parsed_.port.end(); ++i) port = port * 10 + (spec[i] - '0');
   return port;
 }
 
 std::string GURL::componentString(const url_parse::Component& component) const {
   if (!component.is_valid()) return std::string();
-  return spec_.substr(component.begin, component.len);
+  return possibly_invalid_spec().substr(component.begin, component.len);
 }
 
 std::ostream& operator<<(std::ostream& out, const GURL& url) { return out << url.spec(); }

@@ -2,6 +2,7 @@
 #define URL_GURL_H_
 
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 #include "url/url_parse.h"
@@ -9,38 +10,60 @@
 // An absolute URL, checked and put in canonical form when it is built.
 //
 // Valid means: the text is an absolute RFC 3986 URI (a scheme, then the rest;
-// no blanks, no control bytes, every "%" followed by two hexadecimal digits),
-// its port, if any, fits 16 bits, and an http or https URL has a non-empty
-// host. Relative references such as "/rpc" are invalid.
+// every "%" followed by two hexadecimal digits once the bytes below are
+// escaped), its port, if any, fits 16 bits, and an http or https URL has a
+// non-empty host. Relative references such as "/rpc" are invalid.
 //
 // The canonical form lower-cases the scheme and the host, drops an empty port
 // and the scheme's default one (80 for http, 443 for https), removes "." and
 // ".." segments from a path that starts with "/", and gives a URL with an
-// authority but no path the path "/". Everything else, percent-escapes
-// included, stays as it was written.
+// authority but no path the path "/". Bytes that may stand nowhere in a URI
+// but that clients send anyway (blanks, controls, non-ASCII, " < > \ ^ ` { | },
+// a "%" that starts no escape, brackets outside the authority) are
+// percent-escaped. Everything else, escapes included, stays as it was written.
+//
+// An invalid URL keeps what could be made of it, so that its path and query
+// still reach whoever asks:
+// - an http(s) URL without a host has its canonical form and components;
+// - a text with a scheme that cannot be parsed in full (a bad port or host, a
+//   second "#") is split leniently at the first "//" authority, "?" and "#":
+//   the path and query are canonicalised as above, the authority is kept as
+//   written (after any userinfo it all stands as the host), and
+//   possibly_invalid_spec() is the text so rebuilt;
+// - anything else (no scheme, as "/rpc" or "a b") keeps the text as given and
+//   has no components.
 //
 // Any text may be handed in, untrusted bytes included: construction takes
 // linear time, never throws and never crashes; bad text gives an invalid URL.
 //
-// A value type: copy it freely. A const GURL may be read from several threads
-// at once.
+// A value type whose text is shared between copies: copying is cheap. A const
+// GURL may be read from several threads at once.
 class GURL {
  public:
   // The empty URL, which is invalid.
   GURL();
   explicit GURL(const std::string& url_string);
 
+  // The same URL as GURL(scheme + "://" + authority + target), built without
+  // joining the three first where that is possible (an authority without "/",
+  // "?" or "#", and a target that starts with a single "/"), so that a long
+  // target costs one copy, not three.
+  static GURL fromParts(const std::string& scheme, const std::string& authority,
+                        const std::string& target);
+
   bool is_valid() const { return is_valid_; }
   // True for the URL made from "" (and the default one).
-  bool is_empty() const { return spec_.empty(); }
+  bool is_empty() const { return possibly_invalid_spec().empty(); }
 
   // The canonical form; empty for an invalid URL.
   const std::string& spec() const;
-  // The canonical form of a valid URL, the text as given for an invalid one.
-  const std::string& possibly_invalid_spec() const { return spec_; }
-  // Where the components lie in possibly_invalid_spec(). Every component of an
-  // invalid URL is absent.
+  // The canonical form of a valid URL; for an invalid one, as said above.
+  const std::string& possibly_invalid_spec() const;
+  // Where the components lie in possibly_invalid_spec().
   const url_parse::Parsed& parsed_for_possibly_invalid_spec() const { return parsed_; }
+  // The text behind possibly_invalid_spec(), for holders that must keep it
+  // alive on their own (null for the empty URL).
+  const std::shared_ptr<const std::string>& shared_spec() const { return spec_; }
 
   // A query is there when the URL has a "?", even with nothing after it.
   bool has_query() const { return parsed_.query.is_valid(); }
@@ -59,7 +82,7 @@ class GURL {
  private:
   std::string componentString(const url_parse::Component& component) const;
 
-  std::string spec_;
+  std::shared_ptr<const std::string> spec_;
   bool is_valid_ = false;
   url_parse::Parsed parsed_;
 };
