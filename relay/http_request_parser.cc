@@ -98,7 +98,29 @@ void resolveUrlFromHost(HttpRequest* request, const std::string& host) {
   request->query_components.assignFrom(request->url);
 }
 
+void HttpMessageParser::setLimits(const RequestLimits& limits) { limits_ = limits; }
+
+bool HttpMessageParser::headInProgress() const {
+  return !spent_ && (state_ == kHeaders || (state_ == kInitialLine && !buffer_.empty()));
+}
+
+bool HttpMessageParser::headTooLong(size_t length) const {
+  if (limits_.max_header_bytes == 0) return false;
+  if (state_ == kInitialLine) return length > limits_.max_header_bytes;
+  return state_ == kHeaders && head_bytes_ + length > limits_.max_header_bytes;
+}
+
+bool HttpMessageParser::refuse(HttpResponse::StatusCode status) {
+  error_status_ = status;
+  spent_ = true;
+  std::string().swap(buffer_);
+  message_.reset(createNewMessage());
+  state_ = kInitialLine;
+  return false;
+}
+
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
+  if (spent_) return false;
   if (!message_) message_.reset(createNewMessage());
   const char* scan = data.data();
   const char* const end = scan + data.size();
@@ -119,16 +141,30 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
       state_ = kInitialLine;
       message_.reset(createNewMessage());
       buffer_.clear();
+      head_bytes_ = 0;
       line_start = scan;
       if (scan == end) return true;
     }
     const char* line_end = line_ends.next(scan);
     if (line_end == end) {
       buffer_.append(line_start, end - line_start);
+      if (headTooLong(buffer_.size())) {
+        return refuse(state_ == kInitialLine ? HttpResponse::kRequestUriTooLarge
+                                             : HttpResponse::kBadRequest);
+      }
       return true;
     }
     scan = line_end + 1;
+    const size_t line_length = buffer_.size() + (line_end - line_start);
+    if (headTooLong(line_length)) {
+      return refuse(state_ == kInitialLine ? HttpResponse::kRequestUriTooLarge
+                                           : HttpResponse::kBadRequest);
+    }
+    head_bytes_ += line_length + 2;
     if (!processLine(line_start, line_end - line_start)) {
+      if (spent_) return false;
+      // A refused first line restarts the head.
+      if (state_ == kInitialLine) head_bytes_ = 0;
       // Even a rejected line's CR may have its LF in the next chunk.
       skip_line_feed_ = *line_end == '\r' && scan == end;
       return false;
@@ -171,6 +207,9 @@ bool HttpMessageParser::processHeaderLine(const std::string& line) {
   if (line.empty()) {
     finalizeHeader();
     state_ = kBody;
+    if (limits_.max_body_bytes != 0 && message_->content_length > limits_.max_body_bytes) {
+      return refuse(HttpResponse::kRequestEntityTooLarge);
+    }
     return true;
   }
   size_t name_length;

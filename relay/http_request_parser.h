@@ -15,7 +15,8 @@ namespace relay {
 // Limits a server may put on the requests it reads; 0 means no limit, which is
 // what a parser has unless told otherwise.
 struct RequestLimits {
-  // The request line and the header lines of one request, line ends included.
+  // The request line and the header lines of one request, each line end
+  // counted as two bytes.
   size_t max_header_bytes = 0;
   // The body of one request.
   uint64_t max_body_bytes = 0;
@@ -56,6 +57,19 @@ class HttpMessageParser {
   // One line of the header block; the empty line ends the block.
   bool processHeaderLine(const std::string& line);
 
+  // Refuses what exceeds `limits` (none by default): a first line longer than
+  // max_header_bytes (status 414), a longer head (400), a Content-Length above
+  // max_body_bytes (413). They are checked as the bytes are buffered, so an
+  // endless line is refused once it passes the limit. A refusal spends the
+  // parser: every later call returns false and completes nothing.
+  void setLimits(const RequestLimits& limits);
+  // The status a false result is answered with: 400, or what a limit said.
+  HttpResponse::StatusCode errorStatus() const { return error_status_; }
+  // Part of a message's head has arrived, and not the whole of it.
+  bool headInProgress() const;
+  // A message's head is complete and its body is not.
+  bool bodyInProgress() const { return !spent_ && state_ == kBody; }
+
  protected:
   enum State { kInitialLine = 0, kHeaders = 1, kBody = 2 };
 
@@ -74,9 +88,20 @@ class HttpMessageParser {
   std::unique_ptr<HttpMessage> message_;
 
  private:
+  // Whether a line of `length` bytes, not yet handed over, takes the head past
+  // its limit.
+  bool headTooLong(size_t length) const;
+  // Spends the parser with `status` and returns false.
+  bool refuse(HttpResponse::StatusCode status);
+
   // The previous chunk ended with a CR: an LF opening the next one belongs to
   // that line end.
   bool skip_line_feed_ = false;
+  RequestLimits limits_;
+  // The bytes of the lines of the current head handed over so far.
+  size_t head_bytes_ = 0;
+  HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
+  bool spent_ = false;
 };
 
 // Reads requests: the request line, then the absolute URL and the unescaped

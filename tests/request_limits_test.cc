@@ -1,0 +1,126 @@
+// The limits a server may put on the requests HttpRequestParser reads.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "relay/http_request_parser.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+struct Outcome {
+  bool ok = true;
+  size_t requests = 0;
+  int status = 0;  // errorStatus() after a false result
+};
+
+// Feeds `chunks` one by one, stopping at the first false.
+Outcome feed(HttpRequestParser* parser, const std::vector<std::string>& chunks) {
+  Outcome outcome;
+  std::vector<HttpRequestPtr> requests;
+  for (const std::string& chunk : chunks) {
+    if (!parser->parse(chunk, &requests)) {
+      outcome.ok = false;
+      outcome.status = parser->errorStatus();
+      break;
+    }
+  }
+  outcome.requests = requests.size();
+  return outcome;
+}
+
+TEST(RequestLimitsTest, HeadAndBodyLimitsAnswerBeforeTheBytesArrive) {
+  RequestLimits limits;
+  limits.max_header_bytes = 64;
+  limits.max_body_bytes = 10;
+  const std::string fits = "GET /a HTTP/1.1\r\nHost: h\r\n\r\n";  // 29 bytes counted
+  struct Case {
+    const char* name;
+    std::vector<std::string> chunks;
+    Outcome expected;
+  } cases[] = {
+      {"within every limit",
+       {fits + "POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789"},
+       {true, 2, 0}},
+      // A request line with no end in sight is refused once it passes the limit.
+      {"endless request line",
+       {"GET /" + std::string(60, 'a'), std::string(1 << 20, 'a')},
+       {false, 0, 414}},
+      {"request line just over",
+       {"GET /" + std::string(56, 'a') + " HTTP/1.1\r\n"},
+       {false, 0, 414}},
+      {"request line at the limit",
+       {"GET /" + std::string(50, 'a') + " HTTP/1.1\r\n\r\n"},  // 64 bytes, then 2 of line end
+       {false, 0, 400}},
+      {"endless header line", {"GET / HTTP/1.1\r\nX: " + std::string(100, 'v')}, {false, 0, 400}},
+      {"many short headers",
+       {"GET / HTTP/1.1\r\nA: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\nE: 5\r\nF: 6\r\nG: 7\r\nH: 8\r\nI: "
+        "9\r\n"},
+       {false, 0, 400}},
+      // Requests completed before the refusal are still delivered.
+      {"second request over",
+       {fits + "GET / HTTP/1.1\r\nX: " + std::string(100, 'v') + "\r\n\r\n"},
+       {false, 1, 400}},
+      {"declared body too large",
+       {"POST / HTTP/1.1\r\nContent-Length: 11\r\n\r\n"},
+       {false, 0, 413}},
+      {"body limit counts the declaration, not the bytes",
+       {"POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\n01234", "56789"},
+       {true, 1, 0}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpRequestParser parser;
+    parser.setLimits(limits);
+    const Outcome outcome = feed(&parser, c.chunks);
+    EXPECT_EQ(c.expected.ok, outcome.ok);
+    EXPECT_EQ(c.expected.requests, outcome.requests);
+    EXPECT_EQ(c.expected.status, outcome.status);
+    if (!outcome.ok) {
+      // A refusal spends the parser: a good request after it is not read.
+      std::vector<HttpRequestPtr> later;
+      EXPECT_FALSE(parser.parse(fits, &later));
+      EXPECT_TRUE(later.empty());
+      EXPECT_FALSE(parser.headInProgress());
+      EXPECT_FALSE(parser.bodyInProgress());
+    }
+  }
+}
+
+TEST(RequestLimitsTest, WithoutLimitsAMalformedLineIsA400AndParsingGoesOn) {
+  HttpRequestParser parser;
+  parser.setLimits(RequestLimits());
+  std::vector<HttpRequestPtr> requests;
+  EXPECT_FALSE(parser.parse("GET / HTTP/1.1\r\nno colon\r\n", &requests));
+  EXPECT_EQ(400, parser.errorStatus());
+  EXPECT_TRUE(parser.parse("Host: h\r\n\r\n", &requests));
+  ASSERT_EQ(1u, requests.size());
+  EXPECT_EQ("h", requests[0]->headers["Host"]);
+  // Even a line far longer than any limit a server would set.
+  EXPECT_TRUE(parser.parse("GET /" + std::string(1 << 20, 'a') + " HTTP/1.1\r\n\r\n", &requests));
+  EXPECT_EQ(2u, requests.size());
+}
+
+TEST(RequestLimitsTest, ProgressTellsHeadFromBody) {
+  HttpRequestParser parser;
+  std::vector<HttpRequestPtr> requests;
+  EXPECT_FALSE(parser.headInProgress());
+  ASSERT_TRUE(parser.parse("GE", &requests));
+  EXPECT_TRUE(parser.headInProgress());
+  ASSERT_TRUE(parser.parse("T / HTTP/1.1\r\nContent-Length: 2\r\n", &requests));
+  EXPECT_TRUE(parser.headInProgress());
+  EXPECT_FALSE(parser.bodyInProgress());
+  ASSERT_TRUE(parser.parse("\r\nx", &requests));
+  EXPECT_FALSE(parser.headInProgress());
+  EXPECT_TRUE(parser.bodyInProgress());
+  ASSERT_TRUE(parser.parse("y", &requests));
+  EXPECT_FALSE(parser.headInProgress());
+  EXPECT_FALSE(parser.bodyInProgress());
+  EXPECT_EQ(1u, requests.size());
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
