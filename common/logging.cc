@@ -30,6 +30,9 @@ std::atomic<int> max_enabled_level{kDefaultLevel};
 // need the lookup too.
 std::atomic<int> min_enabled_level{kDefaultLevel};
 std::atomic<int> next_statement_id{0};
+// Whether records go to a sink set by the application (whole texts) or to
+// the default one (cut texts).
+std::atomic<bool> custom_sink{false};
 
 void writeToStderr(const LogRecord& r) {
   fprintf(stderr, "[%d %s %s:%d #%d] %s\n", r.level, r.logger.c_str(), r.file.c_str(), r.line, r.id,
@@ -67,11 +70,30 @@ void setLogLevel(const std::string& logger, int level) {
 void setLogSink(LogSink sink) {
   LogState& s = state();
   std::lock_guard<std::mutex> lock(s.sink_mutex);
+  custom_sink.store(static_cast<bool>(sink), std::memory_order_relaxed);
   s.sink = std::move(sink);
 }
 
+std::streamsize LoggingStream::TextBuffer::xsputn(const char* data, std::streamsize size) {
+  size_t take = static_cast<size_t>(size);
+  if (limit_ != 0) take = std::min(take, limit_ - std::min(limit_, text_.size()));
+  text_.append(data, take);
+  cut_ += static_cast<size_t>(size) - take;
+  return size;
+}
+
+LoggingStream::TextBuffer::int_type LoggingStream::TextBuffer::overflow(int_type c) {
+  if (c != traits_type::eof()) {
+    const char byte = traits_type::to_char_type(c);
+    xsputn(&byte, 1);
+  }
+  return traits_type::not_eof(c);
+}
+
 LoggingStream::LoggingStream(int level, const char* logger, const char* file, const char* function,
-                             int line, int* statement_id) {
+                             int line, int* statement_id)
+    : buffer_(custom_sink.load(std::memory_order_relaxed) ? 0 : kDefaultSinkTextLimit),
+      stream_(&buffer_) {
   record_.level = level;
   record_.logger = logger;
   record_.file = file;
@@ -93,7 +115,8 @@ LoggingStream::LoggingStream(int level, const char* logger, const char* file, co
 }
 
 LoggingStream::~LoggingStream() {
-  record_.text = stream_.str();
+  record_.text = std::move(buffer_.text());
+  if (buffer_.cut() > 0) record_.text += " [" + std::to_string(buffer_.cut()) + " bytes cut]";
   LogState& s = state();
   std::lock_guard<std::mutex> lock(s.sink_mutex);
   if (s.sink) {

@@ -1,8 +1,10 @@
 #ifndef COMMON_LOGGING_H_
 #define COMMON_LOGGING_H_
 
+#include <cstddef>
 #include <functional>
-#include <sstream>
+#include <ostream>
+#include <streambuf>
 #include <string>
 
 namespace vantu {
@@ -30,9 +32,12 @@ bool isLoggerEnabled(int level, const char* logger);
 void setLogLevel(const std::string& logger, int level);
 
 // Replaces the sink that receives every written record; an empty function
-// restores the default, which writes one line per record to stderr. The sink
-// may be called from any thread, one record at a time.
+// restores the default, which writes one line per record to stderr with the
+// text cut at kDefaultSinkTextLimit bytes (a 64 MB request path must not make
+// 64 MB of log per 404). A sink set here gets whole texts. The sink may be
+// called from any thread, one record at a time.
 void setLogSink(LogSink sink);
+constexpr size_t kDefaultSinkTextLimit = 4096;
 
 // Builds one record and hands it to the sink when destroyed. Construct it only
 // after isLoggerEnabled said yes; the VLOG-style macro below does both.
@@ -53,8 +58,27 @@ class LoggingStream {
   }
 
  private:
+  // Keeps the first `limit` bytes written (all when 0) and counts the rest,
+  // so that a cut record costs no more than its kept part.
+  class TextBuffer : public std::streambuf {
+   public:
+    explicit TextBuffer(size_t limit) : limit_(limit) {}
+    std::string& text() { return text_; }
+    size_t cut() const { return cut_; }
+
+   protected:
+    std::streamsize xsputn(const char* data, std::streamsize size) override;
+    int_type overflow(int_type c) override;
+
+   private:
+    const size_t limit_;
+    size_t cut_ = 0;
+    std::string text_;
+  };
+
   LogRecord record_;
-  std::ostringstream stream_;
+  TextBuffer buffer_;
+  std::ostream stream_;
 };
 
 }  // namespace vantu

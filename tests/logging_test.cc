@@ -72,5 +72,23 @@ TEST_F(LoggingTest, ExplicitLineAndFunctionAreKept) {
   EXPECT_EQ("Check failed x", records_[0].text);
 }
 
+TEST_F(LoggingTest, DefaultSinkCutsLongTextsAndASetSinkGetsThemWhole) {
+  const std::string path = "/" + std::string(1 << 20, 'p');
+  VANTU_LOG(2, "test_logger", "tests/logging") << "No handler found for " << path;
+  ASSERT_EQ(1u, records_.size());
+  EXPECT_EQ("No handler found for " + path, records_[0].text);
+
+  setLogSink(nullptr);
+  ::testing::internal::CaptureStderr();
+  VANTU_LOG(2, "test_logger", "tests/logging") << "No handler found for " << path << "!";
+  VANTU_LOG(2, "test_logger", "tests/logging") << "short " << 42;
+  const std::string written = ::testing::internal::GetCapturedStderr();
+  const std::string kept = ("No handler found for " + path).substr(0, kDefaultSinkTextLimit);
+  const std::string cut = std::to_string(21 + path.size() + 1 - kDefaultSinkTextLimit);
+  EXPECT_NE(std::string::npos, written.find("] " + kept + " [" + cut + " bytes cut]\n"));
+  EXPECT_NE(std::string::npos, written.find("] short 42\n"));
+  EXPECT_LT(written.size(), 2 * kDefaultSinkTextLimit);
+}
+
 }  // namespace
 }  // namespace vantu
