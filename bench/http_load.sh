@@ -304,7 +304,10 @@ done
 table() {
   local -n figures=$1
   local what=$2
-  printf '%-20s %12s %12s %12s %11s %11s %11s\n' test "ours $what" "nginx $what" \
+  # printf pads by bytes, and "µ" takes two.
+  local wide=12
+  [[ $what == *µ* ]] && wide=13
+  printf "%-20s %${wide}s %${wide}s %${wide}s %11s %11s %11s\n" test "ours $what" "nginx $what" \
     "floor $what" ours/nginx ours/floor nginx/floor
   for test in keepalive pipelined16; do
     local ours=${figures[$test,ours]} nginx=${figures[$test,nginx]} floor=${figures[$test,floor]}
