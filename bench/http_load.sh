@@ -1,18 +1,27 @@
 #!/usr/bin/env bash
 # HTTP load: our demo_server's /hello beside nginx with one worker serving the
-# same body, one after the other in the same run. Both servers share CPU 0 and
-# wrk runs alone on CPU 1, so each server gets one core, as our one event thread
-# would. Prints requests/second for keep-alive and for 16-deep pipelining.
+# same body, and beside the floor (bench/floor/floor_server: no parsing, every
+# request end answered with the demo's own /hello answer, captured from it at
+# start), one after the other in the same run. The servers share CPU 0 and wrk
+# runs alone on CPU 1, so each server gets one core, as our one event thread
+# would. For keep-alive and for 16-deep pipelining it prints requests/second
+# and the server's CPU time per request (user + system from /proc/PID/stat,
+# read before and after each measured run, over the requests served), each
+# with the ratios between the three.
 #
-# The machine may be shared, so each server's time is split into rounds that
-# alternate ours, nginx, nginx, ours, ...: outside load that comes and goes
-# then falls on both alike. req/s is all of a server's requests over all its
-# rounds' time; the rounds are printed too.
+# The machine may be shared, so each server's time is split into rounds whose
+# order rotates (ours nginx floor, nginx floor ours, ...): outside load that
+# comes and goes then falls on all alike. req/s is all of a server's requests
+# over all its rounds' time, CPU per request all its rounds' CPU over all their
+# requests; the rounds are printed too.
+#
+# The demo runs as it does by default; DEMO_ARGS adds arguments (for example
+# DEMO_ARGS=--no-hardening).
 #
 # Usage: bench/http_load.sh BUILD_DIR
 # Environment: HTTP_LOAD_SECONDS (default 10, per server and test),
 # HTTP_LOAD_ROUNDS (default 2), HTTP_LOAD_WARMUP (default 2),
-# HTTP_LOAD_CONNECTIONS (default 50).
+# HTTP_LOAD_CONNECTIONS (default 50), DEMO_ARGS (default none).
 set -euo pipefail
 
 build=${1:?usage: http_load.sh BUILD_DIR}
@@ -20,14 +29,20 @@ seconds=${HTTP_LOAD_SECONDS:-10}
 rounds=${HTTP_LOAD_ROUNDS:-2}
 warmup=${HTTP_LOAD_WARMUP:-2}
 connections=${HTTP_LOAD_CONNECTIONS:-50}
+read -ra demo_args <<<"${DEMO_ARGS:-}"
 server_cpu=0
 client_cpu=1
+servers=(ours nginx floor)
 
 demo="$build/examples/demo_server"
-for tool in wrk nginx taskset curl python3; do
+floor="$build/bench/floor/floor_server"
+for tool in wrk nginx taskset curl python3 getconf; do
   command -v "$tool" >/dev/null || { echo "http_load: $tool not found (scripts/install-deps --bench)" >&2; exit 1; }
 done
-[[ -x "$demo" ]] || { echo "http_load: $demo not built" >&2; exit 1; }
+for exe in "$demo" "$floor"; do
+  [[ -x "$exe" ]] || { echo "http_load: $exe not built" >&2; exit 1; }
+done
+clock_ticks=$(getconf CLK_TCK)
 
 work=$(mktemp -d)
 pids=()
@@ -43,15 +58,19 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-# Two distinct free loopback ports: bind port 0 and read back what the kernel chose.
-read -r our_port nginx_port < <(python3 - <<'EOF'
+# Three distinct free loopback ports: bind port 0 and read back what the kernel chose.
+declare -A port pid log
+read -r 'port[ours]' 'port[nginx]' 'port[floor]' < <(python3 - <<'EOF'
 import socket
-socks = [socket.socket() for _ in range(2)]
+socks = [socket.socket() for _ in range(3)]
 for s in socks:
     s.bind(("127.0.0.1", 0))
 print(*(s.getsockname()[1] for s in socks))
 EOF
 )
+log[ours]=$work/demo.log
+log[nginx]=$work/nginx/error.log
+log[floor]=$work/floor.log
 
 mkdir -p "$work/nginx"
 cat >"$work/nginx/nginx.conf" <<EOF
@@ -59,7 +78,7 @@ worker_processes 1;
 daemon off;
 master_process off;
 pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log warn;
+error_log ${log[nginx]} warn;
 events {
   worker_connections 1024;
 }
@@ -73,7 +92,7 @@ http {
   keepalive_requests 1000000;
   keepalive_timeout 75s;
   server {
-    listen 127.0.0.1:$nginx_port;
+    listen 127.0.0.1:${port[nginx]};
     location = /hello {
       default_type text/plain;
       return 200 "Hello, world!\n";
@@ -106,19 +125,12 @@ end
 EOF
 cat "$work/summary.lua" >>"$work/pipeline.lua"
 
-taskset -c "$server_cpu" "$demo" --address 127.0.0.1 --port "$our_port" \
-  >"$work/demo.log" 2>&1 &
-pids+=($!)
-taskset -c "$server_cpu" nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log" \
-  >"$work/nginx.out" 2>&1 &
-pids+=($!)
-
 # Waits until NAME answers /hello exactly as expected, or fails with its log.
 expect_hello() {
-  local name=$1 port=$2 log=$3 got
+  local name=$1 got
   for _ in $(seq 100); do
     if got=$(curl -s --max-time 2 -o "$work/body" -w '%{http_code} %{content_type}' \
-      "http://127.0.0.1:$port/hello"); then
+      "http://127.0.0.1:${port[$name]}/hello"); then
       if [[ "$got" == "200 text/plain"* ]] && printf 'Hello, world!\n' | cmp -s - "$work/body"; then
         return 0
       fi
@@ -128,19 +140,59 @@ expect_hello() {
     fi
     sleep 0.1
   done
-  echo "http_load: $name did not answer on port $port; its log:" >&2
-  cat "$log" >&2
+  echo "http_load: $name did not answer on port ${port[$name]}; its log:" >&2
+  cat "${log[$name]}" >&2
   exit 1
 }
-expect_hello ours "$our_port" "$work/demo.log"
-expect_hello nginx "$nginx_port" "$work/nginx/error.log"
 
-# Runs wrk against PORT; prints "requests microseconds". Any socket error or non-2xx
-# answer fails the whole benchmark: a fast server that drops requests is no win.
+taskset -c "$server_cpu" "$demo" --address 127.0.0.1 --port "${port[ours]}" \
+  ${demo_args[@]+"${demo_args[@]}"} >"${log[ours]}" 2>&1 &
+pid[ours]=$!
+pids+=($!)
+taskset -c "$server_cpu" nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -e "${log[nginx]}" \
+  >"$work/nginx.out" 2>&1 &
+pid[nginx]=$!
+pids+=($!)
+expect_hello ours
+expect_hello nginx
+
+# The floor answers with exactly the bytes the demo sends for one GET /hello.
+python3 - "${port[ours]}" "$work/hello.bin" <<'EOF'
+import socket, sys
+port, path = int(sys.argv[1]), sys.argv[2]
+s = socket.create_connection(("127.0.0.1", port), timeout=5)
+s.sendall(f"GET /hello HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n\r\n".encode())
+got = b""
+while True:
+    head = got.find(b"\r\n\r\n")
+    if head >= 0:
+        fields = [line.split(b":", 1) for line in got[:head].split(b"\r\n")[1:]]
+        lengths = [int(v) for k, v in fields if k.strip().lower() == b"content-length"]
+        if len(lengths) != 1:
+            sys.exit(f"http_load: the demo's /hello answer has no single Content-Length: {got!r}")
+        if len(got) >= head + 4 + lengths[0]:
+            break
+    chunk = s.recv(4096)
+    if not chunk:
+        sys.exit(f"http_load: the demo closed the connection after {got!r}")
+    got += chunk
+if len(got) != head + 4 + lengths[0]:
+    sys.exit(f"http_load: more than one answer from the demo to one /hello: {got!r}")
+open(path, "wb").write(got)
+EOF
+taskset -c "$server_cpu" "$floor" --port "${port[floor]}" --answer "$work/hello.bin" \
+  >"${log[floor]}" 2>&1 &
+pid[floor]=$!
+pids+=($!)
+expect_hello floor
+
+# Runs wrk against a server; prints "requests microseconds". Any socket error or
+# non-2xx answer fails the whole benchmark: a fast server that drops requests
+# is no win.
 run_wrk() {
-  local name=$1 port=$2 script=$3 duration=$4 out
+  local name=$1 script=$2 duration=$3 out
   out=$(taskset -c "$client_cpu" wrk -t1 -c"$connections" -d"${duration}s" --timeout 5s \
-    -s "$script" "http://127.0.0.1:$port/hello" 2>&1) || {
+    -s "$script" "http://127.0.0.1:${port[$name]}/hello" 2>&1) || {
     echo "http_load: wrk against $name failed:" >&2
     echo "$out" >&2
     exit 1
@@ -162,18 +214,36 @@ run_wrk() {
   echo "$requests $micros"
 }
 
-# Requests per second from "requests microseconds" pairs summed up.
-rate() {
-  python3 -c "print(f'{$1 / ($2 / 1e6):.0f}')"
+# CPU clock ticks (user + system, all threads) a process has used so far.
+# Fields 14 and 15 of /proc/PID/stat, counted after the command name, which is
+# in parentheses and may hold blanks.
+cpu_ticks() {
+  local stat
+  stat=$(<"/proc/$1/stat")
+  local -a fields
+  read -ra fields <<<"${stat##*) }"
+  echo $((fields[11] + fields[12]))
+}
+
+# Evaluates the Python expression $1 over a = the numbers that follow; prints
+# "-" when a figure is missing ("-") or a divisor is 0.
+calc() {
+  python3 -c '
+import sys
+try:
+    a = [float(x) for x in sys.argv[2:]]
+    print(eval(sys.argv[1]))
+except (ValueError, ZeroDivisionError):
+    print("-")' "$@"
 }
 
 # Each server must still be alive after the runs: a crash under load shows up
 # as connection errors above, but check explicitly so the message says so.
 check_alive() {
-  local name=$1 pid=$2 log=$3
-  if ! kill -0 "$pid" 2>/dev/null; then
+  local name=$1
+  if ! kill -0 "${pid[$name]}" 2>/dev/null; then
     echo "http_load: $name exited during the benchmark; its log:" >&2
-    cat "$log" >&2
+    cat "${log[$name]}" >&2
     exit 1
   fi
 }
@@ -181,50 +251,85 @@ check_alive() {
 # wrk takes whole seconds.
 round_seconds=$(((seconds + rounds - 1) / rounds))
 seconds=$((round_seconds * rounds))
-declare -A requests micros per_round
+declare -A requests micros ticks per_round
 for test in keepalive pipelined16; do
   script="$work/summary.lua"
   [[ $test == pipelined16 ]] && script="$work/pipeline.lua"
-  for server in ours nginx; do
-    port=$our_port
-    [[ $server == nginx ]] && port=$nginx_port
-    run_wrk "$server" "$port" "$script" "$warmup" >/dev/null
+  for server in "${servers[@]}"; do
+    run_wrk "$server" "$script" "$warmup" >/dev/null
     requests[$test,$server]=0
     micros[$test,$server]=0
+    ticks[$test,$server]=0
     per_round[$test,$server]=""
   done
   for ((round = 0; round < rounds; ++round)); do
-    order="ours nginx"
-    ((round % 2)) && order="nginx ours"
-    for server in $order; do
-      port=$our_port
-      [[ $server == nginx ]] && port=$nginx_port
-      measured=$(run_wrk "$server" "$port" "$script" "$round_seconds")
+    for ((k = 0; k < ${#servers[@]}; ++k)); do
+      server=${servers[(round + k) % ${#servers[@]}]}
+      before=$(cpu_ticks "${pid[$server]}")
+      measured=$(run_wrk "$server" "$script" "$round_seconds")
+      after=$(cpu_ticks "${pid[$server]}")
       read -r got took <<<"$measured"
       requests[$test,$server]=$((requests[$test,$server] + got))
       micros[$test,$server]=$((micros[$test,$server] + took))
-      per_round[$test,$server]+=" $(rate "$got" "$took")"
+      ticks[$test,$server]=$((ticks[$test,$server] + after - before))
+      per_round[$test,$server]+=" $((got * 1000000 / took))"
     done
   done
-  check_alive ours "${pids[0]}" "$work/demo.log"
-  check_alive nginx "${pids[1]}" "$work/nginx/error.log"
+  for server in "${servers[@]}"; do
+    check_alive "$server"
+  done
 done
-expect_hello ours "$our_port" "$work/demo.log"
+expect_hello ours
+
+label() {
+  case $1 in
+    keepalive) echo "keep-alive" ;;
+    pipelined16) echo "pipelined (16 deep)" ;;
+  esac
+}
+
+# Figures per test and server: req/s, and server CPU µs per request.
+declare -A rate cpu
+for test in keepalive pipelined16; do
+  for server in "${servers[@]}"; do
+    rate[$test,$server]=$(calc 'f"{a[0] / (a[1] / 1e6):.0f}"' \
+      "${requests[$test,$server]}" "${micros[$test,$server]}")
+    cpu[$test,$server]=$(calc 'f"{a[0] * 1e6 / a[1] / a[2]:.2f}"' \
+      "${ticks[$test,$server]}" "$clock_ticks" "${requests[$test,$server]}")
+  done
+done
+
+# One table: the three servers' figures and the ratios of ours to nginx, ours
+# to the floor and nginx to the floor.
+table() {
+  local -n figures=$1
+  local what=$2
+  # printf pads by bytes, and "µ" takes two.
+  local wide=12
+  [[ $what == *µ* ]] && wide=13
+  printf "%-20s %${wide}s %${wide}s %${wide}s %11s %11s %11s\n" test "ours $what" "nginx $what" \
+    "floor $what" ours/nginx ours/floor nginx/floor
+  for test in keepalive pipelined16; do
+    local ours=${figures[$test,ours]} nginx=${figures[$test,nginx]} floor=${figures[$test,floor]}
+    printf '%-20s %12s %12s %12s %11s %11s %11s\n' "$(label $test)" "$ours" "$nginx" "$floor" \
+      "$(calc 'f"{a[0] / a[1]:.2f}"' "$ours" "$nginx")" \
+      "$(calc 'f"{a[0] / a[1]:.2f}"' "$ours" "$floor")" \
+      "$(calc 'f"{a[0] / a[1]:.2f}"' "$nginx" "$floor")"
+  done
+}
 
 echo "== HTTP /hello, one server core (CPU $server_cpu), wrk -t1 -c$connections on CPU $client_cpu," \
-  "${seconds}s per server and test in $rounds alternating rounds"
-printf '%-22s %14s %14s %8s\n' test "ours req/s" "nginx req/s" ratio
-for test in keepalive pipelined16; do
-  ours=$(rate "${requests[$test,ours]}" "${micros[$test,ours]}")
-  peer=$(rate "${requests[$test,nginx]}" "${micros[$test,nginx]}")
-  label="keep-alive"
-  [[ $test == pipelined16 ]] && label="pipelined (16 deep)"
-  printf '%-22s %14s %14s %8s\n' "$label" "$ours" "$peer" \
-    "$(python3 -c "print(f'{$ours / $peer:.2f}')")"
-done
+  "${seconds}s per server and test in $rounds rotating rounds"
+echo "   ours: demo_server${DEMO_ARGS:+ $DEMO_ARGS}; nginx: 1 worker; floor: counts request ends," \
+  "answers each with the demo's $(stat -c %s "$work/hello.bin")-byte /hello answer"
+table rate "req/s"
+echo
+echo "server CPU (user + system) per request, µs; lower is better"
+table cpu "µs/req"
+echo
 echo "req/s per round"
 for test in keepalive pipelined16; do
-  for server in ours nginx; do
+  for server in "${servers[@]}"; do
     echo "  $test, $server:${per_round[$test,$server]}"
   done
 done

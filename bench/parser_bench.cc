@@ -4,74 +4,25 @@
 #include <benchmark/benchmark.h>
 #include <http_parser.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "bench/corpus.h"
 #include "relay/http_request_parser.h"
 
 namespace {
 
-std::string readData(const char* name) {
-  std::ifstream file(std::string(HSL_BENCH_DATA) + "/" + name, std::ios::binary);
-  std::stringstream bytes;
-  bytes << file.rdbuf();
-  return bytes.str();
-}
+using bench::chunked;
 
-struct Input {
-  std::string bytes;
-  int requests;
-};
-
-Input makeInput(int which) {
-  switch (which) {
-    case 0:
-      return {readData("browser_get.http"), 1};
-    case 1:
-      return {readData("rpc_post.http"), 1};
-    case 2: {
-      std::string one = readData("browser_get.http");
-      std::string all;
-      for (int i = 0; i < 32; ++i) all += one;
-      return {all, 32};
-    }
-    default: {
-      // Every request names another URL, so nothing is served from the last
-      // URL built: what a browser loading a page's resources looks like.
-      std::string one = readData("browser_get.http");
-      const size_t version = one.find("&v=2");
-      std::string all;
-      for (int i = 0; i < 32; ++i) {
-        std::string distinct = one;
-        distinct.replace(version, 4, "&v=" + std::to_string(100 + i));
-        all += distinct;
-      }
-      return {all, 32};
-    }
-  }
-}
-
-const char* const kInputNames[] = {"browser_get", "rpc_post", "browser_get_x32_pipelined",
-                                   "browser_get_x32_distinct_urls"};
-
-std::vector<std::string> chunked(const std::string& bytes, size_t chunk) {
-  std::vector<std::string> chunks;
-  if (chunk == 0) chunk = bytes.size();
-  for (size_t at = 0; at < bytes.size(); at += chunk) chunks.push_back(bytes.substr(at, chunk));
-  return chunks;
-}
-
-void setCounters(benchmark::State& state, const Input& input) {
+void setCounters(benchmark::State& state, const bench::CorpusInput& input) {
   state.SetItemsProcessed(state.iterations() * input.requests);
   state.SetBytesProcessed(state.iterations() * input.bytes.size());
-  state.SetLabel(kInputNames[state.range(0)]);
+  state.SetLabel(input.name);
 }
 
 // range(0): input; range(1): chunk size (0 = whole).
 void BM_RelayRequestParser(benchmark::State& state) {
-  const Input input = makeInput(state.range(0));
+  const bench::CorpusInput input = bench::corpusInput(state.range(0));
   const std::vector<std::string> chunks = chunked(input.bytes, state.range(1));
   vantu::relay::HttpRequestParser parser;
   std::vector<vantu::relay::HttpRequestPtr> requests;
@@ -95,7 +46,7 @@ int onData(http_parser*, const char*, size_t) { return 0; }
 int onEvent(http_parser*) { return 0; }
 
 void BM_HttpParserTokenise(benchmark::State& state) {
-  const Input input = makeInput(state.range(0));
+  const bench::CorpusInput input = bench::corpusInput(state.range(0));
   const std::vector<std::string> chunks = chunked(input.bytes, state.range(1));
   http_parser_settings settings;
   http_parser_settings_init(&settings);
@@ -122,7 +73,7 @@ void BM_HttpParserTokenise(benchmark::State& state) {
 }
 
 void inputsAndChunks(benchmark::internal::Benchmark* b) {
-  for (int input = 0; input < 4; ++input) {
+  for (int input = 0; input < bench::kCorpusInputs; ++input) {
     b->Args({input, 0});
     b->Args({input, 1460});
   }

@@ -1,6 +1,10 @@
 // RPC echo over loopback: our HttpServer + RPCChannel beside gRPC C++ (async
 // server with one completion-queue thread, async client), the same 5-byte
-// request on both, with 1 and with 64 calls in flight on one channel.
+// request on both, with 1 and with 64 calls in flight on one channel. At 1 in
+// flight, the floor beside them (bench/floor/ping_pong.h): a blocking TCP
+// ping-pong of 200-byte messages on one connection, and the same ping-pong
+// with the client's hand-off to an event thread and back through a condition
+// variable, which is what any RPC channel has to do.
 //
 // Each server runs in a child process (this executable re-run with --serve)
 // pinned to one CPU; the client runs in this process pinned to another, so the
@@ -8,6 +12,9 @@
 // completion issues the next call from inside its completion, until the
 // measuring window closes. Calls that complete inside the window count toward
 // calls/s and their issue-to-completion times give the latency percentiles.
+// The server's CPU time (user + system, from /proc/PID/stat) is read at the
+// start and at the end of the window; divided by the calls inside the window it
+// gives the server's CPU per call.
 //
 // The machine may be shared, so each scenario is measured in several short
 // rounds that alternate between the two sides; calls/s is the median round and
@@ -39,6 +46,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/floor/ping_pong.h"
 #include "common/socket_address.h"
 #include "examples/demo_service.h"
 #include "relay/http_server.h"
@@ -90,9 +98,16 @@ bool pinTo(int cpu) {
 class Recorder {
  public:
   Recorder(const Options& options, Clock::time_point start)
-      : from_(start + toDuration(options.warmup)),
-        until_(from_ + toDuration(options.seconds)),
+      : from_(windowStart(options, start)),
+        until_(windowEnd(options, start)),
         seconds_(options.seconds) {}
+
+  static Clock::time_point windowStart(const Options& options, Clock::time_point start) {
+    return start + toDuration(options.warmup);
+  }
+  static Clock::time_point windowEnd(const Options& options, Clock::time_point start) {
+    return windowStart(options, start) + toDuration(options.seconds);
+  }
 
   // Records one completed call; true while the next call should be issued.
   bool record(Clock::time_point issued, bool ok, const std::string& error) {
@@ -124,11 +139,65 @@ class Recorder {
   std::string first_error_;
 };
 
+// Seconds of CPU, user and system, that process `pid` (all its threads) has
+// used so far; negative when they cannot be read.
+double processCpuSeconds(pid_t pid) {
+  char path[64];
+  std::snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+  FILE* file = std::fopen(path, "r");
+  if (file == nullptr) return -1;
+  char line[1024];
+  const bool read = std::fgets(line, sizeof(line), file) != nullptr;
+  std::fclose(file);
+  // The command name in parentheses may hold blanks; the fields after it are
+  // state, ppid, pgrp, session, tty, tpgid, flags, four fault counts, utime, stime.
+  const char* after = read ? std::strrchr(line, ')') : nullptr;
+  unsigned long long user = 0, system = 0;
+  if (after == nullptr ||
+      std::sscanf(after + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu", &user,
+                  &system) != 2) {
+    return -1;
+  }
+  return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Reads a server's CPU time at the start and at the end of a measuring window,
+// from a thread of its own that sleeps in between, so that neither the load
+// nor the client's threads do it.
+class CpuSampler {
+ public:
+  CpuSampler(pid_t pid, Clock::time_point from, Clock::time_point until)
+      : thread_([this, pid, from, until] {
+          std::this_thread::sleep_until(from);
+          const double at_from = processCpuSeconds(pid);
+          std::this_thread::sleep_until(until);
+          const double at_until = processCpuSeconds(pid);
+          seconds_ = at_from < 0 || at_until < 0 ? -1 : at_until - at_from;
+        }) {}
+  ~CpuSampler() {
+    if (thread_.joinable()) thread_.join();
+  }
+  CpuSampler(const CpuSampler&) = delete;
+  CpuSampler& operator=(const CpuSampler&) = delete;
+
+  // Waits for the end of the window; the server's CPU seconds inside it, or
+  // negative when they could not be read.
+  double seconds() {
+    if (thread_.joinable()) thread_.join();
+    return seconds_;
+  }
+
+ private:
+  double seconds_ = -1;  // written by thread_, read after it is joined
+  std::thread thread_;
+};
+
 // One round of one side: what its measuring window saw.
 struct Round {
   bool valid = false;
   double calls_per_second = 0;
   std::vector<double> latencies_us;
+  double server_cpu_seconds = -1;  // inside the window; negative when unknown
 };
 
 Round summarise(const std::string& what, Recorder& recorder) {
@@ -150,6 +219,8 @@ struct Result {
   double calls_per_second = 0;  // the median round
   double median_us = 0;
   double p99_us = 0;
+  // All rounds' server CPU over all their calls; negative when unknown.
+  double server_cpu_us = -1;
   std::vector<double> per_round;  // calls/s of each valid round, in order
 };
 
@@ -162,12 +233,17 @@ double percentile(const std::vector<double>& sorted, double fraction) {
 Result combine(std::vector<Round>& rounds) {
   Result result;
   std::vector<double> latencies;
+  double cpu_seconds = 0;
+  bool cpu_known = true;
   for (Round& round : rounds) {
     if (!round.valid) continue;
     result.per_round.push_back(round.calls_per_second);
     latencies.insert(latencies.end(), round.latencies_us.begin(), round.latencies_us.end());
+    cpu_known = cpu_known && round.server_cpu_seconds >= 0;
+    cpu_seconds += round.server_cpu_seconds;
   }
   if (result.per_round.empty()) return result;
+  if (cpu_known) result.server_cpu_us = cpu_seconds * 1e6 / latencies.size();
   std::vector<double> sorted = result.per_round;
   std::sort(sorted.begin(), sorted.end());
   std::sort(latencies.begin(), latencies.end());
@@ -262,6 +338,15 @@ int serveGrpc() {
   server->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(1));
   cq->Shutdown();
   cq_thread.join();
+  return 0;
+}
+
+int servePingPong() {
+  bench_floor::PingPongServer server;
+  if (!server.start()) return 1;
+  std::printf("PORT %u\n", static_cast<unsigned>(server.port()));
+  std::fflush(stdout);
+  waitForStdinEof();
   return 0;
 }
 
@@ -364,8 +449,9 @@ bool serverAlive(const std::string& kind, ServerProcess* server) {
 // and waits for the last completion.
 class OursLoad {
  public:
-  OursLoad(const vantu::relay::RPCChannelPtr& channel, int in_flight, const Options& options)
-      : stub_(channel.get()), recorder_(options, Clock::now()), outstanding_(in_flight) {
+  OursLoad(const vantu::relay::RPCChannelPtr& channel, int in_flight, const Options& options,
+           Clock::time_point start)
+      : stub_(channel.get()), recorder_(options, start), outstanding_(in_flight) {
     request_.set_text(kText);
     for (int i = 0; i < in_flight; ++i) calls_.push_back(std::make_unique<Call>(this));
   }
@@ -444,7 +530,8 @@ class OursLoad {
   int outstanding_;
 };
 
-Round runOurs(const Options& options, const ServerProcess& server, int in_flight) {
+Round runOurs(const Options& options, const ServerProcess& server, int in_flight,
+              Clock::time_point start) {
   const std::string what = "ours, " + std::to_string(in_flight) + " in flight";
   vantu::relay::RPCChannelPtr channel =
       vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port));
@@ -452,7 +539,7 @@ Round runOurs(const Options& options, const ServerProcess& server, int in_flight
     problem(what + ": RPCChannel::create failed");
     return {};
   }
-  auto load = std::make_unique<OursLoad>(channel, in_flight, options);
+  auto load = std::make_unique<OursLoad>(channel, in_flight, options, start);
   load->start();
   if (!load->waitUntilDrained()) {
     problem(what + ": " + std::to_string(load->outstanding()) + " calls still unanswered " +
@@ -471,7 +558,8 @@ Round runOurs(const Options& options, const ServerProcess& server, int in_flight
 // ---------------------------------------------------------------------------
 // The gRPC client.
 
-Round runGrpc(const Options& options, const ServerProcess& server, int in_flight) {
+Round runGrpc(const Options& options, const ServerProcess& server, int in_flight,
+              Clock::time_point start) {
   const std::string what = "gRPC, " + std::to_string(in_flight) + " in flight";
   std::shared_ptr<grpc::Channel> channel = grpc::CreateChannel(
       "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials());
@@ -500,7 +588,7 @@ Round runGrpc(const Options& options, const ServerProcess& server, int in_flight
     call->reader->Finish(&call->reply, &call->status, call);
   };
 
-  Recorder recorder(options, Clock::now());
+  Recorder recorder(options, start);
   for (Call& call : calls) issue(&call);
   int outstanding = in_flight;
   bool stalled = false;
@@ -539,6 +627,42 @@ Round runGrpc(const Options& options, const ServerProcess& server, int in_flight
 }
 
 // ---------------------------------------------------------------------------
+// The floor: one round trip at a time, so in_flight is always 1.
+
+template <typename Client>
+Round runPingPong(const std::string& what, const Options& options, const ServerProcess& server,
+                  Clock::time_point start) {
+  Client client;
+  if (!client.connect(server.port)) {
+    problem(what + ": " + client.error());
+    return {};
+  }
+  Recorder recorder(options, start);
+  static const std::string kNoError;
+  while (true) {
+    const Clock::time_point issued = Clock::now();
+    if (!client.roundTrip()) {
+      recorder.record(issued, false, client.error());
+      break;  // the connection is no good any more
+    }
+    if (!recorder.record(issued, true, kNoError)) break;
+  }
+  return summarise(what, recorder);
+}
+
+Round runBlockingPingPong(const Options& options, const ServerProcess& server, int,
+                          Clock::time_point start) {
+  return runPingPong<bench_floor::BlockingPingPongClient>("blocking ping-pong", options, server,
+                                                          start);
+}
+
+Round runEventThreadPingPong(const Options& options, const ServerProcess& server, int,
+                             Clock::time_point start) {
+  return runPingPong<bench_floor::EventThreadPingPongClient>("event-thread ping-pong", options,
+                                                             server, start);
+}
+
+// ---------------------------------------------------------------------------
 
 std::string format(double value, const char* spec) {
   char text[32];
@@ -546,20 +670,38 @@ std::string format(double value, const char* spec) {
   return text;
 }
 
-std::string ratio(const Result& ours, const Result& peer, double (*pick)(const Result&)) {
-  if (!ours.valid || !peer.valid || pick(peer) == 0) return "-";
+using Pick = double (*)(const Result&);
+
+double calls(const Result& r) { return r.calls_per_second; }
+double median(const Result& r) { return r.median_us; }
+double p99(const Result& r) { return r.p99_us; }
+double serverCpu(const Result& r) { return r.server_cpu_us; }
+
+bool known(const Result& result, Pick pick) { return result.valid && pick(result) >= 0; }
+
+std::string ratio(const Result& ours, const Result& peer, Pick pick) {
+  if (!known(ours, pick) || !known(peer, pick) || pick(peer) == 0) return "-";
   return format(pick(ours) / pick(peer), "%.2f");
 }
 
-std::string value(const Result& result, double (*pick)(const Result&), const char* spec) {
-  return result.valid ? format(pick(result), spec) : "-";
+std::string value(const Result& result, Pick pick, const char* spec) {
+  return known(result, pick) ? format(pick(result), spec) : "-";
 }
 
-void printTables(const Options& options, const std::vector<Result>& ours,
-                 const std::vector<Result>& grpc) {
-  auto calls = [](const Result& r) { return r.calls_per_second; };
-  auto median = [](const Result& r) { return r.median_us; };
-  auto p99 = [](const Result& r) { return r.p99_us; };
+// One way of doing round trips: a server child and the client that loads it.
+struct Side {
+  std::string kind;   // the server child (--serve KIND)
+  std::string label;  // in the tables
+  Round (*run)(const Options&, const ServerProcess&, int in_flight, Clock::time_point start);
+  bool floor;  // one round trip at a time: measured at 1 in flight only
+  ServerProcess server;
+  bool up = false;
+  std::vector<Result> results;  // one per options.in_flight
+};
+
+void printTables(const Options& options, const std::vector<Side>& sides) {
+  const std::vector<Result>& ours = sides[0].results;
+  const std::vector<Result>& grpc = sides[1].results;
   std::printf(
       "== RPC echo (\"%s\"), one channel, server on CPU %d, client on CPU %d; %d alternating "
       "rounds of %.1f s (+%.1f s warm-up) per side\n",
@@ -579,12 +721,43 @@ void printTables(const Options& options, const std::vector<Result>& ours,
                 ratio(ours[i], grpc[i], median).c_str(), value(ours[i], p99, "%.1f").c_str(),
                 value(grpc[i], p99, "%.1f").c_str(), ratio(ours[i], grpc[i], p99).c_str());
   }
+  // printf pads by bytes, and "µ" takes two: one more in the widths of its headers.
+  std::printf("\n%-14s %13s %13s %8s\n", "server CPU", "ours µs/call", "gRPC µs/call", "ratio");
+  for (size_t i = 0; i < options.in_flight.size(); ++i) {
+    std::string scenario = std::to_string(options.in_flight[i]) + " in flight";
+    std::printf(
+        "%-14s %12s %12s %8s\n", scenario.c_str(), value(ours[i], serverCpu, "%.1f").c_str(),
+        value(grpc[i], serverCpu, "%.1f").c_str(), ratio(ours[i], grpc[i], serverCpu).c_str());
+  }
+
+  // The floor, beside every side at 1 in flight.
+  const auto one = std::find(options.in_flight.begin(), options.in_flight.end(), 1);
+  if (one != options.in_flight.end()) {
+    const size_t i = one - options.in_flight.begin();
+    std::printf(
+        "\n== 1 in flight beside the floor: %zu-byte messages bounced on one loopback connection "
+        "(the same pinning and rounds);\n   server: server CPU µs per round trip; ours/: ours "
+        "divided by the row's figure\n",
+        bench_floor::kMessageSize);
+    std::printf("%-36s %10s %9s %9s %8s %10s %10s %12s\n", "1 in flight", "trips/s", "p50 µs",
+                "p99 µs", "server", "ours/rate", "ours/p50", "ours/server");
+    for (const Side& side : sides) {
+      const Result& result = side.results[i];
+      std::printf("%-36s %10s %8s %8s %8s %10s %10s %12s\n", side.label.c_str(),
+                  value(result, calls, "%.0f").c_str(), value(result, median, "%.1f").c_str(),
+                  value(result, p99, "%.1f").c_str(), value(result, serverCpu, "%.1f").c_str(),
+                  ratio(ours[i], result, calls).c_str(), ratio(ours[i], result, median).c_str(),
+                  ratio(ours[i], result, serverCpu).c_str());
+    }
+  }
+
   // The rounds behind the medians, so that a noisy run shows as one.
   std::printf("\ncalls/s per round\n");
   for (size_t i = 0; i < options.in_flight.size(); ++i) {
-    for (const auto& [name, result] : {std::pair{"ours", &ours[i]}, std::pair{"gRPC", &grpc[i]}}) {
-      std::string line = std::to_string(options.in_flight[i]) + " in flight, " + name + ":";
-      for (double calls : result->per_round) line += " " + format(calls, "%.0f");
+    for (const Side& side : sides) {
+      if (side.results[i].per_round.empty()) continue;
+      std::string line = std::to_string(options.in_flight[i]) + " in flight, " + side.label + ":";
+      for (double per_round : side.results[i].per_round) line += " " + format(per_round, "%.0f");
       std::printf("  %s\n", line.c_str());
     }
   }
@@ -593,7 +766,7 @@ void printTables(const Options& options, const std::vector<Result>& ours,
 int usage() {
   std::fprintf(stderr,
                "usage: rpc_bench [--seconds S] [--warmup S] [--rounds N] [--in-flight N[,N...]]\n"
-               "       rpc_bench --serve ours|grpc --cpu N   (the server child)\n");
+               "       rpc_bench --serve ours|grpc|pingpong --cpu N   (the server child)\n");
   return 2;
 }
 
@@ -641,6 +814,7 @@ int main(int argc, char** argv) {
     if (two_cpus && !pinTo(serve_cpu)) std::perror("rpc_bench server: sched_setaffinity");
     if (serve == "ours") return serveOurs();
     if (serve == "grpc") return serveGrpc();
+    if (serve == "pingpong") return servePingPong();
     return usage();
   }
   if (!two_cpus) {
@@ -649,34 +823,51 @@ int main(int argc, char** argv) {
     std::perror("rpc_bench: sched_setaffinity");
   }
 
-  struct Side {
-    std::string kind;
-    Round (*run)(const Options&, const ServerProcess&, int);
-    ServerProcess server;
-    bool up = false;
-    std::vector<Result> results;
-  };
-  Side sides[] = {{"ours", runOurs, {}, false, {}}, {"grpc", runGrpc, {}, false, {}}};
+  // ours and gRPC first: the tables take them from there.
+  std::vector<Side> sides;
+  sides.push_back({"ours", "ours (RPC echo)", runOurs, false, {}, false, {}});
+  sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc, false, {}, false, {}});
+  const bool at_one = std::count(options.in_flight.begin(), options.in_flight.end(), 1) > 0;
+  if (at_one) {
+    sides.push_back(
+        {"pingpong", "floor: blocking ping-pong", runBlockingPingPong, true, {}, false, {}});
+    sides.push_back({"pingpong",
+                     "floor: ping-pong via event thread+cv",
+                     runEventThreadPingPong,
+                     true,
+                     {},
+                     false,
+                     {}});
+  }
   for (Side& side : sides) {
     side.up = startServer(side.kind, &side.server);
     side.results.resize(options.in_flight.size());
   }
   for (size_t i = 0; i < options.in_flight.size(); ++i) {
-    std::vector<Round> rounds[2];
+    std::vector<Side*> taking_part;
+    for (Side& side : sides) {
+      if (!side.floor || options.in_flight[i] == 1) taking_part.push_back(&side);
+    }
+    std::vector<std::vector<Round>> rounds(sides.size());
     for (int round = 0; round < options.rounds; ++round) {
-      // Alternate which side goes first, so neither always follows the other.
-      for (int k = 0; k < 2; ++k) {
-        Side& side = sides[(round + k) % 2];
+      // Rotate which side goes first, so that none always follows another.
+      for (size_t k = 0; k < taking_part.size(); ++k) {
+        Side& side = *taking_part[(round + k) % taking_part.size()];
         if (!side.up) continue;
-        rounds[&side - sides].push_back(side.run(options, side.server, options.in_flight[i]));
+        const Clock::time_point start = Clock::now();
+        CpuSampler cpu(side.server.pid, Recorder::windowStart(options, start),
+                       Recorder::windowEnd(options, start));
+        Round measured = side.run(options, side.server, options.in_flight[i], start);
+        measured.server_cpu_seconds = cpu.seconds();
+        rounds[&side - sides.data()].push_back(std::move(measured));
         side.up = serverAlive(side.kind, &side.server);
       }
     }
-    for (int k = 0; k < 2; ++k) sides[k].results[i] = combine(rounds[k]);
+    for (size_t k = 0; k < sides.size(); ++k) sides[k].results[i] = combine(rounds[k]);
   }
   for (Side& side : sides) stopServer(side.kind, &side.server);
 
-  printTables(options, sides[0].results, sides[1].results);
+  printTables(options, sides);
   if (!g_problems.empty()) {
     std::fprintf(stderr, "rpc_bench: %zu problem(s), see above\n", g_problems.size());
     return 1;
