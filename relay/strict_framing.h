@@ -92,8 +92,67 @@ class StrictRequestParser {
   bool takeContinueRequest();
 
  private:
-  class Reader;
-  std::unique_ptr<Reader> reader_;
+  enum class State : uint8_t {
+    kRequestLine,  // also skipping the empty lines before one
+    kHeaders,
+    kBody,         // Content-Length framed
+    kChunkSize,    // a chunk-size line
+    kChunkData,    // the data of a chunk
+    kChunkDataCr,  // the CR after a chunk's data
+    kChunkDataLf,  // the LF after a chunk's data
+    kTrailers,     // the trailer block after the last chunk
+    kClosed,       // spent after a request that ends the connection
+    kFailed,       // spent after a fault
+  };
+
+  // Takes the bytes of one line from [*data, end): the whole line when its LF is
+  // there (then handled by processLine), else the rest of the chunk into line_.
+  bool takeLine(const char** data, const char* end, std::vector<HttpRequestPtr>* requests);
+  // One complete line without its CR LF.
+  bool processLine(const char* line, size_t length, std::vector<HttpRequestPtr>* requests);
+  bool processRequestLine(const char* line, size_t length);
+  // A field line of the head (stored) or of the trailers (only checked).
+  bool processFieldLine(const char* line, size_t length, bool store);
+  bool noteFramingField(const char* name, size_t name_length, const char* value,
+                        size_t value_length);
+  bool finishHead(std::vector<HttpRequestPtr>* requests);
+  bool processChunkSize(const char* line, size_t length);
+  void appendBody(const char* data, size_t length);
+  void deliver(std::vector<HttpRequestPtr>* requests);
+  bool fail(HttpResponse::StatusCode status);
+  // The largest body the limits let through.
+  uint64_t bodyCap() const;
+
+  // Constant after construction.
+  const RequestLimits limits_;
+
+  // Event thread only, like the whole parser.
+  State state_ = State::kRequestLine;
+  HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
+  // The unfinished line of the previous chunks, CR included.
+  std::string line_;
+  // Bytes of the current block (head, trailers, chunk-size line) whose lines
+  // are complete; the limit applies to them plus line_.
+  size_t block_bytes_ = 0;
+  // Content-Length: body bytes still missing; chunked: data bytes left in the
+  // current chunk.
+  uint64_t body_remaining_ = 0;
+  // The request in progress; null between requests.
+  HttpRequestPtr request_;
+
+  // What the head of the request in progress said about its framing.
+  std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","
+  std::string host_;               // the Host value
+  uint64_t declared_length_ = 0;   // the Content-Length value, saturated
+  int content_length_count_ = 0;
+  int host_count_ = 0;
+  bool has_transfer_encoding_ = false;
+  bool chunked_ = false;
+  bool connection_close_ = false;
+  bool connection_keep_alive_ = false;
+  bool expect_continue_ = false;
+  // An interim 100 Continue is owed to the caller (takeContinueRequest).
+  bool continue_pending_ = false;
 };
 
 }  // namespace relay
