@@ -60,6 +60,48 @@ bool all(const char* data, size_t length, ByteClass what) {
   return true;
 }
 
+// Eight bytes at a time for the long runs (values, targets): a word whose
+// bytes are all plain visible ASCII passes with a few operations.
+constexpr uint64_t kOnes = 0x0101010101010101ULL;
+constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+
+inline uint64_t load64(const char* p) {
+  uint64_t word;
+  memcpy(&word, p, sizeof(word));
+  return word;
+}
+
+// Non-zero when some byte of the word is below n (n at most 128).
+inline uint64_t anyBelow(uint64_t word, uint8_t n) {
+  return (word - kOnes * n) & ~word & kHighBits;
+}
+
+// Non-zero when some byte of the word is c.
+inline uint64_t anyEqual(uint64_t word, uint8_t c) { return anyBelow(word ^ (kOnes * c), 1); }
+
+// A field value: visible ASCII, blanks and bytes above 127; no other control.
+bool validFieldValue(const char* data, size_t length) {
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    const uint64_t word = load64(data + i);
+    // Tabs are controls too: a word with one is looked at byte by byte.
+    if ((anyBelow(word, 0x20) | anyEqual(word, 0x7f)) != 0 && !all(data + i, 8, kFieldByte)) {
+      return false;
+    }
+  }
+  return all(data + i, length - i, kFieldByte);
+}
+
+// A request-target: visible ASCII only.
+bool validTarget(const char* data, size_t length) {
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    const uint64_t word = load64(data + i);
+    if ((anyBelow(word, 0x21) | anyEqual(word, 0x7f) | (word & kHighBits)) != 0) return false;
+  }
+  return all(data + i, length - i, kTargetByte);
+}
+
 inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 inline int hexValue(char c) {
@@ -204,8 +246,9 @@ bool validHost(const char* data, size_t length) {
 
 // Large buffers go back to the allocator once used, so that one long line
 // does not pin its memory for the life of the connection.
+constexpr size_t kCapacityKept = 4096;
+
 void releaseLine(std::string* line) {
-  constexpr size_t kCapacityKept = 4096;
   if (line->capacity() > kCapacityKept) {
     std::string().swap(*line);
   } else {
@@ -341,8 +384,7 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
   }
   const char* target = method_end + 1;
   const char* target_end = static_cast<const char*>(memchr(target, ' ', end - target));
-  if (target_end == nullptr || target_end == target ||
-      !all(target, target_end - target, kTargetByte)) {
+  if (target_end == nullptr || target_end == target || !validTarget(target, target_end - target)) {
     return fail(HttpResponse::kBadRequest);
   }
   const char* version = target_end + 1;
@@ -371,7 +413,18 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
 
   request_ = std::make_shared<HttpRequest>();
   request_->method = method;
-  request_->uri.assign(target, target_length);
+  if (line == line_.data() && line_.capacity() > kCapacityKept) {
+    // A long line arrived in pieces: its buffer becomes the uri instead of
+    // being copied, so that the line costs its size once, not twice.
+    const size_t target_offset = target - line;
+    std::string uri;
+    uri.swap(line_);
+    uri.erase(target_offset + target_length);
+    uri.erase(0, target_offset);
+    request_->uri = std::move(uri);
+  } else {
+    request_->uri.assign(target, target_length);
+  }
   request_->minor_version = version[7] - '0';
   state_ = State::kHeaders;
   return true;
@@ -387,7 +440,7 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   if (!all(line, name_length, kTokenByte)) return false;
   const char* end = line + length;
   const char* value = colon + 1;
-  if (!all(value, end - value, kFieldByte)) return false;
+  if (!validFieldValue(value, end - value)) return false;
   value = skipBlanks(value, end);
   while (end > value && isBlank(end[-1])) --end;
   const size_t value_length = end - value;
@@ -409,10 +462,11 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
       host_.assign(value, value_length);
       return true;
     case 6:
-      if (equalsLower(name, name_length, "expect")) {
-        expect_continue_ = equalsLower(value, value_length, "100-continue");
-      }
-      return true;
+      if (!equalsLower(name, name_length, "expect")) return true;
+      return forEachListElement(value, value_length, [this](const char* expectation, size_t n) {
+        if (equalsLower(expectation, n, "100-continue")) expect_continue_ = true;
+        return true;
+      });
     case 10:
       if (!equalsLower(name, name_length, "connection")) return true;
       return forEachListElement(value, value_length, [this](const char* option, size_t length) {

@@ -33,23 +33,29 @@ namespace relay {
 // - Framing headers are recognised whatever their letter case:
 //   Content-Length must be digits only and appear once (400), and frames the
 //   body. Transfer-Encoding with "chunked" as its only coding is decoded; any
-//   other coding: 501; chunked not last, chunked twice, Transfer-Encoding with
-//   Content-Length, or Transfer-Encoding in HTTP/1.0: 400.
-// - Chunked bodies: hex-digit sizes (no sign, "0x", blanks or overflow),
-//   extensions checked as tokens (or quoted strings) and ignored, chunk data
-//   followed by exactly CR LF, trailers read as header lines and dropped. Any
-//   fault: 400. The request is delivered with the decoded `body` and its size
-//   as `content_length`; its headers stay as received.
+//   other coding: 501 (also when chunked follows it, or is absent); chunked
+//   not last, chunked twice or with parameters, a Transfer-Encoding without
+//   any coding, Transfer-Encoding with Content-Length, or Transfer-Encoding in
+//   HTTP/1.0: 400.
+// - Chunked bodies: hex-digit sizes (no sign, "0x", blanks or overflow; the
+//   only blanks allowed on a size line are those before and around an
+//   extension's ";" and "="), extensions checked as tokens (or quoted
+//   strings) and ignored, chunk data followed by exactly CR LF, trailers read
+//   as header lines and dropped. Any fault: 400. The request is delivered
+//   with the decoded `body` and its size as `content_length`; its headers
+//   stay as received.
 // - HTTP/1.1 requests carry exactly one Host (any case), whose value is empty
 //   or host[:port] (reg-name, IPv4 or IP literal; port at most 65535; no
 //   userinfo, no path). HTTP/1.0 requests carry at most one, likewise valid.
 //   Otherwise 400.
-// - Limits (RequestLimits): a request line longer than max_header_bytes is
-//   414 and a longer head 400, both as soon as the bytes buffered exceed the
-//   limit, without waiting for the line to end; a Content-Length, or a
-//   chunked body whose sizes add up to more than max_body_bytes (or 2^32 - 1
-//   bytes, whatever the limit) is 413, before the body or that chunk's data is
-//   read. Trailers count against max_header_bytes as a block of their own.
+// - Limits (RequestLimits), counting lines with their CR LF: a request line
+//   longer than max_header_bytes is 414 and a longer head 400, both as soon
+//   as the bytes buffered exceed the limit, without waiting for the line to
+//   end; a Content-Length, or a chunked body whose sizes add up to more than
+//   max_body_bytes (or 2^32 - 1 bytes, whatever the limit) is 413, before the
+//   body or that chunk's data is read. Trailers count against
+//   max_header_bytes as a block of their own, and so does each chunk-size
+//   line (400).
 //
 // Every delivered request is complete: method, uri, minor_version, headers,
 // body, content_length, and url and query components as HttpRequestParser

@@ -109,6 +109,9 @@ TEST(StrictRequestParserTest, AcceptsWhatTheRfcAllowsHoweverSplit) {
       {post("Content-Length: 5\r\n", "hello") + get("/n"), "POST /p hello, GET /n", false},
       {post("content-LENGTH: 003\r\n", "abc"), "POST /p abc", false},
       {post("Content-Length: 0\r\n", "") + get("/n"), "POST /p, GET /n", false},
+      // A line longer than any buffer kept between requests.
+      {get("/" + std::string(5000, 'l') + "?q") + get("/n"),
+       "GET /" + std::string(5000, 'l') + "?q, GET /n", false},
       {post(kChunked, "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n") + get("/n"),
        "POST /p hello world, GET /n", false},
       {post("transfer-ENCODING: Chunked\r\n", "a\r\n0123456789\r\nA\r\nabcdefghij\r\n000\r\n\r\n"),
