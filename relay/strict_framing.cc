@@ -244,15 +244,15 @@ bool validHost(const char* data, size_t length) {
   return true;
 }
 
-// Large buffers go back to the allocator once used, so that one long line
-// does not pin its memory for the life of the connection.
+// Large buffers go back to the allocator once used, so that one long line or
+// field does not pin its memory for the life of the connection.
 constexpr size_t kCapacityKept = 4096;
 
-void releaseLine(std::string* line) {
-  if (line->capacity() > kCapacityKept) {
-    std::string().swap(*line);
+void releaseBuffer(std::string* buffer) {
+  if (buffer->capacity() > kCapacityKept) {
+    std::string().swap(*buffer);
   } else {
-    line->clear();
+    buffer->clear();
   }
 }
 
@@ -347,7 +347,7 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   // Only CR LF ends a line; a CR anywhere else is refused by the checks of each
   // kind of line, none of which lets a control byte through.
   bool accepted = length > 0 && line[length - 1] == '\r' && processLine(line, length - 1, requests);
-  releaseLine(&line_);
+  releaseBuffer(&line_);
   return accepted || fail(HttpResponse::kBadRequest);
 }
 
@@ -593,15 +593,15 @@ void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
   expect_continue_ = false;
   if (closing) {
     state_ = State::kClosed;
-    releaseLine(&line_);
+    releaseBuffer(&line_);
     std::string().swap(transfer_encoding_);
     return;
   }
   state_ = State::kRequestLine;
   block_bytes_ = 0;
   body_remaining_ = 0;
-  transfer_encoding_.clear();
-  host_.clear();
+  releaseBuffer(&transfer_encoding_);
+  releaseBuffer(&host_);
   declared_length_ = 0;
   content_length_count_ = 0;
   host_count_ = 0;
