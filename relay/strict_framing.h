@@ -33,23 +33,29 @@ namespace relay {
 // - Framing headers are recognised whatever their letter case:
 //   Content-Length must be digits only and appear once (400), and frames the
 //   body. Transfer-Encoding with "chunked" as its only coding is decoded; any
-//   other coding: 501; chunked not last, chunked twice, Transfer-Encoding with
-//   Content-Length, or Transfer-Encoding in HTTP/1.0: 400.
-// - Chunked bodies: hex-digit sizes (no sign, "0x", blanks or overflow),
-//   extensions checked as tokens (or quoted strings) and ignored, chunk data
-//   followed by exactly CR LF, trailers read as header lines and dropped. Any
-//   fault: 400. The request is delivered with the decoded `body` and its size
-//   as `content_length`; its headers stay as received.
+//   other coding: 501 (also when chunked follows it, or is absent); chunked
+//   not last, chunked twice or with parameters, a Transfer-Encoding without
+//   any coding, Transfer-Encoding with Content-Length, or Transfer-Encoding in
+//   HTTP/1.0: 400.
+// - Chunked bodies: hex-digit sizes (no sign, "0x", blanks or overflow; the
+//   only blanks allowed on a size line are those before and around an
+//   extension's ";" and "="), extensions checked as tokens (or quoted
+//   strings) and ignored, chunk data followed by exactly CR LF, trailers read
+//   as header lines and dropped. Any fault: 400. The request is delivered
+//   with the decoded `body` and its size as `content_length`; its headers
+//   stay as received.
 // - HTTP/1.1 requests carry exactly one Host (any case), whose value is empty
 //   or host[:port] (reg-name, IPv4 or IP literal; port at most 65535; no
 //   userinfo, no path). HTTP/1.0 requests carry at most one, likewise valid.
 //   Otherwise 400.
-// - Limits (RequestLimits): a request line longer than max_header_bytes is
-//   414 and a longer head 400, both as soon as the bytes buffered exceed the
-//   limit, without waiting for the line to end; a Content-Length, or a
-//   chunked body whose sizes add up to more than max_body_bytes (or 2^32 - 1
-//   bytes, whatever the limit) is 413, before the body or that chunk's data is
-//   read. Trailers count against max_header_bytes as a block of their own.
+// - Limits (RequestLimits), counting lines with their CR LF: a request line
+//   longer than max_header_bytes is 414 and a longer head 400, both as soon
+//   as the bytes buffered exceed the limit, without waiting for the line to
+//   end; a Content-Length, or a chunked body whose sizes add up to more than
+//   max_body_bytes (or 2^32 - 1 bytes, whatever the limit) is 413, before the
+//   body or that chunk's data is read. Trailers count against
+//   max_header_bytes as a block of their own, and so does each chunk-size
+//   line (400).
 //
 // Every delivered request is complete: method, uri, minor_version, headers,
 // body, content_length, and url and query components as HttpRequestParser
@@ -92,8 +98,67 @@ class StrictRequestParser {
   bool takeContinueRequest();
 
  private:
-  class Reader;
-  std::unique_ptr<Reader> reader_;
+  enum class State : uint8_t {
+    kRequestLine,  // also skipping the empty lines before one
+    kHeaders,
+    kBody,         // Content-Length framed
+    kChunkSize,    // a chunk-size line
+    kChunkData,    // the data of a chunk
+    kChunkDataCr,  // the CR after a chunk's data
+    kChunkDataLf,  // the LF after a chunk's data
+    kTrailers,     // the trailer block after the last chunk
+    kClosed,       // spent after a request that ends the connection
+    kFailed,       // spent after a fault
+  };
+
+  // Takes the bytes of one line from [*data, end): the whole line when its LF is
+  // there (then handled by processLine), else the rest of the chunk into line_.
+  bool takeLine(const char** data, const char* end, std::vector<HttpRequestPtr>* requests);
+  // One complete line without its CR LF.
+  bool processLine(const char* line, size_t length, std::vector<HttpRequestPtr>* requests);
+  bool processRequestLine(const char* line, size_t length);
+  // A field line of the head (stored) or of the trailers (only checked).
+  bool processFieldLine(const char* line, size_t length, bool store);
+  bool noteFramingField(const char* name, size_t name_length, const char* value,
+                        size_t value_length);
+  bool finishHead(std::vector<HttpRequestPtr>* requests);
+  bool processChunkSize(const char* line, size_t length);
+  void appendBody(const char* data, size_t length);
+  void deliver(std::vector<HttpRequestPtr>* requests);
+  bool fail(HttpResponse::StatusCode status);
+  // The largest body the limits let through.
+  uint64_t bodyCap() const;
+
+  // Constant after construction.
+  const RequestLimits limits_;
+
+  // Event thread only, like the whole parser.
+  State state_ = State::kRequestLine;
+  HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
+  // The unfinished line of the previous chunks, CR included.
+  std::string line_;
+  // Bytes of the current block (head, trailers, chunk-size line) whose lines
+  // are complete; the limit applies to them plus line_.
+  size_t block_bytes_ = 0;
+  // Content-Length: body bytes still missing; chunked: data bytes left in the
+  // current chunk.
+  uint64_t body_remaining_ = 0;
+  // The request in progress; null between requests.
+  HttpRequestPtr request_;
+
+  // What the head of the request in progress said about its framing.
+  std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","
+  std::string host_;               // the Host value
+  uint64_t declared_length_ = 0;   // the Content-Length value, saturated
+  int content_length_count_ = 0;
+  int host_count_ = 0;
+  bool has_transfer_encoding_ = false;
+  bool chunked_ = false;
+  bool connection_close_ = false;
+  bool connection_keep_alive_ = false;
+  bool expect_continue_ = false;
+  // An interim 100 Continue is owed to the caller (takeContinueRequest).
+  bool continue_pending_ = false;
 };
 
 }  // namespace relay

@@ -1,0 +1,665 @@
+#include "relay/strict_framing.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// Byte classes, one table lookup per byte.
+enum ByteClass : uint8_t {
+  kTokenByte = 1,   // tchar
+  kFieldByte = 2,   // field-vchar, SP or HTAB: what a field value may hold
+  kTargetByte = 4,  // visible ASCII: what a request-target may hold
+  kHostByte = 8,    // unreserved and sub-delims: what a reg-name may hold besides "%"
+  kHexByte = 16,
+  kQdtextByte = 32,  // what a quoted-string holds unescaped
+};
+
+constexpr bool isAlpha(int c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+constexpr bool isDigit(int c) { return c >= '0' && c <= '9'; }
+constexpr bool isIn(int c, const char* set) {
+  for (; *set != '\0'; ++set) {
+    if (*set == c) return true;
+  }
+  return false;
+}
+
+struct ByteTable {
+  uint8_t classes[256];
+  constexpr ByteTable() : classes() {
+    for (int c = 0; c < 256; ++c) {
+      uint8_t bits = 0;
+      if (isAlpha(c) || isDigit(c) || isIn(c, "!#$%&'*+-.^_`|~")) bits |= kTokenByte;
+      if (c == '\t' || (c >= 0x20 && c != 0x7f)) bits |= kFieldByte;
+      if (c > 0x20 && c < 0x7f) bits |= kTargetByte;
+      if (isAlpha(c) || isDigit(c) || isIn(c, "-._~!$&'()*+,;=")) bits |= kHostByte;
+      if (isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')) bits |= kHexByte;
+      if (c == '\t' || c == ' ' || c == 0x21 || (c >= 0x23 && c <= 0x5b) ||
+          (c >= 0x5d && c <= 0x7e) || c >= 0x80) {
+        bits |= kQdtextByte;
+      }
+      classes[c] = bits;
+    }
+  }
+};
+
+constexpr ByteTable kBytes;
+
+inline bool is(char c, ByteClass what) { return kBytes.classes[static_cast<uint8_t>(c)] & what; }
+
+// True when every byte of [data, data + length) is of the class.
+bool all(const char* data, size_t length, ByteClass what) {
+  for (size_t i = 0; i < length; ++i) {
+    if (!is(data[i], what)) return false;
+  }
+  return true;
+}
+
+// Eight bytes at a time for the long runs (values, targets): a word whose
+// bytes are all plain visible ASCII passes with a few operations.
+constexpr uint64_t kOnes = 0x0101010101010101ULL;
+constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+
+inline uint64_t load64(const char* p) {
+  uint64_t word;
+  memcpy(&word, p, sizeof(word));
+  return word;
+}
+
+// Non-zero when some byte of the word is below n (n at most 128).
+inline uint64_t anyBelow(uint64_t word, uint8_t n) {
+  return (word - kOnes * n) & ~word & kHighBits;
+}
+
+// Non-zero when some byte of the word is c.
+inline uint64_t anyEqual(uint64_t word, uint8_t c) { return anyBelow(word ^ (kOnes * c), 1); }
+
+// A field value: visible ASCII, blanks and bytes above 127; no other control.
+bool validFieldValue(const char* data, size_t length) {
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    const uint64_t word = load64(data + i);
+    // Tabs are controls too: a word with one is looked at byte by byte.
+    if ((anyBelow(word, 0x20) | anyEqual(word, 0x7f)) != 0 && !all(data + i, 8, kFieldByte)) {
+      return false;
+    }
+  }
+  return all(data + i, length - i, kFieldByte);
+}
+
+// A request-target: visible ASCII only.
+bool validTarget(const char* data, size_t length) {
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    const uint64_t word = load64(data + i);
+    if ((anyBelow(word, 0x21) | anyEqual(word, 0x7f) | (word & kHighBits)) != 0) return false;
+  }
+  return all(data + i, length - i, kTargetByte);
+}
+
+inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+inline int hexValue(char c) {
+  if (c <= '9') return c - '0';
+  return (c | 0x20) - 'a' + 10;
+}
+
+// Compares with a lower-case literal, ignoring the case of `data`.
+bool equalsLower(const char* data, size_t length, const char* lower) {
+  const size_t lower_length = strlen(lower);
+  if (length != lower_length) return false;
+  for (size_t i = 0; i < length; ++i) {
+    char c = data[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c | 0x20);
+    if (c != lower[i]) return false;
+  }
+  return true;
+}
+
+// Calls visit(element, length) for each element of a comma-separated list,
+// blanks around it removed and empty elements skipped; stops and returns false
+// as soon as visit does.
+template <typename Visit>
+bool forEachListElement(const char* data, size_t length, Visit visit) {
+  const char* const end = data + length;
+  while (data < end) {
+    const char* comma = static_cast<const char*>(memchr(data, ',', end - data));
+    const char* element_end = comma != nullptr ? comma : end;
+    const char* first = data;
+    const char* last = element_end;
+    while (first < last && isBlank(*first)) ++first;
+    while (last > first && isBlank(last[-1])) --last;
+    if (first < last && !visit(first, static_cast<size_t>(last - first))) return false;
+    data = comma != nullptr ? comma + 1 : end;
+  }
+  return true;
+}
+
+// Skips *p over blanks (BWS) and returns it.
+inline const char* skipBlanks(const char* p, const char* end) {
+  while (p < end && isBlank(*p)) ++p;
+  return p;
+}
+
+// token / quoted-string at *p; moves *p past it.
+bool skipTokenOrQuoted(const char** p, const char* end) {
+  const char* q = *p;
+  if (q < end && *q == '"') {
+    for (++q; q < end; ++q) {
+      if (*q == '"') {
+        *p = q + 1;
+        return true;
+      }
+      if (*q == '\\') {
+        ++q;
+        if (q == end || !(is(*q, kFieldByte))) return false;
+      } else if (!is(*q, kQdtextByte)) {
+        return false;
+      }
+    }
+    return false;
+  }
+  const char* start = q;
+  while (q < end && is(*q, kTokenByte)) ++q;
+  *p = q;
+  return q > start;
+}
+
+// *( BWS ";" BWS name [ BWS "=" BWS value ] ): chunk extensions, and the
+// parameters of a transfer coding (which use OWS, the same blanks). Nothing may
+// follow.
+bool validParameters(const char* p, const char* end) {
+  for (;;) {
+    if (p == end) return true;
+    p = skipBlanks(p, end);
+    if (p == end || *p != ';') return false;  // blanks only before a ";"
+    p = skipBlanks(p + 1, end);
+    const char* name = p;
+    while (p < end && is(*p, kTokenByte)) ++p;
+    if (p == name) return false;
+    const char* after_name = skipBlanks(p, end);
+    if (after_name < end && *after_name == '=') {
+      p = skipBlanks(after_name + 1, end);
+      if (!skipTokenOrQuoted(&p, end)) return false;
+    }
+  }
+}
+
+// uri-host [ ":" port ], or empty. The host is an IP literal in brackets or a
+// reg-name (which an IPv4 address is too); the port has at most the value
+// 65535. No userinfo, path, query or fragment.
+bool validHost(const char* data, size_t length) {
+  if (length == 0) return true;
+  const char* p = data;
+  const char* const end = data + length;
+  if (*p == '[') {
+    const char* close = static_cast<const char*>(memchr(p, ']', length));
+    if (close == nullptr) return false;
+    const char* inside = p + 1;
+    const size_t inside_length = close - inside;
+    if (inside_length > 0 && (*inside == 'v' || *inside == 'V')) {
+      // IPvFuture: "v" 1*HEXDIG "." 1*( unreserved / sub-delims / ":" )
+      const char* q = inside + 1;
+      while (q < close && is(*q, kHexByte)) ++q;
+      if (q == inside + 1 || q == close || *q != '.' || q + 1 == close) return false;
+      for (++q; q < close; ++q) {
+        if (!is(*q, kHostByte) && *q != ':') return false;
+      }
+    } else {
+      char text[INET6_ADDRSTRLEN];
+      if (inside_length == 0 || inside_length >= sizeof(text)) return false;
+      memcpy(text, inside, inside_length);
+      text[inside_length] = '\0';
+      in6_addr address;
+      if (inet_pton(AF_INET6, text, &address) != 1) return false;
+    }
+    p = close + 1;
+  } else {
+    const char* start = p;
+    while (p < end && *p != ':') {
+      if (*p == '%') {
+        if (end - p < 3 || !is(p[1], kHexByte) || !is(p[2], kHexByte)) return false;
+        p += 3;
+      } else if (is(*p, kHostByte)) {
+        ++p;
+      } else {
+        return false;
+      }
+    }
+    if (p == start) return false;  // a port without a host
+  }
+  if (p == end) return true;
+  if (*p != ':') return false;
+  uint32_t port = 0;
+  for (++p; p < end; ++p) {
+    if (!isDigit(*p)) return false;
+    port = port * 10 + (*p - '0');
+    if (port > 65535) return false;
+  }
+  return true;
+}
+
+// Large buffers go back to the allocator once used, so that one long line or
+// field does not pin its memory for the life of the connection.
+constexpr size_t kCapacityKept = 4096;
+
+void releaseBuffer(std::string* buffer) {
+  if (buffer->capacity() > kCapacityKept) {
+    std::string().swap(*buffer);
+  } else {
+    buffer->clear();
+  }
+}
+
+// The chunked body may not be larger than content_length can say.
+constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
+
+}  // namespace
+
+StrictRequestParser::StrictRequestParser(const RequestLimits& limits) : limits_(limits) {}
+
+StrictRequestParser::~StrictRequestParser() = default;
+
+bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
+  if (state_ == State::kFailed) return false;
+  const char* p = data.data();
+  const char* const end = p + data.size();
+  while (p < end) {
+    switch (state_) {
+      case State::kClosed:
+        return true;
+      case State::kFailed:
+        return false;
+      case State::kBody:
+      case State::kChunkData: {
+        const size_t take =
+            static_cast<size_t>(std::min<uint64_t>(body_remaining_, static_cast<size_t>(end - p)));
+        appendBody(p, take);
+        p += take;
+        body_remaining_ -= take;
+        if (body_remaining_ == 0) {
+          if (state_ == State::kBody) {
+            deliver(requests);
+          } else {
+            state_ = State::kChunkDataCr;
+          }
+        }
+        break;
+      }
+      case State::kChunkDataCr:
+        if (*p++ != '\r') return fail(HttpResponse::kBadRequest);
+        state_ = State::kChunkDataLf;
+        break;
+      case State::kChunkDataLf:
+        if (*p++ != '\n') return fail(HttpResponse::kBadRequest);
+        state_ = State::kChunkSize;
+        block_bytes_ = 0;
+        break;
+      case State::kRequestLine:
+      case State::kHeaders:
+      case State::kChunkSize:
+      case State::kTrailers:
+        if (!takeLine(&p, end, requests)) return false;
+        break;
+    }
+  }
+  if (expect_continue_ && bodyInProgress()) {
+    expect_continue_ = false;
+    continue_pending_ = true;
+  }
+  return true;
+}
+
+bool StrictRequestParser::takeLine(const char** data, const char* end,
+                                   std::vector<HttpRequestPtr>* requests) {
+  const char* p = *data;
+  const size_t available = end - p;
+  // How many more bytes this line may take, its LF included.
+  size_t budget = std::numeric_limits<size_t>::max();
+  if (limits_.max_header_bytes != 0) {
+    const size_t used = block_bytes_ + line_.size();
+    budget = used < limits_.max_header_bytes ? limits_.max_header_bytes - used : 0;
+  }
+  const char* lf = static_cast<const char*>(memchr(p, '\n', std::min(available, budget)));
+  if (lf == nullptr) {
+    if (available > budget) {
+      return fail(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
+                                                : HttpResponse::kBadRequest);
+    }
+    line_.append(p, available);
+    *data = end;
+    return true;
+  }
+  *data = lf + 1;
+  const char* line = p;
+  size_t length = lf - p;
+  if (!line_.empty()) {
+    line_.append(p, length);
+    line = line_.data();
+    length = line_.size();
+  }
+  block_bytes_ += length + 1;
+  // Only CR LF ends a line; a CR anywhere else is refused by the checks of each
+  // kind of line, none of which lets a control byte through.
+  bool accepted = length > 0 && line[length - 1] == '\r' && processLine(line, length - 1, requests);
+  releaseBuffer(&line_);
+  return accepted || fail(HttpResponse::kBadRequest);
+}
+
+bool StrictRequestParser::processLine(const char* line, size_t length,
+                                      std::vector<HttpRequestPtr>* requests) {
+  switch (state_) {
+    case State::kRequestLine:
+      if (length == 0) {  // an empty line before the request line
+        block_bytes_ = 0;
+        return true;
+      }
+      return processRequestLine(line, length);
+    case State::kHeaders:
+      if (length == 0) return finishHead(requests);
+      return processFieldLine(line, length, true);
+    case State::kChunkSize:
+      return processChunkSize(line, length);
+    case State::kTrailers:
+      if (length == 0) {
+        deliver(requests);
+        return true;
+      }
+      return processFieldLine(line, length, false);
+    default:
+      return false;
+  }
+}
+
+bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
+  const char* const end = line + length;
+  const char* method_end = static_cast<const char*>(memchr(line, ' ', length));
+  if (method_end == nullptr || method_end == line || !all(line, method_end - line, kTokenByte)) {
+    return fail(HttpResponse::kBadRequest);
+  }
+  const char* target = method_end + 1;
+  const char* target_end = static_cast<const char*>(memchr(target, ' ', end - target));
+  if (target_end == nullptr || target_end == target || !validTarget(target, target_end - target)) {
+    return fail(HttpResponse::kBadRequest);
+  }
+  const char* version = target_end + 1;
+  if (end - version != 8 || memcmp(version, "HTTP/", 5) != 0 || !isDigit(version[5]) ||
+      version[6] != '.' || !isDigit(version[7])) {
+    return fail(HttpResponse::kBadRequest);
+  }
+  if (version[5] != '1' || (version[7] != '0' && version[7] != '1')) {
+    return fail(HttpResponse::kHttpVersionNotSupported);
+  }
+  const HttpMethod method = httpMethodFromName(std::string(line, method_end));
+  if (method == kHttpUnknown) return fail(HttpResponse::kNotImplemented);
+
+  // origin-form, absolute-form (a scheme and a colon), or "*" for OPTIONS.
+  const size_t target_length = target_end - target;
+  if (*target == '*') {
+    if (target_length != 1 || method != kHttpOptions) return fail(HttpResponse::kBadRequest);
+  } else if (*target != '/') {
+    const char* q = target;
+    if (!isAlpha(*q)) return fail(HttpResponse::kBadRequest);
+    while (q < target_end && (isAlpha(*q) || isDigit(*q) || *q == '+' || *q == '-' || *q == '.')) {
+      ++q;
+    }
+    if (q == target_end || *q != ':') return fail(HttpResponse::kBadRequest);
+  }
+
+  request_ = std::make_shared<HttpRequest>();
+  request_->method = method;
+  if (line == line_.data() && line_.capacity() > kCapacityKept) {
+    // A long line arrived in pieces: its buffer becomes the uri instead of
+    // being copied, so that the line costs its size once, not twice.
+    const size_t target_offset = target - line;
+    std::string uri;
+    uri.swap(line_);
+    uri.erase(target_offset + target_length);
+    uri.erase(0, target_offset);
+    request_->uri = std::move(uri);
+  } else {
+    request_->uri.assign(target, target_length);
+  }
+  request_->minor_version = version[7] - '0';
+  state_ = State::kHeaders;
+  return true;
+}
+
+bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool store) {
+  // A line starting with a blank is obs-fold, or whitespace before the first
+  // field; both hide a line from readers that do not unfold.
+  if (isBlank(*line)) return false;
+  const char* colon = static_cast<const char*>(memchr(line, ':', length));
+  if (colon == nullptr || colon == line) return false;
+  const size_t name_length = colon - line;
+  if (!all(line, name_length, kTokenByte)) return false;
+  const char* end = line + length;
+  const char* value = colon + 1;
+  if (!validFieldValue(value, end - value)) return false;
+  value = skipBlanks(value, end);
+  while (end > value && isBlank(end[-1])) --end;
+  const size_t value_length = end - value;
+  if (!store) return true;
+  if (!noteFramingField(line, name_length, value, value_length)) return false;
+  // Names often arrive in ascending order: hinting at the end makes those
+  // insertions a single comparison.
+  request_->headers.insert_or_assign(request_->headers.end(), std::string(line, name_length),
+                                     std::string(value, value_length));
+  return true;
+}
+
+bool StrictRequestParser::noteFramingField(const char* name, size_t name_length, const char* value,
+                                           size_t value_length) {
+  switch (name_length) {
+    case 4:
+      if (!equalsLower(name, name_length, "host")) return true;
+      if (++host_count_ > 1 || !validHost(value, value_length)) return false;
+      host_.assign(value, value_length);
+      return true;
+    case 6:
+      if (!equalsLower(name, name_length, "expect")) return true;
+      return forEachListElement(value, value_length, [this](const char* expectation, size_t n) {
+        if (equalsLower(expectation, n, "100-continue")) expect_continue_ = true;
+        return true;
+      });
+    case 10:
+      if (!equalsLower(name, name_length, "connection")) return true;
+      return forEachListElement(value, value_length, [this](const char* option, size_t length) {
+        if (equalsLower(option, length, "close")) connection_close_ = true;
+        if (equalsLower(option, length, "keep-alive")) connection_keep_alive_ = true;
+        return true;
+      });
+    case 14: {
+      if (!equalsLower(name, name_length, "content-length")) return true;
+      // One Content-Length of digits only: a list ("5, 5"), a second line or
+      // anything else is read differently by different parsers.
+      if (++content_length_count_ > 1 || value_length == 0) return false;
+      uint64_t length = 0;
+      for (size_t i = 0; i < value_length; ++i) {
+        if (!isDigit(value[i])) return false;
+        // Saturates: any value past the largest body is answered 413 alike.
+        if (length <= kLargestBody) length = length * 10 + (value[i] - '0');
+      }
+      declared_length_ = length;
+      return true;
+    }
+    case 17:
+      if (!equalsLower(name, name_length, "transfer-encoding")) return true;
+      has_transfer_encoding_ = true;
+      if (!transfer_encoding_.empty()) transfer_encoding_.push_back(',');
+      transfer_encoding_.append(value, value_length);
+      return true;
+    default:
+      return true;
+  }
+}
+
+bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
+  const bool http11 = request_->minor_version == 1;
+  if (http11 && host_count_ != 1) return fail(HttpResponse::kBadRequest);
+  if (!http11) expect_continue_ = false;  // a 1.0 client does not wait for 100
+  if (has_transfer_encoding_) {
+    if (content_length_count_ > 0 || !http11) return fail(HttpResponse::kBadRequest);
+    bool chunked_seen = false;
+    bool chunked_last = false;
+    bool other_seen = false;
+    bool well_formed = forEachListElement(
+        transfer_encoding_.data(), transfer_encoding_.size(), [&](const char* coding, size_t n) {
+          const char* end = coding + n;
+          const char* name_end = coding;
+          while (name_end < end && is(*name_end, kTokenByte)) ++name_end;
+          if (name_end == coding || !validParameters(name_end, end)) return false;
+          chunked_last = equalsLower(coding, name_end - coding, "chunked");
+          if (chunked_last) {
+            // chunked takes no parameters, and twice would be read as once by
+            // some and as twice by others.
+            if (chunked_seen || name_end != end) return false;
+            chunked_seen = true;
+          } else {
+            other_seen = true;
+          }
+          return true;
+        });
+    // Unless chunked comes last, no reader can tell where the body ends.
+    if (!well_formed || (chunked_seen && !chunked_last)) return fail(HttpResponse::kBadRequest);
+    if (other_seen) return fail(HttpResponse::kNotImplemented);
+    if (!chunked_seen) return fail(HttpResponse::kBadRequest);  // no coding at all
+    chunked_ = true;
+  }
+  if (!resolveAbsoluteTarget(request_.get())) resolveUrlFromHost(request_.get(), host_);
+  if (chunked_) {
+    state_ = State::kChunkSize;
+    block_bytes_ = 0;
+    return true;
+  }
+  if (content_length_count_ > 0) {
+    if (declared_length_ > bodyCap()) return fail(HttpResponse::kRequestEntityTooLarge);
+    request_->content_length = static_cast<uint32_t>(declared_length_);
+    if (declared_length_ > 0) {
+      state_ = State::kBody;
+      body_remaining_ = declared_length_;
+      return true;
+    }
+  }
+  deliver(requests);
+  return true;
+}
+
+bool StrictRequestParser::processChunkSize(const char* line, size_t length) {
+  const char* const end = line + length;
+  const char* p = line;
+  uint64_t size = 0;
+  while (p < end && is(*p, kHexByte)) {
+    if (size > (std::numeric_limits<uint64_t>::max() >> 4)) return false;
+    size = size << 4 | hexValue(*p);
+    ++p;
+  }
+  if (p == line || !validParameters(p, end)) return false;
+  if (size > bodyCap() - request_->body.size()) return fail(HttpResponse::kRequestEntityTooLarge);
+  block_bytes_ = 0;
+  if (size == 0) {
+    state_ = State::kTrailers;
+  } else {
+    state_ = State::kChunkData;
+    body_remaining_ = size;
+  }
+  return true;
+}
+
+void StrictRequestParser::appendBody(const char* data, size_t length) {
+  std::string& body = request_->body;
+  const size_t needed = body.size() + length;
+  if (!chunked_ && needed > body.capacity()) {
+    // Grow geometrically as the bytes arrive, but never past the declared
+    // length: a body that arrives whole is allocated once and exactly, and one
+    // that trickles in never holds more than twice what arrived.
+    body.reserve(static_cast<size_t>(
+        std::min<uint64_t>(declared_length_, std::max(needed, 2 * body.capacity()))));
+  }
+  body.append(data, length);
+}
+
+void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
+  if (chunked_) request_->content_length = static_cast<uint32_t>(request_->body.size());
+  const bool closing =
+      connection_close_ || (request_->minor_version == 0 && !connection_keep_alive_);
+  requests->push_back(std::move(request_));
+  request_.reset();
+  expect_continue_ = false;
+  if (closing) {
+    state_ = State::kClosed;
+    releaseBuffer(&line_);
+    std::string().swap(transfer_encoding_);
+    return;
+  }
+  state_ = State::kRequestLine;
+  block_bytes_ = 0;
+  body_remaining_ = 0;
+  releaseBuffer(&transfer_encoding_);
+  releaseBuffer(&host_);
+  declared_length_ = 0;
+  content_length_count_ = 0;
+  host_count_ = 0;
+  has_transfer_encoding_ = false;
+  chunked_ = false;
+  connection_close_ = false;
+  connection_keep_alive_ = false;
+}
+
+bool StrictRequestParser::fail(HttpResponse::StatusCode status) {
+  // The first fault decides the answer; the rest of the stream is never read.
+  if (state_ != State::kFailed) {
+    state_ = State::kFailed;
+    error_status_ = status;
+  }
+  request_.reset();
+  std::string().swap(line_);
+  std::string().swap(transfer_encoding_);
+  std::string().swap(host_);
+  continue_pending_ = false;
+  expect_continue_ = false;
+  return false;
+}
+
+uint64_t StrictRequestParser::bodyCap() const {
+  if (limits_.max_body_bytes == 0) return kLargestBody;
+  return std::min<uint64_t>(limits_.max_body_bytes, kLargestBody);
+}
+
+HttpResponse::StatusCode StrictRequestParser::errorStatus() const { return error_status_; }
+
+bool StrictRequestParser::closing() const { return state_ == State::kClosed; }
+
+bool StrictRequestParser::headInProgress() const {
+  if (state_ == State::kHeaders) return true;
+  // A lone CR may still be the start of an empty line, which is skipped.
+  return state_ == State::kRequestLine && !line_.empty() && line_ != "\r";
+}
+
+bool StrictRequestParser::bodyInProgress() const {
+  switch (state_) {
+    case State::kBody:
+    case State::kChunkSize:
+    case State::kChunkData:
+    case State::kChunkDataCr:
+    case State::kChunkDataLf:
+    case State::kTrailers:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool StrictRequestParser::takeContinueRequest() {
+  const bool pending = continue_pending_;
+  continue_pending_ = false;
+  return pending;
+}
+
+}  // namespace relay
+}  // namespace vantu

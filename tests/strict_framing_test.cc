@@ -1,0 +1,409 @@
+#include "relay/strict_framing.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// Method, target and (when there is one) the body of each request, so that a
+// table row can say which requests a stream must give.
+std::string summarize(const std::vector<HttpRequestPtr>& requests) {
+  std::string out;
+  for (const auto& r : requests) {
+    if (!out.empty()) out += ", ";
+    out += httpMethodToName(r->method);
+    out += " " + r->uri;
+    if (!r->body.empty()) out += " " + r->body;
+    if (r->content_length != r->body.size()) out += " len=" + std::to_string(r->content_length);
+  }
+  return out;
+}
+
+// Everything a handler can see of a request.
+std::string describe(const HttpRequest& r) {
+  std::ostringstream out;
+  out << r.method << " " << r.uri << " 1." << r.minor_version
+      << " url=" << r.url.possibly_invalid_spec() << " valid=" << r.url.is_valid()
+      << " len=" << r.content_length << " body=" << r.body;
+  for (const auto& h : r.headers) out << " [" << h.first << "|" << h.second << "]";
+  for (const auto& q : r.query_components) out << " {" << q.first << "|" << q.second << "}";
+  return out.str();
+}
+
+struct Outcome {
+  std::string requests;
+  bool ok = true;
+  int status = 0;  // errorStatus() when !ok
+  bool closing = false;
+};
+
+bool operator==(const Outcome& a, const Outcome& b) {
+  return a.requests == b.requests && a.ok == b.ok && a.status == b.status && a.closing == b.closing;
+}
+
+std::ostream& operator<<(std::ostream& out, const Outcome& o) {
+  return out << "{" << o.requests << "} ok=" << o.ok << " status=" << o.status
+             << " closing=" << o.closing;
+}
+
+// Feeds every chunk, also those after the parser is spent: they must add
+// nothing, and a false result must stay false.
+Outcome feed(const std::vector<std::string>& chunks, const RequestLimits& limits = {}) {
+  StrictRequestParser parser(limits);
+  std::vector<HttpRequestPtr> requests;
+  Outcome outcome;
+  for (const std::string& chunk : chunks) {
+    const bool ok = parser.parse(chunk, &requests);
+    if (!outcome.ok) {
+      EXPECT_FALSE(ok) << "a failed parser recovered";
+    }
+    outcome.ok = outcome.ok && ok;
+  }
+  outcome.requests = summarize(requests);
+  if (!outcome.ok) outcome.status = parser.errorStatus();
+  outcome.closing = parser.closing();
+  return outcome;
+}
+
+// The stream whole, byte by byte, and cut in two at every position must all
+// give `expected`.
+void expectEverySplit(const std::string& stream, const Outcome& expected,
+                      const RequestLimits& limits = {}) {
+  EXPECT_EQ(expected, feed({stream}, limits)) << "whole";
+  std::vector<std::string> bytes;
+  for (char c : stream) bytes.emplace_back(1, c);
+  EXPECT_EQ(expected, feed(bytes, limits)) << "byte by byte";
+  for (size_t cut = 0; cut <= stream.size(); ++cut) {
+    ASSERT_EQ(expected, feed({stream.substr(0, cut), stream.substr(cut)}, limits)) << "cut " << cut;
+  }
+}
+
+const std::string kHost = "Host: h\r\n";
+const std::string kChunked = "Transfer-Encoding: chunked\r\n";
+std::string get(const std::string& target) {
+  return "GET " + target + " HTTP/1.1\r\n" + kHost + "\r\n";
+}
+std::string post(const std::string& fields, const std::string& body) {
+  return "POST /p HTTP/1.1\r\n" + kHost + fields + "\r\n" + body;
+}
+
+// One chunk of a chunked body holding `data`.
+std::string chunk(const std::string& data) {
+  std::ostringstream out;
+  out << std::hex << data.size() << "\r\n" << data << "\r\n";
+  return out.str();
+}
+
+struct Accepted {
+  std::string stream;
+  std::string requests;
+  bool closing;
+};
+
+TEST(StrictRequestParserTest, AcceptsWhatTheRfcAllowsHoweverSplit) {
+  const Accepted kCases[] = {
+      {"\r\n\r\n" + get("/a") + "\r\n" + get("/b"), "GET /a, GET /b", false},
+      {post("Content-Length: 5\r\n", "hello") + get("/n"), "POST /p hello, GET /n", false},
+      {post("content-LENGTH: 003\r\n", "abc"), "POST /p abc", false},
+      {post("Content-Length: 0\r\n", "") + get("/n"), "POST /p, GET /n", false},
+      // A line longer than any buffer kept between requests.
+      {get("/" + std::string(5000, 'l') + "?q") + get("/n"),
+       "GET /" + std::string(5000, 'l') + "?q, GET /n", false},
+      {post(kChunked, "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n") + get("/n"),
+       "POST /p hello world, GET /n", false},
+      {post("transfer-ENCODING: Chunked\r\n", "a\r\n0123456789\r\nA\r\nabcdefghij\r\n000\r\n\r\n"),
+       "POST /p 0123456789abcdefghij", false},
+      {post(kChunked, "0005;name=value\r\nhello\r\n0 ; a = \"q\\\"x;\" ; b\r\n\r\n"),
+       "POST /p hello", false},
+      {post(kChunked, "3\r\nabc\r\n0\r\nX-Sum: 1\r\nY:\r\n\r\n"), "POST /p abc", false},
+      {post("Transfer-Encoding: , chunked,\r\n", "0\r\n\r\n"), "POST /p", false},
+      // A chunk whose data is a whole request is only body.
+      {post(kChunked, chunk(get("/hidden")) + "0\r\n\r\n"), "POST /p " + get("/hidden"), false},
+      {"GET /a HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n"
+       "GET /b HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"
+       "GET /c HTTP/1.1\r\nhOST: ex-ample.com:65535\r\n\r\n"
+       "GET /d HTTP/1.1\r\nHost:\r\n\r\n"
+       "GET /e HTTP/1.1\r\nHost: a%20b:\r\n\r\n"
+       "GET /f HTTP/1.1\r\nHost: [v1.x:y]\r\n\r\n",
+       "GET /a, GET /b, GET /c, GET /d, GET /e, GET /f", false},
+      {"OPTIONS * HTTP/1.1\r\n" + kHost + "\r\nHEAD /h HTTP/1.1\r\n" + kHost +
+           "\r\nPUT /u HTTP/1.1\r\n" + kHost + "\r\nDELETE /d HTTP/1.1\r\n" + kHost +
+           "\r\nTRACE /t HTTP/1.1\r\n" + kHost + "\r\n" + get("http://x/y?q=1") + get("//z"),
+       "OPTIONS *, HEAD /h, PUT /u, DELETE /d, TRACE /t, GET http://x/y?q=1, GET //z", false},
+      {"GET /v HTTP/1.1\r\n" + kHost + "X-V: \t a \"b\" \x80\xff\t \r\nX-E:\r\n\r\n", "GET /v",
+       false},
+      // Connection: close and HTTP/1.0 end the stream: what follows is never read.
+      {"GET /a HTTP/1.1\r\n" + kHost + "Connection: close\r\n\r\n" + get("/hidden"), "GET /a",
+       true},
+      {"GET /a HTTP/1.1\r\n" + kHost + "connection: Keep-Alive, CLOSE\r\n\r\n" + get("/hidden"),
+       "GET /a", true},
+      {"GET /a HTTP/1.0\r\n\r\n" + get("/hidden"), "GET /a", true},
+      {"GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\nGET /b HTTP/1.0\r\n\r\n" + get("/hidden"),
+       "GET /a, GET /b", true},
+      {post("Connection: close\r\n" + kChunked, "1\r\nx\r\n0\r\n\r\n") + get("/hidden"),
+       "POST /p x", true},
+  };
+  for (const Accepted& c : kCases) {
+    SCOPED_TRACE(c.stream);
+    expectEverySplit(c.stream, {c.requests, true, 0, c.closing});
+  }
+}
+
+struct Rejected {
+  std::string request;
+  int status;
+};
+
+// Each faulty request comes after a good one and before a request that must
+// never be seen.
+TEST(StrictRequestParserTest, RejectsAtTheFaultAndNeverReadsPastIt) {
+  const Rejected kCases[] = {
+      // Line ends.
+      {"GET /a HTTP/1.1\n" + kHost + "\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "\n", 400},
+      {"\nGET /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET /a HTTP/1.1\r" + kHost + "\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\rGET /hidden HTTP/1.1\r\n\r\n", 400},
+      {"\r\r\n" + get("/a"), 400},
+      // Field lines.
+      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\r\n b\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n\tHost: h\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + ": v\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost : h\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "X(y): 1\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "X\xc3\xa9: 1\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "X\x01: 1\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "Xyz\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + std::string("X: a\0b\r\n\r\n", 10), 400},
+      {"GET /a HTTP/1.1\r\n" + kHost +
+           "X: a\x01"
+           "b\r\n\r\n",
+       400},
+      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\x7f\r\n\r\n", 400},
+      // Content-Length.
+      {post("Content-Length: -1\r\n", ""), 400},
+      {post("Content-Length: +5\r\n", "hello"), 400},
+      {post("Content-Length: 5 5\r\n", "hello"), 400},
+      {post("Content-Length: 5, 5\r\n", "hello"), 400},
+      {post("Content-Length: 0x5\r\n", "hello"), 400},
+      {post("Content-Length:\r\n", ""), 400},
+      {post("Content-Length: 5\r\nContent-Length: 5\r\n", "hello"), 400},
+      {post("Content-Length: 5\r\ncontent-length: 6\r\n", "hello!"), 400},
+      {post("Content-Length: 99999999999999999999999\r\n", ""), 413},
+      {post("Content-Length: 4294967296\r\n", ""), 413},
+      // Transfer-Encoding.
+      {post(kChunked + "Content-Length: 5\r\n", "0\r\n\r\n"), 400},
+      {post("content-length: 5\r\ntransfer-encoding: CHUNKED\r\n", "0\r\n\r\n"), 400},
+      {"POST /p HTTP/1.0\r\n" + kChunked + "\r\n0\r\n\r\n", 400},
+      {post("Transfer-Encoding: gzip\r\n", ""), 501},
+      {post("Transfer-Encoding: identity\r\n", ""), 501},
+      {post("Transfer-Encoding: gzip, chunked\r\n", "0\r\n\r\n"), 501},
+      {post("Transfer-Encoding: chunked, gzip\r\n", "0\r\n\r\n"), 400},
+      {post("Transfer-Encoding: chunked, chunked\r\n", "0\r\n\r\n"), 400},
+      {post(kChunked + kChunked, "0\r\n\r\n"), 400},
+      {post("Transfer-Encoding: chunked;x=1\r\n", "0\r\n\r\n"), 400},
+      {post("Transfer-Encoding:\r\n", "0\r\n\r\n"), 400},
+      {post("Transfer-Encoding: \"chunked\"\r\n", "0\r\n\r\n"), 400},
+      // Chunk sizes, extensions, data ends, trailers.
+      {post(kChunked, "+5\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "-5\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "0x5\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, " 5\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5 \r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5\t\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "g\r\n"), 400},
+      {post(kChunked, "10000000000000000\r\n"), 400},
+      {post(kChunked, "100000000\r\n"), 413},
+      {post(kChunked, "5;\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5;a=\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5;a=\"x\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5;a b\r\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5\r\nhelloX\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "5\r\nhello\n0\r\n\r\n"), 400},
+      {post(kChunked, "5\r\nhello\r0\r\n\r\n"), 400},
+      {post(kChunked, "5\nhello\r\n0\r\n\r\n"), 400},
+      {post(kChunked, "0\r\nBad Trailer: x\r\n\r\n"), 400},
+      {post(kChunked, "0\r\nT: x\r\n folded\r\n\r\n"), 400},
+      {post(kChunked, "0\r\n\n"), 400},
+      // Host.
+      {"GET /a HTTP/1.1\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\n" + kHost + kHost + "\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: h\r\nhost: h\r\n\r\n", 400},
+      {"GET /a HTTP/1.0\r\nHost: h\r\nHOST: i\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: u@h\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: h/x\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: h:65536\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: h:8x\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: :80\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: [::1\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: [zz]\r\n\r\n", 400},
+      {"GET /a HTTP/1.1\r\nHost: h%2\r\n\r\n", 400},
+      // Versions and methods.
+      {"GET /a HTTP/1.2\r\n" + kHost + "\r\n", 505},
+      {"GET /a HTTP/2.0\r\n" + kHost + "\r\n", 505},
+      {"GET /a HTTP/0.9\r\n\r\n", 505},
+      {"GET /a HTTP/1.1 \r\n" + kHost + "\r\n", 400},
+      {"GET /a HTTP/1.10\r\n" + kHost + "\r\n", 400},
+      {"GET /a http/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET /a\r\n" + kHost + "\r\n", 400},
+      {"PATCH /a HTTP/1.1\r\n" + kHost + "\r\n", 501},
+      {"get /a HTTP/1.1\r\n" + kHost + "\r\n", 501},
+      {"G(ET /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {" /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET  /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      // Targets.
+      {"GET /a b HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET /a\tb HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET /\x01 HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET /\xff HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET * HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"OPTIONS *x HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET a/b HTTP/1.1\r\n" + kHost + "\r\n", 400},
+      {"GET 1http://x/ HTTP/1.1\r\n" + kHost + "\r\n", 400},
+  };
+  for (const Rejected& c : kCases) {
+    SCOPED_TRACE(c.request);
+    expectEverySplit(get("/first") + c.request + get("/hidden"),
+                     {"GET /first", false, c.status, false});
+  }
+}
+
+struct Limited {
+  std::string stream;  // never complete: the answer must come before the rest
+  RequestLimits limits;
+  int status;
+};
+
+TEST(StrictRequestParserTest, LimitsAnswerBeforeTheLineOrBodyArrives) {
+  const Limited kCases[] = {
+      // The request line counts with its CR LF: 32 bytes fit, 33 do not.
+      {"GET /" + std::string(100, 'a'), {32, 0}, 414},
+      {"GET /" + std::string(17, 'a') + " HTTP/1.1\r\n", {32, 0}, 414},
+      {"GET / HTTP/1.1\r\nX: " + std::string(100, 'a'), {32, 0}, 400},
+      {"GET / HTTP/1.1\r\nHost: h\r\nX: 123\r\n", {32, 0}, 400},
+      {"POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 11\r\n\r\n", {0, 10}, 413},
+      {"POST / HTTP/1.1\r\nHost: h\r\n" + kChunked + "\r\n6\r\nabcdef\r\n5\r\n", {0, 10}, 413},
+      {"POST / HTTP/1.1\r\nHost: h\r\n" + kChunked + "\r\n1;" + std::string(100, 'x'),
+       {64, 0},
+       400},
+      {"POST / HTTP/1.1\r\nHost: h\r\n" + kChunked + "\r\n0\r\nT: " + std::string(100, 'x'),
+       {64, 0},
+       400},
+  };
+  for (const Limited& c : kCases) {
+    SCOPED_TRACE(c.stream);
+    expectEverySplit(c.stream, {"", false, c.status, false}, c.limits);
+  }
+  // Within the limits the same shapes pass: a 32-byte request line, a 10-byte
+  // chunked body, a trailer block of its own size.
+  expectEverySplit("GET /" + std::string(16, 'a') + " HTTP/1.1\r\n", {"", true, 0, false}, {32, 0});
+  expectEverySplit(post(kChunked, "6\r\nabcdef\r\n4\r\nghij\r\n0\r\nT: 1\r\n\r\n"),
+                   {"POST /p abcdefghij", true, 0, false}, {60, 10});
+
+  // One huge chunk is refused from its first bytes past the limit.
+  StrictRequestParser parser({64 * 1024, 0});
+  std::vector<HttpRequestPtr> requests;
+  EXPECT_FALSE(parser.parse("GET /" + std::string(8 << 20, 'a'), &requests));
+  EXPECT_EQ(HttpResponse::kRequestUriTooLarge, parser.errorStatus());
+}
+
+TEST(StrictRequestParserTest, GivesTheSameRequestsAsTheDefaultReader) {
+  const std::string kStreams[] = {
+      "GET /a?x=1&y=%41+b&x HTTP/1.1\r\nHost: Example.com:80\r\nAccept: */*\r\nb: 2\r\n\r\n",
+      "GET http://Other.example/p/../q?k=v HTTP/1.1\r\nHost: h\r\n\r\n",
+      "POST /rpc HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\nRpc-Service: s\r\n\r\nbody",
+      "OPTIONS * HTTP/1.1\r\nHost: h\r\n\r\n",
+      "GET /old HTTP/1.0\r\nHost: h\r\n\r\n",
+  };
+  for (const std::string& stream : kStreams) {
+    SCOPED_TRACE(stream);
+    std::vector<HttpRequestPtr> strict;
+    std::vector<HttpRequestPtr> lenient;
+    StrictRequestParser strict_parser;
+    HttpRequestParser default_parser;
+    ASSERT_TRUE(strict_parser.parse(stream, &strict));
+    ASSERT_TRUE(default_parser.parse(stream, &lenient));
+    ASSERT_EQ(1u, strict.size());
+    ASSERT_EQ(1u, lenient.size());
+    EXPECT_EQ(describe(*lenient[0]), describe(*strict[0]));
+  }
+}
+
+TEST(StrictRequestParserTest, ChunkedBodyDecodesTheSameWhereverSplit) {
+  const std::string stream =
+      "PUT /up HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
+      "7;ext=\"a b\"\r\nchunk1\n\r\n1\r\n\r\r\n0a\r\n0123456789\r\n"
+      "0\r\nChecksum: abc\r\n\r\n"
+      "POST /next HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\n\r\n";
+  const std::string expected =
+      "4 /up 1.1 url=http://h/up valid=1 len=18 body=chunk1\n\r0123456789 [Host|h] "
+      "[Transfer-Encoding|chunked]";
+  for (size_t first = 0; first <= stream.size(); first += 3) {
+    for (size_t second = first; second <= stream.size(); ++second) {
+      StrictRequestParser parser;
+      std::vector<HttpRequestPtr> requests;
+      ASSERT_TRUE(parser.parse(stream.substr(0, first), &requests));
+      ASSERT_TRUE(parser.parse(stream.substr(first, second - first), &requests));
+      ASSERT_TRUE(parser.parse(stream.substr(second), &requests));
+      ASSERT_EQ(2u, requests.size()) << first << " " << second;
+      ASSERT_EQ(expected, describe(*requests[0])) << first << " " << second;
+      ASSERT_EQ("ok", requests[1]->body);
+      ASSERT_EQ(2u, requests[1]->content_length);
+    }
+  }
+}
+
+TEST(StrictRequestParserTest, ReportsProgressAndContinueRequests) {
+  StrictRequestParser parser;
+  std::vector<HttpRequestPtr> requests;
+  EXPECT_FALSE(parser.headInProgress());
+  ASSERT_TRUE(parser.parse("\r\n\r", &requests));
+  EXPECT_FALSE(parser.headInProgress());  // empty lines are no head
+  ASSERT_TRUE(parser.parse("\nPOST /a HTTP/1.1\r\nHost: h\r\n", &requests));
+  EXPECT_TRUE(parser.headInProgress());
+  EXPECT_FALSE(parser.bodyInProgress());
+  ASSERT_TRUE(parser.parse("Expect: 100-Continue\r\nContent-Length: 2\r\n\r\n", &requests));
+  EXPECT_FALSE(parser.headInProgress());
+  EXPECT_TRUE(parser.bodyInProgress());
+  EXPECT_TRUE(parser.takeContinueRequest());
+  EXPECT_FALSE(parser.takeContinueRequest());
+  ASSERT_TRUE(parser.parse("ok", &requests));
+  EXPECT_FALSE(parser.bodyInProgress());
+  EXPECT_EQ(1u, requests.size());
+
+  // A body that arrives with its head, or an HTTP/1.0 client, owes no 100.
+  ASSERT_TRUE(parser.parse(
+      "POST /b HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\nok",
+      &requests));
+  EXPECT_FALSE(parser.takeContinueRequest());
+  ASSERT_TRUE(
+      parser.parse("POST /c HTTP/1.0\r\nConnection: keep-alive\r\nExpect: "
+                   "100-continue\r\nContent-Length: 2\r\n\r\n",
+                   &requests));
+  EXPECT_FALSE(parser.takeContinueRequest());
+  EXPECT_TRUE(parser.bodyInProgress());
+  ASSERT_TRUE(parser.parse("ok", &requests));
+  // A chunked upload asks for it as well.
+  ASSERT_TRUE(parser.parse(post("Expect: 100-continue\r\n" + kChunked, "1\r\n"), &requests));
+  EXPECT_TRUE(parser.takeContinueRequest());
+  ASSERT_TRUE(parser.parse("x\r\n0\r\n", &requests));
+  EXPECT_TRUE(parser.bodyInProgress());  // trailers are still to come
+  ASSERT_TRUE(parser.parse("\r\n", &requests));
+  EXPECT_EQ(4u, requests.size());
+  EXPECT_FALSE(parser.closing());
+
+  // Spent after a fault: nothing more, whatever follows.
+  EXPECT_FALSE(parser.parse("GET /x HTTP/1.1\r\nHost: h\r\nX : y\r\n", &requests));
+  EXPECT_FALSE(parser.parse(get("/y"), &requests));
+  EXPECT_EQ(4u, requests.size());
+  EXPECT_FALSE(parser.headInProgress());
+  EXPECT_EQ(HttpResponse::kBadRequest, parser.errorStatus());
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
