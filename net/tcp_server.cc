@@ -12,6 +12,7 @@ namespace relay {
 struct TcpServer::Accepted {
   size_t open = 0;
   size_t max = 0;
+  Duration send_timeout;
   // Null once the server stops listening.
   TcpServer* server = nullptr;
 };
@@ -27,6 +28,8 @@ TcpServer::~TcpServer() {
 }
 
 void TcpServer::setMaxConnections(size_t max) { accepted_->max = max; }
+
+void TcpServer::setSendTimeout(Duration timeout) { accepted_->send_timeout = timeout; }
 
 size_t TcpServer::openConnections() const { return accepted_->open; }
 
@@ -45,6 +48,7 @@ void TcpServer::connectionCallback(int fd) {
       accepted->server->resumeAccepting();
     }
   });
+  socket->setSendTimeout(accepted->send_timeout);
   socket->link(handler->streamSource(), handler->streamSink());
 }
 

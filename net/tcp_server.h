@@ -32,6 +32,9 @@ class TcpServer : public TcpListener {
   // accepting pauses, and it resumes when one of them closes. Call before
   // initialize.
   void setMaxConnections(size_t max);
+  // Each accepted connection's send timeout (see TcpSocket::setSendTimeout).
+  // Call before initialize.
+  void setSendTimeout(Duration timeout);
   // The connections accepted and not yet ended. Event thread.
   size_t openConnections() const;
 

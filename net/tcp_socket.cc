@@ -154,11 +154,16 @@ void TcpSocket::onReadable(int, short what, void* arg) {
   socket->handleRead(what);
 }
 
-void TcpSocket::onWritable(int, short, void* arg) {
+void TcpSocket::onWritable(int, short what, void* arg) {
   auto* socket = static_cast<TcpSocket*>(arg);
   std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
   if (!keep) {
     event_del(socket->write_event_);
+    return;
+  }
+  if ((what & EV_TIMEOUT) && socket->state_ == kOpen) {
+    // The peer took nothing for send_timeout_.
+    socket->fail();
     return;
   }
   socket->handleWrite();
@@ -301,8 +306,13 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
     }
   }
   if (blocked) {
-    if (!write_waiting_ && write_event_ != nullptr) {
-      event_add(write_event_, nullptr);
+    // With a send timeout, every call that got here made progress (or is
+    // the first to wait), so the clock starts again.
+    const bool timed = send_timeout_ > Duration();
+    if ((!write_waiting_ || timed) && write_event_ != nullptr) {
+      const int64_t us = send_timeout_.toMicroseconds();
+      timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+      event_add(write_event_, timed ? &timeout : nullptr);
       write_waiting_ = true;
     }
     return kBlocked;
@@ -356,9 +366,10 @@ void TcpSocket::finish(bool notify_close) {
   fd_ = -1;
   if (output_ != nullptr) evbuffer_free(output_);
   output_ = nullptr;
+  // Process exit and the destructor end connections that were never told;
+  // a handler hears of the end once, whether or not the socket started.
+  notifyClosed();
   if (started) {
-    // Process exit and the destructor end connections that were never told.
-    notifyClosed();
     if (live_prev_ != nullptr) live_prev_->live_next_ = live_next_;
     if (live_next_ != nullptr) live_next_->live_prev_ = live_prev_;
     if (live_head == this) live_head = live_next_;

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "common/socket_address.h"
+#include "common/time.h"
 #include "net/char_stream.h"
 
 struct event;
@@ -74,6 +75,11 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // ended.
   void link(char_stream::PushStreamSource* other_source, char_stream::PullStreamSink* other_sink);
 
+  // A write that makes no progress for this long (a peer that stopped
+  // reading) ends the connection as a failed write would. Zero, the default,
+  // waits for ever. Call before link.
+  void setSendTimeout(Duration timeout) { send_timeout_ = timeout; }
+
   // The local and the remote address; not valid once the connection has ended
   // or if the kernel will not say. Event thread, or before link.
   SocketAddress localAddress() const;
@@ -131,6 +137,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   int fd_;
   std::function<void()> on_close_;
   std::shared_ptr<void> peer_;
+  Duration send_timeout_;
   std::shared_ptr<TcpSocket> self_;  // while the connection lasts, if owns_itself_
   struct event* read_event_ = nullptr;
   struct event* write_event_ = nullptr;

@@ -65,6 +65,8 @@ class HttpMessageParser {
   void setLimits(const RequestLimits& limits);
   // The status a false result is answered with: 400, or what a limit said.
   HttpResponse::StatusCode errorStatus() const { return error_status_; }
+  // A limit refused the stream; nothing more will be read.
+  bool spent() const { return spent_; }
   // Part of a message's head has arrived, and not the whole of it.
   bool headInProgress() const;
   // A message's head is complete and its body is not.

@@ -9,6 +9,7 @@
 
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
+#include "common/event_thread.h"
 #include "common/logging.h"
 #include "common/map_util.h"
 #include "common/weak_function.h"
@@ -23,14 +24,11 @@ constexpr char kSourceFile[] = "relay/http_server";
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
-void sendResponse(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response) {
+void sendResponse(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response,
+                  bool to_head_request = false) {
   std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
   if (!handler) return;
-  std::string header;
-  response->outputHeader(&header);
-  RequestResponseConnectionHandler::SendGuard guard(*handler);
-  handler->send(header);
-  handler->send(std::string(response->content.begin(), response->content.end()));
+  handler->sendAnswer(response.get(), to_head_request);
 }
 
 // Writes the failure form of an RPC answer. Error texts travel in a header
@@ -97,11 +95,45 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
 }
 
 HttpServerImpl::RPCInfo::RPCInfo() = default;
-HttpServerImpl::RPCInfo::~RPCInfo() = default;
+
+HttpServerImpl::RPCInfo::~RPCInfo() {
+  if (!owes_answer) return;
+  // On the event thread, after the answer's bytes: from another thread they
+  // are handed over through the event thread's queue, and this follows them.
+  if (isEventThread()) {
+    if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+      handler->answerSettled();
+    }
+    return;
+  }
+  defer([connection = connection] {
+    if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+      handler->answerSettled();
+    }
+  });
+}
 
 HttpServerImpl::HttpServerImpl()
     : type_resolver_(google::protobuf::util::NewTypeResolverForDescriptorPool(
-          "", google::protobuf::DescriptorPool::generated_pool())) {}
+          "", google::protobuf::DescriptorPool::generated_pool())),
+      connections_(new ConnectionRegistry(Duration())) {}
+
+void HttpServerImpl::configure(const HttpServerOptions& options) {
+  options_ = options;
+  // Deadlines are checked a few times within the shortest timeout, at most
+  // once a second and at least every 10 ms.
+  Duration shortest;
+  for (Duration timeout : {options.header_timeout, options.idle_timeout}) {
+    if (timeout > Duration() && (shortest == Duration() || timeout < shortest)) shortest = timeout;
+  }
+  Duration period;
+  if (shortest > Duration()) {
+    period = Duration::microseconds(shortest.toMicroseconds() / 4);
+    if (period < Duration::milliseconds(10)) period = Duration::milliseconds(10);
+    if (period > Duration::seconds(1)) period = Duration::seconds(1);
+  }
+  connections_.reset(new ConnectionRegistry(period));
+}
 
 HttpServerImpl::~HttpServerImpl() { type_resolver_.reset(); }
 
@@ -138,12 +170,12 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
     VANTU_LOG(5, kLogger, kSourceFile)
         << "Regexp " << matched->pattern_ << " matches URL " << subject;
     matched->callback_(request, response);
-    sendResponse(connection, response);
+    sendResponse(connection, response, request->method == kHttpHead);
     return;
   }
   VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
   response->status_code = HttpResponse::kNotFound;
-  sendResponse(connection, response);
+  sendResponse(connection, response, request->method == kHttpHead);
 }
 
 void HttpServerImpl::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {
@@ -219,6 +251,10 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   // One-shot and weak on this object: a completion that comes after the server
   // is gone sends nothing and frees the record.
   std::shared_ptr<HttpServerImpl> self(weak_this_);
+  if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+    handler->oweAnswer();
+    info->owes_answer = true;
+  }
   RPCInfo* record = info.release();
   google::protobuf::Closure* done =
       newClosure(makeWeakFunction(weak_this_, RPCCompletion(this, record)), true);
@@ -260,10 +296,49 @@ std::shared_ptr<HttpServer> HttpServer::create(const SocketAddress& address, int
   return server;
 }
 
+std::shared_ptr<HttpServer> HttpServer::create(const SocketAddress& address, int n,
+                                               const HttpServerOptions& options) {
+  const std::string problem = options.problem();
+  if (!problem.empty()) {
+    VANTU_LOG(2, kLogger, kSourceFile) << "Unusable server options: " << problem;
+    return std::shared_ptr<HttpServer>();
+  }
+  std::shared_ptr<HttpServer> server(new HttpServer(n, options),
+                                     LibEventThreadDeferredDeleter<HttpServer>());
+  if (!server->initialize(address)) return std::shared_ptr<HttpServer>();
+  return server;
+}
+
 HttpServer::HttpServer(int n)
     : TcpServer(std::bind(&HttpServer::newConnection, this), n), impl_(HttpServerImpl::create()) {}
 
+HttpServer::HttpServer(int n, const HttpServerOptions& options) : HttpServer(n) {
+  impl_->configure(options);
+  setMaxConnections(options.max_connections);
+  setReusePort(options.reuse_port);
+  // A peer that stops reading holds a connection as an idle one would.
+  setSendTimeout(options.idle_timeout);
+}
+
 HttpServer::~HttpServer() { impl_.reset(); }
+
+bool HttpServer::drain(const Duration& timeout) {
+  if (isEventThread()) {
+    VANTU_LOG(1, "check", kSourceFile) << "Check failed !isEventThread() drain would wait forever";
+    return false;
+  }
+  const Time deadline = Time::now() + timeout;
+  ConnectionRegistry& connections = impl_->connections();
+  runOnEventThreadAndWait([this, &connections] {
+    stopListening();
+    connections.startDrain();
+  });
+  if (connections.waitUntilEmpty(deadline)) return true;
+  runOnEventThreadAndWait([&connections] { connections.abortAll(); });
+  // Aborted connections close at the event thread's next turn.
+  connections.waitUntilEmpty(Time::now() + Duration::seconds(5));
+  return false;
+}
 
 void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler handler) {
   impl_->registerHandler(regex, std::move(handler));
@@ -285,47 +360,11 @@ HttpServer::newConnection() {
   // allocation would keep a closed connection's memory until they finish.
   std::shared_ptr<HttpConnectionHandler> handler(new HttpConnectionHandler(impl));
   handler->weak_this_ = handler;
+  impl_->connections().add(handler.get());
+  handler->registered_ = true;
+  handler->updateDeadline();
   return handler;
 }
-
-// ---------------------------------------------------------------------------
-// HttpConnectionHandler
-
-HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
-    : RequestResponseConnectionHandler(2048), impl_(impl) {}
-
-HttpConnectionHandler::~HttpConnectionHandler() {
-  weak_this_.reset();
-  impl_.reset();
-}
-
-void HttpConnectionHandler::notifyIncomingData(std::string* data) {
-  std::shared_ptr<HttpServerImpl> impl = impl_;
-  std::vector<HttpRequestPtr> requests;
-  const bool parsed = parser_.parse(*data, &requests);
-  data->clear();
-  for (const HttpRequestPtr& request : requests) {
-    impl->callRequestHandler(request, std::make_shared<HttpResponse>(), weak_this_);
-  }
-  if (!parsed) {
-    HttpResponse bad_request;
-    bad_request.status_code = HttpResponse::kBadRequest;
-    bad_request.headers.erase("Connection");
-    std::string header;
-    bad_request.outputHeader(&header);
-    SendGuard guard(*this);
-    send(header);
-    send(std::string(bad_request.content.begin(), bad_request.content.end()));
-  }
-}
-
-void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
-  if (data->empty()) return;
-  send("Unexpected EOF!");
-  shutdown();
-}
-
-void HttpConnectionHandler::notifyOutputShutdown() { source_.close(); }
 
 }  // namespace relay
 }  // namespace vantu

@@ -14,8 +14,11 @@
 #include "common/socket_address.h"
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
+#include "relay/connection_registry.h"
 #include "relay/http_message.h"
 #include "relay/http_request_parser.h"
+#include "relay/http_server_options.h"
+#include "relay/strict_framing.h"
 
 namespace google {
 namespace protobuf {
@@ -65,6 +68,9 @@ class HttpServerImpl {
     HttpConnectionHandlerWeakPtr connection;
     uint32_t id = 0;
     Format format = kBinary;
+    // The call was started: its connection is owed an answer until the record
+    // is freed (answered or not).
+    bool owes_answer = false;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread
@@ -102,6 +108,13 @@ class HttpServerImpl {
   // ownership of `info`. Runs on the thread that completed the call.
   void RPCDone(RPCInfo* info);
 
+  // Takes the options of a server being made, before it listens.
+  void configure(const HttpServerOptions& options);
+  // Constant once the server listens.
+  const HttpServerOptions& options() const { return options_; }
+  // The open connections. Event thread, except where it says otherwise.
+  ConnectionRegistry& connections() { return *connections_; }
+
  private:
   // Constant after create().
   std::weak_ptr<HttpServerImpl> weak_this_;
@@ -116,6 +129,10 @@ class HttpServerImpl {
   // Constant after construction.
   std::unique_ptr<google::protobuf::util::TypeResolver> type_resolver_;
   google::protobuf::util::JsonOptions json_options_;
+
+  // Constant once the server listens.
+  HttpServerOptions options_;
+  std::unique_ptr<ConnectionRegistry> connections_;
 };
 
 // The embedded HTTP server: listens on one address and serves every accepted
@@ -129,8 +146,13 @@ class HttpServer : public TcpServer {
   // A server listening on `address` with listen backlog `n`, or an empty
   // pointer when listening cannot be set up.
   static std::shared_ptr<HttpServer> create(const SocketAddress& address, int n);
+  // The same, with `options` (see relay/http_server_options.h); an empty
+  // pointer also when they cannot be used (logged at level 2).
+  static std::shared_ptr<HttpServer> create(const SocketAddress& address, int n,
+                                            const HttpServerOptions& options);
 
   explicit HttpServer(int n);
+  HttpServer(int n, const HttpServerOptions& options);
   ~HttpServer() override;
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -139,6 +161,16 @@ class HttpServer : public TcpServer {
   void registerRPCService(const std::shared_ptr<google::protobuf::Service>& service);
   // The descriptors of the services registered now, in name order.
   std::vector<const google::protobuf::ServiceDescriptor*> serviceDescriptors() const;
+
+  // Ends the server's service gracefully: stops accepting, closes the
+  // connections with nothing in flight, lets the requests and RPCs already
+  // received finish and be written, and closes each connection once it owes
+  // nothing (bytes arriving meanwhile are not read as requests). True when
+  // all that finished within `timeout`; false when the connections still
+  // open at the deadline were closed then. Answers completed after their
+  // connection closed are dropped. Any thread but the event thread (false
+  // there, at once).
+  bool drain(const Duration& timeout);
 
   // The connection factory: one handler per accepted connection.
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
@@ -150,9 +182,12 @@ class HttpServer : public TcpServer {
 };
 
 // One accepted connection: parses what arrives, dispatches each request with a
-// fresh response, answers unparseable input with 400. Owned by the TCP layer
-// for as long as it keeps the connection; everything else refers to it weakly.
-// Notifications arrive on the event thread; the handler has no lock.
+// fresh response, answers unparseable input with 400. With the server's
+// options it also enforces their limits and timeouts, reads with strict
+// framing and closes after the answers that end a connection. Owned by the
+// TCP layer for as long as it keeps the connection; everything else refers to
+// it weakly. Notifications arrive on the event thread; the handler has no
+// lock: what other threads may call says so.
 class HttpConnectionHandler : public RequestResponseConnectionHandler {
  public:
   explicit HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl);
@@ -160,18 +195,56 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   HttpConnectionHandler(const HttpConnectionHandler&) = delete;
   HttpConnectionHandler& operator=(const HttpConnectionHandler&) = delete;
 
+  // Writes one answer: its header block, then its content, as two sends that
+  // no other answer's bytes come between. With strict framing the answer
+  // also carries a Date, and the answer to a HEAD request no content. Any
+  // thread.
+  void sendAnswer(HttpResponse* response, bool to_head_request);
+
+  // An RPC started on this connection will be answered later: the connection
+  // stays open for it (after the peer's end of input, or a close it asked
+  // for) until answerSettled(). Event thread.
+  void oweAnswer();
+  void answerSettled();
+  // From the server's registry (event thread): the time it ran out, and the
+  // server's drain.
+  void checkDeadline(Time now);
+  void beginDrain();
+
   // RequestResponseConnectionHandler
   void notifyOutputShutdown() override;
   void notifyInputShutdown(std::string* data) override;
   void notifyIncomingData(std::string* data) override;
+  bool holdOpenAfterInputEnd() override;
+  void notifyClosed() override;
 
  private:
   friend class HttpServer;
+  // What the connection waits for, if anything, and what running out means.
+  enum class Deadline { kNone, kHead, kBody, kIdle };
+
+  // Sends the answer to a request that could not be read, with `status`.
+  void refuse(HttpResponse::StatusCode status, bool close);
+  // Reads no more requests; closes once every answer owed is written.
+  void closeAfterAnswers();
+  // Sets the deadline for what the connection now waits for.
+  void updateDeadline();
 
   HttpRequestParser parser_;
   std::shared_ptr<HttpServerImpl> impl_;
   // Set by HttpServer::newConnection right after the owning pointer is made.
   std::weak_ptr<HttpConnectionHandler> weak_this_;
+
+  // Constant after construction: null unless the server reads strictly.
+  const std::unique_ptr<StrictRequestParser> strict_parser_;
+
+  // Event thread only.
+  int answers_owed_ = 0;
+  bool input_ended_ = false;
+  bool closing_ = false;  // no more requests are read; close when nothing is owed
+  bool registered_ = false;
+  Deadline deadline_kind_ = Deadline::kNone;
+  Time deadline_;
 };
 
 }  // namespace relay

@@ -1,0 +1,83 @@
+#include "relay/connection_registry.h"
+
+#include <vector>
+
+#include "relay/http_server.h"
+
+namespace vantu {
+namespace relay {
+
+ConnectionRegistry::ConnectionRegistry(Duration sweep_period) : sweep_period_(sweep_period) {}
+
+ConnectionRegistry::~ConnectionRegistry() { sweep_timer_.cancel(); }
+
+void ConnectionRegistry::add(HttpConnectionHandler* connection) {
+  {
+    MutexLock lock(mutex_);
+    connections_.insert(connection);
+  }
+  scheduleSweep();
+}
+
+void ConnectionRegistry::remove(HttpConnectionHandler* connection) {
+  MutexLock lock(mutex_);
+  if (connections_.erase(connection) != 0 && connections_.empty()) changed_.notifyAll();
+}
+
+void ConnectionRegistry::startDrain() {
+  draining_ = true;
+  std::vector<HttpConnectionHandler*> connections;
+  {
+    MutexLock lock(mutex_);
+    connections.assign(connections_.begin(), connections_.end());
+  }
+  // Nothing here closes a connection on the spot (that happens in the
+  // socket's own callbacks), so every pointer stays good through the loop.
+  for (HttpConnectionHandler* connection : connections) connection->beginDrain();
+}
+
+void ConnectionRegistry::abortAll() {
+  std::vector<HttpConnectionHandler*> connections;
+  {
+    MutexLock lock(mutex_);
+    connections.assign(connections_.begin(), connections_.end());
+  }
+  for (HttpConnectionHandler* connection : connections) connection->abort();
+}
+
+size_t ConnectionRegistry::size() const {
+  MutexLock lock(mutex_);
+  return connections_.size();
+}
+
+bool ConnectionRegistry::waitUntilEmpty(Time deadline) {
+  MutexLock lock(mutex_);
+  while (!connections_.empty()) {
+    if (!changed_.timedWaitAbsolute(mutex_, deadline) && Time::now() >= deadline) break;
+  }
+  return connections_.empty();
+}
+
+void ConnectionRegistry::scheduleSweep() {
+  if (sweep_period_ <= Duration() || sweep_scheduled_) return;
+  sweep_scheduled_ = true;
+  // Cancelled by the destructor, which runs on the event thread too: the
+  // sweep never meets a registry that is gone.
+  sweep_timer_ = scheduleDeferred([this] { sweep(); }, sweep_period_);
+}
+
+void ConnectionRegistry::sweep() {
+  sweep_scheduled_ = false;
+  std::vector<HttpConnectionHandler*> connections;
+  {
+    MutexLock lock(mutex_);
+    if (connections_.empty()) return;
+    connections.assign(connections_.begin(), connections_.end());
+  }
+  const Time now = Time::now();
+  for (HttpConnectionHandler* connection : connections) connection->checkDeadline(now);
+  scheduleSweep();
+}
+
+}  // namespace relay
+}  // namespace vantu

@@ -1,0 +1,207 @@
+// HttpConnectionHandler: one accepted connection of an HttpServer.
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "relay/http_server.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// The interim answer to "Expect: 100-continue".
+const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+
+// The current second in IMF-fixdate form ("Sun, 06 Nov 1994 08:49:37 GMT").
+// Written by hand: strftime's names follow the process's locale. Each thread
+// keeps the last one it made.
+const std::string& httpDate() {
+  static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  thread_local time_t last = -1;
+  thread_local std::string text;
+  const time_t now = time(nullptr);
+  if (now != last) {
+    tm fields;
+    gmtime_r(&now, &fields);
+    char buffer[40];
+    snprintf(buffer, sizeof(buffer), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[fields.tm_wday],
+             fields.tm_mday, kMonths[fields.tm_mon], fields.tm_year + 1900, fields.tm_hour,
+             fields.tm_min, fields.tm_sec);
+    text = buffer;
+    last = now;
+  }
+  return text;
+}
+
+RequestLimits limitsOf(const HttpServerOptions& options) {
+  RequestLimits limits;
+  limits.max_header_bytes = options.max_header_bytes;
+  limits.max_body_bytes = options.max_body_bytes;
+  return limits;
+}
+
+}  // namespace
+
+HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
+    : RequestResponseConnectionHandler(2048),
+      impl_(impl),
+      strict_parser_(impl_->options().strict_framing
+                         ? new StrictRequestParser(limitsOf(impl_->options()))
+                         : nullptr) {
+  if (!strict_parser_) parser_.setLimits(limitsOf(impl_->options()));
+}
+
+HttpConnectionHandler::~HttpConnectionHandler() {
+  // Connections leave the registry when they close; one that never got as
+  // far leaves here.
+  if (registered_) impl_->connections().remove(this);
+  weak_this_.reset();
+  impl_.reset();
+}
+
+void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
+  const bool strict = strict_parser_ != nullptr;
+  if (strict) response->setHeader("Date", httpDate());
+  std::string header;
+  response->outputHeader(&header);
+  SendGuard guard(*this);
+  send(header);
+  if (strict && to_head_request) return;
+  send(std::string(response->content.begin(), response->content.end()));
+}
+
+void HttpConnectionHandler::notifyIncomingData(std::string* data) {
+  std::shared_ptr<HttpServerImpl> impl = impl_;
+  if (closing_) {
+    // After the request that ends the connection, or an error, or while
+    // draining, nothing more is read as a request.
+    data->clear();
+    return;
+  }
+  std::vector<HttpRequestPtr> requests;
+  const bool parsed =
+      strict_parser_ ? strict_parser_->parse(*data, &requests) : parser_.parse(*data, &requests);
+  data->clear();
+  const bool last_ends_connection = strict_parser_ && parsed && strict_parser_->closing();
+  for (size_t i = 0; i < requests.size(); ++i) {
+    HttpResponsePtr response = std::make_shared<HttpResponse>();
+    if (last_ends_connection && i + 1 == requests.size()) {
+      response->setHeader("Connection", "close");
+    }
+    impl->callRequestHandler(requests[i], response, weak_this_);
+  }
+  if (!parsed) {
+    if (strict_parser_) {
+      refuse(strict_parser_->errorStatus(), true);
+    } else {
+      // A limit's refusal ends the connection; a malformed line alone does
+      // not, and its 400 is the plain one.
+      refuse(parser_.errorStatus(), parser_.spent());
+    }
+  } else if (last_ends_connection) {
+    closeAfterAnswers();
+  } else if (strict_parser_ && strict_parser_->takeContinueRequest()) {
+    send(kContinue);
+  }
+  if (!requests.empty() && deadline_kind_ == Deadline::kHead) deadline_kind_ = Deadline::kNone;
+  updateDeadline();
+}
+
+void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close) {
+  HttpResponse answer;
+  answer.status_code = status;
+  if (close) {
+    answer.setHeader("Connection", "close");
+  } else {
+    answer.headers.erase("Connection");
+  }
+  sendAnswer(&answer, false);
+  if (close) closeAfterAnswers();
+}
+
+void HttpConnectionHandler::closeAfterAnswers() {
+  closing_ = true;
+  deadline_kind_ = Deadline::kNone;
+  if (answers_owed_ == 0) shutdown();
+}
+
+void HttpConnectionHandler::oweAnswer() { ++answers_owed_; }
+
+void HttpConnectionHandler::answerSettled() {
+  if (answers_owed_ > 0) --answers_owed_;
+  if (answers_owed_ > 0) return;
+  if (closing_ || input_ended_) {
+    shutdown();
+  } else {
+    updateDeadline();
+  }
+}
+
+void HttpConnectionHandler::checkDeadline(Time now) {
+  if (deadline_kind_ == Deadline::kNone || now < deadline_) return;
+  const Deadline kind = deadline_kind_;
+  deadline_kind_ = Deadline::kNone;
+  if (kind == Deadline::kIdle) {
+    closing_ = true;
+    shutdown();
+    return;
+  }
+  refuse(HttpResponse::kRequestTimeout, true);
+}
+
+void HttpConnectionHandler::beginDrain() { closeAfterAnswers(); }
+
+void HttpConnectionHandler::updateDeadline() {
+  const HttpServerOptions& options = impl_->options();
+  Deadline kind = Deadline::kNone;
+  Duration timeout;
+  if (closing_) {
+    // Nothing more is read; the connection ends once its answers are out.
+  } else if (strict_parser_ ? strict_parser_->headInProgress() : parser_.headInProgress()) {
+    kind = Deadline::kHead;
+    timeout = options.header_timeout;
+  } else if (strict_parser_ ? strict_parser_->bodyInProgress() : parser_.bodyInProgress()) {
+    kind = Deadline::kBody;
+    timeout = options.idle_timeout;
+  } else if (answers_owed_ == 0 && !input_ended_) {
+    kind = Deadline::kIdle;
+    timeout = options.idle_timeout;
+  }
+  if (kind == Deadline::kNone || timeout <= Duration()) {
+    deadline_kind_ = Deadline::kNone;
+    return;
+  }
+  // A head's time runs from its first byte; a body's and an idle
+  // connection's from the latest.
+  if (kind == Deadline::kHead && deadline_kind_ == Deadline::kHead) return;
+  deadline_kind_ = kind;
+  deadline_ = Time::now() + timeout;
+}
+
+void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
+  if (data->empty()) return;
+  send("Unexpected EOF!");
+  shutdown();
+}
+
+bool HttpConnectionHandler::holdOpenAfterInputEnd() {
+  input_ended_ = true;
+  deadline_kind_ = Deadline::kNone;
+  // Answers still being worked on go out before the connection closes.
+  return answers_owed_ > 0;
+}
+
+void HttpConnectionHandler::notifyOutputShutdown() { source_.close(); }
+
+void HttpConnectionHandler::notifyClosed() {
+  deadline_kind_ = Deadline::kNone;
+  if (!registered_) return;
+  registered_ = false;
+  impl_->connections().remove(this);
+}
+
+}  // namespace relay
+}  // namespace vantu

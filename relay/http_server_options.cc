@@ -1,0 +1,29 @@
+#include "relay/http_server_options.h"
+
+namespace vantu {
+namespace relay {
+
+HttpServerOptions HttpServerOptions::hardened() {
+  HttpServerOptions options;
+  options.max_header_bytes = 64 * 1024;
+  options.max_body_bytes = 16 * 1024 * 1024;
+  options.max_connections = 10000;
+  options.header_timeout = Duration::seconds(30);
+  options.idle_timeout = Duration::seconds(120);
+  options.strict_framing = true;
+  return options;
+}
+
+bool HttpServerOptions::limitsAnything() const {
+  return max_header_bytes != 0 || max_body_bytes != 0 || max_connections != 0 ||
+         header_timeout != Duration() || idle_timeout != Duration() || strict_framing;
+}
+
+std::string HttpServerOptions::problem() const {
+  if (header_timeout < Duration()) return "header_timeout is negative";
+  if (idle_timeout < Duration()) return "idle_timeout is negative";
+  return std::string();
+}
+
+}  // namespace relay
+}  // namespace vantu
