@@ -1,0 +1,550 @@
+// A server that untrusted peers can reach, end to end over loopback: limits,
+// strict framing, timeouts, the connection cap, slow readers, half-closes and
+// the drain. Answers are compared byte for byte (the Date value aside, whose
+// form is checked instead).
+#include <gtest/gtest.h>
+#include <pcrecpp.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "common/mutex.h"
+#include "relay/http_server.h"
+#include "test_services.pb.h"
+#include "tests/loopback_client.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using vantu::testing::LoopbackClient;
+
+// Replaces every Date header's value with "*" once its form is checked.
+std::string withoutDates(const std::string& bytes) {
+  static const pcrecpp::RE kDate(
+      "Date: (Mon|Tue|Wed|Thu|Fri|Sat|Sun), [0-3][0-9] "
+      "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [0-9]{4} [0-2][0-9]:[0-5][0-9]:[0-6][0-9] "
+      "GMT\r\n");
+  std::string out = bytes;
+  kDate.GlobalReplace("Date: *\r\n", &out);
+  return out;
+}
+
+std::string refusal(const std::string& status) {
+  return "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: 0\r\nDate: *\r\n\r\n";
+}
+
+std::string text(const std::string& body, bool close = false) {
+  return "HTTP/1.1 200 OK\r\nConnection: " + std::string(close ? "close" : "keep-alive") +
+         "\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nContent-Type: text/plain\r\nDate: *\r\n\r\n" + body;
+}
+
+const std::string kHello = text("hello\n");
+const std::string kHelloClose = text("hello\n", true);
+// What the wire carries for kHello: the Date's value is 28 bytes longer than
+// its placeholder.
+const size_t kHelloOnWire = kHello.size() + 28;
+// The same answer from a server with the default options: no Date.
+const std::string kPlainHello =
+    "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 6\r\n"
+    "Content-Type: text/plain\r\n\r\nhello\n";
+
+std::string rpc(const std::string& method, const std::string& text, int id) {
+  relaytest::Text message;
+  message.set_text(text);
+  const std::string body = message.SerializeAsString();
+  return "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nRpc-Id: " + std::to_string(id) +
+         "\r\nRpc-Service: relaytest.TestService\r\nRpc-Method: " + method + "\r\n\r\n" + body;
+}
+
+std::string rpcAnswer(const std::string& text, int id, bool dated) {
+  relaytest::Text message;
+  message.set_text(text);
+  const std::string body = message.SerializeAsString();
+  return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\n" + (dated ? "Date: *\r\n" : "") +
+         "Rpc-Failed: 0\r\nRpc-Id: " + std::to_string(id) + "\r\n\r\n" + body;
+}
+
+// Echo answers at once; Hold keeps its call until the test releases it.
+class HoldingService : public relaytest::TestService {
+ public:
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    calls_.fetch_add(1);
+    response->set_text(request->text());
+    done->Run();
+  }
+  void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    calls_.fetch_add(1);
+    response->set_text(request->text());
+    MutexLock lock(mutex_);
+    held_.push_back(done);
+    held_changed_.notifyAll();
+  }
+  // Waits until `count` calls are held (bounded); false if they never were.
+  bool waitHeld(size_t count) {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (held_.size() < count) {
+      if (!held_changed_.timedWaitAbsolute(mutex_, deadline) && held_.size() < count) return false;
+    }
+    return true;
+  }
+  // Completes the oldest held call, from this (non-event) thread.
+  void release() {
+    google::protobuf::Closure* done;
+    {
+      MutexLock lock(mutex_);
+      done = held_.front();
+      held_.erase(held_.begin());
+    }
+    done->Run();
+  }
+  int calls() const { return calls_.load(); }
+
+ private:
+  std::atomic<int> calls_{0};
+  Mutex mutex_;
+  ConditionVariable held_changed_;
+  std::vector<google::protobuf::Closure*> held_ VANTU_GUARDED_BY(mutex_);
+};
+
+class HardeningTest : public ::testing::Test {
+ protected:
+  void start(const HttpServerOptions& options) {
+    server_ = HttpServer::create(SocketAddress("127.0.0.1", 0), 128, options);
+    ASSERT_TRUE(server_);
+    port_ = server_->localAddress().port();
+    server_->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& r) {
+      r->setContentType("text/plain");
+      r->content.assign({'h', 'e', 'l', 'l', 'o', '\n'});
+    });
+    server_->registerHandler("/echo", [](const HttpRequestPtr& request, const HttpResponsePtr& r) {
+      const std::string body =
+          "len=" + std::to_string(request->content_length) + ":" + request->body;
+      r->setContentType("text/plain");
+      r->content.assign(body.begin(), body.end());
+    });
+    std::atomic<int>* hidden = &hidden_;
+    server_->registerHandler("/hidden", [hidden](const HttpRequestPtr&, const HttpResponsePtr&) {
+      hidden->fetch_add(1);
+    });
+    service_ = std::make_shared<HoldingService>();
+    server_->registerRPCService(service_);
+  }
+  void TearDown() override {
+    server_.reset();
+    waitForDeferredWork();
+  }
+
+  // Sends `request`; when `closes` the server must end the connection by
+  // itself, else the client half-closes after sending. Returns everything
+  // the server wrote, Dates blanked.
+  std::string exchange(const std::string& request, bool closes) {
+    LoopbackClient client(port_);
+    EXPECT_TRUE(client.connected());
+    client.write(request);
+    if (!closes) client.shutdownWrite();
+    const std::string answer = client.readToEnd();
+    EXPECT_TRUE(client.peerClosed());
+    return withoutDates(answer);
+  }
+
+  static HttpServerOptions strictWithSmallLimits() {
+    HttpServerOptions options = HttpServerOptions::hardened();
+    options.max_header_bytes = 1024;
+    options.max_body_bytes = 64;
+    return options;
+  }
+
+  std::shared_ptr<HttpServer> server_;
+  std::shared_ptr<HoldingService> service_;
+  uint16_t port_ = 0;
+  std::atomic<int> hidden_{0};
+};
+
+struct WireCase {
+  const char* name;
+  std::string request;
+  std::string answer;
+  bool closes;  // the server ends the connection by itself after the answer
+};
+
+void runCases(const std::vector<WireCase>& cases,
+              const std::function<std::string(const std::string&, bool)>& exchange,
+              const std::atomic<int>& hidden) {
+  for (const WireCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.answer, exchange(c.request, c.closes));
+    EXPECT_EQ(0, hidden.load()) << "a request hidden in the bytes was run";
+  }
+}
+
+const std::string kHost = "Host: h\r\n";
+std::string get(const std::string& path, const std::string& headers = kHost) {
+  return "GET " + path + " HTTP/1.1\r\n" + headers + "\r\n";
+}
+std::string post(const std::string& headers, const std::string& body) {
+  return "POST /echo HTTP/1.1\r\nHost: h\r\n" + headers + "\r\n" + body;
+}
+const std::string kHiddenRequest = "GET /hidden HTTP/1.1\r\nHost: h\r\n\r\n";
+
+TEST_F(HardeningTest, StrictFramingAnswersEveryCaseAsTheRfcRequires) {
+  start(strictWithSmallLimits());
+  const std::string k400 = refusal("400 Bad Request");
+  const std::string k501 = refusal("501 Not Implemented");
+  const std::string k505 = refusal("505 HTTP Version not supported");
+  char size[8];
+  snprintf(size, sizeof(size), "%zx", kHiddenRequest.size());
+  const std::string hidden_chunk = size + ("\r\n" + kHiddenRequest) + "\r\n0\r\n\r\n";
+  const std::vector<WireCase> cases = {
+      // Read and answered; the connection stays open.
+      {"plain", get("/hello"), kHello, false},
+      {"pipelined", get("/hello") + get("/hello"), kHello + kHello, false},
+      {"empty line before the request", "\r\n" + get("/hello"), kHello, false},
+      {"blanks around a value, none after the colon", get("/hello", "Host:   h \t\r\n"), kHello,
+       false},
+      {"IP literal host with port", get("/hello", "Host: [::1]:8080\r\n"), kHello, false},
+      {"empty host", get("/hello", "Host: \r\n"), kHello, false},
+      {"HEAD has no body", "HEAD /hello HTTP/1.1\r\nHost: h\r\n\r\n" + get("/hello"),
+       kHello.substr(0, kHello.size() - 6) + kHello, false},
+      {"chunked body with extensions and trailers",
+       post("Transfer-Encoding: chunked\r\n",
+            "5;a=1;b=\"x y\"\r\nhello\r\n6\r\n world\r\n0\r\nX-Trailer: t\r\n\r\n") +
+           get("/hello"),
+       text("len=11:hello world") + kHello, false},
+      {"framing headers in any case",
+       post("transfer-encoding: Chunked\r\n", "3\r\nabc\r\n0\r\n\r\n") +
+           post("content-length: 2\r\n", "de"),
+       text("len=3:abc") + text("len=2:de"), false},
+      {"a request in a chunk is body", post("Transfer-Encoding: chunked\r\n", hidden_chunk),
+       text("len=" + std::to_string(kHiddenRequest.size()) + ":" + kHiddenRequest), false},
+      // Read and answered; then the connection ends.
+      {"Connection: close", get("/hello", "Host: h\r\nConnection: close\r\n") + kHiddenRequest,
+       kHelloClose, true},
+      {"close among other tokens, any case",
+       get("/hello", "Host: h\r\nConnection: Keep-Alive, CLOSE\r\n") + kHiddenRequest, kHelloClose,
+       true},
+      {"HTTP/1.0 without keep-alive", "GET /hello HTTP/1.0\r\n\r\nGET /hidden HTTP/1.0\r\n\r\n",
+       kHelloClose, true},
+      {"HTTP/1.0 with keep-alive",
+       "GET /hello HTTP/1.0\r\nConnection: keep-alive\r\n\r\nGET /hello HTTP/1.0\r\n\r\n",
+       kHello + kHelloClose, true},
+      // Limits.
+      {"request line too long", get("/" + std::string(1100, 'a')),
+       refusal("414 Request-URI Too Large"), true},
+      {"head too long", get("/hello", "Host: h\r\nX: " + std::string(1100, 'v') + "\r\n"), k400,
+       true},
+      {"declared body too large", post("Content-Length: 65\r\n", std::string(65, 'b')),
+       refusal("413 Request Entity Too Large"), true},
+      {"chunked body too large",
+       post("Transfer-Encoding: chunked\r\n", "40\r\n" + std::string(64, 'b') + "\r\n1\r\nb\r\n"),
+       refusal("413 Request Entity Too Large"), true},
+      // Transfer codings.
+      {"unknown coding", post("Transfer-Encoding: gzip\r\n", ""), k501, true},
+      {"another coding before chunked", post("Transfer-Encoding: gzip, chunked\r\n", "0\r\n\r\n"),
+       k501, true},
+      {"chunked not last", post("Transfer-Encoding: chunked, gzip\r\n", "0\r\n\r\n"), k400, true},
+      {"chunked twice",
+       post("Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n"), k400,
+       true},
+      {"TE with CL (smuggling)",
+       post("Content-Length: 4\r\nTransfer-Encoding: chunked\r\n", hidden_chunk), k400, true},
+      {"TE in HTTP/1.0", "POST /echo HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", k400,
+       true},
+      {"TE with a blank before the colon", post("Transfer-Encoding : chunked\r\n", hidden_chunk),
+       k400, true},
+      // Chunk syntax.
+      {"signed size", post("Transfer-Encoding: chunked\r\n", "+5\r\nhello\r\n0\r\n\r\n"), k400,
+       true},
+      {"0x size", post("Transfer-Encoding: chunked\r\n", "0x5\r\nhello\r\n0\r\n\r\n"), k400, true},
+      {"blank before size", post("Transfer-Encoding: chunked\r\n", " 5\r\nhello\r\n0\r\n\r\n"),
+       k400, true},
+      {"blank after size", post("Transfer-Encoding: chunked\r\n", "5 \r\nhello\r\n0\r\n\r\n"), k400,
+       true},
+      {"size overflow",
+       post("Transfer-Encoding: chunked\r\n", "10000000000000005\r\nhello\r\n0\r\n\r\n"), k400,
+       true},
+      {"bare LF after size", post("Transfer-Encoding: chunked\r\n", "5\nhello\r\n0\r\n\r\n"), k400,
+       true},
+      {"data longer than its size",
+       post("Transfer-Encoding: chunked\r\n", "5\r\nhelloX\r\n0\r\n\r\n"), k400, true},
+      {"bare LF after data", post("Transfer-Encoding: chunked\r\n", "5\r\nhello\n0\r\n\r\n"), k400,
+       true},
+      {"extension without a name", post("Transfer-Encoding: chunked\r\n", "5;=x\r\nhello\r\n"),
+       k400, true},
+      // Content-Length.
+      {"two equal CLs (smuggling)", post("Content-Length: 2\r\nContent-Length: 2\r\n", "ab"), k400,
+       true},
+      {"two different CLs in two cases", post("Content-Length: 2\r\ncontent-length: 3\r\n", "abc"),
+       k400, true},
+      {"CL list", post("Content-Length: 2, 2\r\n", "ab"), k400, true},
+      {"negative CL", post("Content-Length: -1\r\n", ""), k400, true},
+      {"CL with inner blank", post("Content-Length: 1 2\r\n", "ab"), k400, true},
+      {"hex CL", post("Content-Length: 0x2\r\n", "ab"), k400, true},
+      {"empty CL", post("Content-Length: \r\n", ""), k400, true},
+      // Header lines.
+      {"blank inside a name", get("/hello", "Host: h\r\nBad Name: x\r\n"), k400, true},
+      {"blank before the colon", get("/hello", "Host: h\r\nName : x\r\n"), k400, true},
+      {"empty name", get("/hello", "Host: h\r\n: x\r\n"), k400, true},
+      {"no colon", get("/hello", "Host: h\r\nNameOnly\r\n"), k400, true},
+      {"non-ASCII name", get("/hello", "Host: h\r\nN\xc3\xa4me: x\r\n"), k400, true},
+      {"control in a name", get("/hello", "Host: h\r\nN\x01me: x\r\n"), k400, true},
+      {"NUL in a value", get("/hello", std::string("Host: h\r\nX: a\0b\r\n", 17)), k400, true},
+      {"control in a value", get("/hello", "Host: h\r\nX: a\x01z\r\n"), k400, true},
+      {"DEL in a value", get("/hello", "Host: h\r\nX: a\x7fz\r\n"), k400, true},
+      {"obs-fold", get("/hello", "Host: h\r\nX: a\r\n  b\r\n"), k400, true},
+      {"blank line start before the first header", "GET /hello HTTP/1.1\r\n Host: h\r\n\r\n", k400,
+       true},
+      {"lone CR inside a value (smuggling)", get("/hello", "Host: h\r\nX: a\rb\r\n"), k400, true},
+      {"lone CR as a line end", "GET /hello HTTP/1.1\rHost: h\r\n\r\n", k400, true},
+      {"bare LF line ends", "GET /hello HTTP/1.1\nHost: h\n\n", k400, true},
+      // Request lines.
+      {"HTTP/1.2", "GET /hello HTTP/1.2\r\nHost: h\r\n\r\n", k505, true},
+      {"HTTP/2.0", "GET /hello HTTP/2.0\r\nHost: h\r\n\r\n", k505, true},
+      {"lower-case version", "GET /hello http/1.1\r\nHost: h\r\n\r\n", k400, true},
+      {"two-digit minor", "GET /hello HTTP/1.10\r\nHost: h\r\n\r\n", k400, true},
+      {"unknown method", "PATCH /hello HTTP/1.1\r\nHost: h\r\n\r\n", k501, true},
+      {"method not a token", "G@T /hello HTTP/1.1\r\nHost: h\r\n\r\n", k400, true},
+      {"two blanks", "GET  /hello HTTP/1.1\r\nHost: h\r\n\r\n", k400, true},
+      {"trailing blank", "GET /hello HTTP/1.1 \r\nHost: h\r\n\r\n", k400, true},
+      {"DEL in the target", "GET /he\x7fllo HTTP/1.1\r\nHost: h\r\n\r\n", k400, true},
+      {"non-ASCII target", "GET /h\xc3\xa9 HTTP/1.1\r\nHost: h\r\n\r\n", k400, true},
+      {"target of no form", "GET hello HTTP/1.1\r\nHost: h\r\n\r\n", k400, true},
+      // Host.
+      {"no Host in 1.1", get("/hello", ""), k400, true},
+      {"two Hosts", get("/hello", "Host: h\r\nhost: h\r\n"), k400, true},
+      {"userinfo in Host", get("/hello", "Host: a@b\r\n"), k400, true},
+      {"path in Host", get("/hello", "Host: h/x\r\n"), k400, true},
+      {"port too large", get("/hello", "Host: h:99999\r\n"), k400, true},
+      {"port not a number", get("/hello", "Host: h:x\r\n"), k400, true},
+      {"bad IP literal", get("/hello", "Host: [zz]\r\n"), k400, true},
+      // After an error nothing more is read.
+      {"good, bad, then a request", get("/hello") + "GET /x\x01 HTTP/1.1\r\n\r\n" + kHiddenRequest,
+       kHello + k400, true},
+  };
+  runCases(
+      cases, [this](const std::string& r, bool c) { return exchange(r, c); }, hidden_);
+  // A call whose body passes the limit is refused before it is decoded.
+  EXPECT_EQ(refusal("413 Request Entity Too Large"),
+            exchange(rpc("Echo", std::string(70, 'x'), 7), true));
+  EXPECT_EQ(rpcAnswer("small", 8, true), exchange(rpc("Echo", "small", 8), false));
+  EXPECT_EQ(1, service_->calls());
+}
+
+// Limits without strict framing: their refusals end the connection, but a
+// malformed line still gets the plain 400 and the connection goes on.
+TEST_F(HardeningTest, LimitsAloneKeepTheDefaultFramingOtherwise) {
+  HttpServerOptions options;
+  options.max_header_bytes = 256;
+  options.max_body_bytes = 8;
+  start(options);
+  const std::string hello =
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 6\r\n"
+      "Content-Type: text/plain\r\n\r\nhello\n";
+  auto plain = [](const std::string& status) {
+    return "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+  };
+  const std::vector<WireCase> cases = {
+      {"within the limits", get("/hello"), hello, false},
+      // (The rest of a chunk after a rejected line is dropped.)
+      {"malformed line: plain 400, and on", get("/hello") + "bad\r\n",
+       hello + "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n", false},
+      {"request line too long", get("/" + std::string(300, 'a')),
+       plain("414 Request-URI Too Large"), true},
+      {"head too long", get("/hello", "Host: h\r\nX: " + std::string(300, 'v') + "\r\n"),
+       plain("400 Bad Request"), true},
+      {"body too large", post("Content-Length: 9\r\n", "123456789") + kHiddenRequest,
+       plain("413 Request Entity Too Large"), true},
+  };
+  runCases(
+      cases, [this](const std::string& r, bool c) { return exchange(r, c); }, hidden_);
+}
+
+TEST_F(HardeningTest, TimeoutsEndSlowAndIdleConnections) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  options.header_timeout = Duration::milliseconds(100);
+  options.idle_timeout = Duration::milliseconds(150);
+  start(options);
+  struct Case {
+    const char* name;
+    std::string sent;  // and then nothing more
+    std::string answer;
+  } cases[] = {
+      {"idle after connecting", "", ""},
+      {"idle after an answer", get("/hello"), kHello},
+      {"head never finished", "GET /hello HTTP/1.1\r\nHost: h\r\n",
+       refusal("408 Request Time-out")},
+      {"body stopped", post("Content-Length: 10\r\n", "12345"), refusal("408 Request Time-out")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    LoopbackClient client(port_);
+    client.write(c.sent);
+    EXPECT_EQ(c.answer, withoutDates(client.readToEnd()));
+    EXPECT_TRUE(client.peerClosed());
+  }
+}
+
+TEST_F(HardeningTest, AcceptingWaitsAtTheConnectionCap) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  options.max_connections = 2;
+  start(options);
+  auto first = std::make_unique<LoopbackClient>(port_);
+  LoopbackClient second(port_);
+  for (LoopbackClient* c : {first.get(), &second}) {
+    c->write(get("/hello"));
+    EXPECT_EQ(kHello, withoutDates(c->read(kHelloOnWire)));
+  }
+  LoopbackClient third(port_);
+  ASSERT_TRUE(third.connected());  // the kernel's backlog holds it
+  third.write(get("/hello"));
+  second.write(get("/hello"));
+  EXPECT_EQ(kHello, withoutDates(second.read(kHelloOnWire)));
+  first.reset();
+  EXPECT_EQ(kHello, withoutDates(third.read(kHelloOnWire)));
+}
+
+// A client that pipelines without reading costs the server a bounded buffer;
+// meanwhile other clients are served, and once it reads it gets everything.
+TEST_F(HardeningTest, PipeliningClientThatDoesNotReadLosesNothingAndStallsNoOne) {
+  for (bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "hardened" : "default");
+    if (hardened) {
+      start(HttpServerOptions::hardened());
+    } else {
+      start(HttpServerOptions());
+    }
+    constexpr int kRequests = 100000;
+    LoopbackClient slow(port_);
+    std::string burst;
+    for (int i = 0; i < 1000; ++i) burst += get("/hello");
+    std::thread writer([&] {
+      for (int i = 0; i < kRequests / 1000; ++i) slow.write(burst);
+    });
+    LoopbackClient other(port_);
+    const std::string& hello = hardened ? kHello : kPlainHello;
+    const size_t answer_size = hardened ? kHelloOnWire : kPlainHello.size();
+    for (int i = 0; i < 20; ++i) {
+      other.write(get("/hello"));
+      EXPECT_EQ(hello, withoutDates(other.read(answer_size)));
+    }
+    std::string all = slow.read(answer_size * kRequests);
+    writer.join();
+    ASSERT_EQ(answer_size * kRequests, all.size());
+    const std::string first = all.substr(0, answer_size);
+    bool same = true;
+    for (size_t at = 0; at < all.size() && same; at += answer_size) {
+      // Dates may tick between answers; everything else is identical.
+      same = withoutDates(all.substr(at, answer_size)) == withoutDates(first);
+    }
+    EXPECT_TRUE(same);
+    server_.reset();
+    waitForDeferredWork();
+  }
+}
+
+// A client that half-closes after sending a call and a request still gets
+// both answers, the call's when the service completes it, then the end.
+TEST_F(HardeningTest, HalfClosedClientStillGetsTheAnswersOwed) {
+  for (bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "hardened" : "default");
+    start(hardened ? HttpServerOptions::hardened() : HttpServerOptions());
+    LoopbackClient client(port_);
+    client.write(rpc("Hold", "later", 5) + get("/hello"));
+    client.shutdownWrite();
+    ASSERT_TRUE(service_->waitHeld(1));
+    const std::string& hello = hardened ? kHello : kPlainHello;
+    EXPECT_EQ(hello, withoutDates(client.read(hardened ? kHelloOnWire : kPlainHello.size())));
+    service_->release();
+    EXPECT_EQ(rpcAnswer("later", 5, hardened), withoutDates(client.readToEnd()));
+    EXPECT_TRUE(client.peerClosed());
+    server_.reset();
+    waitForDeferredWork();
+  }
+}
+
+TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
+  start(HttpServerOptions::hardened());
+  LoopbackClient idle(port_);
+  LoopbackClient busy(port_);
+  busy.write(rpc("Hold", "in flight", 9));
+  ASSERT_TRUE(service_->waitHeld(1));
+  idle.write(get("/hello"));
+  EXPECT_EQ(kHello, withoutDates(idle.read(kHelloOnWire)));
+
+  std::atomic<bool> drained{false};
+  std::thread drainer([&] { drained = server_->drain(Duration::seconds(30)); });
+  // The idle connection closes at once; the busy one waits for its answer.
+  EXPECT_EQ("", idle.readToEnd());
+  EXPECT_TRUE(idle.peerClosed());
+  EXPECT_FALSE(LoopbackClient(port_).connected());  // no longer accepting
+  busy.write(get("/hidden"));                       // arrives while draining: not read as a request
+  service_->release();
+  EXPECT_EQ(rpcAnswer("in flight", 9, true), withoutDates(busy.readToEnd()));
+  EXPECT_TRUE(busy.peerClosed());
+  drainer.join();
+  EXPECT_TRUE(drained);
+  EXPECT_EQ(0, hidden_.load());
+}
+
+TEST_F(HardeningTest, DrainClosesWhatIsStillOwedAtTheDeadline) {
+  start(HttpServerOptions());
+  LoopbackClient busy(port_);
+  busy.write(rpc("Hold", "never in time", 3));
+  ASSERT_TRUE(service_->waitHeld(1));
+  EXPECT_FALSE(server_->drain(Duration::milliseconds(50)));
+  EXPECT_EQ("", busy.readToEnd());
+  // The late completion finds no connection: nothing is sent, nothing leaks.
+  service_->release();
+  waitForDeferredWork();
+}
+
+TEST_F(HardeningTest, ExpectContinueGetsTheInterimAnswerBeforeTheBody) {
+  start(HttpServerOptions::hardened());
+  LoopbackClient client(port_);
+  client.write(post("Expect: 100-continue\r\nContent-Length: 2\r\n", ""));
+  EXPECT_EQ("HTTP/1.1 100 Continue\r\n\r\n", client.read(25));
+  client.write("ok");
+  const std::string answer = text("len=2:ok");
+  EXPECT_EQ(answer, withoutDates(client.read(answer.size() + 28)));
+}
+
+// curl streams an upload of unknown length with chunked coding; the strict
+// reader decodes it.
+TEST_F(HardeningTest, CurlChunkedUploadArrivesWhole) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  start(options);
+  std::string payload;
+  for (int i = 0; i < 20000; ++i) payload += "line " + std::to_string(i) + "\n";
+  char path[] = "/tmp/hardening_upload_XXXXXX";
+  const int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(static_cast<ssize_t>(payload.size()), write(fd, payload.data(), payload.size()));
+  close(fd);
+  // The server's 100 Continue lets curl send at once.
+  const std::string command =
+      "curl -sS --max-time 30 -T - http://127.0.0.1:" + std::to_string(port_) + "/echo < " + path;
+  FILE* curl = popen(command.c_str(), "r");
+  ASSERT_NE(nullptr, curl);
+  std::string answer;
+  char buffer[65536];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), curl)) > 0) answer.append(buffer, n);
+  EXPECT_EQ(0, pclose(curl));
+  unlink(path);
+  EXPECT_EQ("len=" + std::to_string(payload.size()) + ":" + payload, answer);
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
