@@ -1,8 +1,13 @@
-// The demo server: a few URL handlers and demo.EchoService on one event thread.
+// The demo server: a few URL handlers and demo.EchoService on one event thread,
+// run the way we recommend running the library: with the hardened options.
 //
 //   demo_server [--address 127.0.0.1] [--port 8080] [--log logger=level]...
+//               [--no-hardening] [--max-body-bytes N] [--idle-timeout-ms N]
+//               [--header-timeout-ms N] [--drain-ms N] [--reuse-port]
 //
-// Serves until SIGINT or SIGTERM.
+// Serves until SIGINT or SIGTERM, then drains (up to --drain-ms, 5 s by
+// default) and exits 0.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -110,8 +115,21 @@ void registerHandlers(vantu::relay::HttpServer* server) {
 void usage() {
   fprintf(stderr,
           "usage: demo_server [--address IP] [--port N] [--log logger=level]...\n"
-          "  loggers: http_server, http_request_parser, rpc, check; levels 1..6\n");
+          "                   [--no-hardening] [--max-body-bytes N] [--idle-timeout-ms N]\n"
+          "                   [--header-timeout-ms N] [--drain-ms N] [--reuse-port]\n"
+          "  loggers: http_server, http_request_parser, rpc, check; levels 1..6\n"
+          "  --no-hardening serves with the library's default options (no limits,\n"
+          "  Content-Length framing only); the overrides change single hardened values.\n");
   exit(2);
+}
+
+// A whole non-negative decimal number, or usage().
+long long number(const std::string& text) {
+  char* end = nullptr;
+  errno = 0;
+  const long long value = strtoll(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno != 0 || value < 0) usage();
+  return value;
 }
 
 }  // namespace
@@ -119,22 +137,54 @@ void usage() {
 int main(int argc, char** argv) {
   std::string address = "127.0.0.1";
   int port = 8080;
+  bool hardened = true;
+  bool reuse_port = false;
+  long long drain_ms = 5000;
+  long long max_body_bytes = -1;
+  long long idle_timeout_ms = -1;
+  long long header_timeout_ms = -1;
   for (int i = 1; i < argc; ++i) {
-    std::string flag = argv[i];
+    const std::string flag = argv[i];
+    if (flag == "--no-hardening") {
+      hardened = false;
+      continue;
+    }
+    if (flag == "--reuse-port") {
+      reuse_port = true;
+      continue;
+    }
     if (i + 1 >= argc) usage();
-    std::string value = argv[++i];
+    const std::string value = argv[++i];
     if (flag == "--address") {
       address = value;
     } else if (flag == "--port") {
-      port = atoi(value.c_str());
+      const long long n = number(value);
+      if (n > 65535) usage();
+      port = static_cast<int>(n);
     } else if (flag == "--log") {
       size_t equals = value.find('=');
       if (equals == std::string::npos) usage();
       vantu::setLogLevel(value.substr(0, equals), atoi(value.c_str() + equals + 1));
+    } else if (flag == "--max-body-bytes") {
+      max_body_bytes = number(value);
+    } else if (flag == "--idle-timeout-ms") {
+      idle_timeout_ms = number(value);
+    } else if (flag == "--header-timeout-ms") {
+      header_timeout_ms = number(value);
+    } else if (flag == "--drain-ms") {
+      drain_ms = number(value);
     } else {
       usage();
     }
   }
+  using vantu::relay::HttpServerOptions;
+  HttpServerOptions options = hardened ? HttpServerOptions::hardened() : HttpServerOptions();
+  if (max_body_bytes >= 0) options.max_body_bytes = static_cast<uint64_t>(max_body_bytes);
+  if (idle_timeout_ms >= 0) options.idle_timeout = vantu::Duration::milliseconds(idle_timeout_ms);
+  if (header_timeout_ms >= 0) {
+    options.header_timeout = vantu::Duration::milliseconds(header_timeout_ms);
+  }
+  options.reuse_port = reuse_port;
 
   // Wait for the stop signals here instead of in a handler.
   sigset_t signals;
@@ -146,7 +196,7 @@ int main(int argc, char** argv) {
 
   vantu::SocketAddress listen_address(address, static_cast<uint16_t>(port));
   std::shared_ptr<vantu::relay::HttpServer> server =
-      vantu::relay::HttpServer::create(listen_address, 1024);
+      vantu::relay::HttpServer::create(listen_address, 1024, options);
   if (!server) {
     fprintf(stderr, "demo_server: cannot listen on %s\n", listen_address.toString().c_str());
     return 1;
@@ -155,14 +205,18 @@ int main(int argc, char** argv) {
   server->registerRPCService(std::make_shared<demo::EchoServiceImpl>());
 
   const bool ipv6 = address.find(':') != std::string::npos;
-  printf("demo_server: serving http://%s%s%s:%d/\n", ipv6 ? "[" : "", address.c_str(),
-         ipv6 ? "]" : "", server->localAddress().port());
+  printf("demo_server: serving http://%s%s%s:%d/ (%s)\n", ipv6 ? "[" : "", address.c_str(),
+         ipv6 ? "]" : "", server->localAddress().port(),
+         hardened ? "hardened" : "default options, no hardening");
   fflush(stdout);
 
   int received = 0;
   sigwait(&signals, &received);
+  printf("demo_server: draining\n");
+  fflush(stdout);
+  const bool drained = server->drain(vantu::Duration::milliseconds(drain_ms));
   server.reset();
   vantu::waitForDeferredWork();
-  printf("demo_server: stopped\n");
+  printf("demo_server: stopped%s\n", drained ? "" : " (connections still busy were closed)");
   return 0;
 }

@@ -1,9 +1,18 @@
 #include "demo_service.h"
 
-#include <chrono>
-#include <thread>
+#include <algorithm>
+#include <exception>
+#include <string>
+
+#include "common/event_thread.h"
 
 namespace demo {
+namespace {
+
+// A Delay longer than this is cut to it: no call holds its record for ever.
+constexpr int kLongestDelayMs = 60 * 60 * 1000;
+
+}  // namespace
 
 void EchoServiceImpl::Echo(google::protobuf::RpcController*, const EchoRequest* request,
                            EchoReply* response, google::protobuf::Closure* done) {
@@ -11,16 +20,26 @@ void EchoServiceImpl::Echo(google::protobuf::RpcController*, const EchoRequest* 
   done->Run();
 }
 
-void EchoServiceImpl::Delay(google::protobuf::RpcController*, const DelayRequest* request,
-                            EchoReply* response, google::protobuf::Closure* done) {
-  // The request, response and controller stay valid until done runs.
-  const std::string text = request->text();
-  const int delay_ms = request->delay_ms();
-  std::thread([text, delay_ms, response, done] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
-    response->set_text(text);
+void EchoServiceImpl::Delay(google::protobuf::RpcController* controller,
+                            const DelayRequest* request, EchoReply* response,
+                            google::protobuf::Closure* done) {
+  // The request, response and controller stay valid until done runs. One
+  // timer on the event thread per call, not a thread: ten thousand pending
+  // calls cost ten thousand small timers.
+  try {
+    const int delay_ms = std::min(std::max(request->delay_ms(), 0), kLongestDelayMs);
+    const std::string text = request->text();
+    vantu::scheduleDeferred(
+        [text, response, done] {
+          response->set_text(text);
+          done->Run();
+        },
+        vantu::Duration::milliseconds(delay_ms));
+  } catch (const std::exception& e) {
+    // Out of memory, most likely: the call fails instead of the process.
+    controller->SetFailed(std::string("Delay could not be scheduled: ") + e.what());
     done->Run();
-  }).detach();
+  }
 }
 
 void EchoServiceImpl::Fail(google::protobuf::RpcController* controller, const FailRequest* request,

@@ -6,8 +6,9 @@
 namespace demo {
 
 // demo.EchoService: Echo answers at once on the calling (event) thread; Delay
-// answers from a thread of its own after delay_ms; Fail fails the call with
-// the requested text. Safe to call from any thread.
+// answers after delay_ms from a timer on the event thread (at most an hour);
+// Fail fails the call with the requested text. Nothing here throws out of a
+// call. Safe to call from any thread.
 class EchoServiceImpl : public EchoService {
  public:
   void Echo(google::protobuf::RpcController* controller, const EchoRequest* request,
