@@ -113,8 +113,6 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
     void doSendRequest(const std::shared_ptr<TimerHandle>& timer,
                        const google::protobuf::MethodDescriptor* method,
                        const google::protobuf::Message* request, int id);
-    // Completes a pending call as canceled. The cancelling thread.
-    void onCancelRPC(int id);
     // Completes the call a response answers. Event thread.
     void handleResponse(const HttpResponsePtr& response);
 
@@ -131,16 +129,31 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
       google::protobuf::Closure* done = nullptr;              // not owned; may be null
     };
 
-    // Last id handed out; guarded by mutex_ so that several threads may issue
-    // calls at once.
-    uint32_t next_id_ VANTU_GUARDED_BY(mutex_) = 0;
+    // The calls in flight and the lock over them. The handler owns it; the
+    // cancel closures hold it weakly. It is not the handler itself that they
+    // hold because the handler expires as soon as its channel lets go of it,
+    // while its destruction (which completes every pending call) waits for the
+    // event thread: a call canceled in between must still be found, and
+    // completed then and there, not by the destructor after its caller was told
+    // it was over. Any thread.
+    struct Calls {
+      // Completes the call `id` as canceled, if it is still pending. The
+      // cancelling thread.
+      void onCancelRPC(int id);
+
+      // Recursive, so that a done closure may issue the next call on the same
+      // channel. Held while a call is written, completed or canceled.
+      Mutex mutex{Mutex::kRecursive};
+      // Last id handed out; under the mutex so that several threads may issue
+      // calls at once.
+      uint32_t next_id VANTU_GUARDED_BY(mutex) = 0;
+      std::map<unsigned, PendingRequest> pending VANTU_GUARDED_BY(mutex);
+    };
+
     // Event thread only.
     HttpResponseParser parser_;
-    // Recursive, so that a done closure may issue the next call on the same
-    // channel. Guards the pending calls and everything done while one is
-    // written, completed or canceled.
-    Mutex mutex_{Mutex::kRecursive};
-    std::map<unsigned, PendingRequest> pending_ VANTU_GUARDED_BY(mutex_);
+    // Constant after construction.
+    const std::shared_ptr<Calls> calls_;
   };
 
   // A channel connected to `address`, or an empty pointer when no connection

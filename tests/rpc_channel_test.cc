@@ -12,6 +12,7 @@
 #include "relay/http_server.h"
 #include "relay/rpc.h"
 #include "test_services.pb.h"
+#include "tests/event_thread_blocker.h"
 #include "tests/loopback_client.h"
 
 namespace vantu {
@@ -20,6 +21,7 @@ namespace {
 
 using relaytest::Number;
 using relaytest::Text;
+using vantu::testing::EventThreadBlocker;
 using vantu::testing::LoopbackClient;
 
 // Echo and Fail answer at once; Hold keeps the call until the test completes
@@ -101,40 +103,76 @@ const google::protobuf::MethodDescriptor* method(const char* name) {
   return relaytest::TestService::descriptor()->FindMethodByName(name);
 }
 
-// Records which done closures ran, in order. A caller that gives a done
-// closure learns of completion there, not from the controller: the channel
-// marks the controller done before it runs the closure.
+// Records which done closures ran, in order, and what each saw of its
+// controller when it ran. A caller that gives a done closure learns of
+// completion there, not from the controller: the channel completes the
+// controller first and then runs the closure.
 class Completions {
  public:
   class Done : public google::protobuf::Closure {
    public:
-    Done(int tag, Completions* completions) : tag_(tag), completions_(completions) {}
-    void Run() override { completions_->record(tag_); }
+    Done(int tag, Completions* completions, const RPC* controller)
+        : tag_(tag), completions_(completions), controller_(controller) {}
+    void Run() override {
+      std::string seen;
+      if (controller_ != nullptr) {
+        seen = controller_->Failed() ? "failed: " + controller_->ErrorText() : "not failed";
+      }
+      completions_->record(tag_, seen);
+    }
 
    private:
     int tag_;
     Completions* completions_;
+    const RPC* controller_;
   };
 
-  std::unique_ptr<Done> newDone(int tag) { return std::make_unique<Done>(tag, this); }
+  // `controller`, if given, is looked at when the closure runs.
+  std::unique_ptr<Done> newDone(int tag, const RPC* controller = nullptr) {
+    return std::make_unique<Done>(tag, this, controller);
+  }
 
-  // The tags so far, once at least `count` closures have run.
+  // The tags so far, once at least `count` closures have run (the wait is a
+  // guard against a hang, not an assertion).
   std::vector<int> waitFor(size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
     ran_.wait_for(lock, std::chrono::seconds(30), [&] { return order_.size() >= count; });
     return order_;
   }
+  // The tags so far, without waiting.
+  std::vector<int> ran() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return order_;
+  }
+  // What each closure saw of its controller, in the order they ran.
+  std::vector<std::string> seen() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return seen_;
+  }
 
  private:
-  void record(int tag) {
+  void record(int tag, const std::string& seen) {
     std::lock_guard<std::mutex> lock(mutex_);
     order_.push_back(tag);
+    seen_.push_back(seen);
     ran_.notify_all();
   }
 
   std::mutex mutex_;
   std::condition_variable ran_;
   std::vector<int> order_;
+  std::vector<std::string> seen_;
+};
+
+// Counts how often the channel fails it, so that a completion that comes after
+// the caller was told the call is over shows in a plain build too.
+class CountingRPC : public RPC {
+ public:
+  void SetFailed(const std::string& reason) override {
+    ++failures;
+    RPC::SetFailed(reason);
+  }
+  std::atomic<int> failures{0};
 };
 
 class RpcChannelTest : public ::testing::Test {
@@ -366,6 +404,84 @@ TEST_F(RpcChannelTest, DestroyingTheChannelCancelsPendingCallsInIdOrder) {
   for (int i = 0; i < kCalls; ++i) service_->complete(i);
   LoopbackClient client(port_);
   EXPECT_TRUE(client.connected());
+}
+
+// Drops the last reference to `channel` and returns, holding the event thread,
+// once the channel has been destroyed, which lets go of its handler, while the
+// handler's own destruction is still queued behind the returned blocker. In
+// between, the handler is expired but not destroyed.
+std::unique_ptr<EventThreadBlocker> dropChannelAndHoldBeforeHandlerDies(RPCChannelPtr channel) {
+  std::unique_ptr<EventThreadBlocker> blocker;
+  {
+    EventThreadBlocker hold;
+    channel.reset();  // the channel's deletion is queued behind `hold`...
+    // ...and this blocker behind it, before the channel's destructor can queue
+    // the handler's deletion.
+    blocker = std::make_unique<EventThreadBlocker>(EventThreadBlocker::kQueueOnly);
+  }
+  blocker->waitUntilHeld();
+  return blocker;
+}
+
+TEST_F(RpcChannelTest, CancelWhileTheChannelIsTornDownStillCompletesTheCall) {
+  // A timed wait or cancel after the channel let go of its handler and before
+  // the handler is destroyed must complete the call then and there, and the
+  // handler's destructor must leave it alone afterwards.
+  struct Case {
+    const char* name;
+    bool timed_wait;
+    bool with_done;
+  } cases[] = {{"timed wait, done closure", true, true},
+               {"timed wait, no done closure", true, false},
+               {"StartCancel, done closure", false, true}};
+  int held = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", port_));
+    ASSERT_TRUE(channel);
+    CountingRPC rpc;
+    Text request, response;
+    Completions completions;
+    auto done = completions.newDone(1, &rpc);
+    channel->CallMethod(method("Hold"), &rpc, &request, &response,
+                        c.with_done ? done.get() : nullptr);
+    ASSERT_TRUE(service_->waitHeld(++held));
+    auto blocker = dropChannelAndHoldBeforeHandlerDies(std::move(channel));
+    if (c.timed_wait) {
+      EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(0)));
+    } else {
+      rpc.StartCancel();
+    }
+    EXPECT_TRUE(rpc.Failed());
+    EXPECT_TRUE(rpc.IsCanceled());
+    EXPECT_EQ("Canceled", rpc.ErrorText());
+    EXPECT_EQ(1, rpc.failures.load());
+    EXPECT_EQ(c.with_done ? std::vector<int>{1} : std::vector<int>{}, completions.ran());
+    blocker.reset();
+    waitForDeferredWork();
+    EXPECT_EQ(1, rpc.failures.load());  // the handler's destructor did not touch it again
+    EXPECT_EQ(c.with_done ? std::vector<int>{1} : std::vector<int>{}, completions.ran());
+    if (c.with_done) {
+      EXPECT_EQ(std::vector<std::string>{"failed: Canceled"}, completions.seen());
+    }
+  }
+
+  // A caller may free its controller as soon as the timed wait has returned
+  // false; AddressSanitizer reports any later write to it.
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", port_));
+  ASSERT_TRUE(channel);
+  auto rpc = std::make_unique<RPC>();
+  Text request, response;
+  channel->CallMethod(method("Hold"), rpc.get(), &request, &response, nullptr);
+  ASSERT_TRUE(service_->waitHeld(++held));
+  {
+    auto blocker = dropChannelAndHoldBeforeHandlerDies(std::move(channel));
+    EXPECT_FALSE(rpc->timedWaitRelative(Duration::milliseconds(0)));
+    EXPECT_EQ("Canceled", rpc->ErrorText());
+    rpc.reset();
+  }
+  waitForDeferredWork();
+  waitForDeferredWork();
 }
 
 TEST_F(RpcChannelTest, ServerDestroyedWhileAServiceHoldsACall) {
