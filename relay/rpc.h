@@ -86,6 +86,8 @@ using RPCChannelPtr = std::shared_ptr<RPCChannel>;
 // an RPC, and its done closure, if any; done closures run on the event thread
 // (or on the thread that cancels) with the channel's mutex held.
 class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
+  friend class RPCChannelTestPeer;
+
  public:
   // The header names of the protocol, shared by client and server.
   static const std::string kHeaderService;      // "Rpc-Service"
@@ -122,6 +124,8 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
     void notifyIncomingData(std::string* data) override;
 
    private:
+    friend class RPCChannelTestPeer;  // sets the next id: ids wrap only after 2^32 calls
+
     struct PendingRequest {
       uint32_t id = 0;
       google::protobuf::RpcController* controller = nullptr;  // not owned; an RPC
