@@ -34,9 +34,7 @@
 
 namespace {
 
-constexpr int kTrackedSlots = 4096;
 std::atomic_flag tracked_lock = ATOMIC_FLAG_INIT;
-void* tracked[kTrackedSlots];  // live tracked blocks; null slots are free
 std::atomic<int> tracked_live{0};
 thread_local bool tracking = false;
 
@@ -48,6 +46,29 @@ class TrackedLock {
   }
   ~TrackedLock() { tracked_lock.clear(std::memory_order_release); }
 };
+
+// Remembers the blocks this thread allocates while it exists.
+class TrackAllocations {
+ public:
+  TrackAllocations() { tracking = true; }
+  ~TrackAllocations() { tracking = false; }
+  TrackAllocations(const TrackAllocations&) = delete;
+  TrackAllocations& operator=(const TrackAllocations&) = delete;
+};
+
+// Tracked blocks not freed yet.
+int trackedLive() {
+  TrackedLock lock;
+  return tracked_live.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+#ifndef HSL_SANITIZED_BUILD
+namespace {
+
+constexpr int kTrackedSlots = 4096;
+void* tracked[kTrackedSlots];  // live tracked blocks; null slots are free
 
 void track(void* block) {
   TrackedLock lock;
@@ -73,24 +94,8 @@ void untrack(void* block) {
   }
 }
 
-// Remembers the blocks this thread allocates while it exists.
-class TrackAllocations {
- public:
-  TrackAllocations() { tracking = true; }
-  ~TrackAllocations() { tracking = false; }
-  TrackAllocations(const TrackAllocations&) = delete;
-  TrackAllocations& operator=(const TrackAllocations&) = delete;
-};
-
-// Tracked blocks not freed yet.
-int trackedLive() {
-  TrackedLock lock;
-  return tracked_live.load(std::memory_order_relaxed);
-}
-
 }  // namespace
 
-#ifndef HSL_SANITIZED_BUILD
 void* operator new(std::size_t size) {
   void* block = std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
