@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 BUILD := build
 PREFIX ?= /usr/local
 
-.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check clean format
+.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check clean format mutate
 
 deps:
 	@scripts/install-deps
@@ -42,6 +42,12 @@ tsan: deps
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --output-on-failure -j$(JOBS) -L threaded --timeout 600
 
+# Each mutant of scripts/mutants.toml applied in a scratch build (build-mutate/),
+# the unit tests run against it; fails when a mutant survives or an entry is stale.
+# MUTATE_ARGS='--only rpc' runs a subset.
+mutate: deps
+	scripts/mutate -j$(JOBS) $(MUTATE_ARGS)
+
 FUZZ_SECONDS ?= 60
 fuzz-smoke: deps
 	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHSL_BUILD_EXAMPLES=OFF \
@@ -62,4 +68,4 @@ format:
 	clang-format -i $$(git ls-files '*.cc' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz build-bench
+	rm -rf build build-asan build-tsan build-fuzz build-bench build-mutate

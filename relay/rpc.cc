@@ -175,20 +175,26 @@ void RPCChannel::CallMethod(const google::protobuf::MethodDescriptor* method,
 // ---------------------------------------------------------------------------
 // RPCChannel::RPCHandler
 
-RPCChannel::RPCHandler::RPCHandler() : RequestResponseConnectionHandler(2048) {}
+RPCChannel::RPCHandler::RPCHandler()
+    : RequestResponseConnectionHandler(2048), calls_(std::make_shared<Calls>()) {}
 
 RPCChannel::RPCHandler::~RPCHandler() {
+  std::map<unsigned, PendingRequest> pending;
   {
-    MutexLock lock(mutex_);
-    for (auto& entry : pending_) {
+    MutexLock lock(calls_->mutex);
+    // Taken out of the table before anything is completed: a cancel already
+    // under way on another thread (its closure taken before completion could
+    // discard it) then finds nothing once it gets the lock, instead of
+    // completing the call a second time.
+    pending.swap(calls_->pending);
+    for (auto& entry : pending) {
       PendingRequest& call = entry.second;
       call.controller->SetFailed("Canceled");
       if (call.done != nullptr) call.done->Run();
     }
   }
   shutdown();
-  MutexLock lock(mutex_);
-  pending_.clear();
+  // The entries are dropped together, here, with the table.
 }
 
 void RPCChannel::RPCHandler::sendRequest(const google::protobuf::MethodDescriptor* method,
@@ -199,22 +205,24 @@ void RPCChannel::RPCHandler::sendRequest(const google::protobuf::MethodDescripto
   if (controller->IsCanceled()) return;
   uint32_t id;
   {
-    MutexLock lock(mutex_);
-    id = ++next_id_;
+    MutexLock lock(calls_->mutex);
+    id = ++calls_->next_id;
   }
-  std::weak_ptr<RPCHandler> self = shared_from_this();
   // Self-deleting: run once by a cancellation and freed by itself, or discarded
   // unrun (and freed) by the controller on completion.
   controller->NotifyOnCancel(
-      newClosure(makeWeakFunction(self, std::bind(&RPCHandler::onCancelRPC, this, id)), true));
+      newClosure(makeWeakFunction(std::weak_ptr<Calls>(calls_),
+                                  std::bind(&Calls::onCancelRPC, calls_.get(), id)),
+                 true));
   {
-    MutexLock lock(mutex_);
-    PendingRequest& call = pending_[id];
+    MutexLock lock(calls_->mutex);
+    PendingRequest& call = calls_->pending[id];
     call.id = id;
     call.controller = controller;
     call.response = response;
     call.done = done;
   }
+  std::weak_ptr<RPCHandler> self = shared_from_this();
   auto timer = std::make_shared<TimerHandle>();
   *timer = scheduleDeferred(std::function<void()>(makeWeakFunction(
       self, std::bind(&RPCHandler::doSendRequest, this, timer, method, request, id))));
@@ -223,8 +231,8 @@ void RPCChannel::RPCHandler::sendRequest(const google::protobuf::MethodDescripto
 void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /*timer*/,
                                            const google::protobuf::MethodDescriptor* method,
                                            const google::protobuf::Message* request, int id) {
-  MutexLock lock(mutex_);
-  if (pending_.find(static_cast<unsigned>(id)) == pending_.end()) return;
+  MutexLock lock(calls_->mutex);
+  if (calls_->pending.find(static_cast<unsigned>(id)) == calls_->pending.end()) return;
   std::string body;
   request->SerializeToString(&body);
   const std::string head = stringPrintf(
@@ -237,21 +245,21 @@ void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /
   send(body);
 }
 
-void RPCChannel::RPCHandler::onCancelRPC(int id) {
-  MutexLock lock(mutex_);
-  auto it = pending_.find(static_cast<unsigned>(id));
-  if (it == pending_.end()) return;
+void RPCChannel::RPCHandler::Calls::onCancelRPC(int id) {
+  MutexLock lock(mutex);
+  auto it = pending.find(static_cast<unsigned>(id));
+  if (it == pending.end()) return;
   PendingRequest call = it->second;
   call.controller->SetFailed("Canceled");
-  pending_.erase(it);
+  pending.erase(it);
   if (call.done != nullptr) call.done->Run();
 }
 
 void RPCChannel::RPCHandler::handleResponse(const HttpResponsePtr& response) {
   const uint32_t id = readHeaderNumber(response->headers[kHeaderId]);
-  MutexLock lock(mutex_);
-  auto it = pending_.find(id);
-  if (it == pending_.end()) return;
+  MutexLock lock(calls_->mutex);
+  auto it = calls_->pending.find(id);
+  if (it == calls_->pending.end()) return;
   PendingRequest call = it->second;
   if (call.controller != nullptr) {
     const int failed = static_cast<int32_t>(readHeaderNumber(response->headers[kHeaderFailed]));
@@ -265,7 +273,7 @@ void RPCChannel::RPCHandler::handleResponse(const HttpResponsePtr& response) {
   }
   // The entry goes before done runs: a done closure may issue a call that wraps
   // onto this id (recursive mutex) and must find its own entry afterwards.
-  pending_.erase(it);
+  calls_->pending.erase(it);
   if (call.done != nullptr) call.done->Run();
 }
 

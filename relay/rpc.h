@@ -86,6 +86,8 @@ using RPCChannelPtr = std::shared_ptr<RPCChannel>;
 // an RPC, and its done closure, if any; done closures run on the event thread
 // (or on the thread that cancels) with the channel's mutex held.
 class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
+  friend class RPCChannelTestPeer;
+
  public:
   // The header names of the protocol, shared by client and server.
   static const std::string kHeaderService;      // "Rpc-Service"
@@ -113,8 +115,6 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
     void doSendRequest(const std::shared_ptr<TimerHandle>& timer,
                        const google::protobuf::MethodDescriptor* method,
                        const google::protobuf::Message* request, int id);
-    // Completes a pending call as canceled. The cancelling thread.
-    void onCancelRPC(int id);
     // Completes the call a response answers. Event thread.
     void handleResponse(const HttpResponsePtr& response);
 
@@ -124,6 +124,8 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
     void notifyIncomingData(std::string* data) override;
 
    private:
+    friend class RPCChannelTestPeer;  // sets the next id: ids wrap only after 2^32 calls
+
     struct PendingRequest {
       uint32_t id = 0;
       google::protobuf::RpcController* controller = nullptr;  // not owned; an RPC
@@ -131,16 +133,31 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
       google::protobuf::Closure* done = nullptr;              // not owned; may be null
     };
 
-    // Last id handed out; guarded by mutex_ so that several threads may issue
-    // calls at once.
-    uint32_t next_id_ VANTU_GUARDED_BY(mutex_) = 0;
+    // The calls in flight and the lock over them. The handler owns it; the
+    // cancel closures hold it weakly. It is not the handler itself that they
+    // hold because the handler expires as soon as its channel lets go of it,
+    // while its destruction (which completes every pending call) waits for the
+    // event thread: a call canceled in between must still be found, and
+    // completed then and there, not by the destructor after its caller was told
+    // it was over. Any thread.
+    struct Calls {
+      // Completes the call `id` as canceled, if it is still pending. The
+      // cancelling thread.
+      void onCancelRPC(int id);
+
+      // Recursive, so that a done closure may issue the next call on the same
+      // channel. Held while a call is written, completed or canceled.
+      Mutex mutex{Mutex::kRecursive};
+      // Last id handed out; under the mutex so that several threads may issue
+      // calls at once.
+      uint32_t next_id VANTU_GUARDED_BY(mutex) = 0;
+      std::map<unsigned, PendingRequest> pending VANTU_GUARDED_BY(mutex);
+    };
+
     // Event thread only.
     HttpResponseParser parser_;
-    // Recursive, so that a done closure may issue the next call on the same
-    // channel. Guards the pending calls and everything done while one is
-    // written, completed or canceled.
-    Mutex mutex_{Mutex::kRecursive};
-    std::map<unsigned, PendingRequest> pending_ VANTU_GUARDED_BY(mutex_);
+    // Constant after construction.
+    const std::shared_ptr<Calls> calls_;
   };
 
   // A channel connected to `address`, or an empty pointer when no connection

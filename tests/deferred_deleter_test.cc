@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -14,6 +15,7 @@
 #include "common/map_util.h"
 #include "common/mutex.h"
 #include "common/weak_function.h"
+#include "tests/event_thread_blocker.h"
 
 namespace vantu {
 namespace {
@@ -57,25 +59,85 @@ TEST(WeakFunctionTest, CallsOnlyWhileTheOwnerLives) {
   EXPECT_EQ(3, tracker.use_count());
 }
 
-TEST(WeakFunctionTest, OwnerReleasedOnAnotherThreadStaysAliveForTheCall) {
-  // The call reads the object; if the weak lock did not hold the owner for the
-  // duration, AddressSanitizer sees a use after free and TSan a race.
-  struct Counter {
-    std::atomic<int> calls{0};
-    void bump() {
-      for (int i = 0; i < 100; ++i) calls.fetch_add(1, std::memory_order_relaxed);
+TEST(WeakFunctionTest, OwnerReleasedDuringTheCallLivesUntilItReturns) {
+  // The call runs on another thread; while it runs, this thread drops the
+  // last outside reference. The owner must die only when the call returns, on
+  // the calling thread.
+  struct Owner {
+    Owner(std::atomic<bool>* destroyed, Mutex* mutex, ConditionVariable* cv, bool* in_call,
+          bool* dropped, bool* alive_at_end)
+        : destroyed(destroyed),
+          mutex(mutex),
+          cv(cv),
+          in_call(in_call),
+          dropped(dropped),
+          alive_at_end(alive_at_end) {}
+    ~Owner() { *destroyed = true; }
+    void call() {
+      MutexLock lock(*mutex);
+      *in_call = true;
+      cv->notifyAll();
+      while (!*dropped) cv->wait(*mutex);
+      *alive_at_end = !*destroyed;
     }
+    std::atomic<bool>* destroyed;
+    Mutex* mutex;
+    ConditionVariable* cv;
+    bool* in_call;
+    bool* dropped;
+    bool* alive_at_end;
   };
-  for (int round = 0; round < 200; ++round) {
-    auto owner = std::make_shared<Counter>();
-    auto call =
-        makeWeakFunction(std::weak_ptr<Counter>(owner), std::bind(&Counter::bump, owner.get()));
-    std::thread caller([call]() mutable {
-      for (int i = 0; i < 50; ++i) call();
-    });
-    owner.reset();
-    caller.join();
+  std::atomic<bool> destroyed{false};
+  Mutex mutex;
+  ConditionVariable cv;
+  bool in_call = false, dropped = false, alive_at_end = false;
+  auto owner = std::make_shared<Owner>(&destroyed, &mutex, &cv, &in_call, &dropped, &alive_at_end);
+  Owner* raw = owner.get();
+  auto call = makeWeakFunction(std::weak_ptr<Owner>(owner), std::bind(&Owner::call, raw));
+  std::thread caller([&] { call(); });
+  {
+    MutexLock lock(mutex);
+    while (!in_call) cv.wait(mutex);
   }
+  owner.reset();
+  EXPECT_FALSE(destroyed.load());  // the call still holds it
+  {
+    MutexLock lock(mutex);
+    dropped = true;
+    cv.notifyAll();
+  }
+  caller.join();
+  EXPECT_TRUE(alive_at_end);
+  EXPECT_TRUE(destroyed.load());  // released when the call returned
+  call();                         // and nothing runs afterwards
+}
+
+TEST(WeakFunctionTest, ACallThatThrowsReleasesTheOwner) {
+  struct Thrower {
+    void fail() { throw std::runtime_error("boom"); }
+  };
+  auto owner = std::make_shared<Thrower>();
+  auto call =
+      makeWeakFunction(std::weak_ptr<Thrower>(owner), std::bind(&Thrower::fail, owner.get()));
+  EXPECT_THROW(call(), std::runtime_error);
+  EXPECT_EQ(1, owner.use_count());  // the strong reference taken for the call is gone
+
+  // A one-shot closure whose call throws is not deleted by Run: it still holds
+  // its bound arguments, and whoever caught the exception deletes it.
+  auto tracker = std::make_shared<int>(0);
+  struct Target {
+    void fail(const std::shared_ptr<int>&) { throw std::runtime_error("boom"); }
+  };
+  auto target = std::make_shared<Target>();
+  google::protobuf::Closure* closure =
+      relay::newClosure(makeWeakFunction(std::weak_ptr<Target>(target),
+                                         std::bind(&Target::fail, target.get(), tracker)),
+                        true);
+  EXPECT_THROW(closure->Run(), std::runtime_error);
+  EXPECT_EQ(1, target.use_count());
+  EXPECT_EQ(2, tracker.use_count());  // still alive
+  delete closure;
+  EXPECT_EQ(1, tracker.use_count());
 }
 
 TEST(ClosureTest, OneShotDeletesItselfAndPermanentSurvives) {
@@ -180,11 +242,34 @@ TEST(DeferredDeleterTest, LastReferenceDroppedAnywhereDeletesOnTheEventThreadLat
   EXPECT_EQ(0, destroyed_inline);
   EXPECT_EQ(2, destroyed.load());
   EXPECT_EQ(2, on_event_thread.load());
+}
 
-  // A null pointer queues a function that does nothing.
-  libeventThreadDeferredDelete<Watched>(nullptr);
+// Records the calls the deferred deletion makes, in place of deleting.
+struct NullProbe {};
+std::atomic<int> null_probe_calls{0};
+std::atomic<int> null_probe_calls_on_event_thread{0};
+
+}  // namespace
+
+template <>
+void libeventThreadDeferredDeleteDoDelete<NullProbe>(NullProbe* p) {
+  if (p == nullptr) ++null_probe_calls;
+  if (isEventThread()) ++null_probe_calls_on_event_thread;
+}
+
+namespace {
+
+TEST(DeferredDeleterTest, NullIsQueuedLikeAnyPointer) {
+  // No shortcut for null: the deletion function is queued and runs later on
+  // the event thread, where it does nothing.
+  {
+    testing::EventThreadBlocker blocker;
+    libeventThreadDeferredDelete<NullProbe>(nullptr);
+    EXPECT_EQ(0, null_probe_calls.load());
+  }
   waitForDeferredWork();
-  EXPECT_EQ(2, destroyed.load());
+  EXPECT_EQ(1, null_probe_calls.load());
+  EXPECT_EQ(1, null_probe_calls_on_event_thread.load());
 }
 
 TEST(MapUtilTest, FindPtrOrNullSharesOrGivesEmpty) {

@@ -11,44 +11,12 @@
 #include <vector>
 
 #include "common/mutex.h"
+#include "tests/event_thread_blocker.h"
 
 namespace vantu {
 namespace {
 
-// Holds the event thread inside a deferred function until release(), so that
-// a test can act while the queue is known not to run.
-class EventThreadBlocker {
- public:
-  EventThreadBlocker() {
-    defer([this] {
-      MutexLock lock(mutex_);
-      entered_ = true;
-      cv_.notifyAll();
-      while (!released_) cv_.wait(mutex_);
-      finished_ = true;
-      cv_.notifyAll();
-    });
-    MutexLock lock(mutex_);
-    while (!entered_) cv_.wait(mutex_);
-  }
-  ~EventThreadBlocker() {
-    release();
-    MutexLock lock(mutex_);
-    while (!finished_) cv_.wait(mutex_);
-  }
-  void release() {
-    MutexLock lock(mutex_);
-    released_ = true;
-    cv_.notifyAll();
-  }
-
- private:
-  Mutex mutex_;
-  ConditionVariable cv_;
-  bool entered_ = false;
-  bool released_ = false;
-  bool finished_ = false;
-};
+using testing::EventThreadBlocker;
 
 TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThread) {
   constexpr int kThreads = 4;

@@ -4,22 +4,133 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
+#include <functional>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "common/event_thread.h"
+#include "common/logging.h"
+#include "common/mutex.h"
 #include "relay/http_server.h"
 #include "relay/rpc.h"
 #include "test_services.pb.h"
+#include "tests/event_thread_blocker.h"
 #include "tests/loopback_client.h"
+
+// In plain builds this program counts heap blocks, so that a test can assert
+// what LeakSanitizer checks in sanitizer builds: that a finished call leaves
+// nothing it allocated behind. Blocks allocated by a thread inside a
+// TrackAllocations scope are remembered until freed, on whatever thread.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HSL_SANITIZED_BUILD 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HSL_SANITIZED_BUILD 1
+#endif
+#endif
+
+namespace {
+
+std::atomic_flag tracked_lock = ATOMIC_FLAG_INIT;
+std::atomic<int> tracked_live{0};
+thread_local bool tracking = false;
+
+class TrackedLock {
+ public:
+  TrackedLock() {
+    while (tracked_lock.test_and_set(std::memory_order_acquire)) {
+    }
+  }
+  ~TrackedLock() { tracked_lock.clear(std::memory_order_release); }
+};
+
+// Remembers the blocks this thread allocates while it exists.
+class TrackAllocations {
+ public:
+  TrackAllocations() { tracking = true; }
+  ~TrackAllocations() { tracking = false; }
+  TrackAllocations(const TrackAllocations&) = delete;
+  TrackAllocations& operator=(const TrackAllocations&) = delete;
+};
+
+// Tracked blocks not freed yet.
+int trackedLive() {
+  TrackedLock lock;
+  return tracked_live.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+#ifndef HSL_SANITIZED_BUILD
+namespace {
+
+constexpr int kTrackedSlots = 4096;
+void* tracked[kTrackedSlots];  // live tracked blocks; null slots are free
+
+void track(void* block) {
+  TrackedLock lock;
+  for (void*& slot : tracked) {
+    if (slot == nullptr) {
+      slot = block;
+      tracked_live.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
+  }
+  std::abort();  // more live blocks than a test here makes
+}
+
+void untrack(void* block) {
+  if (tracked_live.load(std::memory_order_relaxed) == 0) return;
+  TrackedLock lock;
+  for (void*& slot : tracked) {
+    if (slot == block) {
+      slot = nullptr;
+      tracked_live.fetch_sub(1, std::memory_order_relaxed);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* block = std::malloc(size == 0 ? 1 : size);
+  if (block == nullptr) throw std::bad_alloc();
+  if (tracking) track(block);
+  return block;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void* block) noexcept {
+  if (block == nullptr) return;
+  untrack(block);
+  std::free(block);
+}
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
+#endif
 
 namespace vantu {
 namespace relay {
+
+// Lets a test start a channel's ids anywhere: they wrap only after 2^32 calls.
+class RPCChannelTestPeer {
+ public:
+  static void setNextId(RPCChannel* channel, uint32_t id) {
+    RPCChannel::RPCHandler::Calls& calls = *channel->handler_->calls_;
+    MutexLock lock(calls.mutex);
+    calls.next_id = id - 1;
+  }
+};
+
 namespace {
 
 using relaytest::Number;
 using relaytest::Text;
+using vantu::testing::EventThreadBlocker;
 using vantu::testing::LoopbackClient;
 
 // Echo and Fail answer at once; Hold keeps the call until the test completes
@@ -101,40 +212,76 @@ const google::protobuf::MethodDescriptor* method(const char* name) {
   return relaytest::TestService::descriptor()->FindMethodByName(name);
 }
 
-// Records which done closures ran, in order. A caller that gives a done
-// closure learns of completion there, not from the controller: the channel
-// marks the controller done before it runs the closure.
+// Records which done closures ran, in order, and what each saw of its
+// controller when it ran. A caller that gives a done closure learns of
+// completion there, not from the controller: the channel completes the
+// controller first and then runs the closure.
 class Completions {
  public:
   class Done : public google::protobuf::Closure {
    public:
-    Done(int tag, Completions* completions) : tag_(tag), completions_(completions) {}
-    void Run() override { completions_->record(tag_); }
+    Done(int tag, Completions* completions, const RPC* controller)
+        : tag_(tag), completions_(completions), controller_(controller) {}
+    void Run() override {
+      std::string seen;
+      if (controller_ != nullptr) {
+        seen = controller_->Failed() ? "failed: " + controller_->ErrorText() : "not failed";
+      }
+      completions_->record(tag_, seen);
+    }
 
    private:
     int tag_;
     Completions* completions_;
+    const RPC* controller_;
   };
 
-  std::unique_ptr<Done> newDone(int tag) { return std::make_unique<Done>(tag, this); }
+  // `controller`, if given, is looked at when the closure runs.
+  std::unique_ptr<Done> newDone(int tag, const RPC* controller = nullptr) {
+    return std::make_unique<Done>(tag, this, controller);
+  }
 
-  // The tags so far, once at least `count` closures have run.
+  // The tags so far, once at least `count` closures have run (the wait is a
+  // guard against a hang, not an assertion).
   std::vector<int> waitFor(size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
     ran_.wait_for(lock, std::chrono::seconds(30), [&] { return order_.size() >= count; });
     return order_;
   }
+  // The tags so far, without waiting.
+  std::vector<int> ran() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return order_;
+  }
+  // What each closure saw of its controller, in the order they ran.
+  std::vector<std::string> seen() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return seen_;
+  }
 
  private:
-  void record(int tag) {
+  void record(int tag, const std::string& seen) {
     std::lock_guard<std::mutex> lock(mutex_);
     order_.push_back(tag);
+    seen_.push_back(seen);
     ran_.notify_all();
   }
 
   std::mutex mutex_;
   std::condition_variable ran_;
   std::vector<int> order_;
+  std::vector<std::string> seen_;
+};
+
+// Counts how often the channel fails it, so that a completion that comes after
+// the caller was told the call is over shows in a plain build too.
+class CountingRPC : public RPC {
+ public:
+  void SetFailed(const std::string& reason) override {
+    ++failures;
+    RPC::SetFailed(reason);
+  }
+  std::atomic<int> failures{0};
 };
 
 class RpcChannelTest : public ::testing::Test {
@@ -299,14 +446,16 @@ TEST_F(RpcChannelTest, CancelBeforeTheRequestIsWrittenSendsNothing) {
   Text request, response;
   request.set_text("never");
   Completions completions;
-  auto done = completions.newDone(1);
+  auto done = completions.newDone(1, &rpc);
   channel_->CallMethod(method("Echo"), &rpc, &request, &response, done.get());
   rpc.StartCancel();  // completes the call on this thread, done included
+  EXPECT_EQ(std::vector<int>{1}, completions.ran());
   gate.unlock();
   EXPECT_TRUE(rpc.Failed());
   EXPECT_TRUE(rpc.IsCanceled());
   EXPECT_EQ("Canceled", rpc.ErrorText());
-  EXPECT_EQ(std::vector<int>{1}, completions.waitFor(1));
+  // The controller was failed before the done closure ran.
+  EXPECT_EQ(std::vector<std::string>{"failed: Canceled"}, completions.seen());
   // A later call on the same connection is answered; the canceled one never
   // reached the service.
   EXPECT_EQ("after", echo("after"));
@@ -337,8 +486,16 @@ TEST_F(RpcChannelTest, TimedWaitThatExpiresCancels) {
   EXPECT_EQ("Canceled", rpc.ErrorText());
   ASSERT_TRUE(service_->waitHeld(1));
   service_->complete(0);
-  // A controller that is canceled and not reset carries no further call.
-  channel_->CallMethod(method("Echo"), &rpc, &request, &response, nullptr);
+  // A controller that is canceled and not reset carries no further call: it
+  // is neither sent nor completed, and its done closure never runs.
+  Completions completions;
+  auto done = completions.newDone(1);
+  request.set_text("dropped");
+  channel_->CallMethod(method("Echo"), &rpc, &request, &response, done.get());
+  EXPECT_EQ("between", echo("between"));  // written after anything the dropped call could
+  EXPECT_EQ(2, service_->calls.load());   // the held call and "between"
+  EXPECT_EQ(std::vector<int>{}, completions.ran());
+  EXPECT_EQ("", response.text());
   rpc.Reset();
   request.set_text("reused");
   channel_->CallMethod(method("Echo"), &rpc, &request, &response, nullptr);
@@ -353,19 +510,162 @@ TEST_F(RpcChannelTest, DestroyingTheChannelCancelsPendingCallsInIdOrder) {
   Completions completions;
   std::vector<std::unique_ptr<Completions::Done>> dones;
   for (int i = 0; i < kCalls; ++i) {
-    dones.push_back(completions.newDone(i));
+    dones.push_back(completions.newDone(i, &rpcs[i]));
     channel_->CallMethod(method("Hold"), &rpcs[i], &requests[i], &responses[i], dones.back().get());
   }
   ASSERT_TRUE(service_->waitHeld(kCalls));
   channel_.reset();
   EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), completions.waitFor(kCalls));
   waitForDeferredWork();
-  EXPECT_EQ(5u, completions.waitFor(kCalls).size());  // each ran exactly once
-  for (const RPC& rpc : rpcs) EXPECT_EQ("Canceled", rpc.ErrorText());
-  // The service completes afterwards: the connection is gone, nothing breaks.
-  for (int i = 0; i < kCalls; ++i) service_->complete(i);
-  LoopbackClient client(port_);
-  EXPECT_TRUE(client.connected());
+  EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), completions.ran());  // each exactly once
+  // Each controller was failed before its done closure ran.
+  EXPECT_EQ(std::vector<std::string>(kCalls, "failed: Canceled"), completions.seen());
+}
+
+// Drops the last reference to `channel` and returns, holding the event thread,
+// once the channel has been destroyed, which lets go of its handler, while the
+// handler's own destruction is still queued behind the returned blocker. In
+// between, the handler is expired but not destroyed.
+std::unique_ptr<EventThreadBlocker> dropChannelAndHoldBeforeHandlerDies(RPCChannelPtr channel) {
+  std::unique_ptr<EventThreadBlocker> blocker;
+  {
+    EventThreadBlocker hold;
+    channel.reset();  // the channel's deletion is queued behind `hold`...
+    // ...and this blocker behind it, before the channel's destructor can queue
+    // the handler's deletion.
+    blocker = std::make_unique<EventThreadBlocker>(EventThreadBlocker::kQueueOnly);
+  }
+  blocker->waitUntilHeld();
+  return blocker;
+}
+
+TEST_F(RpcChannelTest, CancelWhileTheChannelIsTornDownStillCompletesTheCall) {
+  // A timed wait or cancel after the channel let go of its handler and before
+  // the handler is destroyed must complete the call then and there, and the
+  // handler's destructor must leave it alone afterwards.
+  struct Case {
+    const char* name;
+    bool timed_wait;
+    bool with_done;
+  } cases[] = {{"timed wait, done closure", true, true},
+               {"timed wait, no done closure", true, false},
+               {"StartCancel, done closure", false, true}};
+  int held = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", port_));
+    ASSERT_TRUE(channel);
+    CountingRPC rpc;
+    Text request, response;
+    Completions completions;
+    auto done = completions.newDone(1, &rpc);
+    channel->CallMethod(method("Hold"), &rpc, &request, &response,
+                        c.with_done ? done.get() : nullptr);
+    ASSERT_TRUE(service_->waitHeld(++held));
+    auto blocker = dropChannelAndHoldBeforeHandlerDies(std::move(channel));
+    if (c.timed_wait) {
+      EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(0)));
+    } else {
+      rpc.StartCancel();
+    }
+    EXPECT_TRUE(rpc.Failed());
+    EXPECT_TRUE(rpc.IsCanceled());
+    EXPECT_EQ("Canceled", rpc.ErrorText());
+    EXPECT_EQ(1, rpc.failures.load());
+    EXPECT_EQ(c.with_done ? std::vector<int>{1} : std::vector<int>{}, completions.ran());
+    blocker.reset();
+    waitForDeferredWork();
+    EXPECT_EQ(1, rpc.failures.load());  // the handler's destructor did not touch it again
+    EXPECT_EQ(c.with_done ? std::vector<int>{1} : std::vector<int>{}, completions.ran());
+    if (c.with_done) {
+      EXPECT_EQ(std::vector<std::string>{"failed: Canceled"}, completions.seen());
+    }
+  }
+
+  // A caller may free its controller as soon as the timed wait has returned
+  // false; AddressSanitizer reports any later write to it.
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", port_));
+  ASSERT_TRUE(channel);
+  auto rpc = std::make_unique<RPC>();
+  Text request, response;
+  channel->CallMethod(method("Hold"), rpc.get(), &request, &response, nullptr);
+  ASSERT_TRUE(service_->waitHeld(++held));
+  {
+    auto blocker = dropChannelAndHoldBeforeHandlerDies(std::move(channel));
+    EXPECT_FALSE(rpc->timedWaitRelative(Duration::milliseconds(0)));
+    EXPECT_EQ("Canceled", rpc->ErrorText());
+    rpc.reset();
+  }
+  waitForDeferredWork();
+  waitForDeferredWork();
+}
+
+TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
+#ifdef HSL_SANITIZED_BUILD
+  GTEST_SKIP() << "LeakSanitizer checks this in sanitizer builds";
+#endif
+  // Whatever CallMethod and a cancel allocate on the caller's thread (the
+  // cancel closure, the table entry, the deferred write) is freed once the call
+  // is over, on every way it ends. Each way runs twice and only the second run
+  // counts, so that buffers that keep their size for reuse (the event queue)
+  // have reached it.
+  struct Way {
+    const char* name;
+    std::function<void(RPC*, Text*, Text*)> run;
+  };
+  const Way ways[] = {
+      {"canceled before it is written",
+       [this](RPC* rpc, Text* request, Text* response) {
+         EventThreadBlocker blocker;
+         TrackAllocations track;
+         channel_->CallMethod(method("Echo"), rpc, request, response, nullptr);
+         rpc->StartCancel();
+       }},
+      {"canceled after it is written",
+       [this](RPC* rpc, Text* request, Text* response) {
+         {
+           TrackAllocations track;
+           channel_->CallMethod(method("Hold"), rpc, request, response, nullptr);
+         }
+         waitForDeferredWork();
+         TrackAllocations track;
+         rpc->StartCancel();
+       }},
+      {"answered",
+       [this](RPC* rpc, Text* request, Text* response) {
+         {
+           TrackAllocations track;
+           channel_->CallMethod(method("Echo"), rpc, request, response, nullptr);
+         }
+         rpc->wait();
+       }},
+  };
+  for (const Way& way : ways) {
+    SCOPED_TRACE(way.name);
+    for (int round = 0; round < 2; ++round) {
+      RPC rpc;
+      Text request, response;
+      way.run(&rpc, &request, &response);
+      waitForDeferredWork();
+      waitForDeferredWork();
+      EXPECT_TRUE(rpc.timedWaitAbsolute(Time::fromMicroseconds(0)));
+      if (round == 1) {
+        EXPECT_EQ(0, trackedLive());
+      }
+    }
+  }
+  // Completed by the channel's destruction.
+  RPC rpc;
+  Text request, response;
+  {
+    TrackAllocations track;
+    channel_->CallMethod(method("Hold"), &rpc, &request, &response, nullptr);
+  }
+  channel_.reset();
+  waitForDeferredWork();
+  waitForDeferredWork();
+  EXPECT_EQ("Canceled", rpc.ErrorText());
+  EXPECT_EQ(0, trackedLive());
 }
 
 TEST_F(RpcChannelTest, ServerDestroyedWhileAServiceHoldsACall) {
@@ -383,8 +683,7 @@ TEST_F(RpcChannelTest, ServerDestroyedWhileAServiceHoldsACall) {
   waitForDeferredWork();
   waitForDeferredWork();
   EXPECT_EQ("Canceled", rpc.ErrorText());
-  service_->complete(0);
-  EXPECT_EQ("", response.text());
+  service_->complete(0);  // nothing left to answer; the record is freed
 }
 
 TEST_F(RpcChannelTest, DoneClosureMayIssueTheNextCall) {
@@ -472,11 +771,16 @@ TEST_F(RpcChannelTest, AnswersCompletedOnManyThreadsNeverInterleave) {
   }
 }
 
-// A server that answers each request with the next scripted response; "{id}"
-// in a script stands for the request's Rpc-Id. It also records what it got.
+// A server for one connection that answers the i-th request it parses with the
+// i-th scripted answer; "{id}" in an answer stands for the request's Rpc-Id.
+// After the last answer it can half-close (end its output); either way it
+// reads on until the client closes. What it received is readable after join().
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::vector<std::string> script) : script_(std::move(script)) {
+  enum End { kKeepOpen, kHalfCloseAfterScript };
+
+  explicit ScriptedServer(std::vector<std::string> script, End end = kKeepOpen)
+      : script_(std::move(script)), end_(end) {
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -492,40 +796,64 @@ class ScriptedServer {
     join();
     close(listener_);
   }
-  // Waits until the script has been played (or the client went away).
+  // Waits until the client has closed the connection.
   void join() {
     if (thread_.joinable()) thread_.join();
   }
   uint16_t port() const { return port_; }
-  std::vector<HttpRequestPtr> received;
+
+  std::vector<HttpRequestPtr> received;  // the requests, in order
+  std::string bytes;                     // every byte received
+  std::string after_script;              // the bytes received after the last answer
+  bool saw_end = false;                  // the client closed (rather than a guard time-out)
 
  private:
   void serve() {
     int connection = accept(listener_, nullptr, nullptr);
+    timeval guard{30, 0};  // a client that never closes fails the test, not hangs it
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
     HttpRequestParser parser;
     size_t next = 0;
     char buffer[4096];
-    while (next < script_.size()) {
+    for (;;) {
       ssize_t n = recv(connection, buffer, sizeof(buffer), 0);
-      if (n <= 0) break;
+      if (n <= 0) {
+        saw_end = n == 0;
+        break;
+      }
+      const std::string chunk(buffer, n);
+      bytes += chunk;
+      if (next == script_.size()) after_script += chunk;
       std::vector<HttpRequestPtr> requests;
-      parser.parse(std::string(buffer, n), &requests);
+      parser.parse(chunk, &requests);
       for (const HttpRequestPtr& request : requests) {
         received.push_back(request);
+        if (next == script_.size()) continue;
         std::string answer = script_[next++];
         size_t at = answer.find("{id}");
         if (at != std::string::npos) answer.replace(at, 4, request->headers["Rpc-Id"]);
         ::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
+        if (next == script_.size() && end_ == kHalfCloseAfterScript) {
+          ::shutdown(connection, SHUT_WR);
+        }
       }
     }
     close(connection);
   }
 
   std::vector<std::string> script_;
+  End end_;
   int listener_;
   uint16_t port_;
   std::thread thread_;
 };
+
+// Waits for a call with a generous guard, so that a call that is never
+// completed fails the test instead of hanging it.
+::testing::AssertionResult completes(RPC& rpc) {
+  if (rpc.timedWaitRelative(Duration::seconds(30))) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "the call was not completed";
+}
 
 TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
   Text good;
@@ -544,18 +872,29 @@ TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
       "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nRpc-Failed: 0\r\nRpc-Id: {id}\r\n\r\n\xff\xff",
       // 4: id 4 written as 4294967300: the low 32 bits match; failed without a text.
       "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 7\r\nRpc-Id: 4294967300\r\n\r\n",
-      // 5: garbage: the connection is shut down, the call stays pending.
-      "garbage\r\n",
+      // 5: a negative flag is a failure too.
+      "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: -1\r\nRpc-Error: negative\r\n"
+      "Rpc-Id: {id}\r\n\r\n",
+      // 6: only the low 32 bits of the flag count: 4294967296 reads as 0, a
+      // success. The same answer again is ignored: the call is no longer pending.
+      "HTTP/1.1 200 OK\r\nContent-Length: " + length +
+          "\r\nRpc-Failed: 4294967296\r\nRpc-Id: {id}\r\n\r\n" + body +
+          "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 1\r\nRpc-Error: again\r\n"
+          "Rpc-Id: {id}\r\n\r\n",
   });
   RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
   ASSERT_TRUE(channel);
   Text request;
   request.set_text("q");
-  RPC rpcs[5];
-  Text responses[5];
-  for (int i = 0; i < 4; ++i) {
-    channel->CallMethod(method("Echo"), &rpcs[i], &request, &responses[i], nullptr);
-    rpcs[i].wait();
+  constexpr int kCalls = 6;
+  RPC rpcs[kCalls];
+  Text responses[kCalls];
+  Completions completions;
+  std::vector<std::unique_ptr<Completions::Done>> dones;
+  for (int i = 0; i < kCalls; ++i) {
+    dones.push_back(completions.newDone(i, &rpcs[i]));
+    channel->CallMethod(method("Echo"), &rpcs[i], &request, &responses[i], dones.back().get());
+    ASSERT_TRUE(completes(rpcs[i])) << "call " << i + 1;
   }
   EXPECT_FALSE(rpcs[0].Failed());
   EXPECT_EQ("body", responses[0].text());
@@ -565,38 +904,136 @@ TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
   EXPECT_EQ("Can't parse response.", rpcs[2].ErrorText());
   EXPECT_TRUE(rpcs[3].Failed());
   EXPECT_EQ("", rpcs[3].ErrorText());
-
-  channel->CallMethod(method("Echo"), &rpcs[4], &request, &responses[4], nullptr);
-  EXPECT_FALSE(rpcs[4].timedWaitRelative(Duration::milliseconds(50)));
-  EXPECT_EQ("Canceled", rpcs[4].ErrorText());
+  EXPECT_EQ("negative", rpcs[4].ErrorText());
+  EXPECT_FALSE(rpcs[5].Failed());
+  EXPECT_EQ("body", responses[5].text());
   channel.reset();
   waitForDeferredWork();
   waitForDeferredWork();
-
+  EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5}), completions.ran());  // each exactly once
+  EXPECT_FALSE(rpcs[5].Failed());  // the repeated answer changed nothing
   server.join();
-  // What went on the wire: ids 1..5, service, method, binary body, no
-  // Content-Type.
-  ASSERT_EQ(5u, server.received.size());
-  for (int i = 0; i < 5; ++i) {
-    HttpRequest& r = *server.received[i];
-    EXPECT_EQ(kHttpPost, r.method);
-    EXPECT_EQ("/", r.uri);
-    EXPECT_EQ(std::to_string(i + 1), r.headers["Rpc-Id"]);
-    EXPECT_EQ("relaytest.TestService", r.headers["Rpc-Service"]);
-    EXPECT_EQ("Echo", r.headers["Rpc-Method"]);
-    EXPECT_EQ(0u, r.headers.count("Content-Type"));
-    EXPECT_EQ(request.SerializeAsString(), r.body);
-  }
 }
 
-TEST(RpcChannelCreateTest, NoServerGivesNull) {
+TEST(RpcChannelClientTest, WritesRequestsByteForByte) {
+  const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n";
+  ScriptedServer server({answer, answer, answer, answer});
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+  ASSERT_TRUE(channel);
+  Text request;
+  request.set_text("q");
+  const std::string body = request.SerializeAsString();
+  RPC rpcs[4];
+  Text responses[4];
+  channel->CallMethod(method("Echo"), &rpcs[0], &request, &responses[0], nullptr);
+  // A call on a canceled controller takes no id and is never completed.
+  RPC canceled;
+  canceled.StartCancel();
+  Completions completions;
+  auto done = completions.newDone(9);
+  channel->CallMethod(method("Echo"), &canceled, &request, &responses[0], done.get());
+  channel->CallMethod(method("Echo"), &rpcs[1], &request, &responses[1], nullptr);
+  // Ids from 2^31 on go out as negative numbers and are matched on the way
+  // back; after 4294967295 comes 0.
+  RPCChannelTestPeer::setNextId(channel.get(), 4294967295u);
+  channel->CallMethod(method("Echo"), &rpcs[2], &request, &responses[2], nullptr);
+  channel->CallMethod(method("Square"), &rpcs[3], &request, &responses[3], nullptr);
+  // Answers come in order: once the last call is done, so are the others.
+  ASSERT_TRUE(completes(rpcs[3]));
+  for (RPC& rpc : rpcs) {
+    EXPECT_TRUE(rpc.timedWaitAbsolute(Time::fromMicroseconds(0)));
+    EXPECT_FALSE(rpc.Failed()) << rpc.ErrorText();
+  }
+  channel.reset();
+  waitForDeferredWork();
+  waitForDeferredWork();
+  server.join();
+
+  auto head = [&body](const char* id, const char* method) {
+    return "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\nRpc-Id: " + id + "\r\nRpc-Service: relaytest.TestService\r\nRpc-Method: " + method +
+           "\r\n\r\n" + body;
+  };
+  EXPECT_EQ(head("1", "Echo") + head("2", "Echo") + head("-1", "Echo") + head("0", "Square"),
+            server.bytes);
+  EXPECT_EQ(std::vector<int>{}, completions.ran());
+  EXPECT_FALSE(canceled.Failed());
+  EXPECT_EQ("", canceled.ErrorText());
+  EXPECT_FALSE(canceled.timedWaitAbsolute(Time::fromMicroseconds(0)));  // never completed
+}
+
+TEST(RpcChannelClientTest, MalformedAnswerStreamEndsTheConnection) {
+  // The good answer is handled, then the garbage after it ends the
+  // connection: a later call is not written, and stays pending until the
+  // channel goes.
+  ScriptedServer server(
+      {"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\ngarbage\r\n\r\n"});
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+  ASSERT_TRUE(channel);
+  Text request, first_response, second_response;
+  RPC first, second;
+  channel->CallMethod(method("Echo"), &first, &request, &first_response, nullptr);
+  ASSERT_TRUE(completes(first));
+  EXPECT_FALSE(first.Failed());
+  waitForDeferredWork();  // the shutdown follows the answer in the same callback
+  Completions completions;
+  auto done = completions.newDone(2, &second);
+  channel->CallMethod(method("Echo"), &second, &request, &second_response, done.get());
+  waitForDeferredWork();  // its write has been tried
+  EXPECT_EQ(std::vector<int>{}, completions.ran());
+  channel.reset();
+  waitForDeferredWork();
+  waitForDeferredWork();
+  EXPECT_EQ(std::vector<std::string>{"failed: Canceled"}, completions.seen());
+  server.join();
+  EXPECT_TRUE(server.saw_end);
+  EXPECT_EQ(1u, server.received.size());
+  EXPECT_EQ("", server.after_script);
+}
+
+TEST(RpcChannelClientTest, PeerEndingItsOutputAfterACompleteAnswerGetsNothingBack) {
+  // Nothing is left unparsed when the server ends its output, so the channel
+  // has no complaint to send; the connection then closes by itself.
+  ScriptedServer server({"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n"},
+                        ScriptedServer::kHalfCloseAfterScript);
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+  ASSERT_TRUE(channel);
+  Text request, response;
+  RPC rpc;
+  channel->CallMethod(method("Echo"), &rpc, &request, &response, nullptr);
+  ASSERT_TRUE(completes(rpc));
+  server.join();  // returns once the client closed, with the channel still alive
+  EXPECT_TRUE(server.saw_end);
+  EXPECT_EQ("", server.after_script);
+  channel.reset();
+  waitForDeferredWork();
+  waitForDeferredWork();
+}
+
+TEST(RpcChannelCreateTest, NoServerGivesNullAndSaysSo) {
   // Bind a port, close it, and connect there: refused.
   auto server = HttpServer::create(SocketAddress("127.0.0.1", 0), 4);
   ASSERT_TRUE(server);
   const uint16_t port = server->localAddress().port();
   server.reset();
   waitForDeferredWork();
+  std::mutex mutex;
+  std::vector<LogRecord> records;
+  setLogSink([&](const LogRecord& record) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (record.logger == "rpc") records.push_back(record);
+  });
   EXPECT_FALSE(RPCChannel::create(SocketAddress("127.0.0.1", port)));
+  setLogSink(nullptr);
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ(2, records[0].level);
+  EXPECT_EQ("relay/rpc", records[0].file);
+  EXPECT_EQ(381, records[0].line);
+  EXPECT_EQ(
+      "static vantu::relay::RPCChannelPtr vantu::relay::RPCChannel::create(const "
+      "vantu::SocketAddress&)",
+      records[0].function);
+  EXPECT_EQ("Failed to create a TCP socket.", records[0].text);
 }
 
 }  // namespace

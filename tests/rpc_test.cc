@@ -1,14 +1,67 @@
 #include "relay/rpc.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "common/logging.h"
 
 namespace vantu {
+namespace {
+
+// This program's clock. Defining Time::now() here puts it in the place of the
+// library's for every caller, the library included (its calls are bound to the
+// executable's definition). It reads the real monotonic clock unless a
+// ScriptedClock gives the readings.
+std::mutex clock_mutex;
+std::vector<uint64_t>* clock_script = nullptr;  // readings to give; the last repeats
+int clock_reads = 0;
+
+class ScriptedClock {
+ public:
+  explicit ScriptedClock(std::vector<uint64_t> readings) : readings_(std::move(readings)) {
+    std::lock_guard<std::mutex> lock(clock_mutex);
+    clock_script = &readings_;
+    clock_reads = 0;
+  }
+  ~ScriptedClock() {
+    std::lock_guard<std::mutex> lock(clock_mutex);
+    clock_script = nullptr;
+  }
+  ScriptedClock(const ScriptedClock&) = delete;
+  ScriptedClock& operator=(const ScriptedClock&) = delete;
+
+  int reads() const {
+    std::lock_guard<std::mutex> lock(clock_mutex);
+    return clock_reads;
+  }
+
+ private:
+  std::vector<uint64_t> readings_;
+};
+
+}  // namespace
+
+Time Time::now() {
+  {
+    std::lock_guard<std::mutex> lock(clock_mutex);
+    if (clock_script != nullptr) {
+      ++clock_reads;
+      const uint64_t reading = clock_script->front();
+      if (clock_script->size() > 1) clock_script->erase(clock_script->begin());
+      return Time::fromMicroseconds(reading);
+    }
+  }
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return Time::fromMicroseconds(static_cast<uint64_t>(ts.tv_sec) * 1000000 +
+                                static_cast<uint64_t>(ts.tv_nsec) / 1000);
+}
+
 namespace relay {
 namespace {
 
@@ -47,6 +100,17 @@ TEST(RPCTest, CompletionTestedBeforeTheClock) {
   EXPECT_TRUE(rpc.Failed());
   rpc.SetFailed("y");
   EXPECT_EQ("y", rpc.ErrorText());
+}
+
+TEST(RPCTest, DeadlineAtTheCurrentTimeCancelsAtOnce) {
+  // A deadline equal to the clock's reading has passed: one look at the clock,
+  // no wait for it to move on.
+  ScriptedClock clock({1000, 1001});
+  RPC rpc;
+  EXPECT_FALSE(rpc.timedWaitAbsolute(Time::fromMicroseconds(1000)));
+  EXPECT_EQ(1, clock.reads());
+  EXPECT_TRUE(rpc.IsCanceled());
+  EXPECT_FALSE(rpc.Failed());  // no channel here to complete it
 }
 
 TEST(RPCTest, SetFailedWakesAWaiterOnAnotherThread) {
