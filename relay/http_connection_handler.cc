@@ -57,7 +57,10 @@ HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
 HttpConnectionHandler::~HttpConnectionHandler() {
   // Connections leave the registry when they close; one that never got as
   // far leaves here.
-  if (registered_) impl_->connections().remove(this);
+  if (registered_) {
+    impl_->connections().remove(this);
+    if (HttpServerObserver* observer = impl_->observer()) observer->connectionClosed();
+  }
   weak_this_.reset();
   impl_.reset();
 }
@@ -69,8 +72,11 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
   response->outputHeader(&header);
   SendGuard guard(*this);
   send(header);
-  if (strict && to_head_request) return;
-  send(std::string(response->content.begin(), response->content.end()));
+  const bool with_content = !(strict && to_head_request);
+  if (with_content) send(std::string(response->content.begin(), response->content.end()));
+  if (HttpServerObserver* observer = impl_->observer()) {
+    observer->bytesSent(header.size() + (with_content ? response->content.size() : 0));
+  }
 }
 
 void HttpConnectionHandler::notifyIncomingData(std::string* data) {
@@ -81,6 +87,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     data->clear();
     return;
   }
+  if (HttpServerObserver* observer = impl->observer()) observer->bytesReceived(data->size());
   std::vector<HttpRequestPtr> requests;
   const bool parsed =
       strict_parser_ ? strict_parser_->parse(*data, &requests) : parser_.parse(*data, &requests);
@@ -119,6 +126,7 @@ void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close) 
     answer.headers.erase("Connection");
   }
   sendAnswer(&answer, false);
+  if (HttpServerObserver* observer = impl_->observer()) observer->requestRefused(status, close);
   if (close) closeAfterAnswers();
 }
 
@@ -201,6 +209,7 @@ void HttpConnectionHandler::notifyClosed() {
   if (!registered_) return;
   registered_ = false;
   impl_->connections().remove(this);
+  if (HttpServerObserver* observer = impl_->observer()) observer->connectionClosed();
 }
 
 }  // namespace relay

@@ -118,6 +118,12 @@ HttpServerImpl::HttpServerImpl()
           "", google::protobuf::DescriptorPool::generated_pool())),
       connections_(new ConnectionRegistry(Duration())) {}
 
+void HttpServerImpl::setObserver(std::shared_ptr<HttpServerObserver> observer) {
+  MutexLock lock(mutex_);
+  observer_.store(observer.get(), std::memory_order_release);
+  if (observer) observers_.push_back(std::move(observer));
+}
+
 void HttpServerImpl::configure(const HttpServerOptions& options) {
   options_ = options;
   // Deadlines are checked a few times within the shortest timeout, at most
@@ -166,16 +172,22 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
       }
     }
   }
+  HttpServerObserver* observer = this->observer();
   if (matched) {
     VANTU_LOG(5, kLogger, kSourceFile)
         << "Regexp " << matched->pattern_ << " matches URL " << subject;
+    const Time started = observer != nullptr ? Time::now() : Time();
     matched->callback_(request, response);
     sendResponse(connection, response, request->method == kHttpHead);
+    if (observer != nullptr) {
+      observer->requestAnswered(matched->pattern_, response->status_code, Time::now() - started);
+    }
     return;
   }
   VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
   response->status_code = HttpResponse::kNotFound;
   sendResponse(connection, response, request->method == kHttpHead);
+  if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});
 }
 
 void HttpServerImpl::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {
@@ -204,19 +216,27 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   VANTU_LOG(5, kLogger, kSourceFile)
       << "This is a RPC!!! " << service_name << " " << method_name << " " << id;
 
+  HttpServerObserver* observer = this->observer();
+  const Time started = observer != nullptr ? Time::now() : Time();
+  auto refuseCall = [&](const char* error_text, HttpServerObserver::RpcOutcome outcome) {
+    sendRPCError(connection, response, id, error_text);
+    if (observer != nullptr) {
+      observer->rpcFinished(service_name, method_name, outcome, Time::now() - started);
+    }
+  };
   std::shared_ptr<google::protobuf::Service> service;
   {
     MutexLock lock(mutex_);
     service = findPtrOrNull(services_, service_name);
   }
   if (!service) {
-    sendRPCError(connection, response, id, "Service not found.");
+    refuseCall("Service not found.", HttpServerObserver::RpcOutcome::kServiceNotFound);
     return;
   }
   const google::protobuf::MethodDescriptor* method =
       service->GetDescriptor()->FindMethodByName(method_name);
   if (method == nullptr) {
-    sendRPCError(connection, response, id, "Method not found.");
+    refuseCall("Method not found.", HttpServerObserver::RpcOutcome::kMethodNotFound);
     return;
   }
 
@@ -239,13 +259,15 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     decoded = info->request->ParseFromString(request->body);
   }
   if (!decoded) {
-    sendRPCError(connection, response, id, "Can't parse request.");
+    refuseCall("Can't parse request.", HttpServerObserver::RpcOutcome::kBadRequest);
     return;
   }
   info->controller.reset(new RPC);
   info->http_response = response;
   info->id = id;
   info->connection = connection;
+  info->method = method;
+  info->started = started;
   VANTU_LOG(6, kLogger, kSourceFile) << "Calling method. Request=" << info->request->DebugString();
 
   // One-shot and weak on this object: a completion that comes after the server
@@ -264,7 +286,17 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
 
 void HttpServerImpl::RPCDone(RPCInfo* info) {
   std::unique_ptr<RPCInfo> owned(info);
-  if (info->controller->Failed()) {
+  const bool failed = info->controller->Failed();
+  if (HttpServerObserver* observer = this->observer()) {
+    // An observer set during the call finds no start time: the call counts,
+    // its latency as zero.
+    const Duration latency = info->started == Time() ? Duration() : Time::now() - info->started;
+    observer->rpcFinished(
+        info->method->service()->full_name(), info->method->name(),
+        failed ? HttpServerObserver::RpcOutcome::kFailed : HttpServerObserver::RpcOutcome::kOk,
+        latency);
+  }
+  if (failed) {
     sendRPCError(info->connection, info->http_response, info->id, info->controller->ErrorText());
     return;
   }
@@ -352,6 +384,10 @@ std::vector<const google::protobuf::ServiceDescriptor*> HttpServer::serviceDescr
   return impl_->serviceDescriptors();
 }
 
+void HttpServer::setObserver(std::shared_ptr<HttpServerObserver> observer) {
+  impl_->setObserver(std::move(observer));
+}
+
 std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
                                                           char_stream::PullStreamTraits>>
 HttpServer::newConnection() {
@@ -362,6 +398,7 @@ HttpServer::newConnection() {
   handler->weak_this_ = handler;
   impl_->connections().add(handler.get());
   handler->registered_ = true;
+  if (HttpServerObserver* observer = impl_->observer()) observer->connectionOpened();
   handler->updateDeadline();
   return handler;
 }

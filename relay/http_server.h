@@ -4,6 +4,7 @@
 #include <google/protobuf/service.h>
 #include <google/protobuf/util/json_util.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "relay/connection_registry.h"
 #include "relay/http_message.h"
 #include "relay/http_request_parser.h"
+#include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
 #include "relay/strict_framing.h"
 
@@ -71,6 +73,10 @@ class HttpServerImpl {
     // The call was started: its connection is owed an answer until the record
     // is freed (answered or not).
     bool owes_answer = false;
+    // For the observer, when there is one: the method, and when its request
+    // was read.
+    const google::protobuf::MethodDescriptor* method = nullptr;
+    Time started;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread
@@ -108,6 +114,12 @@ class HttpServerImpl {
   // ownership of `info`. Runs on the thread that completed the call.
   void RPCDone(RPCInfo* info);
 
+  // Replaces the observer (null for none); the one replaced is kept alive
+  // until this object dies, as calls to it may still be under way. Any thread.
+  void setObserver(std::shared_ptr<HttpServerObserver> observer);
+  // The observer, or null. Any thread.
+  HttpServerObserver* observer() const { return observer_.load(std::memory_order_acquire); }
+
   // Takes the options of a server being made, before it listens.
   void configure(const HttpServerOptions& options);
   // Constant once the server listens.
@@ -125,6 +137,8 @@ class HttpServerImpl {
   std::vector<std::shared_ptr<Handler>> handlers_ VANTU_GUARDED_BY(mutex_);
   std::map<std::string, std::shared_ptr<google::protobuf::Service>> services_
       VANTU_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<HttpServerObserver>> observers_ VANTU_GUARDED_BY(mutex_);
+  std::atomic<HttpServerObserver*> observer_{nullptr};
 
   // Constant after construction.
   std::unique_ptr<google::protobuf::util::TypeResolver> type_resolver_;
@@ -161,6 +175,9 @@ class HttpServer : public TcpServer {
   void registerRPCService(const std::shared_ptr<google::protobuf::Service>& service);
   // The descriptors of the services registered now, in name order.
   std::vector<const google::protobuf::ServiceDescriptor*> serviceDescriptors() const;
+  // Tells `observer` what the server does from now on (null: nobody); see
+  // relay/http_server_observer.h. Any thread.
+  void setObserver(std::shared_ptr<HttpServerObserver> observer);
 
   // Ends the server's service gracefully: stops accepting, closes the
   // connections with nothing in flight, lets the requests and RPCs already

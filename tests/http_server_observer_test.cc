@@ -1,0 +1,142 @@
+// What a server tells its observer.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "common/event_thread.h"
+#include "common/mutex.h"
+#include "relay/http_server.h"
+#include "test_services.pb.h"
+#include "tests/loopback_client.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using Outcome = HttpServerObserver::RpcOutcome;
+
+class RecordingObserver : public HttpServerObserver {
+ public:
+  void connectionOpened() override { bump("opened"); }
+  void connectionClosed() override { bump("closed"); }
+  void bytesReceived(size_t bytes) override { add("received", bytes); }
+  void bytesSent(size_t bytes) override { add("sent", bytes); }
+  void requestAnswered(const std::string& pattern, int status, Duration time) override {
+    EXPECT_TRUE(isEventThread());
+    EXPECT_GE(time, Duration());
+    bump("answered " + pattern + " " + std::to_string(status));
+  }
+  void rpcFinished(const std::string& service, const std::string& method, Outcome outcome,
+                   Duration latency) override {
+    EXPECT_GE(latency, Duration());
+    bump("rpc " + service + "." + method + " " + std::to_string(static_cast<int>(outcome)));
+  }
+  void requestRefused(int status, bool by_limit) override {
+    bump("refused " + std::to_string(status) + (by_limit ? " limit" : ""));
+  }
+  std::map<std::string, size_t> counts() {
+    MutexLock lock(mutex_);
+    return counts_;
+  }
+
+ private:
+  void bump(const std::string& what) { add(what, 1); }
+  void add(const std::string& what, size_t n) {
+    MutexLock lock(mutex_);
+    counts_[what] += n;
+  }
+  Mutex mutex_;
+  std::map<std::string, size_t> counts_;
+};
+
+class EchoOrFail : public relaytest::TestService {
+ public:
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    response->set_text(request->text());
+    done->Run();
+  }
+  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
+            relaytest::Text*, google::protobuf::Closure* done) override {
+    controller->SetFailed(request->text());
+    done->Run();
+  }
+};
+
+std::string call(const std::string& service, const std::string& method, const std::string& body) {
+  return "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nRpc-Service: " + service + "\r\nRpc-Method: " + method + "\r\n\r\n" + body;
+}
+
+TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
+  HttpServerOptions options;
+  options.max_body_bytes = 100;
+  std::shared_ptr<HttpServer> server =
+      HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
+  ASSERT_TRUE(server);
+  server->registerHandler(
+      "/a.*", [](const HttpRequestPtr&, const HttpResponsePtr& r) { r->content.assign(3, 'x'); });
+  server->registerRPCService(std::make_shared<EchoOrFail>());
+  auto observer = std::make_shared<RecordingObserver>();
+  server->setObserver(observer);
+
+  relaytest::Text text;
+  text.set_text("t");
+  const std::string sent =
+      "GET /abc HTTP/1.1\r\nHost: h\r\n\r\n" + std::string("GET /zzz HTTP/1.1\r\nHost: h\r\n\r\n") +
+      call("relaytest.TestService", "Echo", text.SerializeAsString()) +
+      call("relaytest.TestService", "Fail", text.SerializeAsString()) +
+      call("relaytest.TestService", "Nope", "") + call("nobody.Service", "Echo", "") +
+      call("relaytest.TestService", "Echo", "\xff") + "bad line\r\n";
+  std::string received;
+  {
+    vantu::testing::LoopbackClient client(server->localAddress().port());
+    client.write(sent);
+    client.shutdownWrite();
+    received = client.readToEnd();
+  }
+  // A limit's refusal, on a connection of its own.
+  const std::string too_large = "POST /a HTTP/1.1\r\nContent-Length: 101\r\n\r\n";
+  std::string refused;
+  {
+    vantu::testing::LoopbackClient client(server->localAddress().port());
+    client.write(too_large);
+    refused = client.readToEnd();
+  }
+  server.reset();
+  waitForDeferredWork();
+  std::map<std::string, size_t> counts = observer->counts();
+  const int service_not_found = static_cast<int>(Outcome::kServiceNotFound);
+  const std::map<std::string, size_t> events = {
+      {"opened", 2},
+      {"closed", 2},
+      {"answered /a.* 200", 1},
+      {"answered  404", 1},
+      {"rpc relaytest.TestService.Echo " + std::to_string(static_cast<int>(Outcome::kOk)), 1},
+      {"rpc relaytest.TestService.Fail " + std::to_string(static_cast<int>(Outcome::kFailed)), 1},
+      {"rpc relaytest.TestService.Nope " +
+           std::to_string(static_cast<int>(Outcome::kMethodNotFound)),
+       1},
+      {"rpc nobody.Service.Echo " + std::to_string(service_not_found), 1},
+      {"rpc relaytest.TestService.Echo " + std::to_string(static_cast<int>(Outcome::kBadRequest)),
+       1},
+      {"refused 400", 1},
+      {"refused 413 limit", 1},
+  };
+  for (const auto& event : events) {
+    EXPECT_EQ(event.second, counts[event.first]) << event.first;
+    counts.erase(event.first);
+  }
+  EXPECT_EQ(sent.size() + too_large.size(), counts["received"]);
+  counts.erase("received");
+  EXPECT_EQ(received.size() + refused.size(), counts["sent"]);
+  EXPECT_EQ(0u, refused.find("HTTP/1.1 413 "));
+  counts.erase("sent");
+  EXPECT_TRUE(counts.empty()) << counts.begin()->first;
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
