@@ -1,4 +1,6 @@
 // HttpConnectionHandler: one accepted connection of an HttpServer.
+#include <malloc.h>
+
 #include <ctime>
 #include <string>
 #include <vector>
@@ -34,6 +36,24 @@ const std::string& httpDate() {
     last = now;
   }
   return text;
+}
+
+// Once freed, a large request's memory tends to stay with the allocator:
+// a million headers (or split query pairs) leave as many small blocks, and
+// after freeing one big block glibc raises its thresholds so that the next
+// big ones come from, and stay in, the heap. Such requests give their memory
+// back to the system once they are gone.
+bool isLarge(const HttpRequest& request) {
+  constexpr size_t kManyBlocks = 16384;
+  constexpr size_t kManyBytes = 1 << 20;
+  return request.headers.size() + request.query_components.splitCount() > kManyBlocks ||
+         request.uri.size() + request.body.size() > kManyBytes;
+}
+
+void releaseFreeMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 RequestLimits limitsOf(const HttpServerOptions& options) {
@@ -93,13 +113,17 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       strict_parser_ ? strict_parser_->parse(*data, &requests) : parser_.parse(*data, &requests);
   data->clear();
   const bool last_ends_connection = strict_parser_ && parsed && strict_parser_->closing();
+  bool large = false;
   for (size_t i = 0; i < requests.size(); ++i) {
     HttpResponsePtr response = std::make_shared<HttpResponse>();
     if (last_ends_connection && i + 1 == requests.size()) {
       response->setHeader("Connection", "close");
     }
     impl->callRequestHandler(requests[i], response, weak_this_);
+    large = large || isLarge(*requests[i]);
   }
+  requests.clear();
+  if (large) releaseFreeMemory();
   if (!parsed) {
     if (strict_parser_) {
       refuse(strict_parser_->errorStatus(), true);

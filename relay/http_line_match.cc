@@ -18,6 +18,17 @@ inline bool noLineFeed(const char* data, size_t size) {
 }  // namespace
 
 bool matchRequestLine(const std::string& line, std::string* method, std::string* target) {
+  size_t method_length;
+  size_t target_begin;
+  size_t target_length;
+  if (!matchRequestLineAt(line, &method_length, &target_begin, &target_length)) return false;
+  method->assign(line, 0, method_length);
+  target->assign(line, target_begin, target_length);
+  return true;
+}
+
+bool matchRequestLineAt(const std::string& line, size_t* method_length, size_t* target_begin,
+                        size_t* target_length) {
   const char* data = line.data();
   const size_t size = line.size();
   // The method: capital letters up to the first blank.
@@ -37,8 +48,9 @@ bool matchRequestLine(const std::string& line, std::string* method, std::string*
       (version[7] != '0' && version[7] != '1')) {
     return false;
   }
-  method->assign(data, method_end);
-  target->assign(data + target_start, target_end - target_start);
+  *method_length = method_end;
+  *target_begin = target_start;
+  *target_length = target_end - target_start;
   return true;
 }
 

@@ -15,6 +15,9 @@ namespace relay {
 
 // "([A-Z]*) ([^ ]*) HTTP/1.[0-1]"
 bool matchRequestLine(const std::string& line, std::string* method, std::string* target);
+// The same match, giving where the two captures lie instead of copies.
+bool matchRequestLineAt(const std::string& line, size_t* method_length, size_t* target_begin,
+                        size_t* target_length);
 
 // "HTTP/1.[0-9] ([0-9]*) (.*)" with the code captured into an int (no digits, or
 // a value that does not fit an int, is no match).

@@ -109,6 +109,10 @@ class QueryComponents {
     map_.clear();
   }
 
+  // How many pairs were split so far (0 while none was looked at); does not
+  // split them.
+  size_type splitCount() const { return source_ ? 0 : map_.size(); }
+
   bool operator==(const QueryComponents& other) const { return map() == other.map(); }
   bool operator!=(const QueryComponents& other) const { return !(*this == other); }
 

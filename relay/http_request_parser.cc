@@ -14,6 +14,8 @@ namespace relay {
 namespace {
 
 constexpr char kLogger[] = "http_request_parser";
+// Lines longer than this do not keep their buffer's memory once handled.
+constexpr size_t kLongLine = 4096;
 constexpr char kSourceFile[] = "relay/http_request_parser";
 
 // Finds line ends in one chunk with memchr, remembering the next CR and the
@@ -194,8 +196,7 @@ bool HttpMessageParser::processLine(const char* data, size_t length) {
   }
   // An exceptionally long line must not pin its memory for the life of the
   // connection.
-  constexpr size_t kCapacityKept = 4096;
-  if (buffer_.capacity() > kCapacityKept) {
+  if (buffer_.capacity() > kLongLine) {
     std::string().swap(buffer_);
   } else {
     buffer_.clear();
@@ -240,10 +241,24 @@ bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPt
 HttpMessage* HttpRequestParser::createNewMessage() { return new HttpRequest; }
 
 bool HttpRequestParser::processInitialLine(const std::string& line) {
-  std::string method_name;
+  size_t method_length;
+  size_t target_begin;
+  size_t target_length;
+  if (!matchRequestLineAt(line, &method_length, &target_begin, &target_length)) return false;
   HttpRequest* request = this->request();
-  if (!matchRequestLine(line, &method_name, &request->uri)) return false;
+  const std::string method_name = line.substr(0, method_length);
   request->minor_version = line.back() - '0';
+  if (&line == &buffer_ && line.size() > kLongLine) {
+    // A long line's buffer becomes the uri instead of being copied: a 64 MB
+    // target costs 64 MB, not twice that.
+    std::string uri;
+    uri.swap(buffer_);
+    uri.erase(target_begin + target_length);
+    uri.erase(0, target_begin);
+    request->uri = std::move(uri);
+  } else {
+    request->uri.assign(line, target_begin, target_length);
+  }
   request->method = httpMethodFromName(method_name);
   if (request->method == kHttpUnknown) {
     VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << method_name;

@@ -6,6 +6,7 @@
 #include <pcrecpp.h>
 
 #include <cstdlib>
+#include <string_view>
 
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
@@ -158,10 +159,13 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   }
   VANTU_LOG(5, kLogger, kSourceFile) << "This is a standard HTTP request";
 
+  // The path is matched where it lies in the URL's text, not copied: a 64 MB
+  // path must not cost another 64 MB here.
   const url_parse::Component path = request->url.parsed_for_possibly_invalid_spec().path;
-  const std::string subject =
-      path.len > 0 ? request->url.possibly_invalid_spec().substr(path.begin, path.len)
-                   : std::string();
+  const pcrecpp::StringPiece subject =
+      path.len > 0
+          ? pcrecpp::StringPiece(request->url.possibly_invalid_spec().data() + path.begin, path.len)
+          : pcrecpp::StringPiece();
   std::shared_ptr<Handler> matched;
   {
     MutexLock lock(mutex_);
@@ -174,8 +178,8 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   }
   HttpServerObserver* observer = this->observer();
   if (matched) {
-    VANTU_LOG(5, kLogger, kSourceFile)
-        << "Regexp " << matched->pattern_ << " matches URL " << subject;
+    VANTU_LOG(5, kLogger, kSourceFile) << "Regexp " << matched->pattern_ << " matches URL "
+                                       << std::string_view(subject.data(), subject.size());
     const Time started = observer != nullptr ? Time::now() : Time();
     matched->callback_(request, response);
     sendResponse(connection, response, request->method == kHttpHead);
@@ -184,7 +188,8 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
     }
     return;
   }
-  VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
+  VANTU_LOG(2, kLogger, kSourceFile)
+      << "No handler found for " << std::string_view(subject.data(), subject.size());
   response->status_code = HttpResponse::kNotFound;
   sendResponse(connection, response, request->method == kHttpHead);
   if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});

@@ -96,33 +96,60 @@ inline bool isHex(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
+// What a byte is to escapeRange: kPlain bytes stand as they are; the others
+// need a closer look.
+enum ByteClass : unsigned char { kPlain, kNeverAllowed, kPercent, kBracket };
+
 // Bytes that may stand nowhere in a URI: controls, blank, non-ASCII and
 // " < > \ ^ ` { | }. Browsers and HTTP clients send them anyway.
-inline bool neverAllowed(unsigned char c) {
-  return c <= 0x20 || c >= 0x7f || c == '"' || c == '<' || c == '>' || c == '\\' || c == '^' ||
-         c == '`' || c == '{' || c == '|' || c == '}';
-}
+struct ByteClasses {
+  ByteClass of[256];
+  ByteClasses() {
+    for (int c = 0; c < 256; ++c) {
+      const bool never = c <= 0x20 || c >= 0x7f || c == '"' || c == '<' || c == '>' || c == '\\' ||
+                         c == '^' || c == '`' || c == '{' || c == '|' || c == '}';
+      of[c] = never                    ? kNeverAllowed
+              : c == '%'               ? kPercent
+              : (c == '[' || c == ']') ? kBracket
+                                       : kPlain;
+    }
+  }
+};
+const ByteClasses kByteClasses;
 
 // Percent-escapes, from `from` on, what RFC 3986 forbids so that such URLs are
 // read as clients mean them: the bytes above, a "%" that starts no escape (as
 // "%25"), and "[" or "]" at or after `authority_end`. Returns false, writing
 // nothing, when there is nothing to escape (the common case, which then costs
-// one scan and no copy).
+// one scan of a table and no copy).
 bool escapeRange(const std::string& text, size_t from, size_t authority_end, std::string* out) {
   static const char kHex[] = "0123456789ABCDEF";
-  auto needsEscape = [&text, authority_end](size_t i) {
-    const unsigned char c = text[i];
-    if (neverAllowed(c)) return true;
-    if (c == '%') return !(i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2]));
-    return (c == '[' || c == ']') && i >= authority_end;
+  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const size_t size = text.size();
+  auto needsEscape = [bytes, size, authority_end](size_t i) {
+    switch (kByteClasses.of[bytes[i]]) {
+      case kPlain:
+        return false;
+      case kNeverAllowed:
+        return true;
+      case kPercent:
+        return !(i + 2 < size && isHex(bytes[i + 1]) && isHex(bytes[i + 2]));
+      case kBracket:
+        return i >= authority_end;
+    }
+    return false;
   };
   size_t first = from;
-  while (first < text.size() && !needsEscape(first)) ++first;
-  if (first == text.size()) return false;
-  out->reserve(text.size() + 16);
+  for (;;) {
+    while (first < size && kByteClasses.of[bytes[first]] == kPlain) ++first;
+    if (first == size) return false;
+    if (needsEscape(first)) break;
+    ++first;
+  }
+  out->reserve(size + 16);
   out->assign(text, 0, first);
-  for (size_t i = first; i < text.size(); ++i) {
-    const unsigned char c = text[i];
+  for (size_t i = first; i < size; ++i) {
+    const unsigned char c = bytes[i];
     if (needsEscape(i)) {
       out->push_back('%');
       out->push_back(kHex[c >> 4]);
