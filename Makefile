@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 BUILD := build
 PREFIX ?= /usr/local
 
-.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check clean format mutate
+.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check package clean format mutate
 
 deps:
 	@scripts/install-deps
@@ -23,6 +23,7 @@ demo: build
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 300
 	scripts/check-install $(BUILD)
+	scripts/deploy-check $(BUILD)
 
 # ASan+UBSan over every test, then ThreadSanitizer over the threaded ones.
 sanitize: asan tsan
@@ -63,6 +64,11 @@ bench:
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# A Debian package of the library, its headers, its CMake and pkg-config files
+# and relay_call, in $(BUILD)/: `apt-get install ./$(BUILD)/libhttp-server-lib-dev_*.deb`.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 format:
 	clang-format -i $$(git ls-files '*.cc' '*.h')

@@ -19,6 +19,7 @@
 #include "common/logging.h"
 #include "demo_service.h"
 #include "relay/http_server.h"
+#include "relay/reflection.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
 
@@ -203,6 +204,7 @@ int main(int argc, char** argv) {
   }
   registerHandlers(server.get());
   server->registerRPCService(std::make_shared<demo::EchoServiceImpl>());
+  vantu::relay::registerReflectionService(server);
 
   const bool ipv6 = address.find(':') != std::string::npos;
   printf("demo_server: serving http://%s%s%s:%d/ (%s)\n", ipv6 ? "[" : "", address.c_str(),

@@ -1,11 +1,11 @@
 // A tiny application built against the installed tree: it must find the
 // headers as <relay/...> and link with the installed library alone.
+#include <common/event_thread.h>
 #include <relay/http_request_parser.h>
 #include <relay/http_server.h>
+#include <relay/reflection.h>
 #include <relay/rpc.h>
 #include <relay/url_escape.h>
-
-#include <common/event_thread.h>
 
 #include <cstdio>
 
@@ -19,6 +19,12 @@ int main() {
   if (vantu::relay::urlEscape("a b") != "a%20b") return 1;
   auto server = vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 16);
   if (!server) return 1;
+  // The reflection service's generated code ships inside the library.
+  vantu::relay::registerReflectionService(server);
+  if (server->serviceDescriptors().size() != 1 ||
+      server->serviceDescriptors()[0]->full_name() != "vantu.relay.Reflection") {
+    return 1;
+  }
   std::printf("install_app: parsed %s, listening on port %d\n", requests[0]->url.spec().c_str(),
               server->localAddress().port());
   server.reset();

@@ -1,0 +1,183 @@
+#include "relay_call_args.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace relay_call {
+
+const char kUsage[] =
+    "usage: relay_call [options] HOST:PORT list\n"
+    "       relay_call [options] HOST:PORT describe SYMBOL\n"
+    "       relay_call [options] HOST:PORT package.Service.Method JSON|-\n"
+    "\n"
+    "  list       the services the server hosts (with --proto: those the files define)\n"
+    "  describe   a service, method, message or enum in .proto syntax\n"
+    "  a method   calls it with the JSON request (\"-\" reads it from standard input)\n"
+    "             and prints the reply as JSON\n"
+    "\n"
+    "options:\n"
+    "  --proto FILE      compile FILE here for the descriptors (repeatable); without it\n"
+    "                    they come from the server's reflection service\n"
+    "  -I, --import-path DIR\n"
+    "                    where --proto files and their imports are found (repeatable;\n"
+    "                    default: the current directory)\n"
+    "  --wire binary|json  the encoding of the call (default binary)\n"
+    "  --timeout-ms N    give up after N milliseconds (default 10000)\n"
+    "  -h, --help        this text\n"
+    "\n"
+    "exit status: 0 success, 1 the call failed, 2 bad usage or unknown method\n";
+
+namespace {
+
+bool parseHostPort(const std::string& text, Options* options, std::string* error) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) {
+    *error = "expected HOST:PORT, got \"" + text + "\"";
+    return false;
+  }
+  std::string host = text.substr(0, colon);
+  if (host.front() == '[') {
+    if (host.size() < 3 || host.back() != ']') {
+      *error = "bad IPv6 address in \"" + text + "\"";
+      return false;
+    }
+    host = host.substr(1, host.size() - 2);
+  } else if (host.find(':') != std::string::npos) {
+    *error = "write an IPv6 address in brackets: [" + host + "]:PORT";
+    return false;
+  }
+  const std::string port = text.substr(colon + 1);
+  char* end = nullptr;
+  errno = 0;
+  const long value =
+      port.empty() || port[0] < '0' || port[0] > '9' ? -1 : strtol(port.c_str(), &end, 10);
+  if (value < 1 || value > 65535 || errno != 0 || *end != '\0') {
+    *error = "bad port \"" + port + "\"";
+    return false;
+  }
+  options->host = host;
+  options->port = static_cast<uint16_t>(value);
+  return true;
+}
+
+bool parseTimeout(const std::string& text, int* timeout_ms, std::string* error) {
+  char* end = nullptr;
+  errno = 0;
+  const long value =
+      text.empty() || text[0] < '0' || text[0] > '9' ? -1 : strtol(text.c_str(), &end, 10);
+  if (value < 1 || value > 86400000 || errno != 0 || *end != '\0') {
+    *error = "--timeout-ms wants milliseconds from 1 to 86400000, got \"" + text + "\"";
+    return false;
+  }
+  *timeout_ms = static_cast<int>(value);
+  return true;
+}
+
+}  // namespace
+
+bool parseArguments(const std::vector<std::string>& args, Options* options, std::string* error) {
+  std::vector<std::string> positional;
+  bool options_ended = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (options_ended || arg.size() < 2 || arg[0] != '-') {
+      positional.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_ended = true;
+      continue;
+    }
+    if (arg == "-h" || arg == "--help") {
+      options->help = true;
+      return true;
+    }
+    // The option's name and its value, from "--name=value", "-Ivalue" or the
+    // next argument.
+    std::string name = arg;
+    std::string value;
+    bool has_value = false;
+    if (arg.compare(0, 2, "--") == 0 && arg.find('=') != std::string::npos) {
+      name = arg.substr(0, arg.find('='));
+      value = arg.substr(arg.find('=') + 1);
+      has_value = true;
+    } else if (arg.compare(0, 2, "-I") == 0 && arg.size() > 2) {
+      name = "-I";
+      value = arg.substr(2);
+      has_value = true;
+    }
+    if (name != "--proto" && name != "-I" && name != "--import-path" && name != "--wire" &&
+        name != "--timeout-ms") {
+      *error = "unknown option " + name;
+      return false;
+    }
+    if (!has_value) {
+      if (i + 1 >= args.size()) {
+        *error = name + " needs a value";
+        return false;
+      }
+      value = args[++i];
+    }
+    if (name == "--proto") {
+      options->proto_files.push_back(value);
+    } else if (name == "-I" || name == "--import-path") {
+      options->import_paths.push_back(value);
+    } else if (name == "--wire") {
+      if (value == "binary") {
+        options->wire = Wire::kBinary;
+      } else if (value == "json") {
+        options->wire = Wire::kJson;
+      } else {
+        *error = "--wire is binary or json, not \"" + value + "\"";
+        return false;
+      }
+    } else if (!parseTimeout(value, &options->timeout_ms, error)) {
+      return false;
+    }
+  }
+
+  if (positional.empty()) {
+    *error = "missing HOST:PORT";
+    return false;
+  }
+  if (!parseHostPort(positional[0], options, error)) return false;
+  if (positional.size() < 2) {
+    *error = "missing what to do: list, describe SYMBOL or Service.Method JSON";
+    return false;
+  }
+  const std::string& verb = positional[1];
+  size_t wanted;
+  if (verb == "list") {
+    options->verb = Verb::kList;
+    wanted = 2;
+  } else if (verb == "describe") {
+    options->verb = Verb::kDescribe;
+    wanted = 3;
+    if (positional.size() == 2) {
+      *error = "describe needs a SYMBOL";
+      return false;
+    }
+    options->target = positional[2];
+  } else {
+    options->verb = Verb::kCall;
+    wanted = 3;
+    const size_t dot = verb.rfind('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == verb.size()) {
+      *error = "\"" + verb + "\" is not list, describe or package.Service.Method";
+      return false;
+    }
+    if (positional.size() == 2) {
+      *error = "missing the request: JSON, or - to read it from standard input";
+      return false;
+    }
+    options->target = verb;
+    options->request_json = positional[2];
+  }
+  if (positional.size() > wanted) {
+    *error = "unexpected argument \"" + positional[wanted] + "\"";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace relay_call

@@ -1,0 +1,267 @@
+#include "relay_call_client.h"
+
+#include <fcntl.h>
+#include <google/protobuf/util/json_util.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "relay/http_request_parser.h"
+
+namespace relay_call {
+namespace {
+
+// Milliseconds left before `deadline`, at least 0.
+int remainingMs(vantu::Time deadline) {
+  const vantu::Time now = vantu::Time::now();
+  if (now >= deadline) return 0;
+  return static_cast<int>((deadline - now).toMicroseconds() / 1000) + 1;
+}
+
+// RPCChannel::create connects with a blocking connect, which a host that never
+// answers can hold for minutes. It runs on a thread of its own so that the
+// deadline holds; one that comes back too late is dropped there.
+vantu::relay::RPCChannelPtr connectChannel(const vantu::SocketAddress& address,
+                                           vantu::Time deadline, bool* timed_out) {
+  struct Attempt {
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    vantu::relay::RPCChannelPtr channel;
+  };
+  auto attempt = std::make_shared<Attempt>();
+  std::thread([attempt, address] {
+    vantu::relay::RPCChannelPtr channel = vantu::relay::RPCChannel::create(address);
+    std::lock_guard<std::mutex> lock(attempt->mutex);
+    attempt->channel = std::move(channel);
+    attempt->done = true;
+    attempt->finished.notify_all();
+  }).detach();
+  std::unique_lock<std::mutex> lock(attempt->mutex);
+  *timed_out = !attempt->finished.wait_for(lock, std::chrono::milliseconds(remainingMs(deadline)),
+                                           [&attempt] { return attempt->done; });
+  return *timed_out ? nullptr : std::move(attempt->channel);
+}
+
+// A plain blocking socket connected to `address` before the deadline, or -1
+// with the reason.
+int connectSocket(const vantu::SocketAddress& address, vantu::Time deadline, std::string* error) {
+  const int fd = ::socket(address.sockaddr()->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    *error = std::string("socket: ") + strerror(errno);
+    return -1;
+  }
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  int result = ::connect(fd, address.sockaddr(), address.length());
+  if (result != 0 && errno == EINPROGRESS) {
+    pollfd waiting{fd, POLLOUT, 0};
+    do {
+      result = poll(&waiting, 1, remainingMs(deadline));
+    } while (result < 0 && errno == EINTR);
+    if (result == 0) {
+      ::close(fd);
+      *error = "timeout";
+      return -1;
+    }
+    int so_error = 0;
+    socklen_t length = sizeof(so_error);
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &so_error, &length);
+    errno = so_error;
+    result = so_error == 0 ? 0 : -1;
+  }
+  if (result != 0) {
+    *error = "cannot connect to " + address.toString() + ": " + strerror(errno);
+    ::close(fd);
+    return -1;
+  }
+  fcntl(fd, F_SETFL, flags);
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+  return fd;
+}
+
+// Closes the socket when the call is over, whichever way it ends.
+class FdCloser {
+ public:
+  explicit FdCloser(int fd) : fd_(fd) {}
+  ~FdCloser() { ::close(fd_); }
+  FdCloser(const FdCloser&) = delete;
+  FdCloser& operator=(const FdCloser&) = delete;
+
+ private:
+  const int fd_;
+};
+
+std::string headerOr(const vantu::relay::HttpResponse& response, const std::string& name) {
+  auto it = response.headers.find(name);
+  return it == response.headers.end() ? std::string() : it->second;
+}
+
+}  // namespace
+
+Caller::Caller(std::string host, uint16_t port, int timeout_ms)
+    : host_(std::move(host)),
+      port_(port),
+      timeout_ms_(timeout_ms),
+      deadline_(vantu::Time::now() + vantu::Duration::milliseconds(timeout_ms)) {}
+
+Caller::~Caller() {
+  // The channel dies on the event thread; wait for it, so that nothing of it
+  // is left running when the process exits.
+  channel_.reset();
+  vantu::waitForDeferredWork();
+}
+
+ExitCode Caller::call(Wire wire, const google::protobuf::MethodDescriptor& method,
+                      const google::protobuf::Message& request, google::protobuf::Message* response,
+                      std::string* error) {
+  if (!resolve(error)) return kExitCallFailed;
+  return wire == Wire::kJson ? callJson(method, request, response, error)
+                             : callBinary(method, request, response, error);
+}
+
+bool Caller::resolve(std::string* error) {
+  if (address_.isValid()) return true;
+  address_ = vantu::SocketAddress(host_, port_);
+  if (address_.isValid()) return true;
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int result = getaddrinfo(host_.c_str(), nullptr, &hints, &found);
+  if (result != 0 || found == nullptr) {
+    *error = "cannot resolve " + host_ + ": " + gai_strerror(result);
+    return false;
+  }
+  vantu::SocketAddress first =
+      vantu::SocketAddress::fromSockaddr(found->ai_addr, found->ai_addrlen);
+  freeaddrinfo(found);
+  address_ = vantu::SocketAddress(first.ip(), port_);
+  if (!address_.isValid()) {
+    *error = "cannot resolve " + host_ + " to an IP address";
+    return false;
+  }
+  return true;
+}
+
+std::string Caller::timeoutText() const {
+  return "no answer within " + std::to_string(timeout_ms_) + " ms";
+}
+
+ExitCode Caller::callBinary(const google::protobuf::MethodDescriptor& method,
+                            const google::protobuf::Message& request,
+                            google::protobuf::Message* response, std::string* error) {
+  if (!channel_) {
+    bool timed_out = false;
+    channel_ = connectChannel(address_, deadline_, &timed_out);
+    if (!channel_) {
+      *error = timed_out ? timeoutText() : "cannot connect to " + address_.toString();
+      return kExitCallFailed;
+    }
+  }
+  vantu::relay::RPC controller;
+  channel_->CallMethod(&method, &controller, &request, response, nullptr);
+  if (!controller.timedWaitAbsolute(deadline_)) {
+    *error = timeoutText();
+    return kExitCallFailed;
+  }
+  if (controller.Failed()) {
+    *error = controller.ErrorText().empty() ? "the call failed" : controller.ErrorText();
+    return kExitCallFailed;
+  }
+  return kExitOk;
+}
+
+ExitCode Caller::callJson(const google::protobuf::MethodDescriptor& method,
+                          const google::protobuf::Message& request,
+                          google::protobuf::Message* response, std::string* error) {
+  std::string body;
+  if (!google::protobuf::util::MessageToJsonString(request, &body).ok()) {
+    *error = "cannot write the request as JSON";
+    return kExitCallFailed;
+  }
+  const bool ipv6 = address_.isIPv6() && host_.find(':') != std::string::npos;
+  const std::string host_header =
+      (ipv6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(static_cast<int>(port_));
+  const uint32_t id = ++next_json_id_;
+  const std::string head =
+      "POST / HTTP/1.1\r\nHost: " + host_header + "\r\nContent-Type: application/json\r\n" +
+      "Content-Length: " + std::to_string(body.size()) + "\r\n" +
+      vantu::relay::RPCChannel::kHeaderId + ": " + std::to_string(id) + "\r\n" +
+      vantu::relay::RPCChannel::kHeaderService + ": " + method.service()->full_name() + "\r\n" +
+      vantu::relay::RPCChannel::kHeaderMethod + ": " + method.name() + "\r\n\r\n";
+
+  const int fd = connectSocket(address_, deadline_, error);
+  if (fd < 0) {
+    if (*error == "timeout") *error = timeoutText();
+    return kExitCallFailed;
+  }
+  FdCloser closer(fd);
+  const std::string bytes = head + body;
+  for (size_t sent = 0; sent < bytes.size();) {
+    const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = std::string("sending the request: ") + strerror(errno);
+      return kExitCallFailed;
+    }
+    sent += n;
+  }
+
+  vantu::relay::HttpResponseParser parser;
+  std::vector<vantu::relay::HttpResponsePtr> responses;
+  while (responses.empty()) {
+    pollfd readable{fd, POLLIN, 0};
+    const int ready = poll(&readable, 1, remainingMs(deadline_));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      *error = timeoutText();
+      return kExitCallFailed;
+    }
+    char buffer[65536];
+    const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = "the connection closed before the answer came";
+      return kExitCallFailed;
+    }
+    if (!parser.parse(std::string(buffer, n), &responses) && responses.empty()) {
+      *error = "the answer is not HTTP";
+      return kExitCallFailed;
+    }
+  }
+
+  const vantu::relay::HttpResponse& answer = *responses.front();
+  if (answer.status_code != 200) {
+    *error =
+        "HTTP " + std::to_string(static_cast<int>(answer.status_code)) + " " + answer.status_string;
+    return kExitCallFailed;
+  }
+  if (strtol(headerOr(answer, vantu::relay::RPCChannel::kHeaderFailed).c_str(), nullptr, 10) != 0) {
+    const std::string text = headerOr(answer, vantu::relay::RPCChannel::kHeaderError);
+    *error = text.empty() ? "the call failed" : text;
+    return kExitCallFailed;
+  }
+  const auto status = google::protobuf::util::JsonStringToMessage(answer.body, response);
+  if (!status.ok()) {
+    *error = "Can't parse response. (" + std::string(status.message()) + ")";
+    return kExitCallFailed;
+  }
+  return kExitOk;
+}
+
+}  // namespace relay_call

@@ -1,0 +1,293 @@
+// relay_call end to end: the real binary, run as a process of its own, against
+// servers in this process. calc.Calculator exists only as .proto files that
+// this test compiles at run time, and relaytest.TestService only in this
+// test's generated code: relay_call is built with neither.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "relay/http_server.h"
+#include "relay/reflection.h"
+#include "test_services.pb.h"
+#include "tests/calc_service.h"
+
+extern char** environ;
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using vantu::testing::CalcService;
+
+// Echo answers at once; Hold keeps its call until the test ends.
+class TestServiceImpl : public relaytest::TestService {
+ public:
+  ~TestServiceImpl() override {
+    for (google::protobuf::Closure* done : held_) done->Run();
+  }
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    response->set_text(request->text());
+    done->Run();
+  }
+  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text*,
+            google::protobuf::Closure* done) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.push_back(done);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<google::protobuf::Closure*> held_;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct Outcome {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs relay_call with `args` and `input` on its standard input.
+Outcome runRelayCall(const std::vector<std::string>& args, const std::string& input) {
+  Outcome run;
+  char dir[] = "/tmp/relay_call_test.XXXXXX";
+  if (mkdtemp(dir) == nullptr) {
+    ADD_FAILURE() << "mkdtemp: " << strerror(errno);
+    return run;
+  }
+  const std::string in = std::string(dir) + "/in", out = std::string(dir) + "/out",
+                    err = std::string(dir) + "/err";
+  std::ofstream(in, std::ios::binary) << input;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(RELAY_CALL_PATH));
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid;
+  const int spawned = posix_spawn(&pid, RELAY_CALL_PATH, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    ADD_FAILURE() << "cannot run " << RELAY_CALL_PATH << ": " << strerror(spawned);
+  } else {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.out = readFile(out);
+    run.err = readFile(err);
+  }
+  unlink(in.c_str());
+  unlink(out.c_str());
+  unlink(err.c_str());
+  rmdir(dir);
+  return run;
+}
+
+class RelayCallTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    calc_ = new std::shared_ptr<CalcService>(CalcService::load());
+    ASSERT_TRUE(*calc_);
+    const std::shared_ptr<CalcService>& calc = *calc_;
+    // With reflection: the calculator, the test service and reflection itself.
+    with_reflection_ =
+        new std::shared_ptr<HttpServer>(HttpServer::create(SocketAddress("127.0.0.1", 0), 16));
+    ASSERT_TRUE(*with_reflection_);
+    (*with_reflection_)->registerRPCService(calc);
+    (*with_reflection_)->registerRPCService(std::make_shared<TestServiceImpl>());
+    registerReflectionService(*with_reflection_);
+    // Without: only --proto can tell relay_call what it hosts.
+    without_reflection_ =
+        new std::shared_ptr<HttpServer>(HttpServer::create(SocketAddress("127.0.0.1", 0), 16));
+    ASSERT_TRUE(*without_reflection_);
+    (*without_reflection_)->registerRPCService(calc);
+    // A port that refuses connections: bound, never listening.
+    closed_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ASSERT_EQ(bind(closed_fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(getsockname(closed_fd_, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    closed_port_ = ntohs(address.sin_port);
+  }
+
+  static void TearDownTestSuite() {
+    delete with_reflection_;
+    delete without_reflection_;
+    waitForDeferredWork();
+    close(closed_fd_);
+    delete calc_;  // the last reference: answers what it still holds, to servers long gone
+  }
+
+  // "@A", "@B", "@CLOSED" and "@DATA" in `args` stand for the server with
+  // reflection, the one without, the refusing port and the .proto directory.
+  static Outcome relayCall(std::vector<std::string> args, const std::string& input = "") {
+    const std::string a = "127.0.0.1:" + std::to_string((*with_reflection_)->localAddress().port());
+    const std::string b =
+        "127.0.0.1:" + std::to_string((*without_reflection_)->localAddress().port());
+    for (std::string& arg : args) {
+      for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+               {"@A", a},
+               {"@B", b},
+               {"@CLOSED", "127.0.0.1:" + std::to_string(closed_port_)},
+               {"@DATA", HSL_SOURCE_DIR "/tests/data/relay_call"}}) {
+        const size_t at = arg.find(name);
+        if (at != std::string::npos) arg.replace(at, name.size(), value);
+      }
+    }
+    return runRelayCall(args, input);
+  }
+
+  static std::shared_ptr<CalcService>* calc_;
+  static std::shared_ptr<HttpServer>* with_reflection_;
+  static std::shared_ptr<HttpServer>* without_reflection_;
+  static int closed_fd_;
+  static uint16_t closed_port_;
+};
+
+std::shared_ptr<CalcService>* RelayCallTest::calc_ = nullptr;
+std::shared_ptr<HttpServer>* RelayCallTest::with_reflection_ = nullptr;
+std::shared_ptr<HttpServer>* RelayCallTest::without_reflection_ = nullptr;
+int RelayCallTest::closed_fd_ = -1;
+uint16_t RelayCallTest::closed_port_ = 0;
+
+const char kCalculator[] =
+    "// calc/calc.proto\n"
+    "service Calculator {\n"
+    "  rpc Add(.calc.AddRequest) returns (.calc.Sum);\n"
+    "  rpc Fail(.calc.FailRequest) returns (.calc.Sum);\n"
+    "  rpc Hold(.calc.AddRequest) returns (.calc.Sum);\n"
+    "}\n";
+
+TEST_F(RelayCallTest, SucceedsWithWhatItWasAskedFor) {
+  const struct {
+    std::vector<std::string> args;
+    std::string input;
+    std::string out;
+  } kCases[] = {
+      {{"@A", "list"}, "", "calc.Calculator\nrelaytest.TestService\nvantu.relay.Reflection\n"},
+      {{"@A", "describe", "calc.Calculator"}, "", kCalculator},
+      {{"@A", "describe", "calc.Calculator.Fail"},
+       "",
+       "// calc/calc.proto\nrpc Fail(.calc.FailRequest) returns (.calc.Sum);\n"},
+      {{"@A", "describe", "calc.Sum"},
+       "",
+       "// calc/calc.proto\nmessage Sum {\n  int64 total = 1;\n  .calc.Unit unit = 2;\n}\n"},
+      // Defined in the imported file: the dependency came along.
+      {{"@A", "describe", "calc.Unit"},
+       "",
+       "// calc/units.proto\nenum Unit {\n  UNIT_NONE = 0;\n  METRE = 1;\n  SECOND = 2;\n}\n"},
+      // Calls through reflection, binary: the default.
+      {{"@A", "calc.Calculator.Add", "{\"values\":[\"40\",2],\"unit\":\"METRE\"}"},
+       "",
+       "{\"total\":\"42\",\"unit\":\"METRE\"}\n"},
+      {{"@A", "calc.Calculator.Add", "-"}, "{\"values\": [1, 2, 3]}\n", "{\"total\":\"6\"}\n"},
+      {{"@A", "relaytest.TestService.Echo", "{\"text\":\"hi\"}"}, "", "{\"text\":\"hi\"}\n"},
+      {{"--wire", "json", "@A", "relaytest.TestService.Echo", "{\"text\":\"hi\"}"},
+       "",
+       "{\"text\":\"hi\"}\n"},
+      // The server has no reflection: the files say it all.
+      {{"--proto", "calc/calc.proto", "-I", "@DATA", "@B", "calc.Calculator.Add",
+        "{\"values\":[5,-7]}"},
+       "",
+       "{\"total\":\"-2\"}\n"},
+      {{"--proto", "@DATA/calc/calc.proto", "-I@DATA", "@B", "list"}, "", "calc.Calculator\n"},
+      {{"--proto=calc/calc.proto", "--import-path=@DATA", "@B", "describe", "calc.Calculator"},
+       "",
+       kCalculator},
+      // Without -I, a file's own directory is an import path.
+      {{"--proto", "@DATA/calc/units.proto", "@B", "describe", "calc.Unit"},
+       "",
+       "// units.proto\nenum Unit {\n  UNIT_NONE = 0;\n  METRE = 1;\n  SECOND = 2;\n}\n"},
+  };
+  for (const auto& test : kCases) {
+    std::string joined;
+    for (const std::string& arg : test.args) joined += arg + " ";
+    SCOPED_TRACE(joined);
+    const Outcome run = relayCall(test.args, test.input);
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(run.out, test.out);
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+TEST_F(RelayCallTest, ExitStatusAndOneLineSayWhatWentWrong) {
+  const struct {
+    std::vector<std::string> args;
+    int exit_code;
+    const char* reason;
+  } kCases[] = {
+      // 1: the call failed.
+      {{"@A", "calc.Calculator.Fail", "{\"error\":\"overflow\"}"}, 1, "relay_call: overflow\n"},
+      {{"@CLOSED", "list"}, 1, "cannot connect"},
+      {{"@B", "list"}, 1, "no reflection service"},
+      {{"@B", "calc.Calculator.Add", "{}"}, 1, "no reflection service"},
+      {{"--timeout-ms", "200", "@A", "calc.Calculator.Hold", "{}"}, 1, "no answer within 200 ms"},
+      {{"--wire", "json", "--timeout-ms", "200", "@A", "relaytest.TestService.Hold", "{}"},
+       1,
+       "no answer within 200 ms"},
+      // The server's JSON mapping knows only the types compiled into it.
+      {{"--wire", "json", "@A", "calc.Calculator.Add", "{}"}, 1, "Can't parse request."},
+      {{"--proto", "calc/calc.proto", "-I", "@DATA", "@A", "relaytest.TestService.Echo", "{}"},
+       2,
+       "no relaytest.TestService in the --proto files"},
+      // 2: bad usage or an unknown method.
+      {{"@A", "calc.Calculator.Divide", "{}"}, 2, "calc.Calculator has no method Divide"},
+      {{"@A", "calc.Abacus.Add", "{}"}, 2, "the server defines no calc.Abacus"},
+      {{"@A", "calc.Sum.Add", "{}"}, 2, "calc.Sum is not a service"},
+      {{"@A", "describe", "calc.Nothing"}, 2, "the server defines no calc.Nothing"},
+      {{"@A", "calc.Calculator.Add", "{\"values\":\"x\"}"}, 2, "is not a calc.AddRequest in JSON"},
+      {{"@A", "calc.Calculator.Add", "{\"value\":[1]}"}, 2, "is not a calc.AddRequest in JSON"},
+      {{"--proto", "calc/missing.proto", "-I", "@DATA", "@B", "list"}, 2, "missing.proto"},
+      {{"--proto", "broken.proto", "-I", "@DATA", "@B", "list"}, 2, "broken.proto:5:"},
+      {{"@A"}, 2, "missing what to do"},
+      {{"--wire", "xml", "@A", "list"}, 2, "--wire is binary or json"},
+  };
+  for (const auto& test : kCases) {
+    std::string joined;
+    for (const std::string& arg : test.args) joined += arg + " ";
+    SCOPED_TRACE(joined);
+    const Outcome run = relayCall(test.args);
+    EXPECT_EQ(run.exit_code, test.exit_code) << run.err;
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find(test.reason), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.compare(0, 12, "relay_call: "), 0) << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+  }
+}
+
+TEST_F(RelayCallTest, HelpGoesToStandardOutput) {
+  const Outcome run = relayCall({"--help"});
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_EQ(run.out.compare(0, 7, "usage: "), 0) << run.out;
+  EXPECT_EQ(run.err, "");
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
