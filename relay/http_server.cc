@@ -5,6 +5,7 @@
 #include <google/protobuf/util/type_resolver_util.h>
 #include <pcrecpp.h>
 
+#include <atomic>
 #include <cstdlib>
 
 #include "common/closure.h"
@@ -20,6 +21,9 @@ namespace {
 
 constexpr char kLogger[] = "http_server";
 constexpr char kSourceFile[] = "relay/http_server";
+
+std::atomic<int> g_live_servers{0};
+std::atomic<int> g_live_rpc_records{0};
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
@@ -96,8 +100,11 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
   return impl;
 }
 
-HttpServerImpl::RPCInfo::RPCInfo() = default;
-HttpServerImpl::RPCInfo::~RPCInfo() = default;
+int liveHttpServersForTesting() { return g_live_servers.load(); }
+int liveRPCRecordsForTesting() { return g_live_rpc_records.load(); }
+
+HttpServerImpl::RPCInfo::RPCInfo() { ++g_live_rpc_records; }
+HttpServerImpl::RPCInfo::~RPCInfo() { --g_live_rpc_records; }
 
 HttpServerImpl::HttpServerImpl()
     : type_resolver_(google::protobuf::util::NewTypeResolverForDescriptorPool(
@@ -261,9 +268,14 @@ std::shared_ptr<HttpServer> HttpServer::create(const SocketAddress& address, int
 }
 
 HttpServer::HttpServer(int n)
-    : TcpServer(std::bind(&HttpServer::newConnection, this), n), impl_(HttpServerImpl::create()) {}
+    : TcpServer(std::bind(&HttpServer::newConnection, this), n), impl_(HttpServerImpl::create()) {
+  ++g_live_servers;
+}
 
-HttpServer::~HttpServer() { impl_.reset(); }
+HttpServer::~HttpServer() {
+  impl_.reset();
+  --g_live_servers;
+}
 
 void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler handler) {
   impl_->registerHandler(regex, std::move(handler));
