@@ -439,25 +439,33 @@ TEST(HttpServerLifetimeTest, ServerDroppedWhileConnectionOpenKeepsHandlersUntilI
 
 TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
   // Three threads register the handlers that the requests ask for while the
-  // requests flow: each request is answered by its own handler, or by 404 while
-  // that handler is not registered yet, and never by 404 once every
-  // registration has returned.
+  // requests flow, each keeping just ahead of the client: each request is
+  // answered by its own handler, or by 404 while that handler is not
+  // registered yet, and never by 404 once every registration has returned.
   constexpr int kThreads = 3;
   constexpr int kPerThread = 150;
   auto path = [](int t, int i) { return "/t" + std::to_string(t) + "/" + std::to_string(i); };
   std::atomic<int> finished{0};
+  std::atomic<int> asked{0};  // the client has had answers for every index below
   struct Joined : std::vector<std::thread> {
     ~Joined() {
       for (std::thread& thread : *this) thread.join();
     }
   } registrars;
   for (int t = 0; t < kThreads; ++t) {
-    registrars.emplace_back([this, t, &path, &finished] {
-      for (int i = 0; i < kPerThread; ++i)
+    registrars.emplace_back([this, t, &path, &finished, &asked] {
+      for (int i = 0; i < kPerThread; ++i) {
+        while (asked < i) std::this_thread::yield();
         server_->registerHandler(path(t, i), answering(path(t, i)));
+      }
       ++finished;
     });
   }
+  // Should the client stop early, the registrars must not wait for it.
+  struct Release {
+    std::atomic<int>* asked;
+    ~Release() { *asked = kPerThread; }
+  } release{&asked};
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
   int not_yet = 0;
@@ -477,6 +485,7 @@ TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
         ++not_yet;
       }
     }
+    asked = i + 1;
   }
   printf("requests that came before their handler: %d\n", not_yet);
 }
