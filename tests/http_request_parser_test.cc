@@ -10,16 +10,30 @@
 #include "common/logging.h"
 
 // Every allocation of the process is counted, so that a test can measure the
-// work the parser does by the bytes it allocates.
+// work the parser does by the bytes it allocates. ThreadSanitizer's runtime
+// brings operators of its own that cannot be replaced; the count is off there
+// (this file has no threads for it to look at anyway).
+#if defined(__SANITIZE_THREAD__)
+#define HSL_COUNT_ALLOCATIONS 0
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define HSL_COUNT_ALLOCATIONS 0
+#endif
+#endif
+#ifndef HSL_COUNT_ALLOCATIONS
+#define HSL_COUNT_ALLOCATIONS 1
+#endif
+
 namespace {
 std::atomic<size_t> g_allocated_bytes{0};
 
-void* countedAllocation(size_t size) {
+[[maybe_unused]] void* countedAllocation(size_t size) {
   g_allocated_bytes.fetch_add(size, std::memory_order_relaxed);
   return std::malloc(size == 0 ? 1 : size);
 }
 }  // namespace
 
+#if HSL_COUNT_ALLOCATIONS
 void* operator new(size_t size) {
   void* p = countedAllocation(size);
   if (p == nullptr) throw std::bad_alloc();
@@ -41,6 +55,7 @@ void operator delete(void* p, size_t) noexcept { std::free(p); }
 void operator delete[](void* p, size_t) noexcept { std::free(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+#endif
 
 namespace vantu {
 namespace relay {
@@ -323,6 +338,7 @@ TEST(HttpRequestParserTest, LongLinesFedByteByByteCopyEachByteAFewTimes) {
   // that rebuilds its partial line for every chunk makes grow with the square
   // of the line's length. The budget is checked as the bytes go in, so such a
   // parser fails long before it would finish.
+  if (!HSL_COUNT_ALLOCATIONS) GTEST_SKIP() << "allocations are not counted in this build";
   constexpr size_t kLength = 256 << 10;
   constexpr size_t kBudget = 16 * kLength;
   HttpRequestParser parser;
