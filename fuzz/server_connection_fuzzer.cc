@@ -41,12 +41,7 @@ class ImmediateService : public relaytest::TestService {
 };
 
 uint16_t serverPort() {
-  // Malformed input is the point here; its log records would only be noise.
-  static const bool quiet = [] {
-    vantu::setLogSink([](const vantu::LogRecord&) {});
-    return true;
-  }();
-  (void)quiet;
+  fuzz::quietLogs();
   static std::shared_ptr<vantu::relay::HttpServer>* server = [] {
     auto* s = new std::shared_ptr<vantu::relay::HttpServer>(
         vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 64));
@@ -66,19 +61,14 @@ uint16_t serverPort() {
   return (*server)->localAddress().port();
 }
 
-std::string exchange(uint16_t port, const std::string& input, const std::vector<size_t>& cuts) {
+std::string exchange(uint16_t port, const std::vector<std::string>& pieces) {
   vantu::testing::LoopbackClient client(port);
   if (!client.connected()) {
     fprintf(stderr, "connect: %s\n", strerror(client.lastError()));
     fuzz::fail("cannot connect");
   }
-  size_t start = 0;
-  std::vector<size_t> ends = cuts;
-  ends.push_back(input.size());
-  for (size_t end : ends) {
-    end = std::min(std::max(end, start), input.size());
-    if (end > start) client.write(input.substr(start, end - start));
-    start = end;
+  for (const std::string& piece : pieces) {
+    if (!piece.empty()) client.write(piece);
   }
   client.shutdownWrite();
   std::string output = client.readToEnd();
@@ -96,9 +86,9 @@ std::string exchange(uint16_t port, const std::string& input, const std::vector<
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<size_t> cuts = fuzz::takeCuts(&data, &size);
-  const std::string input(reinterpret_cast<const char*>(data), size);
-  const std::string output = exchange(serverPort(), input, cuts);
+  const fuzz::FramedInput framed = fuzz::unframe(data, size);
+  const std::string& input = framed.stream;
+  const std::string output = exchange(serverPort(), framed.pieces);
 
   // What the server should have understood, read by a parser of our own.
   vantu::relay::HttpRequestParser requests_parser;

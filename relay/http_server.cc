@@ -5,6 +5,7 @@
 #include <google/protobuf/util/type_resolver_util.h>
 #include <pcrecpp.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string_view>
 
@@ -22,6 +23,9 @@ namespace {
 
 constexpr char kLogger[] = "http_server";
 constexpr char kSourceFile[] = "relay/http_server";
+
+std::atomic<int> g_live_servers{0};
+std::atomic<int> g_live_rpc_records{0};
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
@@ -95,9 +99,13 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
   return impl;
 }
 
-HttpServerImpl::RPCInfo::RPCInfo() = default;
+int liveHttpServersForTesting() { return g_live_servers.load(); }
+int liveRPCRecordsForTesting() { return g_live_rpc_records.load(); }
+
+HttpServerImpl::RPCInfo::RPCInfo() { ++g_live_rpc_records; }
 
 HttpServerImpl::RPCInfo::~RPCInfo() {
+  --g_live_rpc_records;
   if (!owes_answer) return;
   // On the event thread, after the answer's bytes: from another thread they
   // are handed over through the event thread's queue, and this follows them.
@@ -347,7 +355,9 @@ std::shared_ptr<HttpServer> HttpServer::create(const SocketAddress& address, int
 }
 
 HttpServer::HttpServer(int n)
-    : TcpServer(std::bind(&HttpServer::newConnection, this), n), impl_(HttpServerImpl::create()) {}
+    : TcpServer(std::bind(&HttpServer::newConnection, this), n), impl_(HttpServerImpl::create()) {
+  ++g_live_servers;
+}
 
 HttpServer::HttpServer(int n, const HttpServerOptions& options) : HttpServer(n) {
   impl_->configure(options);
@@ -357,7 +367,10 @@ HttpServer::HttpServer(int n, const HttpServerOptions& options) : HttpServer(n) 
   setSendTimeout(options.idle_timeout);
 }
 
-HttpServer::~HttpServer() { impl_.reset(); }
+HttpServer::~HttpServer() {
+  impl_.reset();
+  --g_live_servers;
+}
 
 bool HttpServer::drain(const Duration& timeout) {
   if (isEventThread()) {

@@ -198,6 +198,12 @@ class HttpServer : public TcpServer {
   std::shared_ptr<HttpServerImpl> impl_;
 };
 
+// For tests: how many HttpServer objects and RPC call records exist in this
+// process right now, so that a plain build can check that none is leaked and
+// when each is deleted. Any thread.
+int liveHttpServersForTesting();
+int liveRPCRecordsForTesting();
+
 // One accepted connection: parses what arrives, dispatches each request with a
 // fresh response, answers unparseable input with 400. With the server's
 // options it also enforces their limits and timeouts, reads with strict

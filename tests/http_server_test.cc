@@ -1,5 +1,8 @@
 #include "relay/http_server.h"
 
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,6 +12,9 @@
 #include <thread>
 
 #include "common/event_thread.h"
+#include "common/logging.h"
+#include "relay/rpc.h"
+#include "test_services.pb.h"
 #include "tests/loopback_client.h"
 
 namespace vantu {
@@ -57,6 +63,186 @@ bool waitDestroyed(const std::shared_ptr<Sentinel::State>& state) {
   return state->changed.wait_for(lock, std::chrono::seconds(30),
                                  [&state] { return state->destroyed; });
 }
+
+// An RPC as a client writes it: binary unless `json`.
+std::string rpcRequest(const std::string& service, const std::string& method, const std::string& id,
+                       const std::string& body, bool json = false) {
+  std::string request = "POST / HTTP/1.1\r\nHost: test\r\nRpc-Service: " + service +
+                        "\r\nRpc-Method: " + method + "\r\nRpc-Id: " + id + "\r\n";
+  if (json) request += "Content-Type: application/json\r\n";
+  return request + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string textMessage(const std::string& text) {
+  relaytest::Text message;
+  message.set_text(text);
+  return message.SerializeAsString();
+}
+
+// Reads until `count` whole responses have arrived (fewer if the connection
+// ends first), one byte at a time so that nothing of a later answer is taken.
+std::vector<HttpResponsePtr> readResponses(LoopbackClient* client, size_t count) {
+  HttpResponseParser parser;
+  std::vector<HttpResponsePtr> responses;
+  std::string byte;
+  while (responses.size() < count) {
+    byte = client->read(1);
+    if (byte.empty() || !parser.parse(byte, &responses)) break;
+  }
+  // An answer without a body is complete at the CR of its blank line; its LF
+  // is still to be taken.
+  if (byte == "\r") client->read(1);
+  return responses;
+}
+
+// Status, headers and body of a received response, as one text.
+std::string describe(const HttpResponse& r) {
+  std::string out = std::to_string(r.status_code);
+  for (const auto& h : r.headers) out += " [" + h.first + "|" + h.second + "]";
+  return out + " " + r.body;
+}
+
+// Echo answers at once with its prefix before the text, Fail fails with the
+// text, Hold keeps the call until the test completes it.
+class TestService : public relaytest::TestService {
+ public:
+  explicit TestService(std::string prefix = "") : prefix_(std::move(prefix)) {}
+
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    ++echoes;
+    response->set_text(prefix_ + request->text());
+    done->Run();
+  }
+  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text* response,
+            google::protobuf::Closure* done) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.push_back({response, done});
+    changed_.notify_all();
+  }
+  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
+            relaytest::Text*, google::protobuf::Closure* done) override {
+    controller->SetFailed(request->text());
+    done->Run();
+  }
+  void Square(google::protobuf::RpcController*, const relaytest::Number* request,
+              relaytest::Number* response, google::protobuf::Closure* done) override {
+    response->set_value(request->value() * request->value());
+    done->Run();
+  }
+
+  bool waitHeld(size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(30),
+                             [this, count] { return held_.size() >= count; });
+  }
+  // Answers the index-th held call with `text`, on the calling thread.
+  void complete(size_t index, const std::string& text) {
+    Held held;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      held = held_.at(index);
+    }
+    held.response->set_text(text);
+    held.done->Run();
+  }
+
+  std::atomic<int> echoes{0};
+
+ private:
+  struct Held {
+    relaytest::Text* response;
+    google::protobuf::Closure* done;
+  };
+  const std::string prefix_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Held> held_;
+};
+
+// A service whose messages are built at run time, so that they are not in the
+// generated descriptor pool that the server's JSON conversion knows. Call
+// answers with its request.
+class DynamicService : public google::protobuf::Service {
+ public:
+  DynamicService() {
+    google::protobuf::FileDescriptorProto file;
+    file.set_name("relaytest_dynamic.proto");
+    file.set_package("relaytest.dynamic");
+    google::protobuf::DescriptorProto* message = file.add_message_type();
+    message->set_name("Text");
+    google::protobuf::FieldDescriptorProto* field = message->add_field();
+    field->set_name("text");
+    field->set_number(1);
+    field->set_type(google::protobuf::FieldDescriptorProto::TYPE_STRING);
+    field->set_label(google::protobuf::FieldDescriptorProto::LABEL_OPTIONAL);
+    google::protobuf::MethodDescriptorProto* method = file.add_service()->add_method();
+    file.mutable_service(0)->set_name("DynamicService");
+    method->set_name("Call");
+    method->set_input_type(".relaytest.dynamic.Text");
+    method->set_output_type(".relaytest.dynamic.Text");
+    file_ = pool_.BuildFile(file);
+  }
+
+  const google::protobuf::ServiceDescriptor* GetDescriptor() override {
+    return file_ != nullptr ? file_->service(0) : nullptr;
+  }
+  void CallMethod(const google::protobuf::MethodDescriptor*, google::protobuf::RpcController*,
+                  const google::protobuf::Message* request, google::protobuf::Message* response,
+                  google::protobuf::Closure* done) override {
+    ++calls;
+    response->CopyFrom(*request);
+    done->Run();
+  }
+  const google::protobuf::Message& GetRequestPrototype(
+      const google::protobuf::MethodDescriptor* method) const override {
+    return *factory_.GetPrototype(method->input_type());
+  }
+  const google::protobuf::Message& GetResponsePrototype(
+      const google::protobuf::MethodDescriptor* method) const override {
+    return *factory_.GetPrototype(method->output_type());
+  }
+
+  bool built() const { return file_ != nullptr; }
+  std::atomic<int> calls{0};
+
+ private:
+  google::protobuf::DescriptorPool pool_;
+  const google::protobuf::FileDescriptor* file_ = nullptr;
+  mutable google::protobuf::DynamicMessageFactory factory_{&pool_};
+};
+
+// Collects the records of one logger while it lives, with that logger enabled
+// up to `level`; restores the defaults when it goes.
+class LogCapture {
+ public:
+  LogCapture(std::string logger, int level) : logger_(std::move(logger)) {
+    setLogSink([this](const LogRecord& record) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (record.logger == logger_) records_.push_back(record);
+    });
+    setLogLevel(logger_, level);
+  }
+  ~LogCapture() {
+    setLogLevel(logger_, 2);
+    setLogSink(nullptr);
+  }
+  // "level|file|text" of each record so far, and forgets them.
+  std::vector<std::string> take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> texts;
+    for (const LogRecord& r : records_) {
+      texts.push_back(std::to_string(r.level) + "|" + r.file + "|" + r.text);
+    }
+    records_.clear();
+    return texts;
+  }
+
+ private:
+  const std::string logger_;
+  std::mutex mutex_;
+  std::vector<LogRecord> records_;
+};
 
 class HttpServerTest : public ::testing::Test {
  protected:
@@ -114,28 +300,49 @@ TEST_F(HttpServerTest, GarbageGets400AndTheConnectionKeepsServing) {
   EXPECT_EQ(kBadRequest, client.read(kBadRequest.size()));
 }
 
+std::string answer(const std::string& text) {
+  return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
+         std::to_string(text.size()) + "\r\nContent-Type: text/plain\r\n\r\n" + text;
+}
+
+HttpRequestHandler answering(const std::string& text) {
+  return [text](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, text); };
+}
+
 TEST_F(HttpServerTest, RegistrationOrderAndWholePathMatch) {
-  server_->registerHandler(
-      "/a.*", [](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, "first\n"); });
-  server_->registerHandler(
-      "/ab", [](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, "second\n"); });
+  // A pattern that does not compile is passed over, not taken as a match nor
+  // as the end of the list.
+  server_->registerHandler("(unclosed", answering("broken"));
+  server_->registerHandler("/a.*", answering("a-any"));
+  server_->registerHandler("/ab", answering("ab"));
+  server_->registerHandler("/bc", answering("bc"));
+  server_->registerHandler("/b.*", answering("b-any"));
   server_->registerHandler("/c", [](const HttpRequestPtr& request, const HttpResponsePtr& r) {
     r->status_code = HttpResponse::kCreated;
     r->setHeader("Connection", "close");  // only text: the connection stays open
     setText(r, request->getStringQueryComponent("x", 0));
   });
-  server_->registerHandler(
-      "(unclosed", [](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, "never"); });
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(client.write(get("/ab") + get("/c?x=42") + get("/c/d") + get("/hello")));
-  const std::string first =
-      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 6\r\n"
-      "Content-Type: text/plain\r\n\r\nfirst\n";
+  ASSERT_TRUE(client.write(get("/ab") + get("/a") + get("/bc") + get("/bd") + get("/c?x=42") +
+                           get("/c/d") + get("/hello") + get("/unclosed")));
   const std::string created =
       "HTTP/1.1 201 Created\r\nConnection: close\r\nContent-Length: 2\r\n"
       "Content-Type: text/plain\r\n\r\n42";
-  const std::string expected = first + created + kNotFound + kHello;
+  const std::string expected = answer("a-any") + answer("a-any") + answer("bc") + answer("b-any") +
+                               created + kNotFound + kHello + kNotFound;
+  EXPECT_EQ(expected, client.read(expected.size()));
+}
+
+TEST_F(HttpServerTest, UrlWithoutAPathIsMatchedAsTheEmptyString) {
+  // "foo:?q=1" is an absolute URL whose path is empty: no handler that needs a
+  // slash takes it, and the empty pattern does.
+  server_->registerHandler("/.*", answering("slash"));
+  server_->registerHandler("", answering("empty"));
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(client.write("GET foo:?q=1 HTTP/1.1\r\n\r\n" + get("/x") + get("")));
+  const std::string expected = answer("empty") + answer("slash") + answer("slash");
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
@@ -176,6 +383,33 @@ TEST_F(HttpServerTest, CreateOnAPortInUseGivesNull) {
   EXPECT_FALSE(HttpServer::create(SocketAddress("256.1.1.1", 80), 16));
 }
 
+TEST(HttpServerLifetimeTest, FailedCreateDeletesItsServerLaterOnTheEventThread) {
+  auto holder = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(holder);
+  const uint16_t port = holder->localAddress().port();
+  waitForDeferredWork();
+  const int live = liveHttpServersForTesting();
+  // On the event thread the deletion can only be queued behind this function:
+  // the half-made server is still there when create has returned.
+  bool created = true;
+  int live_after_create = -1;
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    created = static_cast<bool>(HttpServer::create(SocketAddress("127.0.0.1", port), 16));
+    live_after_create = liveHttpServersForTesting();
+  }));
+  EXPECT_FALSE(created);
+  EXPECT_EQ(live + 1, live_after_create);
+  waitForDeferredWork();
+  EXPECT_EQ(live, liveHttpServersForTesting());
+  // From another thread, with an address that cannot even be made.
+  EXPECT_FALSE(HttpServer::create(SocketAddress("256.1.1.1", 80), 16));
+  waitForDeferredWork();
+  EXPECT_EQ(live, liveHttpServersForTesting());
+  holder.reset();
+  waitForDeferredWork();
+  EXPECT_EQ(live - 1, liveHttpServersForTesting());
+}
+
 TEST(HttpServerLifetimeTest, ServerDroppedWhileConnectionOpenKeepsHandlersUntilItCloses) {
   auto state = std::make_shared<Sentinel::State>();
   auto server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
@@ -203,27 +437,57 @@ TEST(HttpServerLifetimeTest, ServerDroppedWhileConnectionOpenKeepsHandlersUntilI
   EXPECT_TRUE(state->on_event_thread);
 }
 
-TEST_F(HttpServerTest, RegistrationsFromOtherThreadsWhileRequestsFlow) {
-  std::vector<std::thread> registrars;
-  for (int t = 0; t < 3; ++t) {
-    registrars.emplace_back([this, t] {
-      for (int i = 0; i < 200; ++i) {
-        server_->registerHandler(
-            "/t" + std::to_string(t) + "/" + std::to_string(i),
-            [](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, "hello\n"); });
+TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
+  // Three threads register the handlers that the requests ask for while the
+  // requests flow, each keeping just ahead of the client: each request is
+  // answered by its own handler, or by 404 while that handler is not
+  // registered yet, and never by 404 once every registration has returned.
+  constexpr int kThreads = 3;
+  constexpr int kPerThread = 150;
+  auto path = [](int t, int i) { return "/t" + std::to_string(t) + "/" + std::to_string(i); };
+  std::atomic<int> finished{0};
+  std::atomic<int> asked{0};  // the client has had answers for every index below
+  struct Joined : std::vector<std::thread> {
+    ~Joined() {
+      for (std::thread& thread : *this) thread.join();
+    }
+  } registrars;
+  for (int t = 0; t < kThreads; ++t) {
+    registrars.emplace_back([this, t, &path, &finished, &asked] {
+      for (int i = 0; i < kPerThread; ++i) {
+        while (asked < i) std::this_thread::yield();
+        server_->registerHandler(path(t, i), answering(path(t, i)));
       }
+      ++finished;
     });
   }
+  // Should the client stop early, the registrars must not wait for it.
+  struct Release {
+    std::atomic<int>* asked;
+    ~Release() { *asked = kPerThread; }
+  } release{&asked};
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
-  for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(client.write(get("/hello")));
-    ASSERT_EQ(kHello, client.read(kHello.size()));
+  int not_yet = 0;
+  for (int i = 0; i < kPerThread; ++i) {
+    for (int t = 0; t < kThreads; ++t) {
+      for (;;) {
+        const bool all_registered = finished == kThreads;
+        ASSERT_TRUE(client.write(get(path(t, i))));
+        std::vector<HttpResponsePtr> responses = readResponses(&client, 1);
+        ASSERT_EQ(1u, responses.size());
+        if (responses[0]->status_code == 200) {
+          ASSERT_EQ(path(t, i), responses[0]->body);
+          break;
+        }
+        ASSERT_EQ(404, responses[0]->status_code);
+        ASSERT_FALSE(all_registered) << path(t, i) << " lost";
+        ++not_yet;
+      }
+    }
+    asked = i + 1;
   }
-  for (auto& thread : registrars) thread.join();
-  // Every registration is now visible to dispatch.
-  ASSERT_TRUE(client.write(get("/t2/0") + get("/t0/199")));
-  EXPECT_EQ(kHello + kHello, client.read(2 * kHello.size()));
+  printf("requests that came before their handler: %d\n", not_yet);
 }
 
 TEST_F(HttpServerTest, ManyClientsSomeVanishingMidRequest) {
@@ -258,6 +522,156 @@ TEST_F(HttpServerTest, ManyClientsSomeVanishingMidRequest) {
   LoopbackClient late(port_);
   ASSERT_TRUE(late.write(get("/hello")));
   EXPECT_EQ(kHello, late.read(kHello.size()));
+}
+
+TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
+  server_->registerRPCService(std::make_shared<TestService>());
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  {
+    // Defaults: only the level 2 record of a request nothing answers.
+    LogCapture log("http_server", 2);
+    ASSERT_TRUE(client.write(get("/hello") + get("/missing")));
+    ASSERT_EQ(2u, readResponses(&client, 2).size());
+    EXPECT_EQ(std::vector<std::string>{"2|relay/http_server|No handler found for /missing"},
+              log.take());
+  }
+  LogCapture log("http_server", 6);
+  ASSERT_TRUE(client.write(get("/hello") + "GET urn: HTTP/1.1\r\n\r\n"));
+  ASSERT_EQ(2u, readResponses(&client, 2).size());
+  EXPECT_EQ((std::vector<std::string>{
+                "5|relay/http_server|This is a standard HTTP request",
+                "5|relay/http_server|Regexp /hello matches URL /hello",
+                "5|relay/http_server|This is a standard HTTP request",
+                "2|relay/http_server|No handler found for ",
+            }),
+            log.take());
+
+  // An id of -1 is logged as the unsigned number it becomes.
+  ASSERT_TRUE(
+      client.write(rpcRequest("relaytest.TestService", "Echo", "-1", "{\"text\":\"hi\"}", true)));
+  std::vector<HttpResponsePtr> answers = readResponses(&client, 1);
+  ASSERT_EQ(1u, answers.size());
+  EXPECT_EQ(
+      "200 [Connection|keep-alive] [Content-Length|13] [Content-Type|application/json] "
+      "[Rpc-Failed|0] [Rpc-Id|-1] {\"text\":\"hi\"}",
+      describe(*answers[0]));
+  EXPECT_EQ((std::vector<std::string>{
+                "5|relay/http_server|This is a RPC!!! relaytest.TestService Echo 4294967295",
+                "6|relay/http_server|JSON request {\"text\":\"hi\"}",
+                "6|relay/http_server|Calling method. Request=text: \"hi\"\n",
+                "6|relay/http_server|text: \"hi\"\n json:{\"text\":\"hi\"}",
+            }),
+            log.take());
+
+  // A binary call: no JSON records.
+  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "3", textMessage("b"))));
+  ASSERT_EQ(1u, readResponses(&client, 1).size());
+  EXPECT_EQ((std::vector<std::string>{
+                "5|relay/http_server|This is a RPC!!! relaytest.TestService Echo 3",
+                "6|relay/http_server|Calling method. Request=text: \"b\"\n",
+            }),
+            log.take());
+}
+
+TEST_F(HttpServerTest, ReRegisteringAServiceReplacesIt) {
+  auto first = std::make_shared<TestService>("first:");
+  auto second = std::make_shared<TestService>("second:");
+  server_->registerRPCService(first);
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  relaytest::Text reply;
+  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "1", textMessage("x"))));
+  std::vector<HttpResponsePtr> answers = readResponses(&client, 1);
+  ASSERT_EQ(1u, answers.size());
+  ASSERT_TRUE(reply.ParseFromString(answers[0]->body));
+  EXPECT_EQ("first:x", reply.text());
+
+  server_->registerRPCService(second);
+  EXPECT_EQ(1, first.use_count());  // the server let go of the first one
+  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "2", textMessage("y")) +
+                           rpcRequest("relaytest.TestService", "Echo", "3", textMessage("z"))));
+  answers = readResponses(&client, 2);
+  ASSERT_EQ(2u, answers.size());
+  ASSERT_TRUE(reply.ParseFromString(answers[0]->body));
+  EXPECT_EQ("second:y", reply.text());
+  ASSERT_TRUE(reply.ParseFromString(answers[1]->body));
+  EXPECT_EQ("second:z", reply.text());
+  EXPECT_EQ(1, first->echoes);
+  EXPECT_EQ(2, second->echoes);
+}
+
+TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSendsNothing) {
+  auto service = std::make_shared<TestService>();
+  server_->registerRPCService(service);
+  const int records = liveRPCRecordsForTesting();
+  {
+    LoopbackClient client(port_);
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Hold", "1", textMessage("x"))));
+    ASSERT_TRUE(service->waitHeld(1));
+    EXPECT_EQ(records + 1, liveRPCRecordsForTesting());
+    client.abort();
+  }
+  // The server goes on serving other connections while the call is held.
+  LoopbackClient other(port_);
+  ASSERT_TRUE(other.connected());
+  ASSERT_TRUE(other.write(get("/hello")));
+  ASSERT_EQ(kHello, other.read(kHello.size()));
+
+  std::thread completer([&service] { service->complete(0, "too late"); });
+  completer.join();
+  EXPECT_EQ(records, liveRPCRecordsForTesting());
+
+  ASSERT_TRUE(other.write(rpcRequest("relaytest.TestService", "Echo", "2", textMessage("y")) +
+                          get("/hello")));
+  std::vector<HttpResponsePtr> answers = readResponses(&other, 2);
+  ASSERT_EQ(2u, answers.size());
+  EXPECT_EQ("2", answers[0]->headers["Rpc-Id"]);
+  EXPECT_EQ("0", answers[0]->headers["Rpc-Failed"]);
+  EXPECT_EQ("hello\n", answers[1]->body);
+  EXPECT_EQ(records, liveRPCRecordsForTesting());
+}
+
+// Fault: sendRPCError turns CR and LF of a service's error text into blanks;
+// the text is to be written unchanged, as every other header value is.
+// What to send for an error text with line ends in it is ours to choose: each
+// CR and LF becomes a blank, so that no service text can add header lines.
+TEST_F(HttpServerTest, ServiceErrorTextCannotAddHeaderLines) {
+  server_->registerRPCService(std::make_shared<TestService>());
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(
+      client.write(rpcRequest("relaytest.TestService", "Fail", "4", textMessage("bad\r\nX: 1"))));
+  const std::string expected =
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 0\r\n"
+      "Rpc-Error: bad  X: 1\r\nRpc-Failed: 1\r\nRpc-Id: 4\r\n\r\n";
+  EXPECT_EQ(expected, client.read(expected.size()));
+}
+
+TEST_F(HttpServerTest, JsonCallForAMessageTypeOutsideTheGeneratedPoolCannotBeParsed) {
+  auto service = std::make_shared<DynamicService>();
+  ASSERT_TRUE(service->built());
+  server_->registerRPCService(service);
+  const int records = liveRPCRecordsForTesting();
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  // The same request in binary reaches the service: only the JSON conversion,
+  // which knows the generated pool alone, fails.
+  const std::string binary("\x0a\x02hi", 4);
+  ASSERT_TRUE(client.write(
+      rpcRequest("relaytest.dynamic.DynamicService", "Call", "1", "{\"text\":\"hi\"}", true) +
+      rpcRequest("relaytest.dynamic.DynamicService", "Call", "2", binary)));
+  std::vector<HttpResponsePtr> answers = readResponses(&client, 2);
+  ASSERT_EQ(2u, answers.size());
+  EXPECT_EQ(
+      "200 [Connection|keep-alive] [Content-Length|0] [Rpc-Error|Can't parse request.] "
+      "[Rpc-Failed|1] [Rpc-Id|1] ",
+      describe(*answers[0]));
+  EXPECT_EQ("200 [Connection|keep-alive] [Content-Length|4] [Rpc-Failed|0] [Rpc-Id|2] " + binary,
+            describe(*answers[1]));
+  EXPECT_EQ(1, service->calls);
+  EXPECT_EQ(records, liveRPCRecordsForTesting());
 }
 
 }  // namespace
