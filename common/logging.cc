@@ -23,9 +23,6 @@ LogState& state() {
   return *s;
 }
 
-// Highest level any logger is enabled at; lets the common case (a chatty level
-// nobody enabled) answer without a lock.
-std::atomic<int> max_enabled_level{kDefaultLevel};
 // Lowest level any logger is enabled at; below the default, the severe levels
 // need the lookup too.
 std::atomic<int> min_enabled_level{kDefaultLevel};
@@ -41,11 +38,15 @@ void writeToStderr(const LogRecord& r) {
 
 }  // namespace
 
-bool isLoggerEnabled(int level, const char* logger) {
-  if (level <= kDefaultLevel) {
-    if (level <= min_enabled_level.load(std::memory_order_relaxed)) return true;
-  } else if (level > max_enabled_level.load(std::memory_order_relaxed)) {
-    return false;
+namespace internal {
+// Highest level any logger is enabled at; lets the common case (a chatty level
+// nobody enabled) answer inline, without a call or a lock.
+std::atomic<int> max_enabled_level{kDefaultLevel};
+}  // namespace internal
+
+bool internal::isLoggerEnabledSlow(int level, const char* logger) {
+  if (level <= kDefaultLevel && level <= min_enabled_level.load(std::memory_order_relaxed)) {
+    return true;
   }
   LogState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
@@ -63,7 +64,7 @@ void setLogLevel(const std::string& logger, int level) {
     highest = std::max(highest, entry.second);
     lowest = std::min(lowest, entry.second);
   }
-  max_enabled_level.store(highest, std::memory_order_relaxed);
+  internal::max_enabled_level.store(highest, std::memory_order_relaxed);
   min_enabled_level.store(lowest, std::memory_order_relaxed);
 }
 

@@ -1,6 +1,7 @@
 #ifndef COMMON_LOGGING_H_
 #define COMMON_LOGGING_H_
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <ostream>
@@ -22,10 +23,19 @@ struct LogRecord {
 
 using LogSink = std::function<void(const LogRecord&)>;
 
+namespace internal {
+// The highest level any logger is enabled at.
+extern std::atomic<int> max_enabled_level;
+bool isLoggerEnabledSlow(int level, const char* logger);
+}  // namespace internal
+
 // True when records of `level` under `logger` are written. By default only
-// levels 1 and 2 are. Cheap: callers test it before building a record.
-// Any thread.
-bool isLoggerEnabled(int level, const char* logger);
+// levels 1 and 2 are. Cheap: callers test it before building a record, and
+// a level no logger is enabled at is answered inline. Any thread.
+inline bool isLoggerEnabled(int level, const char* logger) {
+  if (level > internal::max_enabled_level.load(std::memory_order_relaxed)) return false;
+  return internal::isLoggerEnabledSlow(level, logger);
+}
 
 // Enables `logger` up to and including `level` (a lower level disables the
 // chattier ones again). Any thread.

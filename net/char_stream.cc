@@ -96,16 +96,18 @@ void PushStreamSource::close() {
   }
 }
 
-void PushStreamSource::push(const std::string& bytes) {
+void PushStreamSource::push(const std::string& bytes) { push(bytes.data(), bytes.size()); }
+
+void PushStreamSource::push(const char* data, size_t size) {
   if (isEventThread()) {
     // The common case, a response written from a network callback: straight
     // into the socket's output, no lock, no queue.
     auto* sink = static_cast<PushStreamSink*>(consumer());
-    if (sink != nullptr) sink->write(bytes.data(), bytes.size());
+    if (sink != nullptr) sink->write(data, size);
     return;
   }
   MutexLock lock(pending_->mutex);
-  pending_->bytes.append(bytes);
+  pending_->bytes.append(data, size);
   pending_->scheduleHandOver(pending_);
 }
 
@@ -127,6 +129,24 @@ void PullStreamSink::append(const char* data, size_t size) {
     buffer_.reserve(std::max(initial_reservation_, buffer_.size() + size));
   }
   buffer_.append(data, size);
+}
+
+void PullStreamSink::deliver(const char* data, size_t size) {
+  // The thread's staging buffer, and whether a delivery is using it now (a
+  // reader that somehow caused another delivery meanwhile gets the plain way).
+  thread_local std::string staging;
+  thread_local bool staging_in_use = false;
+  if (!buffer_.empty() || reader_ == nullptr || staging_in_use) {
+    append(data, size);
+    notifyReadable();
+    return;
+  }
+  staging_in_use = true;
+  staging.assign(data, size);
+  reader_->onReadable(&staging);
+  if (!staging.empty()) append(staging.data(), staging.size());
+  staging.clear();
+  staging_in_use = false;
 }
 
 void PullStreamSink::notifyReadable() {
@@ -158,6 +178,10 @@ PullStreamSink* PullStreamSource::sink() const { return static_cast<PullStreamSi
 
 void PullStreamSource::append(const char* data, size_t size) {
   if (PullStreamSink* s = sink()) s->append(data, size);
+}
+
+void PullStreamSource::deliver(const char* data, size_t size) {
+  if (PullStreamSink* s = sink()) s->deliver(data, size);
 }
 
 void PullStreamSource::notifyReadable() {

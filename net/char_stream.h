@@ -120,6 +120,7 @@ class PushStreamSource : public BufferProducer {
   virtual void close();
   // Sends `bytes` after everything this thread pushed before. Any thread.
   virtual void push(const std::string& bytes);
+  void push(const char* data, size_t size);
   // Ends the outgoing stream at once: what was not sent yet is dropped and the
   // connection closes in a moment (never inside this call). Event thread.
   void abort();
@@ -171,6 +172,11 @@ class PullStreamSink : public BufferProducer {
   // Called by the linked PullStreamSource.
   void append(const char* data, size_t size);
   void notifyReadable();
+  // append + notifyReadable, without making this sink a buffer when it had
+  // nothing kept: the bytes are handed over in a buffer the thread keeps, and
+  // only what the reader leaves is copied here. A read then costs no
+  // allocation.
+  void deliver(const char* data, size_t size);
   bool notifyInputEnd();
   void notifyOutputEnd();
   void notifyClosed();
@@ -196,6 +202,8 @@ class PullStreamSource : public BufferConsumer {
   // Appends to the sink's buffer without telling the reader yet.
   void append(const char* data, size_t size);
   void notifyReadable();
+  // Appends and tells the reader (see PullStreamSink::deliver).
+  void deliver(const char* data, size_t size);
   // The reader's answer (see Reader::onInputEnd); false without a link.
   bool notifyInputEnd();
   void notifyOutputEnd();

@@ -20,6 +20,10 @@ RequestResponseConnectionHandler::~RequestResponseConnectionHandler() = default;
 
 void RequestResponseConnectionHandler::send(const std::string& bytes) { source_.push(bytes); }
 
+void RequestResponseConnectionHandler::send(const char* data, size_t size) {
+  source_.push(data, size);
+}
+
 void RequestResponseConnectionHandler::shutdown() { source_.close(); }
 
 void RequestResponseConnectionHandler::abort() { source_.abort(); }

@@ -55,6 +55,7 @@ class RequestResponseConnectionHandler
   // threads they are handed over through the event thread. A no-op once the
   // connection is gone.
   void send(const std::string& bytes);
+  void send(const char* data, size_t size);
   // Ends the connection: what was sent before (from any thread) is flushed,
   // then the connection closes. Any thread; nothing more is delivered.
   void shutdown();

@@ -214,8 +214,7 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
       // Each piece goes to the handler at once, so that the answers it makes
       // are counted against the output bound before more is read.
       if (state_ == kOpen && !output_closing_ && !aborting_) {
-        source_.append(buffer, static_cast<size_t>(n));
-        source_.notifyReadable();
+        source_.deliver(buffer, static_cast<size_t>(n));
         if (state_ != kOpen) break;
       }
       // A short read emptied the kernel buffer: another recv would only say so.

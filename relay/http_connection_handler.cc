@@ -7,6 +7,7 @@
 
 #include "common/event_thread.h"
 #include "relay/http_server.h"
+#include "relay/message_pool.h"
 
 namespace vantu {
 namespace relay {
@@ -88,12 +89,14 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
   const bool strict = strict_parser_ != nullptr;
   if (strict) response->setHeader("Date", httpDate());
-  std::string header;
+  // Each thread renders its answers' heads into one buffer, kept.
+  thread_local std::string header;
   response->outputHeader(&header);
   SendGuard guard(*this);
   send(header);
   const bool with_content = !(strict && to_head_request);
-  if (with_content) send(std::string(response->content.begin(), response->content.end()));
+  if (with_content) send(response->content.data(), response->content.size());
+  if (header.capacity() > 65536) std::string().swap(header);  // a huge head is not kept
   if (HttpServerObserver* observer = impl_->observer()) {
     observer->bytesSent(header.size() + (with_content ? response->content.size() : 0));
   }
@@ -108,14 +111,15 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     return;
   }
   if (HttpServerObserver* observer = impl->observer()) observer->bytesReceived(data->size());
-  std::vector<HttpRequestPtr> requests;
+  // Kept from chunk to chunk (empty in between) so that it costs no allocation.
+  std::vector<HttpRequestPtr>& requests = requests_;
   const bool parsed =
       strict_parser_ ? strict_parser_->parse(*data, &requests) : parser_.parse(*data, &requests);
   data->clear();
   const bool last_ends_connection = strict_parser_ && parsed && strict_parser_->closing();
   bool large = false;
   for (size_t i = 0; i < requests.size(); ++i) {
-    HttpResponsePtr response = std::make_shared<HttpResponse>();
+    HttpResponsePtr response = message_pool::adopt(message_pool::newResponse());
     if (last_ends_connection && i + 1 == requests.size()) {
       response->setHeader("Connection", "close");
     }
@@ -123,6 +127,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     large = large || isLarge(*requests[i]);
   }
   requests.clear();
+  if (requests.capacity() > 64) std::vector<HttpRequestPtr>().swap(requests);
   if (large) releaseFreeMemory();
   if (!parsed) {
     if (strict_parser_) {

@@ -79,14 +79,20 @@ bool matchStatusLine(const std::string& line, int* code, std::string* reason) {
 }
 
 bool matchHeaderLine(const std::string& line, size_t* name_length, size_t* value_start) {
-  const char* data = line.data();
-  const size_t size = line.size();
+  if (!matchHeaderLineWithoutLineFeed(line.data(), line.size(), name_length, value_start)) {
+    return false;
+  }
+  // The name may hold any byte but a colon, a line feed included; the value
+  // (".*") no line feed.
+  return noLineFeed(line.data() + *value_start, line.size() - *value_start);
+}
+
+bool matchHeaderLineWithoutLineFeed(const char* data, size_t size, size_t* name_length,
+                                    size_t* value_start) {
   const char* colon = static_cast<const char*>(memchr(data, ':', size));
   if (colon == nullptr) return false;
   const size_t colon_at = colon - data;
   if (colon_at + 1 >= size || data[colon_at + 1] != ' ') return false;
-  // The name may hold any byte but a colon, a line feed included.
-  if (!noLineFeed(data + colon_at + 2, size - colon_at - 2)) return false;
   *name_length = colon_at;
   *value_start = colon_at + 2;
   return true;

@@ -26,6 +26,10 @@ bool matchStatusLine(const std::string& line, int* code, std::string* reason);
 // "([^:]*): (.*)": the name is everything before the first colon, which must be
 // followed by a blank; the value is the rest. Returns the split by position.
 bool matchHeaderLine(const std::string& line, size_t* name_length, size_t* value_start);
+// The same for a line known to hold no line feed, as every line the parser
+// splits off is.
+bool matchHeaderLineWithoutLineFeed(const char* data, size_t size, size_t* name_length,
+                                    size_t* value_start);
 
 }  // namespace relay
 }  // namespace vantu

@@ -1,10 +1,13 @@
 #include "relay/http_message.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 #include "common/string_util.h"
+#include "relay/message_pool.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
 
@@ -157,11 +160,22 @@ const char* HttpResponse::getStatusString(StatusCode code) {
 }
 
 void HttpResponse::setHeader(const std::string& name, const std::string& value) {
-  headers[name] = value;
+  message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), name.data(),
+                          name.size(), value.data(), value.size());
 }
 
 void HttpResponse::setHeaderF(const std::string& name, const char* format, ...) {
+  // Short values (ids, lengths) are formatted on the stack.
+  char small[64];
   va_list args;
+  va_start(args, format);
+  const int length = vsnprintf(small, sizeof(small), format, args);
+  va_end(args);
+  if (length >= 0 && static_cast<size_t>(length) < sizeof(small)) {
+    message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), name.data(),
+                            name.size(), small, strnlen(small, length));  // up to the first NUL
+    return;
+  }
   va_start(args, format);
   std::string value = stringVPrintf(format, args);
   va_end(args);
@@ -175,11 +189,26 @@ void HttpResponse::setTextHtml() { setContentType("text/html"); }
 
 void HttpResponse::outputHeader(std::string* out) {
   if (status_string.empty()) status_string = getStatusString(status_code);
-  *out = stringPrintf("HTTP/1.1 %d %s\r\n", static_cast<int>(status_code), status_string.c_str());
-  setHeaderF("Content-Length", "%d", static_cast<int>(content.size()));
-  size_t size = out->size() + 2;
+  // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL.
+  char number[16];
+  const char* number_end =
+      std::to_chars(number, number + sizeof(number), static_cast<int>(status_code)).ptr;
+  const size_t phrase_length = strnlen(status_string.data(), status_string.size());
+  char length[16];
+  const char* length_end =
+      std::to_chars(length, length + sizeof(length), static_cast<int>(content.size())).ptr;
+  static const char kContentLength[] = "Content-Length";
+  message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), kContentLength,
+                          sizeof(kContentLength) - 1, length, length_end - length);
+  size_t size = 9 + (number_end - number) + 1 + phrase_length + 2 + 2;
   for (const auto& header : headers) size += header.first.size() + header.second.size() + 4;
+  out->clear();
   out->reserve(size);
+  out->append("HTTP/1.1 ", 9);
+  out->append(number, number_end - number);
+  out->push_back(' ');
+  out->append(status_string.data(), phrase_length);
+  out->append("\r\n", 2);
   for (const auto& header : headers) {
     out->append(header.first);
     out->append(": ", 2);

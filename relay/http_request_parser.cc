@@ -1,11 +1,16 @@
 #include "relay/http_request_parser.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstring>
 
 #include "common/logging.h"
 #include "common/string_util.h"
 #include "relay/http_line_match.h"
+#include "relay/message_pool.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
 
@@ -18,32 +23,24 @@ constexpr char kLogger[] = "http_request_parser";
 constexpr size_t kLongLine = 4096;
 constexpr char kSourceFile[] = "relay/http_request_parser";
 
-// Finds line ends in one chunk with memchr, remembering the next CR and the
-// next LF it has seen so that neither search ever goes over the same bytes
-// twice: linear in the chunk however its lines end.
-class LineEndFinder {
- public:
-  explicit LineEndFinder(const char* end) : end_(end) {}
-
-  // The first CR or LF in [from, end), or end.
-  const char* next(const char* from) {
-    if (next_cr_ == nullptr || next_cr_ < from) next_cr_ = find(from, end_, '\r');
-    // Only an LF before the next CR matters; when there is none, next_lf_
-    // rests on that CR until the scan passes it.
-    if (next_lf_ == nullptr || next_lf_ < from) next_lf_ = find(from, next_cr_, '\n');
-    return std::min(next_cr_, next_lf_);
+// The first CR or LF in [from, end), or end: sixteen bytes at a time where
+// SSE2 is there. Each doParse call scans each byte once, so a line of any
+// length that arrives in any pieces costs linear time.
+inline const char* findLineEnd(const char* from, const char* end) {
+#if defined(__SSE2__)
+  const __m128i cr = _mm_set1_epi8('\r');
+  const __m128i lf = _mm_set1_epi8('\n');
+  while (end - from >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+    const int found =
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(block, cr), _mm_cmpeq_epi8(block, lf)));
+    if (found != 0) return from + __builtin_ctz(found);
+    from += 16;
   }
-
- private:
-  static const char* find(const char* from, const char* to, char c) {
-    const void* found = memchr(from, c, to - from);
-    return found != nullptr ? static_cast<const char*>(found) : to;
-  }
-
-  const char* const end_;
-  const char* next_cr_ = nullptr;
-  const char* next_lf_ = nullptr;
-};
+#endif
+  while (from < end && *from != '\r' && *from != '\n') ++from;
+  return from;
+}
 
 // The URL of a request: from its target alone (host null), or from "http://",
 // its Host and its target. Building one is the dearest step of a request, and
@@ -54,32 +51,39 @@ GURL makeUrl(const std::string* host, const std::string& target) {
   // Long URLs are neither kept nor looked for, so that one of them cannot pin
   // its memory.
   constexpr size_t kLongestKept = 2048;
-  thread_local bool last_had_host = false;
-  thread_local std::string last_host;
-  thread_local std::string last_target;
-  thread_local GURL last_url;
+  struct Last {
+    bool had_host = false;
+    std::string host;
+    std::string target;
+    GURL url;
+  };
+  thread_local Last last;  // one thread-local look-up, not four
+  Last& kept = last;
   const size_t size = target.size() + (host != nullptr ? host->size() : 0);
   if (size > kLongestKept) {
     return host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
   }
-  if (target.empty() || last_had_host != (host != nullptr) || target != last_target ||
-      (host != nullptr && *host != last_host)) {
-    last_target.clear();  // should what follows throw, nothing stale is kept
-    last_url = host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
-    last_had_host = host != nullptr;
-    if (host != nullptr) last_host = *host;
-    last_target = target;
+  if (target.empty() || kept.had_host != (host != nullptr) || target != kept.target ||
+      (host != nullptr && *host != kept.host)) {
+    kept.target.clear();  // should what follows throw, nothing stale is kept
+    kept.url = host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
+    kept.had_host = host != nullptr;
+    if (host != nullptr) kept.host = *host;
+    kept.target = target;
   }
-  return last_url;
+  return kept.url;
 }
 
-// Appends the pointers to *out as shared pointers of the concrete type.
+// Appends the pointers to *out as shared pointers of the concrete type, whose
+// memory goes back to this thread's pool when the last one is dropped.
 template <typename Message>
-void adoptAll(const std::vector<HttpMessage*>& messages,
-              std::vector<std::shared_ptr<Message>>* out) {
-  for (HttpMessage* message : messages) {
-    out->push_back(std::shared_ptr<Message>(static_cast<Message*>(message)));
+void adoptAll(std::vector<HttpMessage*>* messages, std::vector<std::shared_ptr<Message>>* out) {
+  for (HttpMessage* message : *messages) {
+    out->push_back(message_pool::adopt(static_cast<Message*>(message)));
   }
+  messages->clear();
+  // A burst of thousands of pipelined requests does not pin its list.
+  if (messages->capacity() > 256) std::vector<HttpMessage*>().swap(*messages);
 }
 
 }  // namespace
@@ -121,8 +125,20 @@ bool HttpMessageParser::refuse(HttpResponse::StatusCode status) {
   return false;
 }
 
+message_pool::Pool* HttpMessageParser::pool() {
+  return pool_ != nullptr ? pool_ : message_pool::threadPool();
+}
+
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
   if (spent_) return false;
+  // One look at the thread's pool per chunk, not one per message and header.
+  struct PoolScope {
+    explicit PoolScope(HttpMessageParser* parser) : parser(parser) {
+      parser->pool_ = message_pool::threadPool();
+    }
+    ~PoolScope() { parser->pool_ = nullptr; }
+    HttpMessageParser* parser;
+  } scope(this);
   if (!message_) message_.reset(createNewMessage());
   const char* scan = data.data();
   const char* const end = scan + data.size();
@@ -131,7 +147,6 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
     if (*scan == '\n') ++scan;
   }
   const char* line_start = scan;
-  LineEndFinder line_ends(end);
   for (;;) {
     if (state_ == kBody) {
       const size_t missing = message_->content_length - message_->body.size();
@@ -147,7 +162,7 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
       line_start = scan;
       if (scan == end) return true;
     }
-    const char* line_end = line_ends.next(scan);
+    const char* line_end = findLineEnd(scan, end);
     if (line_end == end) {
       buffer_.append(line_start, end - line_start);
       if (headTooLong(buffer_.size())) {
@@ -183,8 +198,10 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
 }
 
 bool HttpMessageParser::processLine(const char* data, size_t length) {
-  // The line is always handed over from buffer_, which keeps its capacity from
-  // line to line, so that whole lines cost no allocation either.
+  // A header line that arrived whole is read where it lies.
+  if (state_ == kHeaders && buffer_.empty()) return processHeaderLine(data, length);
+  // Other lines are handed over from buffer_, which keeps its capacity from
+  // line to line, so that they cost no allocation either.
   buffer_.append(data, length);
   bool accepted;
   if (state_ == kInitialLine) {
@@ -205,7 +222,11 @@ bool HttpMessageParser::processLine(const char* data, size_t length) {
 }
 
 bool HttpMessageParser::processHeaderLine(const std::string& line) {
-  if (line.empty()) {
+  return processHeaderLine(line.data(), line.size());
+}
+
+bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
+  if (size == 0) {
     finalizeHeader();
     state_ = kBody;
     if (limits_.max_body_bytes != 0 && message_->content_length > limits_.max_body_bytes) {
@@ -215,16 +236,15 @@ bool HttpMessageParser::processHeaderLine(const std::string& line) {
   }
   size_t name_length;
   size_t value_start;
-  if (!matchHeaderLine(line, &name_length, &value_start)) return false;
-  const char* data = line.data();
+  // Lines end at the first CR or LF, so none holds a line feed.
+  if (!matchHeaderLineWithoutLineFeed(data, size, &name_length, &value_start)) return false;
   VANTU_LOG(5, kLogger, kSourceFile)
       << "Key=" << std::string(data, name_length)
-      << " value=" << std::string(data + value_start, line.size() - value_start);
+      << " value=" << std::string(data + value_start, size - value_start);
   // Header names often arrive in ascending order: hinting at the end makes
   // those insertions a single comparison.
-  auto inserted = message_->headers.insert_or_assign(
-      message_->headers.end(), std::string(data, name_length),
-      std::string(data + value_start, line.size() - value_start));
+  auto inserted = message_pool::setHeader(pool(), &message_->headers, message_->headers.end(), data,
+                                          name_length, data + value_start, size - value_start);
   if (name_length == 14 && memcmp(data, "Content-Length", 14) == 0) {
     return ParseUInt32(inserted->second, &message_->content_length);
   }
@@ -232,13 +252,12 @@ bool HttpMessageParser::processHeaderLine(const std::string& line) {
 }
 
 bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
-  std::vector<HttpMessage*> messages;
-  bool result = doParse(data, &messages);
-  adoptAll(messages, requests);
+  const bool result = doParse(data, &completed_);
+  adoptAll(&completed_, requests);
   return result;
 }
 
-HttpMessage* HttpRequestParser::createNewMessage() { return new HttpRequest; }
+HttpMessage* HttpRequestParser::createNewMessage() { return message_pool::newRequest(pool()); }
 
 bool HttpRequestParser::processInitialLine(const std::string& line) {
   size_t method_length;
@@ -277,13 +296,12 @@ void HttpRequestParser::finalizeHeader() {
 }
 
 bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {
-  std::vector<HttpMessage*> messages;
-  bool result = doParse(data, &messages);
-  adoptAll(messages, responses);
+  const bool result = doParse(data, &completed_);
+  adoptAll(&completed_, responses);
   return result;
 }
 
-HttpMessage* HttpResponseParser::createNewMessage() { return new HttpResponse; }
+HttpMessage* HttpResponseParser::createNewMessage() { return message_pool::newResponse(pool()); }
 
 bool HttpResponseParser::processInitialLine(const std::string& line) {
   int code;

@@ -12,6 +12,10 @@
 namespace vantu {
 namespace relay {
 
+namespace message_pool {
+class Pool;
+}  // namespace message_pool
+
 // Limits a server may put on the requests it reads; 0 means no limit, which is
 // what a parser has unless told otherwise.
 struct RequestLimits {
@@ -56,6 +60,7 @@ class HttpMessageParser {
   bool processLine(const char* data, size_t length);
   // One line of the header block; the empty line ends the block.
   bool processHeaderLine(const std::string& line);
+  bool processHeaderLine(const char* data, size_t size);
 
   // Refuses what exceeds `limits` (none by default): a first line longer than
   // max_header_bytes (status 414), a longer head (400), a Content-Length above
@@ -89,6 +94,13 @@ class HttpMessageParser {
   // The message in progress; null only before the first chunk.
   std::unique_ptr<HttpMessage> message_;
 
+  // Where new messages and header nodes come from: this thread's pool.
+  message_pool::Pool* pool();
+
+  // The messages a parse call completed, before they are handed out; kept
+  // from call to call so that it costs no allocation.
+  std::vector<HttpMessage*> completed_;
+
  private:
   // Whether a line of `length` bytes, not yet handed over, takes the head past
   // its limit.
@@ -104,6 +116,9 @@ class HttpMessageParser {
   size_t head_bytes_ = 0;
   HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
   bool spent_ = false;
+  // This thread's pool while doParse runs (fetched once per chunk); null
+  // otherwise.
+  message_pool::Pool* pool_ = nullptr;
 };
 
 // Reads requests: the request line, then the absolute URL and the unescaped

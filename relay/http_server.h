@@ -262,6 +262,7 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   const std::unique_ptr<StrictRequestParser> strict_parser_;
 
   // Event thread only.
+  std::vector<HttpRequestPtr> requests_;  // the chunk at hand's, while it is handled
   int answers_owed_ = 0;
   bool input_ended_ = false;
   bool closing_ = false;  // no more requests are read; close when nothing is owed

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 
+#include "relay/message_pool.h"
+
 namespace vantu {
 namespace relay {
 namespace {
@@ -267,6 +269,14 @@ StrictRequestParser::~StrictRequestParser() = default;
 
 bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
   if (state_ == State::kFailed) return false;
+  // One look at the thread's pool per chunk, not one per request and header.
+  struct PoolScope {
+    explicit PoolScope(message_pool::Pool** pool) : pool(pool) {
+      *pool = message_pool::threadPool();
+    }
+    ~PoolScope() { *pool = nullptr; }
+    message_pool::Pool** pool;
+  } scope(&pool_);
   const char* p = data.data();
   const char* const end = p + data.size();
   while (p < end) {
@@ -411,7 +421,7 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
     if (q == target_end || *q != ':') return fail(HttpResponse::kBadRequest);
   }
 
-  request_ = std::make_shared<HttpRequest>();
+  request_ = message_pool::adopt(message_pool::newRequest(pool_));
   request_->method = method;
   if (line == line_.data() && line_.capacity() > kCapacityKept) {
     // A long line arrived in pieces: its buffer becomes the uri instead of
@@ -448,8 +458,8 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   if (!noteFramingField(line, name_length, value, value_length)) return false;
   // Names often arrive in ascending order: hinting at the end makes those
   // insertions a single comparison.
-  request_->headers.insert_or_assign(request_->headers.end(), std::string(line, name_length),
-                                     std::string(value, value_length));
+  message_pool::setHeader(pool_, &request_->headers, request_->headers.end(), line, name_length,
+                          value, value_length);
   return true;
 }
 

@@ -13,6 +13,10 @@
 namespace vantu {
 namespace relay {
 
+namespace message_pool {
+class Pool;
+}  // namespace message_pool
+
 // Reads requests the way RFC 9112 does, so that this server and any proxy in
 // front of it agree on where every request ends. A server uses it instead of
 // HttpRequestParser when its options ask for strict framing.
@@ -145,6 +149,8 @@ class StrictRequestParser {
   uint64_t body_remaining_ = 0;
   // The request in progress; null between requests.
   HttpRequestPtr request_;
+  // This thread's message pool while parse runs; null otherwise.
+  message_pool::Pool* pool_ = nullptr;
 
   // What the head of the request in progress said about its framing.
   std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","

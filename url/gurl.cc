@@ -375,6 +375,58 @@ GURL::GURL(const std::string& url_string) {
   }
 }
 
+namespace {
+
+// A target that starts with a single "/", once escaped: every byte left is a
+// path, query or fragment character or one of their delimiters, so a scan
+// for the first "?" and "#" splits it as the grammar would. Only a second "#"
+// (inside the fragment) is not allowed. False when that is found.
+bool splitEscapedTarget(const std::string& target, Pieces* p) {
+  const string_view all(target.data(), target.size());
+  size_t end = target.find_first_of("?#");
+  if (end == std::string::npos) end = target.size();
+  p->path = all.substr(0, end);
+  if (end < target.size() && target[end] == '?') {
+    const size_t hash = target.find('#', end + 1);
+    const size_t query_end = hash == std::string::npos ? target.size() : hash;
+    p->has_query = true;
+    p->query = all.substr(end + 1, query_end - end - 1);
+    end = query_end;
+  }
+  if (end < target.size()) {
+    if (target.find('#', end + 1) != std::string::npos) return false;
+    p->has_fragment = true;
+    p->fragment = all.substr(end + 1);
+  }
+  return true;
+}
+
+// An authority of letters, digits, "-", ".", "_" and "~" (a reg-name or an
+// IPv4 address), with an optional ":" and port digits: what nearly every
+// Host header holds. False for anything else, which the grammar then reads.
+bool splitPlainAuthority(const std::string& authority, Pieces* p) {
+  size_t i = 0;
+  for (; i < authority.size(); ++i) {
+    const char c = authority[i];
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+          c == '.' || c == '_' || c == '~')) {
+      break;
+    }
+  }
+  const string_view all(authority.data(), authority.size());
+  p->host = all.substr(0, i);
+  if (i == authority.size()) return true;
+  if (authority[i] != ':') return false;
+  for (size_t j = i + 1; j < authority.size(); ++j) {
+    if (authority[j] < '0' || authority[j] > '9') return false;
+  }
+  p->has_port = i + 1 < authority.size();
+  p->port = all.substr(i + 1);
+  return true;
+}
+
+}  // namespace
+
 GURL GURL::fromParts(const std::string& scheme, const std::string& authority,
                      const std::string& target) {
   // The joined text would end the authority at its first "/", "?" or "#", and
@@ -390,20 +442,25 @@ GURL GURL::fromParts(const std::string& scheme, const std::string& authority,
       std::string escaped_target;
       const std::string& target_text =
           escapeRange(target, 0, 0, &escaped_target) ? escaped_target : target;
-      auto parsed_authority = boost::urls::parse_authority(authority_text);
-      auto parsed_target = boost::urls::parse_relative_ref(target_text);
-      if (parsed_authority && parsed_target && schemeLength(scheme + ":") == scheme.size()) {
-        Pieces p = piecesOf(*parsed_target);
-        const boost::urls::authority_view& a = *parsed_authority;
+      Pieces p;
+      bool parsed = splitEscapedTarget(target_text, &p);
+      if (parsed && !splitPlainAuthority(authority_text, &p)) {
+        auto parsed_authority = boost::urls::parse_authority(authority_text);
+        parsed = static_cast<bool>(parsed_authority);
+        if (parsed) {
+          const boost::urls::authority_view& a = *parsed_authority;
+          p.has_userinfo = a.has_userinfo();
+          p.user = a.encoded_user();
+          p.has_password = a.has_password();
+          p.password = a.encoded_password();
+          p.host = a.encoded_host();
+          p.has_port = a.has_port() && !a.port().empty();
+          p.port = a.port();
+        }
+      }
+      if (parsed && schemeLength(scheme + ":") == scheme.size()) {
         p.scheme = scheme;
         p.has_authority = true;
-        p.has_userinfo = a.has_userinfo();
-        p.user = a.encoded_user();
-        p.has_password = a.has_password();
-        p.password = a.encoded_password();
-        p.host = a.encoded_host();
-        p.has_port = a.has_port() && !a.port().empty();
-        p.port = a.port();
         GURL url;
         std::string spec;
         const Verdict verdict = build(p, &spec, &url.parsed_);
