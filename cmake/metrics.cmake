@@ -23,6 +23,13 @@ if(HSL_BUILD_TESTS AND TARGET demo_server)
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tests/metrics_scrape.py $<TARGET_FILE:demo_server>)
   set_tests_properties(metrics_scrape PROPERTIES LABELS unit TIMEOUT 120)
 endif()
+# The core library neither contains the metrics nor links prometheus-cpp.
+if(HSL_BUILD_TESTS)
+  add_test(NAME core_without_metrics COMMAND sh -c
+    "! nm -DC --defined-only \"$1\" | grep -q MetricsObserver && ! readelf -d \"$1\" | grep -q prometheus"
+    sh $<TARGET_FILE:http_server_lib>)
+  set_tests_properties(core_without_metrics PROPERTIES LABELS unit)
+endif()
 
 # Installed beside the core: the library, its own export set in the same CMake
 # package (http_server_lib-config.cmake includes http_server_lib_metrics.cmake,
