@@ -34,6 +34,7 @@
 // that no peer can grow the metrics without bound.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -124,6 +125,15 @@ class MetricsObserver : public HttpServerObserver {
     prometheus::Counter* outcomes[5] = {};      // by RpcOutcome
   };
 
+  // The series a thread counted a request in last (see requestAnswered).
+  struct LastRequestSeries {
+    uint64_t observer = 0;  // id_ of the observer; 0 for none
+    int status = 0;
+    std::string handler;
+    prometheus::Counter* requests = nullptr;
+    prometheus::Histogram* duration = nullptr;  // null for "(none)"
+  };
+
   explicit MetricsObserver(std::shared_ptr<prometheus::Registry> registry);
 
   HandlerSeries& handlerSeries(const std::string& pattern) VANTU_REQUIRES(mutex_);
@@ -132,7 +142,9 @@ class MetricsObserver : public HttpServerObserver {
   RpcSeries& rpcSeries(const std::string& service, const std::string& method, bool peer_service,
                        bool peer_method) VANTU_REQUIRES(mutex_);
 
-  // Constant after construction: the registry and the families in it.
+  // Constant after construction: an id no other observer of the process has,
+  // the registry and the families in it.
+  const uint64_t id_;
   const std::shared_ptr<prometheus::Registry> registry_;
   prometheus::Family<prometheus::Counter>* requests_family_ = nullptr;
   prometheus::Family<prometheus::Histogram>* handler_duration_family_ = nullptr;
