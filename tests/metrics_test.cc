@@ -6,6 +6,7 @@
 #include <prometheus/gauge.h>
 #include <prometheus/registry.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -73,10 +74,12 @@ class Workers {
   std::vector<std::thread> threads_;
 };
 
-// Echo answers at once; Hold answers the same from a worker thread; Fail
-// fails with the request's text.
+// Echo answers at once; Hold answers the same from a worker thread, taking
+// at least hold_ms milliseconds from when it was called; Fail fails with the
+// request's text.
 class TestServiceImpl : public relaytest::TestService {
  public:
+  explicit TestServiceImpl(int hold_ms = 0) : hold_ms_(hold_ms) {}
   void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
             relaytest::Text* response, google::protobuf::Closure* done) override {
     response->set_text(request->text());
@@ -84,7 +87,10 @@ class TestServiceImpl : public relaytest::TestService {
   }
   void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
             relaytest::Text* response, google::protobuf::Closure* done) override {
-    workers_.post([request, response, done] {
+    const Time until = Time::now() + Duration::milliseconds(hold_ms_);
+    workers_.post([request, response, done, until] {
+      // The service's own work, not a wait for anything.
+      while (Time::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       response->set_text(request->text());
       done->Run();
     });
@@ -96,6 +102,7 @@ class TestServiceImpl : public relaytest::TestService {
   }
 
  private:
+  const int hold_ms_;
   Workers workers_;
 };
 
@@ -113,8 +120,8 @@ std::string text(const std::string& t) {
 }
 
 // The samples of a scrape, "name{labels}" as written to its value. Buckets
-// and sums are left out (sums are timings); counts stay.
-std::map<std::string, double> samples(const std::string& scrape) {
+// and sums are left out unless `all` (they are timings); counts stay.
+std::map<std::string, double> samples(const std::string& scrape, bool all = false) {
   std::map<std::string, double> result;
   std::istringstream lines(scrape);
   std::string line;
@@ -123,8 +130,9 @@ std::map<std::string, double> samples(const std::string& scrape) {
     const size_t space = line.rfind(' ');
     const std::string key = line.substr(0, space);
     const std::string name = key.substr(0, key.find('{'));
-    if (name.size() > 7 && (name.compare(name.size() - 7, 7, "_bucket") == 0 ||
-                            name.compare(name.size() - 4, 4, "_sum") == 0)) {
+    if (!all && name.size() > 7 &&
+        (name.compare(name.size() - 7, 7, "_bucket") == 0 ||
+         name.compare(name.size() - 4, 4, "_sum") == 0)) {
       continue;
     }
     result[key] = std::strtod(line.c_str() + space + 1, nullptr);
@@ -165,17 +173,18 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
   ASSERT_TRUE(registry);
   server->registerHandler(
       "/a.*", [](const HttpRequestPtr&, const HttpResponsePtr& r) { r->content.assign(3, 'x'); });
-  server->registerHandler("/b", [](const HttpRequestPtr&, const HttpResponsePtr& r) {
-    r->status_code = HttpResponse::kForbidden;
+  server->registerHandler("/b", [](const HttpRequestPtr& request, const HttpResponsePtr& r) {
+    if (request->getStringQueryComponent("let", 0) != "in")
+      r->status_code = HttpResponse::kForbidden;
   });
-  auto service = std::make_shared<TestServiceImpl>();
+  auto service = std::make_shared<TestServiceImpl>(/*hold_ms=*/20);
   server->registerRPCService(service);
 
-  const std::string sent = get("/abc") + get("/a?q=1") + get("/b") + get("/zzz") + get("/metrics") +
-                           call(kService, "Echo", text("e")) + call(kService, "Hold", text("h")) +
-                           call(kService, "Fail", text("f")) + call(kService, "Nope", "") +
-                           call("nobody.Service", "Echo", "") + call(kService, "Echo", "\xff") +
-                           "bad line\r\n";
+  const std::string sent = get("/abc") + get("/a?q=1") + get("/b") + get("/b?let=in") +
+                           get("/zzz") + get("/metrics") + call(kService, "Echo", text("e")) +
+                           call(kService, "Hold", text("h")) + call(kService, "Fail", text("f")) +
+                           call(kService, "Nope", "") + call("nobody.Service", "Echo", "") +
+                           call(kService, "Echo", "\xff") + "bad line\r\n";
   std::string received;
   {
     vantu::testing::LoopbackClient client(server->localAddress().port());
@@ -200,10 +209,11 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
       {
           {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", 2},
           {"relay_http_requests_total{code=\"403\",handler=\"/b\"}", 1},
+          {"relay_http_requests_total{code=\"200\",handler=\"/b\"}", 1},
           {"relay_http_requests_total{code=\"404\",handler=\"(none)\"}", 1},
           {"relay_http_requests_total{code=\"200\",handler=\"/metrics\"}", 1},
           {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", 2},
-          {"relay_http_handler_duration_seconds_count{handler=\"/b\"}", 1},
+          {"relay_http_handler_duration_seconds_count{handler=\"/b\"}", 2},
           {"relay_http_handler_duration_seconds_count{handler=\"/metrics\"}", 1},
           {rpcs(s, "Echo", "ok"), 1},
           {rpcs(s, "Hold", "ok"), 1},
@@ -222,6 +232,13 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
           {"relay_http_limit_rejections_total{code=\"413\"}", 1},
       },
       samples(metricsText(*registry)));
+  // The latency runs from the request read to the answer: Hold's includes
+  // the 20 ms its service took.
+  std::map<std::string, double> timings = samples(metricsText(*registry), true);
+  const std::string hold = "{method=\"Hold\",service=\"" + s + "\"";
+  EXPECT_LE(0.020, timings["relay_rpc_duration_seconds_sum" + hold + "}"]);
+  EXPECT_EQ(0, timings.at("relay_rpc_duration_seconds_bucket" + hold + ",le=\"0.01\"}"));
+  EXPECT_EQ(1, timings.at("relay_rpc_duration_seconds_bucket" + hold + ",le=\"+Inf\"}"));
 }
 
 TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
@@ -307,8 +324,13 @@ TEST(MetricsTest, SharedRegistryAddsUpAndAConflictingOneIsRefused) {
   std::shared_ptr<HttpServer> third = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
   ASSERT_TRUE(third);
   EXPECT_EQ(nullptr, exposeMetrics(*third, "/metrics", taken));
+  // And one with a registry of its own, answering on the same event thread.
+  std::shared_ptr<HttpServer> fourth = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(fourth);
+  std::shared_ptr<prometheus::Registry> own = exposeMetrics(*fourth);
+  ASSERT_TRUE(own);
 
-  for (const std::shared_ptr<HttpServer>& server : {first, second, third}) {
+  for (const std::shared_ptr<HttpServer>& server : {first, second, third, fourth, first}) {
     vantu::testing::LoopbackClient client(server->localAddress().port());
     client.write(get("/nothing"));
     client.shutdownWrite();
@@ -317,10 +339,14 @@ TEST(MetricsTest, SharedRegistryAddsUpAndAConflictingOneIsRefused) {
   first.reset();
   second.reset();
   third.reset();
+  fourth.reset();
   waitForDeferredWork();
   const std::map<std::string, double> all = samples(metricsText(*registry));
-  EXPECT_EQ(2, all.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
-  EXPECT_EQ(2, all.at("relay_connections_accepted_total"));
+  EXPECT_EQ(3, all.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  EXPECT_EQ(3, all.at("relay_connections_accepted_total"));
+  EXPECT_EQ(
+      1,
+      samples(metricsText(*own)).at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
   expectSamples({{"relay_rpcs_total", 7}}, samples(metricsText(*taken)));
 }
 
