@@ -19,6 +19,7 @@
 #include "common/logging.h"
 #include "demo_service.h"
 #include "relay/http_server.h"
+#include "relay/metrics.h"
 #include "relay/reflection.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
@@ -69,6 +70,7 @@ const char kIndexPage[] =
     "<h1>relay demo server</h1>\n<ul>\n"
     "<li><a href=\"/hello\">/hello</a>: a plain-text greeting</li>\n"
     "<li><a href=\"/echo?a=1&amp;b=two\">/echo</a>: the request as JSON</li>\n"
+    "<li><a href=\"/metrics\">/metrics</a>: the server's metrics (Prometheus text format)</li>\n"
     "</ul>\n<h2>Services</h2>\n<ul>\n"
     "<li>demo.EchoService: Echo, Delay, Fail (POST with Rpc-Service and Rpc-Method headers; "
     "JSON with Content-Type: application/json)</li>\n"
@@ -202,6 +204,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "demo_server: cannot listen on %s\n", listen_address.toString().c_str());
     return 1;
   }
+  vantu::relay::exposeMetrics(*server);
   registerHandlers(server.get());
   server->registerRPCService(std::make_shared<demo::EchoServiceImpl>());
   vantu::relay::registerReflectionService(server);

@@ -1,0 +1,418 @@
+// The server's Prometheus metrics: what moves with requests, RPCs, refusals,
+// connections and bytes, under exactly which labels, and the scrape itself.
+#include "relay/metrics.h"
+
+#include <gtest/gtest.h>
+#include <prometheus/gauge.h>
+#include <prometheus/registry.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "relay/http_request_parser.h"
+#include "relay/http_server.h"
+#include "test_services.pb.h"
+#include "tests/loopback_client.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using Outcome = HttpServerObserver::RpcOutcome;
+
+// Runs functions on two threads of its own, as a service completing calls
+// off the event thread does.
+class Workers {
+ public:
+  Workers() {
+    for (int i = 0; i < 2; ++i) threads_.emplace_back([this] { run(); });
+  }
+  ~Workers() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+  }
+  void post(std::function<void()> fn) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      queue_.push_back(std::move(fn));
+    }
+    ready_.notify_one();
+  }
+
+ private:
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      ready_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (queue_.empty()) return;
+      std::function<void()> fn = std::move(queue_.front());
+      queue_.pop_front();
+      lock.unlock();
+      fn();
+      lock.lock();
+    }
+  }
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::deque<std::function<void()>> queue_;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+// Echo answers at once; Hold answers the same from a worker thread, taking
+// at least hold_ms milliseconds from when it was called; Fail fails with the
+// request's text.
+class TestServiceImpl : public relaytest::TestService {
+ public:
+  explicit TestServiceImpl(int hold_ms = 0) : hold_ms_(hold_ms) {}
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    response->set_text(request->text());
+    done->Run();
+  }
+  void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    const Time until = Time::now() + Duration::milliseconds(hold_ms_);
+    workers_.post([request, response, done, until] {
+      // The service's own work, not a wait for anything.
+      while (Time::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      response->set_text(request->text());
+      done->Run();
+    });
+  }
+  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
+            relaytest::Text*, google::protobuf::Closure* done) override {
+    controller->SetFailed(request->text());
+    done->Run();
+  }
+
+ private:
+  const int hold_ms_;
+  Workers workers_;
+};
+
+std::string get(const std::string& path) { return "GET " + path + " HTTP/1.1\r\nHost: h\r\n\r\n"; }
+
+std::string call(const std::string& service, const std::string& method, const std::string& body) {
+  return "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nRpc-Service: " + service + "\r\nRpc-Method: " + method + "\r\n\r\n" + body;
+}
+
+std::string text(const std::string& t) {
+  relaytest::Text message;
+  message.set_text(t);
+  return message.SerializeAsString();
+}
+
+// The samples of a scrape, "name{labels}" as written to its value. Buckets
+// and sums are left out unless `all` (they are timings); counts stay.
+std::map<std::string, double> samples(const std::string& scrape, bool all = false) {
+  std::map<std::string, double> result;
+  std::istringstream lines(scrape);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t space = line.rfind(' ');
+    const std::string key = line.substr(0, space);
+    const std::string name = key.substr(0, key.find('{'));
+    if (!all && name.size() > 7 &&
+        (name.compare(name.size() - 7, 7, "_bucket") == 0 ||
+         name.compare(name.size() - 4, 4, "_sum") == 0)) {
+      continue;
+    }
+    result[key] = std::strtod(line.c_str() + space + 1, nullptr);
+  }
+  return result;
+}
+
+// Compares every sample, and that there are no others.
+void expectSamples(const std::map<std::string, double>& expected,
+                   std::map<std::string, double> actual) {
+  for (const auto& sample : expected) {
+    auto it = actual.find(sample.first);
+    if (it == actual.end()) {
+      ADD_FAILURE() << "missing " << sample.first;
+      continue;
+    }
+    EXPECT_EQ(sample.second, it->second) << sample.first;
+    actual.erase(it);
+  }
+  for (const auto& sample : actual) ADD_FAILURE() << "unexpected " << sample.first;
+}
+
+const char kService[] = "relaytest.TestService";
+
+std::string rpcs(const std::string& service, const std::string& method,
+                 const std::string& outcome) {
+  return "relay_rpcs_total{method=\"" + method + "\",outcome=\"" + outcome + "\",service=\"" +
+         service + "\"}";
+}
+
+TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
+  HttpServerOptions options;
+  options.max_body_bytes = 100;
+  std::shared_ptr<HttpServer> server =
+      HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
+  ASSERT_TRUE(server);
+  std::shared_ptr<prometheus::Registry> registry = exposeMetrics(*server);
+  ASSERT_TRUE(registry);
+  server->registerHandler(
+      "/a.*", [](const HttpRequestPtr&, const HttpResponsePtr& r) { r->content.assign(3, 'x'); });
+  server->registerHandler("/b", [](const HttpRequestPtr& request, const HttpResponsePtr& r) {
+    if (request->getStringQueryComponent("let", 0) != "in")
+      r->status_code = HttpResponse::kForbidden;
+  });
+  auto service = std::make_shared<TestServiceImpl>(/*hold_ms=*/20);
+  server->registerRPCService(service);
+
+  const std::string sent = get("/abc") + get("/a?q=1") + get("/b") + get("/b?let=in") +
+                           get("/zzz") + get("/metrics") + call(kService, "Echo", text("e")) +
+                           call(kService, "Hold", text("h")) + call(kService, "Fail", text("f")) +
+                           call(kService, "Nope", "") + call("nobody.Service", "Echo", "") +
+                           call(kService, "Echo", "\xff") + "bad line\r\n";
+  std::string received;
+  {
+    vantu::testing::LoopbackClient client(server->localAddress().port());
+    client.write(sent);
+    client.shutdownWrite();
+    received = client.readToEnd();
+    EXPECT_TRUE(client.peerClosed());
+  }
+  const std::string too_large = "POST /a HTTP/1.1\r\nContent-Length: 101\r\n\r\n";
+  std::string refused;
+  {
+    vantu::testing::LoopbackClient client(server->localAddress().port());
+    client.write(too_large);
+    refused = client.readToEnd();
+  }
+  EXPECT_EQ(0u, refused.find("HTTP/1.1 413 "));
+  server.reset();
+  waitForDeferredWork();
+
+  const std::string s = kService;
+  expectSamples(
+      {
+          {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", 2},
+          {"relay_http_requests_total{code=\"403\",handler=\"/b\"}", 1},
+          {"relay_http_requests_total{code=\"200\",handler=\"/b\"}", 1},
+          {"relay_http_requests_total{code=\"404\",handler=\"(none)\"}", 1},
+          {"relay_http_requests_total{code=\"200\",handler=\"/metrics\"}", 1},
+          {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", 2},
+          {"relay_http_handler_duration_seconds_count{handler=\"/b\"}", 2},
+          {"relay_http_handler_duration_seconds_count{handler=\"/metrics\"}", 1},
+          {rpcs(s, "Echo", "ok"), 1},
+          {rpcs(s, "Hold", "ok"), 1},
+          {rpcs(s, "Fail", "failed"), 1},
+          {rpcs(s, "Nope", "method_not_found"), 1},
+          {rpcs("nobody.Service", "Echo", "service_not_found"), 1},
+          {rpcs(s, "Echo", "bad_request"), 1},
+          {"relay_rpc_duration_seconds_count{method=\"Echo\",service=\"" + s + "\"}", 1},
+          {"relay_rpc_duration_seconds_count{method=\"Hold\",service=\"" + s + "\"}", 1},
+          {"relay_rpc_duration_seconds_count{method=\"Fail\",service=\"" + s + "\"}", 1},
+          {"relay_connections_open", 0},
+          {"relay_connections_accepted_total", 2},
+          {"relay_received_bytes_total", static_cast<double>(sent.size() + too_large.size())},
+          {"relay_sent_bytes_total", static_cast<double>(received.size() + refused.size())},
+          {"relay_http_parse_errors_total", 1},
+          {"relay_http_limit_rejections_total{code=\"413\"}", 1},
+      },
+      samples(metricsText(*registry)));
+  // The latency runs from the request read to the answer: Hold's includes
+  // the 20 ms its service took.
+  std::map<std::string, double> timings = samples(metricsText(*registry), true);
+  const std::string hold = "{method=\"Hold\",service=\"" + s + "\"";
+  EXPECT_LE(0.020, timings["relay_rpc_duration_seconds_sum" + hold + "}"]);
+  EXPECT_EQ(0, timings.at("relay_rpc_duration_seconds_bucket" + hold + ",le=\"0.01\"}"));
+  EXPECT_EQ(1, timings.at("relay_rpc_duration_seconds_bucket" + hold + ",le=\"+Inf\"}"));
+}
+
+TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
+  std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(server);
+  // Dots and the like are the path's own characters, not a pattern's.
+  ASSERT_TRUE(exposeMetrics(*server, "/stats.txt"));
+  vantu::testing::LoopbackClient client(server->localAddress().port());
+  client.write(get("/stats.txt") + get("/statsXtxt") + get("/stats.txt"));
+  client.shutdownWrite();
+  HttpResponseParser parser;
+  std::vector<HttpResponsePtr> responses;
+  ASSERT_TRUE(parser.parse(client.readToEnd(), &responses));
+  ASSERT_EQ(3u, responses.size());
+  EXPECT_EQ(200, responses[0]->status_code);
+  EXPECT_EQ(kMetricsContentType, responses[0]->headers["Content-Type"]);
+  EXPECT_EQ(404, responses[1]->status_code);
+  EXPECT_EQ(200, responses[2]->status_code);
+  // A scrape counts once it is answered: the second sees the first and the
+  // 404, and the bytes of everything before it.
+  const std::map<std::string, double> second = samples(responses[2]->body);
+  EXPECT_EQ(1, second.at("relay_http_requests_total{code=\"200\",handler=\"/stats\\\\.txt\"}"));
+  EXPECT_EQ(1, second.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  EXPECT_EQ(1, second.at("relay_connections_open"));
+  EXPECT_NE(std::string::npos,
+            responses[2]->body.find("# TYPE relay_http_handler_duration_seconds histogram"));
+  server.reset();
+  waitForDeferredWork();
+}
+
+TEST(MetricsTest, PeerChosenRpcNamesAreBounded) {
+  auto registry = std::make_shared<prometheus::Registry>();
+  std::shared_ptr<MetricsObserver> observer = MetricsObserver::create(registry);
+  ASSERT_TRUE(observer);
+  const size_t limit = MetricsObserver::kMaxUnknownRpcNames;
+  for (size_t i = 0; i < limit + 10; ++i) {
+    observer->rpcFinished("peer.S" + std::to_string(i), "M", Outcome::kServiceNotFound, {});
+  }
+  // Not a protobuf name: never a label of its own, even under the limit.
+  auto fresh = std::make_shared<prometheus::Registry>();
+  std::shared_ptr<MetricsObserver> other = MetricsObserver::create(fresh);
+  other->rpcFinished("bad\"name\n", "M", Outcome::kServiceNotFound, {});
+  other->rpcFinished("a.B", "", Outcome::kMethodNotFound, {});
+  expectSamples({{rpcs("(other)", "(other)", "service_not_found"), 1},
+                 {rpcs("a.B", "(other)", "method_not_found"), 1},
+                 {"relay_connections_open", 0},
+                 {"relay_connections_accepted_total", 0},
+                 {"relay_received_bytes_total", 0},
+                 {"relay_sent_bytes_total", 0},
+                 {"relay_http_parse_errors_total", 0}},
+                samples(metricsText(*fresh)));
+
+  // Past the limit: a name seen before keeps its series, new ones fold into
+  // "(other)" (a known service keeps its name), real calls are never folded.
+  observer->rpcFinished("peer.S0", "M", Outcome::kServiceNotFound, {});
+  observer->rpcFinished("a.B", "Nope", Outcome::kMethodNotFound, {});
+  observer->rpcFinished("a.B", "Real", Outcome::kOk, Duration::milliseconds(3));
+  std::map<std::string, double> all = samples(metricsText(*registry));
+  EXPECT_EQ(2, all[rpcs("peer.S0", "M", "service_not_found")]);
+  for (size_t i = 1; i < limit; ++i) {
+    EXPECT_EQ(1, all[rpcs("peer.S" + std::to_string(i), "M", "service_not_found")]) << i;
+  }
+  EXPECT_EQ(10, all[rpcs("(other)", "(other)", "service_not_found")]);
+  EXPECT_EQ(1, all[rpcs("a.B", "(other)", "method_not_found")]);
+  EXPECT_EQ(1, all[rpcs("a.B", "Real", "ok")]);
+  EXPECT_EQ(1, all["relay_rpc_duration_seconds_count{method=\"Real\",service=\"a.B\"}"]);
+  size_t series = 0;
+  for (const auto& sample : all) series += sample.first.compare(0, 17, "relay_rpcs_total{") == 0;
+  EXPECT_EQ(limit + 3, series);
+}
+
+TEST(MetricsTest, SharedRegistryAddsUpAndAConflictingOneIsRefused) {
+  auto registry = std::make_shared<prometheus::Registry>();
+  std::shared_ptr<HttpServer> first = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  std::shared_ptr<HttpServer> second = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(registry, exposeMetrics(*first, "/metrics", registry));
+  EXPECT_EQ(registry, exposeMetrics(*second, "/metrics", registry));
+
+  // A registry where one of the names is already something else.
+  auto taken = std::make_shared<prometheus::Registry>();
+  prometheus::BuildGauge().Name("relay_rpcs_total").Help("mine").Register(*taken).Add({}).Set(7);
+  std::shared_ptr<HttpServer> third = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(third);
+  EXPECT_EQ(nullptr, exposeMetrics(*third, "/metrics", taken));
+  // And one with a registry of its own, answering on the same event thread.
+  std::shared_ptr<HttpServer> fourth = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(fourth);
+  std::shared_ptr<prometheus::Registry> own = exposeMetrics(*fourth);
+  ASSERT_TRUE(own);
+
+  for (const std::shared_ptr<HttpServer>& server : {first, second, third, fourth, first}) {
+    vantu::testing::LoopbackClient client(server->localAddress().port());
+    client.write(get("/nothing"));
+    client.shutdownWrite();
+    EXPECT_EQ(0u, client.readToEnd().find("HTTP/1.1 404 "));
+  }
+  first.reset();
+  second.reset();
+  third.reset();
+  fourth.reset();
+  waitForDeferredWork();
+  const std::map<std::string, double> all = samples(metricsText(*registry));
+  EXPECT_EQ(3, all.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  EXPECT_EQ(3, all.at("relay_connections_accepted_total"));
+  EXPECT_EQ(
+      1,
+      samples(metricsText(*own)).at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  expectSamples({{"relay_rpcs_total", 7}}, samples(metricsText(*taken)));
+}
+
+// Series made and counted from the event thread and from the threads that
+// complete calls at the same time: every event counts once.
+TEST(MetricsTest, CallsCompletedOnManyThreadsAllCount) {
+  std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(server);
+  std::shared_ptr<prometheus::Registry> registry = exposeMetrics(*server);
+  ASSERT_TRUE(registry);
+  server->registerHandler("/a.*", [](const HttpRequestPtr&, const HttpResponsePtr&) {});
+  server->registerRPCService(std::make_shared<TestServiceImpl>());
+
+  const int kClients = 4;
+  const int kRounds = 50;
+  std::vector<std::string> requests(kClients), answers(kClients);
+  for (int c = 0; c < kClients; ++c) {
+    for (int i = 0; i < kRounds; ++i) {
+      requests[c] += call(kService, "Hold", text("h")) + get("/a" + std::to_string(c)) +
+                     call(kService, i % 2 ? "Echo" : "Fail", text("x"));
+    }
+  }
+  std::vector<std::thread> clients;
+  for (int c = 0; c < kClients; ++c) {
+    clients.emplace_back([&, c] {
+      vantu::testing::LoopbackClient client(server->localAddress().port());
+      client.write(requests[c]);
+      client.shutdownWrite();
+      answers[c] = client.readToEnd();
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  server.reset();
+  waitForDeferredWork();
+
+  size_t sent = 0, received = 0;
+  for (int c = 0; c < kClients; ++c) {
+    sent += requests[c].size();
+    received += answers[c].size();
+  }
+  const double calls = kClients * kRounds;
+  expectSamples(
+      {
+          {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", calls},
+          {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", calls},
+          {rpcs(kService, "Hold", "ok"), calls},
+          {rpcs(kService, "Echo", "ok"), calls / 2},
+          {rpcs(kService, "Fail", "failed"), calls / 2},
+          {"relay_rpc_duration_seconds_count{method=\"Hold\",service=\"" + std::string(kService) +
+               "\"}",
+           calls},
+          {"relay_rpc_duration_seconds_count{method=\"Echo\",service=\"" + std::string(kService) +
+               "\"}",
+           calls / 2},
+          {"relay_rpc_duration_seconds_count{method=\"Fail\",service=\"" + std::string(kService) +
+               "\"}",
+           calls / 2},
+          {"relay_connections_open", 0},
+          {"relay_connections_accepted_total", kClients},
+          {"relay_received_bytes_total", static_cast<double>(sent)},
+          {"relay_sent_bytes_total", static_cast<double>(received)},
+          {"relay_http_parse_errors_total", 0},
+      },
+      samples(metricsText(*registry)));
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
