@@ -46,7 +46,13 @@ class EventThread {
  public:
   EventThread() {
     evthread_use_pthreads();
-    base_ = event_base_new();
+    // A precise timer: with the default coarse clock a delay could run out
+    // up to a kernel tick (4 ms) early.
+    struct event_config* config = event_config_new();
+    event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
+    base_ = event_base_new_with_config(config);
+    event_config_free(config);
+    if (base_ == nullptr) base_ = event_base_new();
     {
       MutexLock lock(mutex_);
       wake_ = event_new(base_, -1, 0, &EventThread::onWake, this);

@@ -80,7 +80,9 @@ HttpConnectionHandler::~HttpConnectionHandler() {
   // far leaves here.
   if (registered_) {
     impl_->connections().remove(this);
-    if (HttpServerObserver* observer = impl_->observer()) observer->connectionClosed();
+    if (HttpServerObserver* observer = impl_->observer(); observer && observed_) {
+      observer->connectionClosed();
+    }
   }
   weak_this_.reset();
   impl_.reset();
@@ -131,22 +133,23 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
   if (large) releaseFreeMemory();
   if (!parsed) {
     if (strict_parser_) {
-      refuse(strict_parser_->errorStatus(), true);
+      refuse(strict_parser_->errorStatus(), true, strict_parser_->refusedByLimit());
     } else {
       // A limit's refusal ends the connection; a malformed line alone does
       // not, and its 400 is the plain one.
-      refuse(parser_.errorStatus(), parser_.spent());
+      refuse(parser_.errorStatus(), parser_.spent(), parser_.spent());
     }
   } else if (last_ends_connection) {
     closeAfterAnswers();
   } else if (strict_parser_ && strict_parser_->takeContinueRequest()) {
-    send(kContinue);
+    send(kContinue, sizeof(kContinue) - 1);
+    if (HttpServerObserver* observer = impl->observer()) observer->bytesSent(sizeof(kContinue) - 1);
   }
   if (!requests.empty() && deadline_kind_ == Deadline::kHead) deadline_kind_ = Deadline::kNone;
   updateDeadline();
 }
 
-void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close) {
+void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, bool by_limit) {
   HttpResponse answer;
   answer.status_code = status;
   if (close) {
@@ -155,7 +158,7 @@ void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close) 
     answer.headers.erase("Connection");
   }
   sendAnswer(&answer, false);
-  if (HttpServerObserver* observer = impl_->observer()) observer->requestRefused(status, close);
+  if (HttpServerObserver* observer = impl_->observer()) observer->requestRefused(status, by_limit);
   if (close) closeAfterAnswers();
 }
 
@@ -186,7 +189,7 @@ void HttpConnectionHandler::checkDeadline(Time now) {
     shutdown();
     return;
   }
-  refuse(HttpResponse::kRequestTimeout, true);
+  refuse(HttpResponse::kRequestTimeout, true, true);
 }
 
 void HttpConnectionHandler::beginDrain() { closeAfterAnswers(); }
@@ -220,7 +223,11 @@ void HttpConnectionHandler::updateDeadline() {
 
 void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
   if (data->empty()) return;
-  send("Unexpected EOF!");
+  static const char kUnexpectedEof[] = "Unexpected EOF!";
+  send(kUnexpectedEof, sizeof(kUnexpectedEof) - 1);
+  if (HttpServerObserver* observer = impl_->observer()) {
+    observer->bytesSent(sizeof(kUnexpectedEof) - 1);
+  }
   shutdown();
 }
 
@@ -238,7 +245,11 @@ void HttpConnectionHandler::notifyClosed() {
   if (!registered_) return;
   registered_ = false;
   impl_->connections().remove(this);
-  if (HttpServerObserver* observer = impl_->observer()) observer->connectionClosed();
+  // Only connections whose opening was reported are reported closed, so that
+  // an observer set while connections were open counts right.
+  if (HttpServerObserver* observer = impl_->observer(); observer && observed_) {
+    observer->connectionClosed();
+  }
 }
 
 }  // namespace relay

@@ -190,9 +190,10 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
                                        << std::string_view(subject.data(), subject.size());
     const Time started = observer != nullptr ? Time::now() : Time();
     matched->callback_(request, response);
+    const Duration handler_time = observer != nullptr ? Time::now() - started : Duration();
     sendResponse(connection, response, request->method == kHttpHead);
     if (observer != nullptr) {
-      observer->requestAnswered(matched->pattern_, response->status_code, Time::now() - started);
+      observer->requestAnswered(matched->pattern_, response->status_code, handler_time);
     }
     return;
   }
@@ -281,6 +282,10 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   info->connection = connection;
   info->method = method;
   info->started = started;
+  if (observer != nullptr) {
+    info->observed = true;
+    observer->rpcStarted(service_name, method_name);
+  }
   VANTU_LOG(6, kLogger, kSourceFile) << "Calling method. Request=" << info->request->DebugString();
 
   // One-shot and weak on this object: a completion that comes after the server
@@ -300,14 +305,12 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
 void HttpServerImpl::RPCDone(RPCInfo* info) {
   std::unique_ptr<RPCInfo> owned(info);
   const bool failed = info->controller->Failed();
-  if (HttpServerObserver* observer = this->observer()) {
-    // An observer set during the call finds no start time: the call counts,
-    // its latency as zero.
-    const Duration latency = info->started == Time() ? Duration() : Time::now() - info->started;
+  HttpServerObserver* observer = this->observer();
+  if (observer != nullptr && info->observed) {
     observer->rpcFinished(
         info->method->service()->full_name(), info->method->name(),
         failed ? HttpServerObserver::RpcOutcome::kFailed : HttpServerObserver::RpcOutcome::kOk,
-        latency);
+        Time::now() - info->started);
   }
   if (failed) {
     sendRPCError(info->connection, info->http_response, info->id, info->controller->ErrorText());
@@ -416,7 +419,10 @@ HttpServer::newConnection() {
   handler->weak_this_ = handler;
   impl_->connections().add(handler.get());
   handler->registered_ = true;
-  if (HttpServerObserver* observer = impl_->observer()) observer->connectionOpened();
+  if (HttpServerObserver* observer = impl_->observer()) {
+    handler->observed_ = true;
+    observer->connectionOpened();
+  }
   handler->updateDeadline();
   return handler;
 }

@@ -73,10 +73,11 @@ class HttpServerImpl {
     // The call was started: its connection is owed an answer until the record
     // is freed (answered or not).
     bool owes_answer = false;
-    // For the observer, when there is one: the method, and when its request
-    // was read.
+    // For the observer, when there was one as the call started: the method,
+    // and when its request was read.
     const google::protobuf::MethodDescriptor* method = nullptr;
     Time started;
+    bool observed = false;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread
@@ -246,8 +247,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // What the connection waits for, if anything, and what running out means.
   enum class Deadline { kNone, kHead, kBody, kIdle };
 
-  // Sends the answer to a request that could not be read, with `status`.
-  void refuse(HttpResponse::StatusCode status, bool close);
+  // Sends the answer to a request that could not be read, with `status`;
+  // `by_limit` says whether the server's options refused it.
+  void refuse(HttpResponse::StatusCode status, bool close, bool by_limit);
   // Reads no more requests; closes once every answer owed is written.
   void closeAfterAnswers();
   // Sets the deadline for what the connection now waits for.
@@ -267,6 +269,7 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   bool input_ended_ = false;
   bool closing_ = false;  // no more requests are read; close when nothing is owed
   bool registered_ = false;
+  bool observed_ = false;  // the observer was told of its opening
   Deadline deadline_kind_ = Deadline::kNone;
   Time deadline_;
 };

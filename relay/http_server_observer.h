@@ -43,7 +43,13 @@ class HttpServerObserver {
     (void)status;
     (void)handler_time;
   }
-  // An RPC ended, `latency` after its request was read. Services unknown to
+  // An RPC was handed to its service (its request decoded). Event thread.
+  virtual void rpcStarted(const std::string& service, const std::string& method) {
+    (void)service;
+    (void)method;
+  }
+  // An RPC ended, `latency` after its request was read. A call that started
+  // before the observer was set is not reported when it ends. Services unknown to
   // the server are reported under the name the request gave. The thread that
   // completed the call (the event thread for the answers given at once).
   virtual void rpcFinished(const std::string& service, const std::string& method,

@@ -127,7 +127,7 @@ MetricsObserver::MetricsObserver(std::shared_ptr<prometheus::Registry> registry)
   limit_rejections_family_ = &prometheus::BuildCounter()
                                   .Name("relay_http_limit_rejections_total")
                                   .Help(
-                                      "Requests refused by the server's limits, strict framing "
+                                      "Requests refused by the server's limits (head, body) "
                                       "or timeouts, by status code.")
                                   .Register(r);
   connections_open_ = &prometheus::BuildGauge()
@@ -152,9 +152,16 @@ MetricsObserver::MetricsObserver(std::shared_ptr<prometheus::Registry> registry)
                      .Add({});
   parse_errors_ = &prometheus::BuildCounter()
                        .Name("relay_http_parse_errors_total")
-                       .Help("Malformed input answered with 400.")
+                       .Help(
+                           "Input that could not be read as requests: malformed (400), and with "
+                           "strict framing unsupported (501, 505).")
                        .Register(r)
                        .Add({});
+  rpcs_in_flight_ = &prometheus::BuildGauge()
+                         .Name("relay_rpcs_in_flight")
+                         .Help("RPCs handed to their services and not answered yet.")
+                         .Register(r)
+                         .Add({});
 }
 
 MetricsObserver::~MetricsObserver() = default;
@@ -232,9 +239,14 @@ MetricsObserver::RpcSeries& MetricsObserver::rpcSeries(const std::string& servic
   return series;
 }
 
+void MetricsObserver::rpcStarted(const std::string&, const std::string&) {
+  rpcs_in_flight_->Increment();
+}
+
 void MetricsObserver::rpcFinished(const std::string& service, const std::string& method,
                                   RpcOutcome outcome, Duration latency) {
   const size_t index = static_cast<size_t>(outcome);
+  if (outcome == RpcOutcome::kOk || outcome == RpcOutcome::kFailed) rpcs_in_flight_->Decrement();
   if (index >= sizeof(kOutcomeNames) / sizeof(kOutcomeNames[0])) return;
   const bool peer_service = outcome == RpcOutcome::kServiceNotFound;
   const bool peer_method = peer_service || outcome == RpcOutcome::kMethodNotFound;

@@ -22,10 +22,13 @@
 //   relay_connections_accepted_total              connections accepted
 //   relay_received_bytes_total                    bytes read from connections
 //   relay_sent_bytes_total                        bytes of answers written
-//   relay_http_parse_errors_total                 malformed input answered 400
+//   relay_rpcs_in_flight                          RPCs handed to their services and
+//                                                 not answered yet
+//   relay_http_parse_errors_total                 input that is not a request: 400,
+//                                                 and with strict framing 501, 505
 //   relay_http_limit_rejections_total{code}       requests refused by the server's
-//                                                 options (limits, strict framing,
-//                                                 timeouts), by status code
+//                                                 limits and timeouts (414, 413,
+//                                                 400 for a long head, 408)
 //
 // Service and method names that only a peer chose (calls answered "Service not
 // found." or "Method not found.") are kept under their own names only while
@@ -108,6 +111,7 @@ class MetricsObserver : public HttpServerObserver {
   void bytesReceived(size_t bytes) override;
   void bytesSent(size_t bytes) override;
   void requestAnswered(const std::string& pattern, int status, Duration handler_time) override;
+  void rpcStarted(const std::string& service, const std::string& method) override;
   void rpcFinished(const std::string& service, const std::string& method, RpcOutcome outcome,
                    Duration latency) override;
   void requestRefused(int status, bool by_limit) override;
@@ -152,6 +156,7 @@ class MetricsObserver : public HttpServerObserver {
   prometheus::Family<prometheus::Histogram>* rpc_duration_family_ = nullptr;
   prometheus::Family<prometheus::Counter>* limit_rejections_family_ = nullptr;
   prometheus::Gauge* connections_open_ = nullptr;
+  prometheus::Gauge* rpcs_in_flight_ = nullptr;
   prometheus::Counter* connections_accepted_ = nullptr;
   prometheus::Counter* received_bytes_ = nullptr;
   prometheus::Counter* sent_bytes_ = nullptr;

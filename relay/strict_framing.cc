@@ -338,8 +338,8 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   const char* lf = static_cast<const char*>(memchr(p, '\n', std::min(available, budget)));
   if (lf == nullptr) {
     if (available > budget) {
-      return fail(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
-                                                : HttpResponse::kBadRequest);
+      return failByLimit(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
+                                                       : HttpResponse::kBadRequest);
     }
     line_.append(p, available);
     *data = end;
@@ -548,7 +548,7 @@ bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
     return true;
   }
   if (content_length_count_ > 0) {
-    if (declared_length_ > bodyCap()) return fail(HttpResponse::kRequestEntityTooLarge);
+    if (declared_length_ > bodyCap()) return failByLimit(HttpResponse::kRequestEntityTooLarge);
     request_->content_length = static_cast<uint32_t>(declared_length_);
     if (declared_length_ > 0) {
       state_ = State::kBody;
@@ -570,7 +570,8 @@ bool StrictRequestParser::processChunkSize(const char* line, size_t length) {
     ++p;
   }
   if (p == line || !validParameters(p, end)) return false;
-  if (size > bodyCap() - request_->body.size()) return fail(HttpResponse::kRequestEntityTooLarge);
+  if (size > bodyCap() - request_->body.size())
+    return failByLimit(HttpResponse::kRequestEntityTooLarge);
   block_bytes_ = 0;
   if (size == 0) {
     state_ = State::kTrailers;
@@ -619,6 +620,11 @@ void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
   chunked_ = false;
   connection_close_ = false;
   connection_keep_alive_ = false;
+}
+
+bool StrictRequestParser::failByLimit(HttpResponse::StatusCode status) {
+  if (state_ != State::kFailed) refused_by_limit_ = true;
+  return fail(status);
 }
 
 bool StrictRequestParser::fail(HttpResponse::StatusCode status) {

@@ -89,6 +89,9 @@ class StrictRequestParser {
   // The status the fault is answered with (400, 413, 414, 501 or 505); 400
   // before any fault.
   HttpResponse::StatusCode errorStatus() const;
+  // The fault was a limit's (414, 413, or 400 for a head too long), not
+  // malformed or unsupported framing.
+  bool refusedByLimit() const { return refused_by_limit_; }
   // The last request delivered ends the connection: answer it, then close.
   bool closing() const;
   // Part of a request's head has arrived, and not the whole of it. (Empty lines
@@ -129,6 +132,7 @@ class StrictRequestParser {
   bool processChunkSize(const char* line, size_t length);
   void appendBody(const char* data, size_t length);
   void deliver(std::vector<HttpRequestPtr>* requests);
+  bool failByLimit(HttpResponse::StatusCode status);
   bool fail(HttpResponse::StatusCode status);
   // The largest body the limits let through.
   uint64_t bodyCap() const;
@@ -149,6 +153,7 @@ class StrictRequestParser {
   uint64_t body_remaining_ = 0;
   // The request in progress; null between requests.
   HttpRequestPtr request_;
+  bool refused_by_limit_ = false;
   // This thread's message pool while parse runs; null otherwise.
   message_pool::Pool* pool_ = nullptr;
 

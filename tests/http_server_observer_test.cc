@@ -28,6 +28,10 @@ class RecordingObserver : public HttpServerObserver {
     EXPECT_GE(time, Duration());
     bump("answered " + pattern + " " + std::to_string(status));
   }
+  void rpcStarted(const std::string& service, const std::string& method) override {
+    EXPECT_TRUE(isEventThread());
+    bump("started " + service + "." + method);
+  }
   void rpcFinished(const std::string& service, const std::string& method, Outcome outcome,
                    Duration latency) override {
     EXPECT_GE(latency, Duration());
@@ -122,6 +126,8 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
       {"rpc nobody.Service.Echo " + std::to_string(service_not_found), 1},
       {"rpc relaytest.TestService.Echo " + std::to_string(static_cast<int>(Outcome::kBadRequest)),
        1},
+      {"started relaytest.TestService.Echo", 1},
+      {"started relaytest.TestService.Fail", 1},
       {"refused 400", 1},
       {"refused 413 limit", 1},
   };
@@ -133,6 +139,52 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   counts.erase("received");
   EXPECT_EQ(received.size() + refused.size(), counts["sent"]);
   EXPECT_EQ(0u, refused.find("HTTP/1.1 413 "));
+  counts.erase("sent");
+  EXPECT_TRUE(counts.empty()) << counts.begin()->first;
+}
+
+class HoldOne : public relaytest::TestService {
+ public:
+  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text*,
+            google::protobuf::Closure* done) override {
+    MutexLock lock(mutex_);
+    held_ = done;
+    changed_.notifyAll();
+  }
+  google::protobuf::Closure* waitHeld() {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (held_ == nullptr && changed_.timedWaitAbsolute(mutex_, deadline)) {
+    }
+    return held_;
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable changed_;
+  google::protobuf::Closure* held_ = nullptr;
+};
+
+// What began before the observer was set does not end in its counts: its
+// gauges would otherwise go below zero.
+TEST(HttpServerObserverTest, ObserverSetLateSeesOnlyWhatBeganAfter) {
+  std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(server);
+  auto service = std::make_shared<HoldOne>();
+  server->registerRPCService(service);
+  auto client = std::make_unique<vantu::testing::LoopbackClient>(server->localAddress().port());
+  relaytest::Text text;
+  client->write(call("relaytest.TestService", "Hold", text.SerializeAsString()));
+  google::protobuf::Closure* done = service->waitHeld();
+  ASSERT_NE(nullptr, done);
+  auto observer = std::make_shared<RecordingObserver>();
+  server->setObserver(observer);
+  done->Run();
+  client->read(1);
+  client.reset();
+  server.reset();
+  waitForDeferredWork();
+  std::map<std::string, size_t> counts = observer->counts();
   counts.erase("sent");
   EXPECT_TRUE(counts.empty()) << counts.begin()->first;
 }
