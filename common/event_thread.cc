@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/fast_thread_local.h"
 #include "common/mutex.h"
 
 namespace vantu {
@@ -21,10 +22,12 @@ struct TimerState {
   explicit TimerState(bool delayed) : delayed(delayed) {}
   const bool delayed;
   std::atomic<bool> cancelled{false};
-  // Delayed timers only, event thread only: the armed libevent timer and the
-  // function it will run.
+  // Delayed timers only, event thread only: the armed libevent timer, the
+  // function it will run, and when (libevent's coarse clock may wake it a
+  // few milliseconds before; it then waits for the rest).
   struct event* timer = nullptr;
   std::function<void()> fn;
+  Time due;
 };
 
 }  // namespace internal
@@ -33,7 +36,7 @@ namespace {
 
 using internal::TimerState;
 
-thread_local bool on_event_thread = false;
+VANTU_FAST_THREAD_LOCAL bool on_event_thread = false;
 
 // Stopping runs the queue dry; work that keeps deferring more work forever is
 // cut off after this many rounds.
@@ -46,13 +49,7 @@ class EventThread {
  public:
   EventThread() {
     evthread_use_pthreads();
-    // A precise timer: with the default coarse clock a delay could run out
-    // up to a kernel tick (4 ms) early.
-    struct event_config* config = event_config_new();
-    event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
-    base_ = event_base_new_with_config(config);
-    event_config_free(config);
-    if (base_ == nullptr) base_ = event_base_new();
+    base_ = event_base_new();
     {
       MutexLock lock(mutex_);
       wake_ = event_new(base_, -1, 0, &EventThread::onWake, this);
@@ -95,16 +92,21 @@ class EventThread {
     return stopped() ? nullptr : base_;
   }
 
-  // Event thread only: arms a delayed timer for `state`.
-  void armTimer(const std::shared_ptr<TimerState>& state, Duration delay) {
+  // Event thread only: arms a delayed timer for `state`, due at state->due.
+  void armTimer(const std::shared_ptr<TimerState>& state) {
     if (state->cancelled.load()) return;
     state->timer = evtimer_new(base_, &EventThread::onTimer, state.get());
+    addTimer(state.get());
+    armed_[state.get()] = state;
+  }
+
+  static void addTimer(TimerState* state) {
+    const int64_t left = (state->due - Time::now()).toMicroseconds();
+    const int64_t us = left < 0 ? 0 : left;
     timeval tv;
-    int64_t us = delay.toMicroseconds() < 0 ? 0 : delay.toMicroseconds();
     tv.tv_sec = static_cast<time_t>(us / 1000000);
     tv.tv_usec = static_cast<suseconds_t>(us % 1000000);
     evtimer_add(state->timer, &tv);
-    armed_[state.get()] = state;
   }
 
   // Event thread only: forgets a cancelled delayed timer (frees its event and
@@ -160,6 +162,10 @@ class EventThread {
     EventThread& self = instanceForCallbacks();
     auto it = self.armed_.find(static_cast<TimerState*>(arg));
     if (it == self.armed_.end()) return;
+    if (Time::now() < it->second->due && !it->second->cancelled.load()) {
+      addTimer(it->second.get());  // woken early: wait for the rest
+      return;
+    }
     std::shared_ptr<TimerState> state = std::move(it->second);
     self.armed_.erase(it);
     event_free(state->timer);
@@ -290,8 +296,9 @@ TimerHandle scheduleDeferred(const std::function<void()>& fn) {
 TimerHandle scheduleDeferred(const std::function<void()>& fn, Duration delay) {
   auto state = std::make_shared<internal::TimerState>(true);
   state->fn = fn;
+  state->due = Time::now() + (delay < Duration() ? Duration() : delay);
   // Armed on the event thread, so that only that thread touches the timer.
-  instance().post([state, delay] { instance().armTimer(state, delay); }, nullptr);
+  instance().post([state] { instance().armTimer(state); }, nullptr);
   return TimerHandle(state);
 }
 

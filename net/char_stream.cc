@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/event_thread.h"
+#include "common/fast_thread_local.h"
 
 namespace vantu {
 namespace relay {
@@ -134,8 +135,8 @@ void PullStreamSink::append(const char* data, size_t size) {
 void PullStreamSink::deliver(const char* data, size_t size) {
   // The thread's staging buffer, and whether a delivery is using it now (a
   // reader that somehow caused another delivery meanwhile gets the plain way).
-  thread_local std::string staging;
-  thread_local bool staging_in_use = false;
+  VANTU_FAST_THREAD_LOCAL std::string staging;
+  VANTU_FAST_THREAD_LOCAL bool staging_in_use = false;
   if (!buffer_.empty() || reader_ == nullptr || staging_in_use) {
     append(data, size);
     notifyReadable();

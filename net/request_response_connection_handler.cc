@@ -1,14 +1,18 @@
 #include "net/request_response_connection_handler.h"
 
+#include "common/event_thread.h"
+
 namespace vantu {
 namespace relay {
 
 RequestResponseConnectionHandler::SendGuard::SendGuard(RequestResponseConnectionHandler& handler)
-    : mutex_(handler.source_.pushMutex()) {
-  mutex_.lock();
+    : mutex_(isEventThread() ? nullptr : &handler.source_.pushMutex()) {
+  if (mutex_ != nullptr) mutex_->lock();
 }
 
-RequestResponseConnectionHandler::SendGuard::~SendGuard() { mutex_.unlock(); }
+RequestResponseConnectionHandler::SendGuard::~SendGuard() {
+  if (mutex_ != nullptr) mutex_->unlock();
+}
 
 RequestResponseConnectionHandler::RequestResponseConnectionHandler(
     unsigned long initial_read_size) {

@@ -40,7 +40,8 @@ class RequestResponseConnectionHandler
     SendGuard& operator=(const SendGuard&) = delete;
 
    private:
-    Mutex& mutex_;
+    // Null on the event thread, where sends never interleave: nothing to lock.
+    Mutex* mutex_;
   };
 
   // `initial_read_size`: the capacity reserved for the input buffer when bytes

@@ -202,20 +202,25 @@ void HttpResponse::outputHeader(std::string* out) {
                           sizeof(kContentLength) - 1, length, length_end - length);
   size_t size = 9 + (number_end - number) + 1 + phrase_length + 2 + 2;
   for (const auto& header : headers) size += header.first.size() + header.second.size() + 4;
-  out->clear();
-  out->reserve(size);
-  out->append("HTTP/1.1 ", 9);
-  out->append(number, number_end - number);
-  out->push_back(' ');
-  out->append(status_string.data(), phrase_length);
-  out->append("\r\n", 2);
+  // Sized once and filled in place: no growth, no per-piece bookkeeping.
+  out->resize(size);
+  char* at = &(*out)[0];
+  auto put = [&at](const char* data, size_t length) {
+    memcpy(at, data, length);
+    at += length;
+  };
+  put("HTTP/1.1 ", 9);
+  put(number, number_end - number);
+  put(" ", 1);
+  put(status_string.data(), phrase_length);
+  put("\r\n", 2);
   for (const auto& header : headers) {
-    out->append(header.first);
-    out->append(": ", 2);
-    out->append(header.second);
-    out->append("\r\n", 2);
+    put(header.first.data(), header.first.size());
+    put(": ", 2);
+    put(header.second.data(), header.second.size());
+    put("\r\n", 2);
   }
-  out->append("\r\n", 2);
+  put("\r\n", 2);
 }
 
 }  // namespace relay

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "common/string_util.h"
 #include "relay/http_line_match.h"
@@ -57,7 +58,7 @@ GURL makeUrl(const std::string* host, const std::string& target) {
     std::string target;
     GURL url;
   };
-  thread_local Last last;  // one thread-local look-up, not four
+  VANTU_FAST_THREAD_LOCAL Last last;  // one thread-local look-up, not four
   Last& kept = last;
   const size_t size = target.size() + (host != nullptr ? host->size() : 0);
   if (size > kLongestKept) {

@@ -7,11 +7,13 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
+#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "common/map_util.h"
 #include "common/weak_function.h"
@@ -54,6 +56,119 @@ std::string typeUrl(const google::protobuf::Message& message) {
   return "/" + message.GetDescriptor()->full_name();
 }
 
+// Call records the event thread is done with, kept with their controller and
+// messages: a method called again finds its messages there, to be cleared
+// instead of made anew. Bounded; records freed on other threads are deleted.
+class RecordCache {
+ public:
+  // A record for a call of `method` on `service`, its controller fresh and
+  // its messages empty.
+  static HttpServerImpl::RPCInfo* take(google::protobuf::Service* service,
+                                       const google::protobuf::MethodDescriptor* method);
+  // Takes back a record (any thread).
+  static void give(HttpServerImpl::RPCInfo* record);
+
+ private:
+  static constexpr size_t kMaxRecords = 64;
+  struct Records {
+    ~Records() {
+      for (HttpServerImpl::RPCInfo* record : list) delete record;
+      list.clear();
+    }
+    std::vector<HttpServerImpl::RPCInfo*> list;
+  };
+  static Records* records();
+  static VANTU_FAST_THREAD_LOCAL Records* tls_records_;
+};
+
+VANTU_FAST_THREAD_LOCAL RecordCache::Records* RecordCache::tls_records_ = nullptr;
+
+RecordCache::Records* RecordCache::records() {
+  if (tls_records_ == nullptr && isEventThread()) {
+    // Freed when the thread ends; released records find no cache then.
+    struct Owner {
+      ~Owner() {
+        delete tls_records_;
+        tls_records_ = nullptr;
+      }
+    };
+    thread_local Owner owner;
+    (void)owner;
+    tls_records_ = new Records;
+  }
+  return tls_records_;
+}
+
+HttpServerImpl::RPCInfo* RecordCache::take(google::protobuf::Service* service,
+                                           const google::protobuf::MethodDescriptor* method) {
+  ++g_live_rpc_records;
+  const google::protobuf::Message& request = service->GetRequestPrototype(method);
+  const google::protobuf::Message& response = service->GetResponsePrototype(method);
+  if (Records* cache = records()) {
+    // The messages fit when they came from the same prototypes.
+    for (size_t i = cache->list.size(); i-- > 0;) {
+      HttpServerImpl::RPCInfo* record = cache->list[i];
+      if (record->request_prototype == &request && record->response_prototype == &response) {
+        cache->list.erase(cache->list.begin() + i);
+        record->request->Clear();
+        record->response->Clear();
+        return record;
+      }
+    }
+  }
+  auto* record = new HttpServerImpl::RPCInfo;
+  record->controller.reset(new RPC);
+  record->request.reset(request.New());
+  record->response.reset(response.New());
+  // Messages of a dynamic factory die with it, perhaps before a kept record.
+  google::protobuf::MessageFactory* generated =
+      google::protobuf::MessageFactory::generated_factory();
+  record->reusable = generated->GetPrototype(method->input_type()) == &request &&
+                     generated->GetPrototype(method->output_type()) == &response;
+  record->request_prototype = &request;
+  record->response_prototype = &response;
+  return record;
+}
+
+void RecordCache::give(HttpServerImpl::RPCInfo* record) {
+  --g_live_rpc_records;
+  std::unique_ptr<HttpServerImpl::RPCInfo> owned(record);
+  // The connection was owed this call's answer: settled on the event thread,
+  // after the answer's bytes, which from another thread are handed over
+  // through the event thread's queue that this follows.
+  if (record->owes_answer) {
+    if (isEventThread()) {
+      if (std::shared_ptr<HttpConnectionHandler> handler = record->connection.lock()) {
+        handler->answerSettled();
+      }
+    } else {
+      defer([connection = record->connection] {
+        if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+          handler->answerSettled();
+        }
+      });
+    }
+  }
+  Records* cache = record->reusable && isEventThread() ? records() : nullptr;
+  if (cache == nullptr || cache->list.size() >= kMaxRecords) return;
+  record->controller->Reset();
+  record->http_response.reset();
+  record->connection.reset();
+  record->id = 0;
+  record->format = HttpServerImpl::RPCInfo::kBinary;
+  record->owes_answer = false;
+  record->method = nullptr;
+  record->started = Time();
+  record->observed = false;
+  cache->list.push_back(owned.release());
+}
+
+// Owns a record until it is given back.
+struct GiveBack {
+  void operator()(HttpServerImpl::RPCInfo* record) const { RecordCache::give(record); }
+};
+using RecordPtr = std::unique_ptr<HttpServerImpl::RPCInfo, GiveBack>;
+
 // The bound call of an RPC's completion closure: hands the record to RPCDone,
 // or frees it when RPCDone never runs because the server was gone by the time
 // the service completed the call.
@@ -65,7 +180,9 @@ class RPCCompletion {
   }
   RPCCompletion(const RPCCompletion&) = delete;
   RPCCompletion& operator=(const RPCCompletion&) = delete;
-  ~RPCCompletion() { delete info_; }
+  ~RPCCompletion() {
+    if (info_ != nullptr) RecordCache::give(info_);
+  }
 
   void operator()() {
     HttpServerImpl::RPCInfo* info = info_;
@@ -82,11 +199,26 @@ class RPCCompletion {
 
 struct HttpServerImpl::Handler {
   Handler(const std::string& regex, HttpRequestHandler handler)
-      : regex_(regex), pattern_(regex), callback_(std::move(handler)) {}
+      : regex_(regex),
+        pattern_(regex),
+        callback_(std::move(handler)),
+        literal_(regex.find_first_of(std::string("\\^$.|?*+()[]{}\0", 15)) == std::string::npos) {}
+
+  // The whole subject matches: for a pattern without any character that means
+  // something to PCRE, that is the subject equal to it, tested without PCRE.
+  bool fullMatch(const pcrecpp::StringPiece& subject) const {
+    if (literal_) {
+      return static_cast<size_t>(subject.size()) == pattern_.size() &&
+             memcmp(subject.data(), pattern_.data(), pattern_.size()) == 0;
+    }
+    return regex_.FullMatch(subject);
+  }
 
   pcrecpp::RE regex_;
   std::string pattern_;
   HttpRequestHandler callback_;
+  // Constant after construction.
+  const bool literal_;
 };
 
 // ---------------------------------------------------------------------------
@@ -102,25 +234,8 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
 int liveHttpServersForTesting() { return g_live_servers.load(); }
 int liveRPCRecordsForTesting() { return g_live_rpc_records.load(); }
 
-HttpServerImpl::RPCInfo::RPCInfo() { ++g_live_rpc_records; }
-
-HttpServerImpl::RPCInfo::~RPCInfo() {
-  --g_live_rpc_records;
-  if (!owes_answer) return;
-  // On the event thread, after the answer's bytes: from another thread they
-  // are handed over through the event thread's queue, and this follows them.
-  if (isEventThread()) {
-    if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
-      handler->answerSettled();
-    }
-    return;
-  }
-  defer([connection = connection] {
-    if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
-      handler->answerSettled();
-    }
-  });
-}
+HttpServerImpl::RPCInfo::RPCInfo() = default;
+HttpServerImpl::RPCInfo::~RPCInfo() = default;
 
 HttpServerImpl::HttpServerImpl()
     : type_resolver_(google::protobuf::util::NewTypeResolverForDescriptorPool(
@@ -178,7 +293,7 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   {
     MutexLock lock(mutex_);
     for (const std::shared_ptr<Handler>& handler : handlers_) {
-      if (handler->regex_.FullMatch(subject)) {
+      if (handler->fullMatch(subject)) {
         matched = handler;
         break;
       }
@@ -219,14 +334,14 @@ std::vector<const google::protobuf::ServiceDescriptor*> HttpServerImpl::serviceD
 
 void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpResponsePtr& response,
                                 HttpConnectionHandlerWeakPtr connection) {
-  auto header = [&request](const std::string& name) -> std::string {
+  static const std::string* const kMissing = new std::string();
+  auto header = [&request](const std::string& name) -> const std::string& {
     auto it = request->headers.find(name);
-    return it == request->headers.end() ? std::string() : it->second;
+    return it == request->headers.end() ? *kMissing : it->second;
   };
-  const std::string service_name = header(RPCChannel::kHeaderService);
-  const std::string method_name = header(RPCChannel::kHeaderMethod);
-  const uint32_t id =
-      static_cast<uint32_t>(strtol(header(RPCChannel::kHeaderId).c_str(), nullptr, 10));
+  const std::string& service_name = header(RPCChannel::kHeaderService);
+  const std::string& method_name = header(RPCChannel::kHeaderMethod);
+  const uint32_t id = readCallNumber(header(RPCChannel::kHeaderId));
   VANTU_LOG(5, kLogger, kSourceFile)
       << "This is a RPC!!! " << service_name << " " << method_name << " " << id;
 
@@ -254,9 +369,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     return;
   }
 
-  std::unique_ptr<RPCInfo> info(new RPCInfo);
-  info->request.reset(service->GetRequestPrototype(method).New());
-  info->response.reset(service->GetResponsePrototype(method).New());
+  RecordPtr info(RecordCache::take(service.get(), method));
   if (header(RPCChannel::kHeaderContentType) == "application/json") {
     info->format = RPCInfo::kJson;
   }
@@ -276,7 +389,6 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     refuseCall("Can't parse request.", HttpServerObserver::RpcOutcome::kBadRequest);
     return;
   }
-  info->controller.reset(new RPC);
   info->http_response = response;
   info->id = id;
   info->connection = connection;
@@ -303,7 +415,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
 }
 
 void HttpServerImpl::RPCDone(RPCInfo* info) {
-  std::unique_ptr<RPCInfo> owned(info);
+  RecordPtr owned(info);
   const bool failed = info->controller->Failed();
   HttpServerObserver* observer = this->observer();
   if (observer != nullptr && info->observed) {
@@ -316,8 +428,9 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
     sendRPCError(info->connection, info->http_response, info->id, info->controller->ErrorText());
     return;
   }
-  std::string body;
+  std::vector<char>& content = info->http_response->content;
   if (info->format == RPCInfo::kJson) {
+    std::string body;
     info->http_response->setHeader(RPCChannel::kHeaderContentType, "application/json");
     // The conversion's status is not examined: a message the process itself
     // built always converts, and whatever text it left is sent.
@@ -325,12 +438,16 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
                                                      info->response->SerializeAsString(), &body,
                                                      json_options_);
     VANTU_LOG(6, kLogger, kSourceFile) << info->response->DebugString() << " json:" << body;
+    content.insert(content.end(), body.begin(), body.end());
   } else {
-    info->response->SerializeToString(&body);
+    // The wire format goes straight into the answer's content, uncopied.
+    const size_t at = content.size();
+    content.resize(at + info->response->ByteSizeLong());
+    info->response->SerializeWithCachedSizesToArray(
+        reinterpret_cast<uint8_t*>(content.data() + at));
   }
   info->http_response->setHeaderF(RPCChannel::kHeaderId, "%d", info->id);
   info->http_response->setHeader(RPCChannel::kHeaderFailed, "0");
-  info->http_response->content.insert(info->http_response->content.end(), body.begin(), body.end());
   sendResponse(info->connection, info->http_response);
 }
 

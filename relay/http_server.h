@@ -78,6 +78,11 @@ class HttpServerImpl {
     const google::protobuf::MethodDescriptor* method = nullptr;
     Time started;
     bool observed = false;
+    // Its messages are of generated classes, which live as long as the
+    // program: the record may be kept for a later call of the same types.
+    bool reusable = false;
+    const google::protobuf::Message* request_prototype = nullptr;
+    const google::protobuf::Message* response_prototype = nullptr;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread

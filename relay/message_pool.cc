@@ -3,6 +3,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/fast_thread_local.h"
+
 namespace vantu {
 namespace relay {
 namespace message_pool {
@@ -48,8 +50,8 @@ namespace {
 // thread ends. Plain pointers and flags, so that a message released while the
 // thread's other thread-locals are being destroyed still finds out safely
 // that there is no pool any more.
-thread_local Pool* tls_pool = nullptr;
-thread_local bool tls_ended = false;
+VANTU_FAST_THREAD_LOCAL Pool* tls_pool = nullptr;
+VANTU_FAST_THREAD_LOCAL bool tls_ended = false;
 
 struct PoolOwner {
   ~PoolOwner() {

@@ -71,6 +71,11 @@ class RPC : public google::protobuf::RpcController {
   std::unique_ptr<google::protobuf::Closure> cancel_callback_ VANTU_GUARDED_BY(mutex_);
 };
 
+// A call id or flag as both ends read it: strtol in base 10, keeping the low
+// 32 bits, so that "%d" of any 32-bit id reads back as the same id. A value
+// of up to nine plain digits is read without strtol.
+uint32_t readCallNumber(const std::string& text);
+
 class RPCChannel;
 // The channel as create() returns it: destroyed on the event thread.
 using RPCChannelPtr = std::shared_ptr<RPCChannel>;

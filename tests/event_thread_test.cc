@@ -142,6 +142,28 @@ TEST(EventThreadTest, TimersFireInDeadlineOrder) {
   EXPECT_EQ((std::vector<int>{1, 2, 3}), fired);
 }
 
+// libevent's clock is coarse: a timer it keeps may wake a few milliseconds
+// before its time. What was scheduled with a delay never runs before it.
+TEST(EventThreadTest, DelayedFunctionsNeverRunEarly) {
+  Mutex mutex;
+  ConditionVariable cv;
+  std::vector<std::pair<Time, Time>> runs;  // when due, when run
+  for (int i = 0; i < 40; ++i) {
+    const Duration delay = Duration::milliseconds(1 + i % 20);
+    const Time due = Time::now() + delay;
+    scheduleDeferred(
+        [&, due] {
+          MutexLock lock(mutex);
+          runs.emplace_back(due, Time::now());
+          cv.notifyAll();
+        },
+        delay);
+  }
+  MutexLock lock(mutex);
+  while (runs.size() < 40) cv.wait(mutex);
+  for (const auto& run : runs) EXPECT_LE(run.first, run.second);
+}
+
 // Process exit: work queued before it still runs (so deferred deletions
 // happen), and work deferred after the loop stopped is dropped without a crash.
 bool ran_after_stop = false;

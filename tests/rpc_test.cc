@@ -233,3 +233,39 @@ TEST(RPCTest, ResetReturnsToTheInitialState) {
 }  // namespace
 }  // namespace relay
 }  // namespace vantu
+
+namespace vantu {
+namespace relay {
+namespace {
+
+// Ids and flags are read as strtol reads them, keeping the low 32 bits; the
+// short cut for plain digits must not change a single reading.
+TEST(CallNumberTest, ReadsWhatStrtolReads) {
+  const char* const texts[] = {"",
+                               "0",
+                               "17",
+                               "-1",
+                               "+5",
+                               " 7",
+                               "007",
+                               "123456789",
+                               "999999999",
+                               "1234567890",
+                               "4294967295",
+                               "4294967296",
+                               "-2147483648",
+                               "99999999999999999999",
+                               "12a",
+                               "a1",
+                               "1 ",
+                               "\t3",
+                               "0x10"};
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(static_cast<uint32_t>(strtol(text, nullptr, 10)), readCallNumber(text));
+  }
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
