@@ -21,11 +21,12 @@ void setCounters(benchmark::State& state, const bench::CorpusInput& input) {
   state.SetLabel(input.name);
 }
 
-// range(0): input; range(1): chunk size (0 = whole).
-void BM_RelayRequestParser(benchmark::State& state) {
+// range(0): input; range(1): chunk size (0 = whole). Parser is either reader.
+template <typename Parser>
+void parseCorpus(benchmark::State& state) {
   const bench::CorpusInput input = bench::corpusInput(state.range(0));
   const std::vector<std::string> chunks = chunked(input.bytes, state.range(1));
-  vantu::relay::HttpRequestParser parser;
+  Parser parser;
   std::vector<vantu::relay::HttpRequestPtr> requests;
   for (auto _ : state) {
     for (const std::string& chunk : chunks) {
@@ -43,26 +44,13 @@ void BM_RelayRequestParser(benchmark::State& state) {
   setCounters(state, input);
 }
 
+void BM_RelayRequestParser(benchmark::State& state) {
+  parseCorpus<vantu::relay::HttpRequestParser>(state);
+}
+
 // The strict reader on the same inputs: what strict framing costs per request.
 void BM_StrictRequestParser(benchmark::State& state) {
-  const bench::CorpusInput input = bench::corpusInput(state.range(0));
-  const std::vector<std::string> chunks = chunked(input.bytes, state.range(1));
-  vantu::relay::StrictRequestParser parser;
-  std::vector<vantu::relay::HttpRequestPtr> requests;
-  for (auto _ : state) {
-    for (const std::string& chunk : chunks) {
-      if (!parser.parse(chunk, &requests)) state.SkipWithError("parse failed");
-    }
-    if (requests.size() != static_cast<size_t>(input.requests)) {
-      state.SkipWithError("wrong request count");
-    }
-    // Query components are split on first use; a full request has them.
-    for (const vantu::relay::HttpRequestPtr& request : requests) {
-      benchmark::DoNotOptimize(request->query_components.size());
-    }
-    requests.clear();
-  }
-  setCounters(state, input);
+  parseCorpus<vantu::relay::StrictRequestParser>(state);
 }
 
 // A 1 MiB chunked upload in 16 KiB chunks of the transfer coding, arriving in

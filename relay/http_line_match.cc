@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace vantu {
 namespace relay {
@@ -52,6 +53,14 @@ bool matchRequestLineAt(const std::string& line, size_t* method_length, size_t* 
   *target_begin = target_start;
   *target_length = target_end - target_start;
   return true;
+}
+
+void moveTarget(std::string* line, size_t begin, size_t length, std::string* target) {
+  std::string taken;
+  taken.swap(*line);
+  taken.erase(begin + length);
+  taken.erase(0, begin);
+  *target = std::move(taken);
 }
 
 bool matchStatusLine(const std::string& line, int* code, std::string* reason) {

@@ -269,13 +269,7 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
   const std::string method_name = line.substr(0, method_length);
   request->minor_version = line.back() - '0';
   if (&line == &buffer_ && line.size() > kLongLine) {
-    // A long line's buffer becomes the uri instead of being copied: a 64 MB
-    // target costs 64 MB, not twice that.
-    std::string uri;
-    uri.swap(buffer_);
-    uri.erase(target_begin + target_length);
-    uri.erase(0, target_begin);
-    request->uri = std::move(uri);
+    moveTarget(&buffer_, target_begin, target_length, &request->uri);
   } else {
     request->uri.assign(line, target_begin, target_length);
   }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "relay/http_line_match.h"
 #include "relay/message_pool.h"
 
 namespace vantu {
@@ -424,14 +425,8 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
   request_ = message_pool::adopt(message_pool::newRequest(pool_));
   request_->method = method;
   if (line == line_.data() && line_.capacity() > kCapacityKept) {
-    // A long line arrived in pieces: its buffer becomes the uri instead of
-    // being copied, so that the line costs its size once, not twice.
-    const size_t target_offset = target - line;
-    std::string uri;
-    uri.swap(line_);
-    uri.erase(target_offset + target_length);
-    uri.erase(0, target_offset);
-    request_->uri = std::move(uri);
+    // A long line arrived in pieces: its buffer becomes the uri.
+    moveTarget(&line_, target - line, target_length, &request_->uri);
   } else {
     request_->uri.assign(target, target_length);
   }

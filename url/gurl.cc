@@ -205,17 +205,23 @@ struct Pieces {
   string_view fragment;
 };
 
+// The authority's pieces, from a url_view or an authority_view alike.
+template <typename View>
+void takeAuthority(const View& view, Pieces* p) {
+  p->has_userinfo = view.has_userinfo();
+  p->user = view.encoded_user();
+  p->has_password = view.has_password();
+  p->password = view.encoded_password();
+  p->host = view.encoded_host();
+  p->has_port = view.has_port() && !view.port().empty();
+  p->port = view.port();
+}
+
 Pieces piecesOf(const boost::urls::url_view& url) {
   Pieces p;
   p.scheme = url.scheme();
   p.has_authority = url.has_authority();
-  p.has_userinfo = url.has_userinfo();
-  p.user = url.encoded_user();
-  p.has_password = url.has_password();
-  p.password = url.encoded_password();
-  p.host = url.encoded_host();
-  p.has_port = url.has_port() && !url.port().empty();
-  p.port = url.port();
+  takeAuthority(url, &p);
   p.path = url.encoded_path();
   p.has_query = url.has_query();
   p.query = url.encoded_query();
@@ -447,16 +453,7 @@ GURL GURL::fromParts(const std::string& scheme, const std::string& authority,
       if (parsed && !splitPlainAuthority(authority_text, &p)) {
         auto parsed_authority = boost::urls::parse_authority(authority_text);
         parsed = static_cast<bool>(parsed_authority);
-        if (parsed) {
-          const boost::urls::authority_view& a = *parsed_authority;
-          p.has_userinfo = a.has_userinfo();
-          p.user = a.encoded_user();
-          p.has_password = a.has_password();
-          p.password = a.encoded_password();
-          p.host = a.encoded_host();
-          p.has_port = a.has_port() && !a.port().empty();
-          p.port = a.port();
-        }
+        if (parsed) takeAuthority(*parsed_authority, &p);
       }
       if (parsed && schemeLength(scheme + ":") == scheme.size()) {
         p.scheme = scheme;
