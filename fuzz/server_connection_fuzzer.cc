@@ -8,6 +8,7 @@
 #include "common/logging.h"
 #include "fuzz/parser_oracle.h"
 #include "relay/http_server.h"
+#include "relay/strict_framing.h"
 #include "test_services.pb.h"
 #include "tests/loopback_client.h"
 
@@ -40,11 +41,20 @@ class ImmediateService : public relaytest::TestService {
   }
 };
 
-uint16_t serverPort() {
+// The hardened server's limits: small, so that inputs reach them.
+vantu::relay::HttpServerOptions hardenedOptions() {
+  vantu::relay::HttpServerOptions options = vantu::relay::HttpServerOptions::hardened();
+  options.max_header_bytes = 2048;
+  options.max_body_bytes = 512;
+  return options;
+}
+
+// A server with the default options, or a hardened one.
+uint16_t serverPort(bool hardened) {
   fuzz::quietLogs();
-  static std::shared_ptr<vantu::relay::HttpServer>* server = [] {
+  auto make = [](const vantu::relay::HttpServerOptions& options) {
     auto* s = new std::shared_ptr<vantu::relay::HttpServer>(
-        vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 64));
+        vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 64, options));
     if (!*s) fuzz::fail("cannot start the server");
     (*s)->registerHandler("/", [](const HttpRequestPtr&, const HttpResponsePtr& r) {
       r->setTextHtml();
@@ -57,8 +67,10 @@ uint16_t serverPort() {
     });
     (*s)->registerRPCService(std::make_shared<ImmediateService>());
     return s;
-  }();
-  return (*server)->localAddress().port();
+  };
+  static std::shared_ptr<vantu::relay::HttpServer>* plain = make(vantu::relay::HttpServerOptions());
+  static std::shared_ptr<vantu::relay::HttpServer>* strict = make(hardenedOptions());
+  return (*(hardened ? strict : plain))->localAddress().port();
 }
 
 std::string exchange(uint16_t port, const std::vector<std::string>& pieces) {
@@ -85,10 +97,42 @@ std::string exchange(uint16_t port, const std::vector<std::string>& pieces) {
 
 }  // namespace
 
+// The hardened server reads strictly: one answer per request it delivers,
+// and after a fault exactly one more (the refusal with the reader's status),
+// then the end of the connection. Interim 100 Continue answers aside.
+void checkHardened(const fuzz::FramedInput& framed) {
+  const std::string output = exchange(serverPort(true), framed.pieces);
+  const vantu::relay::HttpServerOptions options = hardenedOptions();
+  vantu::relay::RequestLimits limits;
+  limits.max_header_bytes = options.max_header_bytes;
+  limits.max_body_bytes = options.max_body_bytes;
+  vantu::relay::StrictRequestParser reader(limits);
+  std::vector<HttpRequestPtr> requests;
+  const bool clean = reader.parse(framed.stream, &requests);
+
+  vantu::relay::HttpResponseParser responses_parser;
+  std::vector<HttpResponsePtr> all;
+  if (!responses_parser.parse(output, &all)) fuzz::fail("the hardened server wrote bad HTTP");
+  std::vector<HttpResponsePtr> answers;
+  for (const HttpResponsePtr& response : all) {
+    if (response->status_code != 100) answers.push_back(response);
+  }
+  if (answers.size() != requests.size() + (clean ? 0 : 1)) {
+    fuzz::fail("hardened: one answer per request, and one refusal after a fault");
+  }
+  if (!clean && answers.back()->status_code != reader.errorStatus()) {
+    fuzz::fail("hardened: the refusal's status is the reader's");
+  }
+  for (const HttpResponsePtr& answer : answers) {
+    if (answer->headers.count("Date") == 0) fuzz::fail("hardened: every answer is dated");
+  }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const fuzz::FramedInput framed = fuzz::unframe(data, size);
   const std::string& input = framed.stream;
-  const std::string output = exchange(serverPort(), framed.pieces);
+  checkHardened(framed);
+  const std::string output = exchange(serverPort(false), framed.pieces);
 
   // What the server should have understood, read by a parser of our own.
   vantu::relay::HttpRequestParser requests_parser;
