@@ -99,10 +99,10 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
   send(header);
   const bool with_content = !(strict && to_head_request);
   if (with_content) send(response->content.data(), response->content.size());
-  if (header.capacity() > 65536) std::string().swap(header);  // a huge head is not kept
   if (HttpServerObserver* observer = impl_->observer()) {
     observer->bytesSent(header.size() + (with_content ? response->content.size() : 0));
   }
+  if (header.capacity() > 65536) std::string().swap(header);  // a huge head is not kept
 }
 
 void HttpConnectionHandler::notifyIncomingData(std::string* data) {
@@ -120,6 +120,9 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       strict_parser_ ? strict_parser_->parse(*data, &requests) : parser_.parse(*data, &requests);
   data->clear();
   const bool last_ends_connection = strict_parser_ && parsed && strict_parser_->closing();
+  // A head still in progress after a completed request is the next one's:
+  // its time runs from now.
+  if (!requests.empty() && deadline_kind_ == Deadline::kHead) deadline_kind_ = Deadline::kNone;
   bool large = false;
   for (size_t i = 0; i < requests.size(); ++i) {
     HttpResponsePtr response = message_pool::adopt(message_pool::newResponse());
@@ -146,7 +149,6 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     send(kContinue, sizeof(kContinue) - 1);
     if (HttpServerObserver* observer = impl->observer()) observer->bytesSent(sizeof(kContinue) - 1);
   }
-  if (!requests.empty() && deadline_kind_ == Deadline::kHead) deadline_kind_ = Deadline::kNone;
   updateDeadline();
 }
 

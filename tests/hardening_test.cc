@@ -6,6 +6,7 @@
 #include <pcrecpp.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -393,6 +394,23 @@ TEST_F(HardeningTest, TimeoutsEndSlowAndIdleConnections) {
     EXPECT_EQ(c.answer, withoutDates(client.readToEnd()));
     EXPECT_TRUE(client.peerClosed());
   }
+}
+
+// A head's time runs from its own first byte, also when it follows a request
+// that took most of its own time in the same chunk.
+TEST_F(HardeningTest, EachHeadGetsTheWholeHeaderTimeout) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  options.header_timeout = Duration::milliseconds(400);
+  start(options);
+  LoopbackClient client(port_);
+  client.write("GET /hello HTTP/1.1\r\n");
+  // Most of the first head's time passes before it is finished.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const Time second_began = Time::now();
+  client.write("Host: h\r\n\r\nGET /hello HTTP/1.1\r\n");
+  EXPECT_EQ(kHello, withoutDates(client.read(kHelloOnWire)));
+  EXPECT_EQ(refusal("408 Request Time-out"), withoutDates(client.readToEnd()));
+  EXPECT_LE(second_began + options.header_timeout, Time::now());
 }
 
 TEST_F(HardeningTest, AcceptingWaitsAtTheConnectionCap) {
