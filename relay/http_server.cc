@@ -208,8 +208,9 @@ struct HttpServerImpl::Handler {
   // something to PCRE, that is the subject equal to it, tested without PCRE.
   bool fullMatch(const pcrecpp::StringPiece& subject) const {
     if (literal_) {
+      // An empty subject may carry a null pointer, which memcmp must not see.
       return static_cast<size_t>(subject.size()) == pattern_.size() &&
-             memcmp(subject.data(), pattern_.data(), pattern_.size()) == 0;
+             (pattern_.empty() || memcmp(subject.data(), pattern_.data(), pattern_.size()) == 0);
     }
     return regex_.FullMatch(subject);
   }
