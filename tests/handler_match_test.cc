@@ -16,10 +16,15 @@ namespace {
 
 TEST(HandlerMatchTest, LiteralPatternsDecideAsPcreDoes) {
   const std::vector<std::string> patterns = {
-      "/hello", "",   "/",    "/a-b_c~!&=,;'",        "/a%20b", "/hello/", "hello",
-      "/a:b@c", "/A", "/a b", std::string("/x\0y", 4)};
-  const std::vector<std::string> paths = {"/hello", "/hello/",       "/helloo", "/hell",  "/", "/A",
-                                          "/a",     "/a-b_c~!&=,;'", "/a%20b",  "/a:b@c", "/x"};
+      "/hello", "", "/", "/a-b_c~!&=,;'", "/a%20b", "/hello/", "hello", "/a:b@c", "/A", "/a b",
+      std::string("/x\0y", 4),
+      // One character special to PCRE each: these must not be taken for
+      // literals.
+      "/h.llo", "/hello/?", "/hel+o", "/hel*o", "/(hell)o", "/hell[o]", "/hel{2}o", "/a|/A",
+      "^/hello", "/hello$", "\\/hello"};
+  const std::vector<std::string> paths = {
+      "/hello", "/hello/", "/helloo", "/hell",  "/",    "/A",      "/a",       "/a-b_c~!&=,;'",
+      "/a%20b", "/a:b@c",  "/x",      "/h.llo", "/heo", "/helllo", "/hel{2}o", "/a|/A"};
   for (const std::string& pattern : patterns) {
     SCOPED_TRACE("pattern \"" + pattern + "\"");
     std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);

@@ -371,6 +371,38 @@ TEST_F(HardeningTest, LimitsAloneKeepTheDefaultFramingOtherwise) {
       cases, [this](const std::string& r, bool c) { return exchange(r, c); }, hidden_);
 }
 
+// hardened() is what the README promises: a head of 64 KiB, counted with its
+// line ends, and a body of 16 MiB; a byte more is refused.
+TEST_F(HardeningTest, HardenedLimitsAreExactlyTheDocumentedOnes) {
+  start(HttpServerOptions::hardened());
+  const std::string start_of_head = "GET /hello HTTP/1.1\r\nHost: h\r\nX: ";
+  const size_t value = 64 * 1024 - start_of_head.size() - 4;  // and two CR LFs
+  EXPECT_EQ(kHello, exchange(start_of_head + std::string(value, 'v') + "\r\n\r\n", false));
+  EXPECT_EQ(refusal("400 Bad Request"),
+            exchange(start_of_head + std::string(value + 1, 'v') + "\r\n\r\n", true));
+  const std::string body(16 * 1024 * 1024, 'b');
+  EXPECT_EQ(kHello, exchange("POST /hello HTTP/1.1\r\nHost: h\r\nContent-Length: " +
+                                 std::to_string(body.size()) + "\r\n\r\n" + body,
+                             false));
+  EXPECT_EQ(refusal("413 Request Entity Too Large"),
+            exchange("POST /hello HTTP/1.1\r\nHost: h\r\nContent-Length: " +
+                         std::to_string(body.size() + 1) + "\r\n\r\n",
+                     true));
+}
+
+// Options that cannot be used give no server, rather than one that behaves
+// in some way nobody asked for.
+TEST(HardeningOptionsTest, NegativeTimeoutsGiveNoServer) {
+  HttpServerOptions header = HttpServerOptions::hardened();
+  header.header_timeout = Duration::milliseconds(-1);
+  HttpServerOptions idle = HttpServerOptions::hardened();
+  idle.idle_timeout = Duration::milliseconds(-1);
+  EXPECT_FALSE(HttpServer::create(SocketAddress("127.0.0.1", 0), 16, header));
+  EXPECT_FALSE(HttpServer::create(SocketAddress("127.0.0.1", 0), 16, idle));
+  EXPECT_TRUE(HttpServer::create(SocketAddress("127.0.0.1", 0), 16, HttpServerOptions()));
+  waitForDeferredWork();
+}
+
 TEST_F(HardeningTest, TimeoutsEndSlowAndIdleConnections) {
   HttpServerOptions options = HttpServerOptions::hardened();
   options.header_timeout = Duration::milliseconds(100);
@@ -411,6 +443,52 @@ TEST_F(HardeningTest, EachHeadGetsTheWholeHeaderTimeout) {
   EXPECT_EQ(kHello, withoutDates(client.read(kHelloOnWire)));
   EXPECT_EQ(refusal("408 Request Time-out"), withoutDates(client.readToEnd()));
   EXPECT_LE(second_began + options.header_timeout, Time::now());
+}
+
+// A head's time runs from its first byte: a client that trickles a head,
+// each byte well within the header timeout, is cut off all the same. That
+// time is the header timeout's alone: with no idle timeout at all the head
+// still times out, and the idle connection beside it is left alone.
+TEST_F(HardeningTest, HeadTimeoutRunsFromTheFirstByteAndIsItsOwn) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  options.header_timeout = Duration::milliseconds(100);
+  options.idle_timeout = Duration();
+  start(options);
+  LoopbackClient idle(port_);
+  ASSERT_TRUE(idle.connected());
+  LoopbackClient slow(port_);
+  const std::string start_of_head = "GET /hello HTTP/1.1\r\nHost: h\r\nX: ";
+  // A byte every 10 ms for up to 100 header timeouts, until the server
+  // answers.
+  bool answered = false;
+  for (size_t i = 0; i < 1000 && !answered; ++i) {
+    slow.write(i < start_of_head.size() ? start_of_head.substr(i, 1) : "v");
+    answered = slow.waitReadable(10);
+  }
+  ASSERT_TRUE(answered) << "the head never timed out";
+  EXPECT_EQ(refusal("408 Request Time-out"), withoutDates(slow.readToEnd()));
+  EXPECT_TRUE(slow.peerClosed());
+  ASSERT_TRUE(idle.write(get("/hello")));
+  EXPECT_EQ(kHello, withoutDates(idle.read(kHelloOnWire)));
+}
+
+// A connection waiting for an RPC's answer is not idle, however long the call
+// takes. A witness opened after the call started times out idle first; by
+// then the busy connection would have, were it counted idle.
+TEST_F(HardeningTest, IdleTimeoutSparesConnectionsOwedAnAnswer) {
+  HttpServerOptions options = HttpServerOptions::hardened();
+  options.idle_timeout = Duration::milliseconds(100);
+  start(options);
+  LoopbackClient busy(port_);
+  ASSERT_TRUE(busy.write(rpc("Hold", "slow", 4)));
+  ASSERT_TRUE(service_->waitHeld(1));
+  LoopbackClient witness(port_);
+  EXPECT_EQ("", witness.readToEnd());
+  EXPECT_TRUE(witness.peerClosed());
+  service_->release();
+  // The answer, and then, idle again, the end.
+  EXPECT_EQ(rpcAnswer("slow", 4, true), withoutDates(busy.readToEnd()));
+  EXPECT_TRUE(busy.peerClosed());
 }
 
 TEST_F(HardeningTest, AcceptingWaitsAtTheConnectionCap) {

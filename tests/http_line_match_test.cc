@@ -72,6 +72,9 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
       "HTTP/1.1 000000000000000000000000000000000000000001 x",
       "Host: h",
       "Host:h",
+      "Host:\th",  // only a blank may follow the colon
+      "a:\t b",
+      "a: \tb",
       ": v",
       "a: ",
       "a:",
@@ -89,7 +92,7 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
 
 TEST(HttpLineMatchTest, AgreesWithPcreOnRandomLines) {
   // Random lines over the bytes that matter to the three patterns.
-  static const char kBytes[] = "GETHP/1.0129 :a\n\x00\xff-";
+  static const char kBytes[] = "GETHP/1.0129 :a\n\x00\xff-\t";
   const std::string alphabet(kBytes, sizeof(kBytes) - 1);
   const unsigned seed = std::random_device{}();
   std::mt19937 random(seed);

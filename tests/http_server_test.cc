@@ -102,8 +102,9 @@ std::string describe(const HttpResponse& r) {
   return out + " " + r.body;
 }
 
-// Echo answers at once with its prefix before the text, Fail fails with the
-// text, Hold keeps the call until the test completes it.
+// Echo answers at once with its prefix before the text, Length with the
+// text's length, Fail fails with the text, Hold keeps the call until the test
+// completes it.
 class TestService : public relaytest::TestService {
  public:
   explicit TestService(std::string prefix = "") : prefix_(std::move(prefix)) {}
@@ -128,6 +129,11 @@ class TestService : public relaytest::TestService {
   void Square(google::protobuf::RpcController*, const relaytest::Number* request,
               relaytest::Number* response, google::protobuf::Closure* done) override {
     response->set_value(request->value() * request->value());
+    done->Run();
+  }
+  void Length(google::protobuf::RpcController*, const relaytest::Text* request,
+              relaytest::Number* response, google::protobuf::Closure* done) override {
+    response->set_value(static_cast<int>(request->text().size()));
     done->Run();
   }
 
@@ -271,6 +277,17 @@ TEST_F(HttpServerTest, PipelinedRequestsAreAnsweredInOrder) {
   // And the connection is kept for more.
   ASSERT_TRUE(client.write(get("/hello")));
   EXPECT_EQ(kHello, client.read(kHello.size()));
+}
+
+// Only strict framing leaves the content out of an answer to HEAD: by
+// default a HEAD request is answered as its handler filled the response.
+TEST_F(HttpServerTest, HeadRequestsGetTheContentByDefault) {
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(client.write("HEAD /hello HTTP/1.1\r\nHost: t\r\n\r\n" + get("/hello") +
+                           "HEAD /missing HTTP/1.1\r\nHost: t\r\n\r\n"));
+  const std::string expected = kHello + kHello + kNotFound;
+  EXPECT_EQ(expected, client.read(expected.size()));
 }
 
 TEST_F(HttpServerTest, RequestSplitAtEveryByteGetsTheSameAnswers) {
@@ -631,6 +648,34 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   EXPECT_EQ("0", answers[0]->headers["Rpc-Failed"]);
   EXPECT_EQ("hello\n", answers[1]->body);
   EXPECT_EQ(records, liveRPCRecordsForTesting());
+}
+
+// The server keeps the record of a finished call, messages and controller,
+// for the next call of the same request and reply types. What a call finds
+// there must be as good as new: a reply of its own method's type, a
+// controller that has not failed.
+TEST_F(HttpServerTest, CallRecordsServeTheNextCallAsIfNew) {
+  server_->registerRPCService(std::make_shared<TestService>());
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  relaytest::Number four;
+  four.set_value(4);
+  // Echo and Length read the same type and answer different ones.
+  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "1", textMessage("abcd")) +
+                           rpcRequest("relaytest.TestService", "Length", "2", textMessage("abcd")) +
+                           rpcRequest("relaytest.TestService", "Fail", "3", textMessage("no")) +
+                           rpcRequest("relaytest.TestService", "Echo", "4", textMessage("x")) +
+                           rpcRequest("relaytest.TestService", "Length", "5", "")));
+  std::vector<HttpResponsePtr> answers = readResponses(&client, 5);
+  ASSERT_EQ(5u, answers.size());
+  const std::string ok = "200 [Connection|keep-alive] [Content-Length|";
+  EXPECT_EQ(ok + "6] [Rpc-Failed|0] [Rpc-Id|1] " + textMessage("abcd"), describe(*answers[0]));
+  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|2] " + four.SerializeAsString(), describe(*answers[1]));
+  EXPECT_EQ(ok + "0] [Rpc-Error|no] [Rpc-Failed|1] [Rpc-Id|3] ", describe(*answers[2]));
+  EXPECT_EQ(ok + "3] [Rpc-Failed|0] [Rpc-Id|4] " + textMessage("x"), describe(*answers[3]));
+  relaytest::Number zero;
+  zero.set_value(0);
+  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|5] " + zero.SerializeAsString(), describe(*answers[4]));
 }
 
 // Fault: sendRPCError turns CR and LF of a service's error text into blanks;

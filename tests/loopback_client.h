@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,10 +24,15 @@ namespace testing {
 class LoopbackClient {
  public:
   explicit LoopbackClient(uint16_t port) : LoopbackClient(SocketAddress("127.0.0.1", port)) {}
-  explicit LoopbackClient(const SocketAddress& address) {
+  // `receive_buffer`, when not 0, caps the kernel's receive buffer (and so the
+  // window the server may fill) before connecting.
+  explicit LoopbackClient(const SocketAddress& address, int receive_buffer = 0) {
     fd_ = socket(address.sockaddr()->sa_family, SOCK_STREAM, 0);
     timeval guard{30, 0};
     setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
+    if (receive_buffer > 0) {
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    }
     int one = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     int result;
@@ -93,6 +99,17 @@ class LoopbackClient {
       n = ::recv(fd_, &byte, 1, 0);
     } while (n < 0 && errno == EINTR);
     return n == 0;
+  }
+
+  // Waits up to `timeout_ms` for bytes, or the end, to read; true when they
+  // are there.
+  bool waitReadable(int timeout_ms) {
+    pollfd p = {fd_, POLLIN, 0};
+    int n;
+    do {
+      n = ::poll(&p, 1, timeout_ms);
+    } while (n < 0 && errno == EINTR);
+    return n > 0;
   }
 
   void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }

@@ -55,6 +55,14 @@ TEST(RequestLimitsTest, HeadAndBodyLimitsAnswerBeforeTheBytesArrive) {
        {"GET /" + std::string(50, 'a') + " HTTP/1.1\r\n\r\n"},  // 64 bytes, then 2 of line end
        {false, 0, 400}},
       {"endless header line", {"GET / HTTP/1.1\r\nX: " + std::string(100, 'v')}, {false, 0, 400}},
+      // 17 + 9 + 38 bytes of lines: the head is at the limit, the blank line
+      // that ends it is not counted against it.
+      {"head at the limit",
+       {"GET /a HTTP/1.1\r\nHost: h\r\nX: " + std::string(33, 'v') + "\r\n\r\n"},
+       {true, 1, 0}},
+      {"head just over",
+       {"GET /a HTTP/1.1\r\nHost: h\r\nX: " + std::string(34, 'v') + "\r\n\r\n"},
+       {false, 0, 400}},
       {"many short headers",
        {"GET / HTTP/1.1\r\nA: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\nE: 5\r\nF: 6\r\nG: 7\r\nH: 8\r\nI: "
         "9\r\n"},

@@ -399,6 +399,14 @@ TEST_F(RpcChannelTest, WireFormOfAnswers) {
                   c.error + "\r\nRpc-Failed: 1\r\nRpc-Id: 3\r\n\r\n",
               rawCall(std::string(c.headers) + "Rpc-Id: 3\r\n", c.body));
   }
+  // Failures write the id as "%d" too: -1, and 4294967295 read as -1, stay -1.
+  for (const char* id : {"-1", "4294967295"}) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(
+        "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 0\r\n"
+        "Rpc-Error: Service not found.\r\nRpc-Failed: 1\r\nRpc-Id: -1\r\n\r\n",
+        rawCall("Rpc-Service: relaytest.Nope\r\nRpc-Id: " + std::string(id) + "\r\n", ""));
+  }
   // Header names are case-sensitive: this is a plain request, and no URL
   // handler matches it.
   EXPECT_EQ("HTTP/1.1 404 Not Found\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n",

@@ -299,10 +299,12 @@ TEST(StrictRequestParserTest, LimitsAnswerBeforeTheLineOrBodyArrives) {
     expectEverySplit(c.stream, {"", false, c.status, false}, c.limits);
   }
   // Within the limits the same shapes pass: a 32-byte request line, a 10-byte
-  // chunked body, a trailer block of its own size.
+  // chunked body, a trailer block of its own size, a 10-byte declared body.
   expectEverySplit("GET /" + std::string(16, 'a') + " HTTP/1.1\r\n", {"", true, 0, false}, {32, 0});
   expectEverySplit(post(kChunked, "6\r\nabcdef\r\n4\r\nghij\r\n0\r\nT: 1\r\n\r\n"),
                    {"POST /p abcdefghij", true, 0, false}, {60, 10});
+  expectEverySplit(post("Content-Length: 10\r\n", "0123456789"),
+                   {"POST /p 0123456789", true, 0, false}, {0, 10});
 
   // One huge chunk is refused from its first bytes past the limit.
   StrictRequestParser parser({64 * 1024, 0});

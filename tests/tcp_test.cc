@@ -331,6 +331,29 @@ TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
   }
 }
 
+// A connection whose output is done waits for the peer's end before it
+// closes: closed at once, the bytes the peer still sends would be answered
+// with a reset that throws away the part of the answer not yet delivered.
+// The client's small window keeps most of the answer queued in the kernel
+// while the server finishes, and the client sends a byte after each read.
+TEST(TcpServerTest, InputArrivingAfterTheLastAnswerCannotCutItShort) {
+  EchoServer echo;
+  ASSERT_TRUE(echo.initialized);
+  Client client(echo.address, 4096);
+  constexpr size_t kBig = 1000 * 1000;  // below the output bound: no pause
+  ASSERT_TRUE(client.write("big " + std::to_string(kBig) + " loop\n"));
+  std::string received;
+  for (;;) {
+    const std::string piece = client.read(4096);
+    if (piece.empty()) break;
+    received += piece;
+    client.write("x");  // unread by the server: it is done reading
+  }
+  EXPECT_EQ(kBig, received.size());
+  EXPECT_TRUE(received == pattern(kBig)) << "payload differs";
+  EXPECT_TRUE(client.atEof());
+}
+
 TEST(TcpServerTest, ConnectionsOutliveTheServer) {
   EchoServer echo;
   ASSERT_TRUE(echo.initialized);
@@ -498,7 +521,8 @@ class FlowHandler : public RequestResponseConnectionHandler {
 };
 
 struct FlowServer {
-  explicit FlowServer(size_t max_connections = 0, bool reuse_port = false, uint16_t port = 0)
+  explicit FlowServer(size_t max_connections = 0, bool reuse_port = false, uint16_t port = 0,
+                      Duration send_timeout = Duration())
       : recorder(std::make_shared<Recorder>()) {
     std::shared_ptr<Recorder> r = recorder;
     auto made = std::make_shared<std::vector<std::shared_ptr<FlowHandler>>>();
@@ -512,6 +536,7 @@ struct FlowServer {
         1024);
     server->setMaxConnections(max_connections);
     server->setReusePort(reuse_port);
+    server->setSendTimeout(send_timeout);
     initialized = server->initialize(SocketAddress("127.0.0.1", port));
     address = server->localAddress();
   }
@@ -593,6 +618,24 @@ TEST(TcpServerTest, ClientThatDoesNotReadStopsTheServerReadingAndLosesNothing) {
   close(fd);
   EXPECT_EQ(expected, got);
   EXPECT_TRUE(intact);
+}
+
+// A peer that takes none of the output for the send timeout loses its
+// connection, and the output still queued for it.
+TEST(TcpServerTest, PeerThatTakesNothingForTheSendTimeoutIsCutOff) {
+  FlowServer flow(0, false, 0, Duration::milliseconds(100));
+  ASSERT_TRUE(flow.initialized);
+  Client client(flow.address, 4096);
+  constexpr size_t kBig = 8 * 1000 * 1000;
+  ASSERT_TRUE(client.write("amp " + std::to_string(kBig) + "\n"));
+  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.handlers->size() == 1; }));
+  std::shared_ptr<FlowHandler> handler = flow.handler(0);
+  ASSERT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }))
+      << "the connection outlived its send timeout";
+  // What the kernels had taken still arrives; the rest never does.
+  const std::string received = client.readToEnd();
+  EXPECT_LT(received.size(), kBig);
+  EXPECT_TRUE(client.peerClosed() || client.lastError() == ECONNRESET);
 }
 
 TEST(TcpServerTest, HandlerKeepsAHalfClosedConnectionOpenForAnswersItOwes) {
