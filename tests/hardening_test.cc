@@ -14,16 +14,19 @@
 #include <vector>
 
 #include "common/event_thread.h"
-#include "common/mutex.h"
+#include "common/time.h"
 #include "relay/http_server.h"
-#include "test_services.pb.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
 using vantu::testing::LoopbackClient;
+using vantu::testing::rpcRequest;
+using vantu::testing::TestServiceImpl;
+using vantu::testing::textMessage;
 
 // Replaces every Date header's value with "*" once its form is checked.
 std::string withoutDates(const std::string& bytes) {
@@ -56,68 +59,12 @@ const std::string kPlainHello =
     "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 6\r\n"
     "Content-Type: text/plain\r\n\r\nhello\n";
 
-std::string rpc(const std::string& method, const std::string& text, int id) {
-  relaytest::Text message;
-  message.set_text(text);
-  const std::string body = message.SerializeAsString();
-  return "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nRpc-Id: " + std::to_string(id) +
-         "\r\nRpc-Service: relaytest.TestService\r\nRpc-Method: " + method + "\r\n\r\n" + body;
-}
-
 std::string rpcAnswer(const std::string& text, int id, bool dated) {
-  relaytest::Text message;
-  message.set_text(text);
-  const std::string body = message.SerializeAsString();
+  const std::string body = textMessage(text);
   return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
          std::to_string(body.size()) + "\r\n" + (dated ? "Date: *\r\n" : "") +
          "Rpc-Failed: 0\r\nRpc-Id: " + std::to_string(id) + "\r\n\r\n" + body;
 }
-
-// Echo answers at once; Hold keeps its call until the test releases it.
-class HoldingService : public relaytest::TestService {
- public:
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    calls_.fetch_add(1);
-    response->set_text(request->text());
-    done->Run();
-  }
-  void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    calls_.fetch_add(1);
-    response->set_text(request->text());
-    MutexLock lock(mutex_);
-    held_.push_back(done);
-    held_changed_.notifyAll();
-  }
-  // Waits until `count` calls are held (bounded); false if they never were.
-  bool waitHeld(size_t count) {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (held_.size() < count) {
-      if (!held_changed_.timedWaitAbsolute(mutex_, deadline) && held_.size() < count) return false;
-    }
-    return true;
-  }
-  // Completes the oldest held call, from this (non-event) thread.
-  void release() {
-    google::protobuf::Closure* done;
-    {
-      MutexLock lock(mutex_);
-      done = held_.front();
-      held_.erase(held_.begin());
-    }
-    done->Run();
-  }
-  int calls() const { return calls_.load(); }
-
- private:
-  std::atomic<int> calls_{0};
-  Mutex mutex_;
-  ConditionVariable held_changed_;
-  std::vector<google::protobuf::Closure*> held_ VANTU_GUARDED_BY(mutex_);
-};
 
 class HardeningTest : public ::testing::Test {
  protected:
@@ -139,7 +86,7 @@ class HardeningTest : public ::testing::Test {
     server_->registerHandler("/hidden", [hidden](const HttpRequestPtr&, const HttpResponsePtr&) {
       hidden->fetch_add(1);
     });
-    service_ = std::make_shared<HoldingService>();
+    service_ = std::make_shared<TestServiceImpl>();
     server_->registerRPCService(service_);
   }
   void TearDown() override {
@@ -168,7 +115,7 @@ class HardeningTest : public ::testing::Test {
   }
 
   std::shared_ptr<HttpServer> server_;
-  std::shared_ptr<HoldingService> service_;
+  std::shared_ptr<TestServiceImpl> service_;
   uint16_t port_ = 0;
   std::atomic<int> hidden_{0};
 };
@@ -336,10 +283,14 @@ TEST_F(HardeningTest, StrictFramingAnswersEveryCaseAsTheRfcRequires) {
   runCases(
       cases, [this](const std::string& r, bool c) { return exchange(r, c); }, hidden_);
   // A call whose body passes the limit is refused before it is decoded.
-  EXPECT_EQ(refusal("413 Request Entity Too Large"),
-            exchange(rpc("Echo", std::string(70, 'x'), 7), true));
-  EXPECT_EQ(rpcAnswer("small", 8, true), exchange(rpc("Echo", "small", 8), false));
-  EXPECT_EQ(1, service_->calls());
+  EXPECT_EQ(
+      refusal("413 Request Entity Too Large"),
+      exchange(rpcRequest("relaytest.TestService", "Echo", "7", textMessage(std::string(70, 'x'))),
+               true));
+  EXPECT_EQ(
+      rpcAnswer("small", 8, true),
+      exchange(rpcRequest("relaytest.TestService", "Echo", "8", textMessage("small")), false));
+  EXPECT_EQ(1, service_->calls);
 }
 
 // Limits without strict framing: their refusals end the connection, but a
@@ -480,7 +431,7 @@ TEST_F(HardeningTest, IdleTimeoutSparesConnectionsOwedAnAnswer) {
   options.idle_timeout = Duration::milliseconds(100);
   start(options);
   LoopbackClient busy(port_);
-  ASSERT_TRUE(busy.write(rpc("Hold", "slow", 4)));
+  ASSERT_TRUE(busy.write(rpcRequest("relaytest.TestService", "Hold", "4", textMessage("slow"))));
   ASSERT_TRUE(service_->waitHeld(1));
   LoopbackClient witness(port_);
   EXPECT_EQ("", witness.readToEnd());
@@ -556,7 +507,8 @@ TEST_F(HardeningTest, HalfClosedClientStillGetsTheAnswersOwed) {
     SCOPED_TRACE(hardened ? "hardened" : "default");
     start(hardened ? HttpServerOptions::hardened() : HttpServerOptions());
     LoopbackClient client(port_);
-    client.write(rpc("Hold", "later", 5) + get("/hello"));
+    client.write(rpcRequest("relaytest.TestService", "Hold", "5", textMessage("later")) +
+                 get("/hello"));
     client.shutdownWrite();
     ASSERT_TRUE(service_->waitHeld(1));
     const std::string& hello = hardened ? kHello : kPlainHello;
@@ -573,7 +525,7 @@ TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
   start(HttpServerOptions::hardened());
   LoopbackClient idle(port_);
   LoopbackClient busy(port_);
-  busy.write(rpc("Hold", "in flight", 9));
+  busy.write(rpcRequest("relaytest.TestService", "Hold", "9", textMessage("in flight")));
   ASSERT_TRUE(service_->waitHeld(1));
   idle.write(get("/hello"));
   EXPECT_EQ(kHello, withoutDates(idle.read(kHelloOnWire)));
@@ -596,7 +548,7 @@ TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
 TEST_F(HardeningTest, DrainClosesWhatIsStillOwedAtTheDeadline) {
   start(HttpServerOptions());
   LoopbackClient busy(port_);
-  busy.write(rpc("Hold", "never in time", 3));
+  busy.write(rpcRequest("relaytest.TestService", "Hold", "3", textMessage("never in time")));
   ASSERT_TRUE(service_->waitHeld(1));
   EXPECT_FALSE(server_->drain(Duration::milliseconds(50)));
   EXPECT_EQ("", busy.readToEnd());

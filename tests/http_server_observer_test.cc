@@ -8,14 +8,17 @@
 #include "common/event_thread.h"
 #include "common/mutex.h"
 #include "relay/http_server.h"
-#include "test_services.pb.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
 using Outcome = HttpServerObserver::RpcOutcome;
+using vantu::testing::rpcRequest;
+using vantu::testing::TestServiceImpl;
+using vantu::testing::textMessage;
 
 class RecordingObserver : public HttpServerObserver {
  public:
@@ -55,25 +58,6 @@ class RecordingObserver : public HttpServerObserver {
   std::map<std::string, size_t> counts_;
 };
 
-class EchoOrFail : public relaytest::TestService {
- public:
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    response->set_text(request->text());
-    done->Run();
-  }
-  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
-            relaytest::Text*, google::protobuf::Closure* done) override {
-    controller->SetFailed(request->text());
-    done->Run();
-  }
-};
-
-std::string call(const std::string& service, const std::string& method, const std::string& body) {
-  return "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nRpc-Service: " + service + "\r\nRpc-Method: " + method + "\r\n\r\n" + body;
-}
-
 TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   HttpServerOptions options;
   options.max_body_bytes = 100;
@@ -82,18 +66,17 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   ASSERT_TRUE(server);
   server->registerHandler(
       "/a.*", [](const HttpRequestPtr&, const HttpResponsePtr& r) { r->content.assign(3, 'x'); });
-  server->registerRPCService(std::make_shared<EchoOrFail>());
+  server->registerRPCService(std::make_shared<TestServiceImpl>());
   auto observer = std::make_shared<RecordingObserver>();
   server->setObserver(observer);
 
-  relaytest::Text text;
-  text.set_text("t");
   const std::string sent =
       "GET /abc HTTP/1.1\r\nHost: h\r\n\r\n" + std::string("GET /zzz HTTP/1.1\r\nHost: h\r\n\r\n") +
-      call("relaytest.TestService", "Echo", text.SerializeAsString()) +
-      call("relaytest.TestService", "Fail", text.SerializeAsString()) +
-      call("relaytest.TestService", "Nope", "") + call("nobody.Service", "Echo", "") +
-      call("relaytest.TestService", "Echo", "\xff") + "bad line\r\n";
+      rpcRequest("relaytest.TestService", "Echo", "1", textMessage("t")) +
+      rpcRequest("relaytest.TestService", "Fail", "2", textMessage("t")) +
+      rpcRequest("relaytest.TestService", "Nope", "3", "") +
+      rpcRequest("nobody.Service", "Echo", "4", "") +
+      rpcRequest("relaytest.TestService", "Echo", "5", "\xff") + "bad line\r\n";
   std::string received;
   {
     vantu::testing::LoopbackClient client(server->localAddress().port());
@@ -143,43 +126,19 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   EXPECT_TRUE(counts.empty()) << counts.begin()->first;
 }
 
-class HoldOne : public relaytest::TestService {
- public:
-  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text*,
-            google::protobuf::Closure* done) override {
-    MutexLock lock(mutex_);
-    held_ = done;
-    changed_.notifyAll();
-  }
-  google::protobuf::Closure* waitHeld() {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (held_ == nullptr && changed_.timedWaitAbsolute(mutex_, deadline)) {
-    }
-    return held_;
-  }
-
- private:
-  Mutex mutex_;
-  ConditionVariable changed_;
-  google::protobuf::Closure* held_ = nullptr;
-};
-
 // What began before the observer was set does not end in its counts: its
 // gauges would otherwise go below zero.
 TEST(HttpServerObserverTest, ObserverSetLateSeesOnlyWhatBeganAfter) {
   std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
   ASSERT_TRUE(server);
-  auto service = std::make_shared<HoldOne>();
+  auto service = std::make_shared<TestServiceImpl>();
   server->registerRPCService(service);
   auto client = std::make_unique<vantu::testing::LoopbackClient>(server->localAddress().port());
-  relaytest::Text text;
-  client->write(call("relaytest.TestService", "Hold", text.SerializeAsString()));
-  google::protobuf::Closure* done = service->waitHeld();
-  ASSERT_NE(nullptr, done);
+  client->write(rpcRequest("relaytest.TestService", "Hold", "1", ""));
+  ASSERT_TRUE(service->waitHeld(1));
   auto observer = std::make_shared<RecordingObserver>();
   server->setObserver(observer);
-  done->Run();
+  service->complete(0);
   client->read(1);
   client.reset();
   server.reset();

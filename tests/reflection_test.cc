@@ -8,9 +8,9 @@
 
 #include "common/event_thread.h"
 #include "relay/rpc.h"
-#include "test_services.pb.h"
 #include "tests/calc_service.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
@@ -18,15 +18,7 @@ namespace {
 
 using vantu::testing::CalcService;
 using vantu::testing::LoopbackClient;
-
-class EchoService : public relaytest::TestService {
- public:
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    response->set_text(request->text());
-    done->Run();
-  }
-};
+using vantu::testing::TestServiceImpl;
 
 class ReflectionTest : public ::testing::Test {
  protected:
@@ -35,7 +27,7 @@ class ReflectionTest : public ::testing::Test {
     ASSERT_TRUE(server_);
     calc_ = CalcService::load();
     ASSERT_TRUE(calc_);
-    server_->registerRPCService(std::make_shared<EchoService>());
+    server_->registerRPCService(std::make_shared<TestServiceImpl>());
     server_->registerRPCService(calc_);
     registerReflectionService(server_);
     channel_ = RPCChannel::create(SocketAddress("127.0.0.1", server_->localAddress().port()));
@@ -80,7 +72,7 @@ TEST_F(ReflectionTest, ListsTheServicesRegisteredAtEachCall) {
   EXPECT_EQ(listServices(), (std::vector<std::string>{"calc.Calculator", "relaytest.TestService",
                                                       "vantu.relay.Reflection"}));
   // A replacement is still one service; a later registration shows at once.
-  server_->registerRPCService(std::make_shared<EchoService>());
+  server_->registerRPCService(std::make_shared<TestServiceImpl>());
   registerReflectionService(server_);
   EXPECT_EQ(listServices(), (std::vector<std::string>{"calc.Calculator", "relaytest.TestService",
                                                       "vantu.relay.Reflection"}));

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,8 +20,8 @@
 #include "common/event_thread.h"
 #include "relay/http_server.h"
 #include "relay/reflection.h"
-#include "test_services.pb.h"
 #include "tests/calc_service.h"
+#include "tests/test_service.h"
 
 extern char** environ;
 
@@ -31,28 +30,7 @@ namespace relay {
 namespace {
 
 using vantu::testing::CalcService;
-
-// Echo answers at once; Hold keeps its call until the test ends.
-class TestServiceImpl : public relaytest::TestService {
- public:
-  ~TestServiceImpl() override {
-    for (google::protobuf::Closure* done : held_) done->Run();
-  }
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    response->set_text(request->text());
-    done->Run();
-  }
-  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text*,
-            google::protobuf::Closure* done) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back(done);
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<google::protobuf::Closure*> held_;
-};
+using vantu::testing::TestServiceImpl;
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <new>
@@ -19,6 +18,7 @@
 #include "test_services.pb.h"
 #include "tests/event_thread_blocker.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 // In plain builds this program counts heap blocks, so that a test can assert
 // what LeakSanitizer checks in sanitizer builds: that a finished call leaves
@@ -132,81 +132,8 @@ using relaytest::Number;
 using relaytest::Text;
 using vantu::testing::EventThreadBlocker;
 using vantu::testing::LoopbackClient;
-
-// Echo and Fail answer at once; Hold keeps the call until the test completes
-// it, from whatever thread.
-class TestServiceImpl : public relaytest::TestService {
- public:
-  struct Held {
-    google::protobuf::RpcController* controller;
-    const Text* request;
-    Text* response;
-    google::protobuf::Closure* done;
-    bool completed;
-  };
-
-  // Calls still held are completed now: the server is gone by then, so this
-  // also proves that such completions free their records.
-  ~TestServiceImpl() override {
-    for (size_t i = 0; i < held_.size(); ++i) {
-      if (!held_[i].completed) complete(i);
-    }
-  }
-
-  void Echo(google::protobuf::RpcController*, const Text* request, Text* response,
-            google::protobuf::Closure* done) override {
-    ++calls;
-    response->set_text(request->text());
-    done->Run();
-  }
-  void Hold(google::protobuf::RpcController* controller, const Text* request, Text* response,
-            google::protobuf::Closure* done) override {
-    ++calls;
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back({controller, request, response, done, false});
-    arrived_.notify_all();
-  }
-  void Fail(google::protobuf::RpcController* controller, const Text* request, Text*,
-            google::protobuf::Closure* done) override {
-    ++calls;
-    controller->SetFailed(request->text());
-    done->Run();
-  }
-  void Square(google::protobuf::RpcController*, const Number* request, Number* response,
-              google::protobuf::Closure* done) override {
-    ++calls;
-    response->set_value(request->value() * request->value());
-    done->Run();
-  }
-
-  // Waits until `count` calls are held (a guard, not a timing assertion).
-  bool waitHeld(size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return held_.size() >= count; });
-  }
-  // Completes the index-th held call, echoing its text, or failing with `error`.
-  void complete(size_t index, const std::string& error = "") {
-    Held held;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      held = held_.at(index);
-      held_.at(index).completed = true;
-    }
-    if (error.empty()) {
-      held.response->set_text(held.request->text());
-    } else {
-      held.controller->SetFailed(error);
-    }
-    held.done->Run();
-  }
-
-  std::atomic<int> calls{0};
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::deque<Held> held_;
-};
+using vantu::testing::TestServiceImpl;
+using vantu::testing::textMessage;
 
 const google::protobuf::MethodDescriptor* method(const char* name) {
   return relaytest::TestService::descriptor()->FindMethodByName(name);
@@ -354,14 +281,12 @@ TEST_F(RpcChannelTest, WireFormOfAnswers) {
               "Content-Type: application/json\r\n",
               json_body));
   // Binary, id -1 echoed as -1, no id as 0.
-  Text text;
-  text.set_text("ab");
   EXPECT_EQ(
       "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 4\r\n"
       "Rpc-Failed: 0\r\nRpc-Id: -1\r\n\r\n" +
-          text.SerializeAsString(),
+          textMessage("ab"),
       rawCall("Rpc-Service: relaytest.TestService\r\nRpc-Method: Echo\r\nRpc-Id: -1\r\n",
-              text.SerializeAsString()));
+              textMessage("ab")));
 
   struct Case {
     const char* headers;
@@ -864,9 +789,7 @@ class ScriptedServer {
 }
 
 TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
-  Text good;
-  good.set_text("body");
-  const std::string body = good.SerializeAsString();
+  const std::string body = textMessage("body");
   const std::string length = std::to_string(body.size());
   ScriptedServer server({
       // 1: no Rpc-Failed and a good body: success.

@@ -1,0 +1,144 @@
+#ifndef TESTS_TEST_SERVICE_H_
+#define TESTS_TEST_SERVICE_H_
+
+// relaytest.TestService as the tests serve it, and the raw bytes of a call as
+// a client writes them.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/time.h"
+#include "test_services.pb.h"
+
+namespace vantu {
+namespace testing {
+
+// Echo answers at once with the prefix before the request's text, Fail fails
+// with the request's text, Square and Length answer at once; Hold keeps the
+// call until the test completes it. Every call counts in `calls`. Any thread.
+class TestServiceImpl : public relaytest::TestService {
+ public:
+  explicit TestServiceImpl(std::string prefix = "") : prefix_(std::move(prefix)) {}
+  TestServiceImpl(const TestServiceImpl&) = delete;
+  TestServiceImpl& operator=(const TestServiceImpl&) = delete;
+
+  // Calls still held are completed now. The server is usually gone by then,
+  // so this also proves that such late completions free their records.
+  ~TestServiceImpl() override {
+    while (release()) {
+    }
+  }
+
+  // relaytest::TestService
+  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    ++calls;
+    response->set_text(prefix_ + request->text());
+    done->Run();
+  }
+  void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    ++calls;
+    MutexLock lock(mutex_);
+    held_.push_back({request, response, done, false});
+    held_changed_.notifyAll();
+  }
+  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
+            relaytest::Text*, google::protobuf::Closure* done) override {
+    ++calls;
+    controller->SetFailed(request->text());
+    done->Run();
+  }
+  void Square(google::protobuf::RpcController*, const relaytest::Number* request,
+              relaytest::Number* response, google::protobuf::Closure* done) override {
+    ++calls;
+    response->set_value(request->value() * request->value());
+    done->Run();
+  }
+  void Length(google::protobuf::RpcController*, const relaytest::Text* request,
+              relaytest::Number* response, google::protobuf::Closure* done) override {
+    ++calls;
+    response->set_value(static_cast<int>(request->text().size()));
+    done->Run();
+  }
+
+  // Waits until `count` Hold calls have arrived in all, completed or not; false
+  // if they have not within 30 s (a guard against a hang, not a timing check).
+  bool waitHeld(size_t count) {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (held_.size() < count) {
+      if (!held_changed_.timedWaitAbsolute(mutex_, deadline) && held_.size() < count) return false;
+    }
+    return true;
+  }
+
+  // Completes the index-th Hold call (in order of arrival), echoing its text,
+  // on the calling thread.
+  void complete(size_t index) {
+    Held held;
+    {
+      MutexLock lock(mutex_);
+      ASSERT_LT(index, held_.size());
+      ASSERT_FALSE(held_[index].completed) << "held call " << index << " completed twice";
+      held_[index].completed = true;
+      held = held_[index];
+    }
+    held.response->set_text(held.request->text());
+    held.done->Run();
+  }
+
+  // Completes the oldest held call not completed yet; false if there is none.
+  bool release() {
+    size_t index = 0;
+    {
+      MutexLock lock(mutex_);
+      while (index < held_.size() && held_[index].completed) ++index;
+      if (index == held_.size()) return false;
+    }
+    complete(index);
+    return true;
+  }
+
+  std::atomic<int> calls{0};
+
+ private:
+  struct Held {
+    const relaytest::Text* request;
+    relaytest::Text* response;
+    google::protobuf::Closure* done;
+    bool completed;
+  };
+
+  // Constant after construction
+  const std::string prefix_;
+
+  Mutex mutex_;
+  ConditionVariable held_changed_;
+  std::vector<Held> held_ VANTU_GUARDED_BY(mutex_);
+};
+
+// relaytest.Text with `text`, serialized.
+inline std::string textMessage(const std::string& text) {
+  relaytest::Text message;
+  message.set_text(text);
+  return message.SerializeAsString();
+}
+
+// A call as a client writes it: binary unless `json`.
+inline std::string rpcRequest(const std::string& service, const std::string& method,
+                              const std::string& id, const std::string& body, bool json = false) {
+  std::string request = "POST / HTTP/1.1\r\nHost: test\r\nRpc-Service: " + service +
+                        "\r\nRpc-Method: " + method + "\r\nRpc-Id: " + id + "\r\n";
+  if (json) request += "Content-Type: application/json\r\n";
+  return request + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+}  // namespace testing
+}  // namespace vantu
+
+#endif  // TESTS_TEST_SERVICE_H_
