@@ -10,6 +10,7 @@
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/service.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,7 +21,7 @@ namespace testing {
 
 // Add answers at once with the total of its values; Fail fails with its
 // request's error text; Hold keeps the call until releaseHeld() or the
-// service's destruction. Any thread.
+// service's destruction. Every call counts in `calls`. Any thread.
 class CalcService : public google::protobuf::Service {
  public:
   // Null (and a test failure to follow) when the files do not compile.
@@ -43,6 +44,7 @@ class CalcService : public google::protobuf::Service {
                   google::protobuf::RpcController* controller,
                   const google::protobuf::Message* request, google::protobuf::Message* response,
                   google::protobuf::Closure* done) override {
+    ++calls;
     const google::protobuf::Reflection* in = request->GetReflection();
     const google::protobuf::Descriptor* type = request->GetDescriptor();
     if (method->name() == "Fail") {
@@ -83,6 +85,8 @@ class CalcService : public google::protobuf::Service {
     }
     for (google::protobuf::Closure* done : held) done->Run();
   }
+
+  std::atomic<int> calls{0};
 
  private:
   class Errors : public google::protobuf::compiler::MultiFileErrorCollector {

@@ -1,8 +1,5 @@
 #include "relay/http_server.h"
 
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/descriptor.pb.h>
-#include <google/protobuf/dynamic_message.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,13 +12,19 @@
 #include "common/logging.h"
 #include "relay/rpc.h"
 #include "test_services.pb.h"
+#include "tests/calc_service.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
+using vantu::testing::CalcService;
 using vantu::testing::LoopbackClient;
+using vantu::testing::rpcRequest;
+using vantu::testing::TestServiceImpl;
+using vantu::testing::textMessage;
 
 const std::string kHello =
     "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 6\r\n"
@@ -64,21 +67,6 @@ bool waitDestroyed(const std::shared_ptr<Sentinel::State>& state) {
                                  [&state] { return state->destroyed; });
 }
 
-// An RPC as a client writes it: binary unless `json`.
-std::string rpcRequest(const std::string& service, const std::string& method, const std::string& id,
-                       const std::string& body, bool json = false) {
-  std::string request = "POST / HTTP/1.1\r\nHost: test\r\nRpc-Service: " + service +
-                        "\r\nRpc-Method: " + method + "\r\nRpc-Id: " + id + "\r\n";
-  if (json) request += "Content-Type: application/json\r\n";
-  return request + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-std::string textMessage(const std::string& text) {
-  relaytest::Text message;
-  message.set_text(text);
-  return message.SerializeAsString();
-}
-
 // Reads until `count` whole responses have arrived (fewer if the connection
 // ends first), one byte at a time so that nothing of a later answer is taken.
 std::vector<HttpResponsePtr> readResponses(LoopbackClient* client, size_t count) {
@@ -101,122 +89,6 @@ std::string describe(const HttpResponse& r) {
   for (const auto& h : r.headers) out += " [" + h.first + "|" + h.second + "]";
   return out + " " + r.body;
 }
-
-// Echo answers at once with its prefix before the text, Length with the
-// text's length, Fail fails with the text, Hold keeps the call until the test
-// completes it.
-class TestService : public relaytest::TestService {
- public:
-  explicit TestService(std::string prefix = "") : prefix_(std::move(prefix)) {}
-
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    ++echoes;
-    response->set_text(prefix_ + request->text());
-    done->Run();
-  }
-  void Hold(google::protobuf::RpcController*, const relaytest::Text*, relaytest::Text* response,
-            google::protobuf::Closure* done) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back({response, done});
-    changed_.notify_all();
-  }
-  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
-            relaytest::Text*, google::protobuf::Closure* done) override {
-    controller->SetFailed(request->text());
-    done->Run();
-  }
-  void Square(google::protobuf::RpcController*, const relaytest::Number* request,
-              relaytest::Number* response, google::protobuf::Closure* done) override {
-    response->set_value(request->value() * request->value());
-    done->Run();
-  }
-  void Length(google::protobuf::RpcController*, const relaytest::Text* request,
-              relaytest::Number* response, google::protobuf::Closure* done) override {
-    response->set_value(static_cast<int>(request->text().size()));
-    done->Run();
-  }
-
-  bool waitHeld(size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30),
-                             [this, count] { return held_.size() >= count; });
-  }
-  // Answers the index-th held call with `text`, on the calling thread.
-  void complete(size_t index, const std::string& text) {
-    Held held;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      held = held_.at(index);
-    }
-    held.response->set_text(text);
-    held.done->Run();
-  }
-
-  std::atomic<int> echoes{0};
-
- private:
-  struct Held {
-    relaytest::Text* response;
-    google::protobuf::Closure* done;
-  };
-  const std::string prefix_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Held> held_;
-};
-
-// A service whose messages are built at run time, so that they are not in the
-// generated descriptor pool that the server's JSON conversion knows. Call
-// answers with its request.
-class DynamicService : public google::protobuf::Service {
- public:
-  DynamicService() {
-    google::protobuf::FileDescriptorProto file;
-    file.set_name("relaytest_dynamic.proto");
-    file.set_package("relaytest.dynamic");
-    google::protobuf::DescriptorProto* message = file.add_message_type();
-    message->set_name("Text");
-    google::protobuf::FieldDescriptorProto* field = message->add_field();
-    field->set_name("text");
-    field->set_number(1);
-    field->set_type(google::protobuf::FieldDescriptorProto::TYPE_STRING);
-    field->set_label(google::protobuf::FieldDescriptorProto::LABEL_OPTIONAL);
-    google::protobuf::MethodDescriptorProto* method = file.add_service()->add_method();
-    file.mutable_service(0)->set_name("DynamicService");
-    method->set_name("Call");
-    method->set_input_type(".relaytest.dynamic.Text");
-    method->set_output_type(".relaytest.dynamic.Text");
-    file_ = pool_.BuildFile(file);
-  }
-
-  const google::protobuf::ServiceDescriptor* GetDescriptor() override {
-    return file_ != nullptr ? file_->service(0) : nullptr;
-  }
-  void CallMethod(const google::protobuf::MethodDescriptor*, google::protobuf::RpcController*,
-                  const google::protobuf::Message* request, google::protobuf::Message* response,
-                  google::protobuf::Closure* done) override {
-    ++calls;
-    response->CopyFrom(*request);
-    done->Run();
-  }
-  const google::protobuf::Message& GetRequestPrototype(
-      const google::protobuf::MethodDescriptor* method) const override {
-    return *factory_.GetPrototype(method->input_type());
-  }
-  const google::protobuf::Message& GetResponsePrototype(
-      const google::protobuf::MethodDescriptor* method) const override {
-    return *factory_.GetPrototype(method->output_type());
-  }
-
-  bool built() const { return file_ != nullptr; }
-  std::atomic<int> calls{0};
-
- private:
-  google::protobuf::DescriptorPool pool_;
-  const google::protobuf::FileDescriptor* file_ = nullptr;
-  mutable google::protobuf::DynamicMessageFactory factory_{&pool_};
-};
 
 // Collects the records of one logger while it lives, with that logger enabled
 // up to `level`; restores the defaults when it goes.
@@ -542,7 +414,7 @@ TEST_F(HttpServerTest, ManyClientsSomeVanishingMidRequest) {
 }
 
 TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
-  server_->registerRPCService(std::make_shared<TestService>());
+  server_->registerRPCService(std::make_shared<TestServiceImpl>());
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
   {
@@ -592,8 +464,8 @@ TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
 }
 
 TEST_F(HttpServerTest, ReRegisteringAServiceReplacesIt) {
-  auto first = std::make_shared<TestService>("first:");
-  auto second = std::make_shared<TestService>("second:");
+  auto first = std::make_shared<TestServiceImpl>("first:");
+  auto second = std::make_shared<TestServiceImpl>("second:");
   server_->registerRPCService(first);
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
@@ -614,12 +486,12 @@ TEST_F(HttpServerTest, ReRegisteringAServiceReplacesIt) {
   EXPECT_EQ("second:y", reply.text());
   ASSERT_TRUE(reply.ParseFromString(answers[1]->body));
   EXPECT_EQ("second:z", reply.text());
-  EXPECT_EQ(1, first->echoes);
-  EXPECT_EQ(2, second->echoes);
+  EXPECT_EQ(1, first->calls);
+  EXPECT_EQ(2, second->calls);
 }
 
 TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSendsNothing) {
-  auto service = std::make_shared<TestService>();
+  auto service = std::make_shared<TestServiceImpl>();
   server_->registerRPCService(service);
   const int records = liveRPCRecordsForTesting();
   {
@@ -636,7 +508,7 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   ASSERT_TRUE(other.write(get("/hello")));
   ASSERT_EQ(kHello, other.read(kHello.size()));
 
-  std::thread completer([&service] { service->complete(0, "too late"); });
+  std::thread completer([&service] { service->complete(0); });
   completer.join();
   EXPECT_EQ(records, liveRPCRecordsForTesting());
 
@@ -655,7 +527,7 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
 // there must be as good as new: a reply of its own method's type, a
 // controller that has not failed.
 TEST_F(HttpServerTest, CallRecordsServeTheNextCallAsIfNew) {
-  server_->registerRPCService(std::make_shared<TestService>());
+  server_->registerRPCService(std::make_shared<TestServiceImpl>());
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
   relaytest::Number four;
@@ -683,7 +555,7 @@ TEST_F(HttpServerTest, CallRecordsServeTheNextCallAsIfNew) {
 // What to send for an error text with line ends in it is ours to choose: each
 // CR and LF becomes a blank, so that no service text can add header lines.
 TEST_F(HttpServerTest, ServiceErrorTextCannotAddHeaderLines) {
-  server_->registerRPCService(std::make_shared<TestService>());
+  server_->registerRPCService(std::make_shared<TestServiceImpl>());
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
   ASSERT_TRUE(
@@ -695,25 +567,25 @@ TEST_F(HttpServerTest, ServiceErrorTextCannotAddHeaderLines) {
 }
 
 TEST_F(HttpServerTest, JsonCallForAMessageTypeOutsideTheGeneratedPoolCannotBeParsed) {
-  auto service = std::make_shared<DynamicService>();
-  ASSERT_TRUE(service->built());
+  std::shared_ptr<CalcService> service = CalcService::load();
+  ASSERT_TRUE(service);
   server_->registerRPCService(service);
   const int records = liveRPCRecordsForTesting();
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
   // The same request in binary reaches the service: only the JSON conversion,
-  // which knows the generated pool alone, fails.
-  const std::string binary("\x0a\x02hi", 4);
-  ASSERT_TRUE(client.write(
-      rpcRequest("relaytest.dynamic.DynamicService", "Call", "1", "{\"text\":\"hi\"}", true) +
-      rpcRequest("relaytest.dynamic.DynamicService", "Call", "2", binary)));
+  // which knows the generated pool alone, fails. values [2, 3], packed.
+  const std::string binary("\x0a\x02\x02\x03", 4);
+  ASSERT_TRUE(client.write(rpcRequest("calc.Calculator", "Add", "1", "{\"values\":[2,3]}", true) +
+                           rpcRequest("calc.Calculator", "Add", "2", binary)));
   std::vector<HttpResponsePtr> answers = readResponses(&client, 2);
   ASSERT_EQ(2u, answers.size());
   EXPECT_EQ(
       "200 [Connection|keep-alive] [Content-Length|0] [Rpc-Error|Can't parse request.] "
       "[Rpc-Failed|1] [Rpc-Id|1] ",
       describe(*answers[0]));
-  EXPECT_EQ("200 [Connection|keep-alive] [Content-Length|4] [Rpc-Failed|0] [Rpc-Id|2] " + binary,
+  // total 5
+  EXPECT_EQ("200 [Connection|keep-alive] [Content-Length|2] [Rpc-Failed|0] [Rpc-Id|2] \x08\x05",
             describe(*answers[1]));
   EXPECT_EQ(1, service->calls);
   EXPECT_EQ(records, liveRPCRecordsForTesting());
