@@ -25,7 +25,6 @@ void ConnectionRegistry::remove(HttpConnectionHandler* connection) {
 }
 
 void ConnectionRegistry::startDrain() {
-  draining_ = true;
   std::vector<HttpConnectionHandler*> connections;
   {
     MutexLock lock(mutex_);
@@ -43,11 +42,6 @@ void ConnectionRegistry::abortAll() {
     connections.assign(connections_.begin(), connections_.end());
   }
   for (HttpConnectionHandler* connection : connections) connection->abort();
-}
-
-size_t ConnectionRegistry::size() const {
-  MutexLock lock(mutex_);
-  return connections_.size();
 }
 
 bool ConnectionRegistry::waitUntilEmpty(Time deadline) {

@@ -18,7 +18,7 @@ class HttpConnectionHandler;
 //
 // Owned by the server's HttpServerImpl, so it outlives every connection.
 // Connections join when they are made and leave when they close, on the event
-// thread, which is also where the sweep and the drain's steps run; size() and
+// thread, which is also where the sweep and the drain's steps run;
 // waitUntilEmpty() may be called from any thread.
 class ConnectionRegistry {
  public:
@@ -34,13 +34,10 @@ class ConnectionRegistry {
   // Tells every connection to finish what it owes and close; connections are
   // not made any more by then (the listener has stopped).
   void startDrain();
-  bool draining() const { return draining_; }
   // Closes every connection still open at once.
   void abortAll();
 
-  // Any thread.
-  size_t size() const;
-  // Waits until no connection is open, or `deadline`; true when none is. Not
+  // Any thread. Waits until no connection is open, or `deadline`; true when none is. Not
   // on the event thread, which the connections need in order to close.
   bool waitUntilEmpty(Time deadline);
 
@@ -56,7 +53,6 @@ class ConnectionRegistry {
   std::unordered_set<HttpConnectionHandler*> connections_ VANTU_GUARDED_BY(mutex_);
 
   // Event thread only.
-  bool draining_ = false;
   bool sweep_scheduled_ = false;
   TimerHandle sweep_timer_;
 };

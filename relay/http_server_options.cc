@@ -14,11 +14,6 @@ HttpServerOptions HttpServerOptions::hardened() {
   return options;
 }
 
-bool HttpServerOptions::limitsAnything() const {
-  return max_header_bytes != 0 || max_body_bytes != 0 || max_connections != 0 ||
-         header_timeout != Duration() || idle_timeout != Duration() || strict_framing;
-}
-
 std::string HttpServerOptions::problem() const {
   if (header_timeout < Duration()) return "header_timeout is negative";
   if (idle_timeout < Duration()) return "idle_timeout is negative";

@@ -52,9 +52,6 @@ struct HttpServerOptions {
   // 64 KiB head, 16 MiB body, 10,000 connections, 30 s for a head, 120 s
   // idle, strict framing.
   static HttpServerOptions hardened();
-
-  // Whether any field differs from the default behaviour.
-  bool limitsAnything() const;
   // "" when the values can be used, else why not (a negative duration).
   std::string problem() const;
 };
