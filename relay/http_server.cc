@@ -197,12 +197,16 @@ class RPCCompletion {
 
 }  // namespace
 
+// The characters that mean something to PCRE in a pattern.
+const char kPcreSpecial[] = "\\^$.|?*+()[]{}";
+
 struct HttpServerImpl::Handler {
   Handler(const std::string& regex, HttpRequestHandler handler)
       : regex_(regex),
         pattern_(regex),
         callback_(std::move(handler)),
-        literal_(regex.find_first_of(std::string("\\^$.|?*+()[]{}\0", 15)) == std::string::npos) {}
+        literal_(regex.find_first_of(kPcreSpecial) == std::string::npos &&
+                 regex.find('\0') == std::string::npos) {}
 
   // The whole subject matches: for a pattern without any character that means
   // something to PCRE, that is the subject equal to it, tested without PCRE.
@@ -513,6 +517,15 @@ bool HttpServer::drain(const Duration& timeout) {
 
 void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler handler) {
   impl_->registerHandler(regex, std::move(handler));
+}
+
+std::string HttpServer::literalPattern(const std::string& path) {
+  std::string pattern;
+  for (char c : path) {
+    if (strchr(kPcreSpecial, c) != nullptr && c != '\0') pattern += '\\';
+    pattern += c;
+  }
+  return pattern;
 }
 
 void HttpServer::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {

@@ -178,6 +178,9 @@ class HttpServer : public TcpServer {
   HttpServer& operator=(const HttpServer&) = delete;
 
   void registerHandler(const std::string& regex, HttpRequestHandler handler);
+  // `path` as a handler pattern that matches exactly it: the characters that
+  // mean something to PCRE escaped.
+  static std::string literalPattern(const std::string& path);
   void registerRPCService(const std::shared_ptr<google::protobuf::Service>& service);
   // The descriptors of the services registered now, in name order.
   std::vector<const google::protobuf::ServiceDescriptor*> serviceDescriptors() const;

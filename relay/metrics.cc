@@ -59,16 +59,6 @@ bool looksLikeProtobufName(const std::string& name) {
   return true;
 }
 
-// `path` as a pattern that matches exactly it.
-std::string literalPattern(const std::string& path) {
-  std::string pattern;
-  for (char c : path) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) pattern += '\\';
-    pattern += c;
-  }
-  return pattern;
-}
-
 prometheus::Counter* findOrAddCounter(std::vector<std::pair<int, prometheus::Counter*>>* counters,
                                       prometheus::Family<prometheus::Counter>* family,
                                       prometheus::Labels labels, int status) {
@@ -291,7 +281,7 @@ std::shared_ptr<prometheus::Registry> exposeMetrics(
   std::shared_ptr<MetricsObserver> observer = MetricsObserver::create(registry);
   if (!observer) return nullptr;
   server.setObserver(observer);
-  server.registerHandler(literalPattern(path),
+  server.registerHandler(HttpServer::literalPattern(path),
                          [registry](const HttpRequestPtr&, const HttpResponsePtr& response) {
                            response->setContentType(kMetricsContentType);
                            const std::string text = metricsText(*registry);
