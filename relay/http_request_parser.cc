@@ -20,8 +20,6 @@ namespace relay {
 namespace {
 
 constexpr char kLogger[] = "http_request_parser";
-// Lines longer than this do not keep their buffer's memory once handled.
-constexpr size_t kLongLine = 4096;
 constexpr char kSourceFile[] = "relay/http_request_parser";
 
 // The first CR or LF in [from, end), or end: sixteen bytes at a time where
@@ -212,13 +210,7 @@ bool HttpMessageParser::processLine(const char* data, size_t length) {
   } else {
     accepted = false;
   }
-  // An exceptionally long line must not pin its memory for the life of the
-  // connection.
-  if (buffer_.capacity() > kLongLine) {
-    std::string().swap(buffer_);
-  } else {
-    buffer_.clear();
-  }
+  message_pool::clearKeepingSmall(&buffer_);
   return accepted;
 }
 
@@ -268,7 +260,7 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
   HttpRequest* request = this->request();
   const std::string method_name = line.substr(0, method_length);
   request->minor_version = line.back() - '0';
-  if (&line == &buffer_ && line.size() > kLongLine) {
+  if (&line == &buffer_ && line.size() > message_pool::kLargestKept) {
     moveTarget(&buffer_, target_begin, target_length, &request->uri);
   } else {
     request->uri.assign(line, target_begin, target_length);

@@ -13,8 +13,6 @@ namespace {
 // Bounds: what one thread keeps at most.
 constexpr size_t kMaxMessages = 64;
 constexpr size_t kMaxNodes = 1024;
-// Strings whose capacity passed this are freed, not kept.
-constexpr size_t kLargestKept = 4096;
 
 // Control blocks of the shared pointers adopt() makes: one size serves all.
 constexpr size_t kBlockSize = 64;
@@ -43,6 +41,14 @@ class Pool {
   std::vector<Headers::node_type> nodes;
   std::vector<void*> blocks;
 };
+
+void clearKeepingSmall(std::string* text) {
+  if (text->capacity() > kLargestKept) {
+    std::string().swap(*text);
+  } else {
+    text->clear();
+  }
+}
 
 namespace {
 
@@ -104,15 +110,6 @@ struct BlockAllocator {
 inline void assignBytes(std::string* text, const char* data, size_t size) {
   text->clear();
   text->append(data, size);
-}
-
-// Empties `text`, keeping its capacity unless it is large.
-void clearKeepingSmall(std::string* text) {
-  if (text->capacity() > kLargestKept) {
-    std::string().swap(*text);
-  } else {
-    text->clear();
-  }
 }
 
 // Moves the nodes of `headers` into the pool (as many as it keeps), leaving

@@ -40,6 +40,12 @@ HttpResponse* newResponse(Pool* pool = threadPool());
 HttpRequestPtr adopt(HttpRequest* request);
 HttpResponsePtr adopt(HttpResponse* response);
 
+// Strings whose capacity passed this are freed, not kept: one long line or
+// field must not pin its memory for the life of a connection.
+constexpr size_t kLargestKept = 4096;
+// Empties `text`, keeping its capacity unless it is over kLargestKept.
+void clearKeepingSmall(std::string* text);
+
 // Stores `value` under `name`, as headers.insert_or_assign would, reusing a
 // pooled node when there is one. `hint` as for std::map::insert.
 using Headers = std::map<std::string, std::string>;

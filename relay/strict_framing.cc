@@ -247,18 +247,6 @@ bool validHost(const char* data, size_t length) {
   return true;
 }
 
-// Large buffers go back to the allocator once used, so that one long line or
-// field does not pin its memory for the life of the connection.
-constexpr size_t kCapacityKept = 4096;
-
-void releaseBuffer(std::string* buffer) {
-  if (buffer->capacity() > kCapacityKept) {
-    std::string().swap(*buffer);
-  } else {
-    buffer->clear();
-  }
-}
-
 // The chunked body may not be larger than content_length can say.
 constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
 
@@ -358,7 +346,7 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   // Only CR LF ends a line; a CR anywhere else is refused by the checks of each
   // kind of line, none of which lets a control byte through.
   bool accepted = length > 0 && line[length - 1] == '\r' && processLine(line, length - 1, requests);
-  releaseBuffer(&line_);
+  message_pool::clearKeepingSmall(&line_);
   return accepted || fail(HttpResponse::kBadRequest);
 }
 
@@ -424,7 +412,7 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
 
   request_ = message_pool::adopt(message_pool::newRequest(pool_));
   request_->method = method;
-  if (line == line_.data() && line_.capacity() > kCapacityKept) {
+  if (line == line_.data() && line_.capacity() > message_pool::kLargestKept) {
     // A long line arrived in pieces: its buffer becomes the uri.
     moveTarget(&line_, target - line, target_length, &request_->uri);
   } else {
@@ -599,15 +587,15 @@ void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
   expect_continue_ = false;
   if (closing) {
     state_ = State::kClosed;
-    releaseBuffer(&line_);
+    message_pool::clearKeepingSmall(&line_);
     std::string().swap(transfer_encoding_);
     return;
   }
   state_ = State::kRequestLine;
   block_bytes_ = 0;
   body_remaining_ = 0;
-  releaseBuffer(&transfer_encoding_);
-  releaseBuffer(&host_);
+  message_pool::clearKeepingSmall(&transfer_encoding_);
+  message_pool::clearKeepingSmall(&host_);
   declared_length_ = 0;
   content_length_count_ = 0;
   host_count_ = 0;
