@@ -79,12 +79,7 @@ HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
 HttpConnectionHandler::~HttpConnectionHandler() {
   // Connections leave the registry when they close; one that never got as
   // far leaves here.
-  if (registered_) {
-    impl_->connections().remove(this);
-    if (HttpServerObserver* observer = impl_->observer(); observer && observed_) {
-      observer->connectionClosed();
-    }
-  }
+  HttpConnectionHandler::notifyClosed();
   weak_this_.reset();
   impl_.reset();
 }
