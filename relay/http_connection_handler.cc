@@ -1,6 +1,7 @@
 // HttpConnectionHandler: one accepted connection of an HttpServer.
 #include <malloc.h>
 
+#include <chrono>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -52,8 +53,18 @@ bool isLarge(const HttpRequest& request) {
          request.uri.size() + request.body.size() > kManyBytes;
 }
 
+// At most once a second: a trim walks the whole heap, and a stream of large
+// requests (big RPC payloads, say) would otherwise pay for it every time.
+// Event thread only.
 void releaseFreeMemory() {
 #ifdef __GLIBC__
+  static std::chrono::steady_clock::time_point last_trim;
+  const auto now = std::chrono::steady_clock::now();
+  if (last_trim != std::chrono::steady_clock::time_point() &&
+      now - last_trim < std::chrono::seconds(1)) {
+    return;
+  }
+  last_trim = now;
   malloc_trim(0);
 #endif
 }
