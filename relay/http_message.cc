@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "common/string_util.h"
 #include "relay/message_pool.h"
@@ -87,24 +88,29 @@ HttpMethod httpMethodFromName(const std::string& name) {
 }
 
 void QueryComponents::assignFrom(const GURL& url) {
-  map_.clear();
-  source_.reset();
+  clear();
   if (!url.has_query()) return;
   source_ = url.shared_spec();
   query_ = url.parsed_for_possibly_invalid_spec().query;
+  pending_.store(true, std::memory_order_relaxed);
 }
 
 const QueryComponents::Map& QueryComponents::map() const {
-  if (source_) split();
+  if (pending_.load(std::memory_order_acquire)) split();
   return map_;
 }
 
 QueryComponents::Map& QueryComponents::map() {
-  if (source_) split();
+  if (pending_.load(std::memory_order_acquire)) split();
   return map_;
 }
 
 void QueryComponents::split() const {
+  // Splitting is rare (the first look at a request's query), so one lock
+  // serves every request.
+  static std::mutex split_mutex;
+  std::lock_guard<std::mutex> lock(split_mutex);
+  if (!pending_.load(std::memory_order_relaxed)) return;
   const std::string& spec = *source_;
   url_parse::Component query = query_;
   url_parse::Component key;
@@ -118,6 +124,7 @@ void QueryComponents::split() const {
     map_.emplace(std::move(key_text), std::move(value_text));
   }
   source_.reset();
+  pending_.store(false, std::memory_order_release);
 }
 
 size_t HttpRequest::numQueryComponent(const std::string& name) const {

@@ -1,6 +1,7 @@
 #ifndef RELAY_HTTP_MESSAGE_H_
 #define RELAY_HTTP_MESSAGE_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -56,7 +57,7 @@ class HttpMessage {
 // It behaves as the std::multimap it holds, but the pairs are split from the
 // query only when first looked at, so that a request whose handler never asks
 // pays nothing for them (the map nodes of a 16 MB query of "a=b&" pairs would
-// take some 400 MB). Used by one thread at a time, like the request.
+// take some 400 MB). Several threads may read it at once, as they may a map.
 class QueryComponents {
  public:
   using Map = std::multimap<std::string, std::string>;
@@ -68,6 +69,28 @@ class QueryComponents {
   using const_iterator = Map::const_iterator;
 
   QueryComponents() = default;
+  // A copy has the pairs split.
+  QueryComponents(const QueryComponents& other) : map_(other.map()) {}
+  QueryComponents& operator=(const QueryComponents& other) {
+    if (this != &other) {
+      Map pairs = other.map();
+      clear();
+      map_.swap(pairs);
+    }
+    return *this;
+  }
+  // Moving takes the pairs as they are, split or not.
+  QueryComponents(QueryComponents&& other) noexcept { *this = std::move(other); }
+  QueryComponents& operator=(QueryComponents&& other) noexcept {
+    if (this != &other) {
+      map_ = std::move(other.map_);
+      source_ = std::move(other.source_);
+      query_ = other.query_;
+      pending_.store(other.pending_.load(std::memory_order_acquire), std::memory_order_relaxed);
+      other.clear();
+    }
+    return *this;
+  }
 
   // Replaces the components with those of `url`'s query (none when it has no
   // "?"), to be split when first looked at.
@@ -106,23 +129,29 @@ class QueryComponents {
   size_type erase(const std::string& key) { return map().erase(key); }
   void clear() {
     source_.reset();
+    pending_.store(false, std::memory_order_relaxed);
     map_.clear();
   }
 
   // How many pairs were split so far (0 while none was looked at); does not
   // split them.
-  size_type splitCount() const { return source_ ? 0 : map_.size(); }
+  size_type splitCount() const {
+    return pending_.load(std::memory_order_acquire) ? 0 : map_.size();
+  }
 
   bool operator==(const QueryComponents& other) const { return map() == other.map(); }
   bool operator!=(const QueryComponents& other) const { return !(*this == other); }
 
  private:
+  // Reading is safe from several threads at once, as it is for a map: the
+  // first look splits under a lock, later ones see `pending_` false.
   void split() const;
 
   mutable Map map_;
   // The text whose query is still to be split; null once it was.
   mutable std::shared_ptr<const std::string> source_;
   mutable url_parse::Component query_;
+  mutable std::atomic<bool> pending_{false};
 };
 
 // A request as the parser produced it.

@@ -1,8 +1,10 @@
 // How a parsed request gets its url and query components.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "relay/http_request_parser.h"
@@ -71,6 +73,17 @@ TEST(RequestUrlTest, QueryComponentsAreSplitOnFirstUseAndBehaveAsTheMap) {
   EXPECT_TRUE(other.query_components.empty());
   other.query_components.clear();
   EXPECT_EQ(0u, other.numQueryComponent("x"));
+
+  // Threads a handler hands the request to may all read it first at once.
+  HttpRequestPtr shared = parseOne("GET /p?a=1&b=2&a=3 HTTP/1.1\r\nHost: h\r\n\r\n");
+  ASSERT_TRUE(shared);
+  std::vector<std::thread> readers;
+  std::atomic<int> right{0};
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] { right += shared->getStringQueryComponent("a", 1) == "3"; });
+  }
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(4, right.load());
 }
 
 // The URL is built from "http://", Host and the target joined; the Host may
