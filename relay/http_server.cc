@@ -175,24 +175,12 @@ using RecordPtr = std::unique_ptr<HttpServerImpl::RPCInfo, GiveBack>;
 class RPCCompletion {
  public:
   RPCCompletion(HttpServerImpl* impl, HttpServerImpl::RPCInfo* info) : impl_(impl), info_(info) {}
-  RPCCompletion(RPCCompletion&& other) noexcept : impl_(other.impl_), info_(other.info_) {
-    other.info_ = nullptr;
-  }
-  RPCCompletion(const RPCCompletion&) = delete;
-  RPCCompletion& operator=(const RPCCompletion&) = delete;
-  ~RPCCompletion() {
-    if (info_ != nullptr) RecordCache::give(info_);
-  }
 
-  void operator()() {
-    HttpServerImpl::RPCInfo* info = info_;
-    info_ = nullptr;
-    impl_->RPCDone(info);
-  }
+  void operator()() { impl_->RPCDone(info_.release()); }
 
  private:
   HttpServerImpl* impl_;
-  HttpServerImpl::RPCInfo* info_;
+  RecordPtr info_;
 };
 
 }  // namespace
