@@ -251,7 +251,8 @@ ExitCode Caller::callJson(const google::protobuf::MethodDescriptor& method,
         "HTTP " + std::to_string(static_cast<int>(answer.status_code)) + " " + answer.status_string;
     return kExitCallFailed;
   }
-  if (strtol(headerOr(answer, vantu::relay::RPCChannel::kHeaderFailed).c_str(), nullptr, 10) != 0) {
+  if (vantu::relay::readCallNumber(headerOr(answer, vantu::relay::RPCChannel::kHeaderFailed)) !=
+      0) {
     const std::string text = headerOr(answer, vantu::relay::RPCChannel::kHeaderError);
     *error = text.empty() ? "the call failed" : text;
     return kExitCallFailed;
