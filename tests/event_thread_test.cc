@@ -19,8 +19,7 @@ namespace {
 using testing::EventThreadBlocker;
 
 TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThread) {
-  constexpr int kThreads = 4;
-  constexpr int kPerThread = 2000;
+  constexpr int kThreads = 4, kPerThread = 2000;
   EXPECT_FALSE(isEventThread());
   // Touched only on the event thread; read here after waitForDeferredWork.
   std::vector<std::pair<int, int>> ran;
@@ -78,41 +77,33 @@ TEST(EventThreadTest, DeferNeverRunsInsideTheCallerAndWaitingOnTheLoopReturns) {
 }
 
 TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
-  struct Case {
-    const char* name;
-    bool delayed;
-  };
-  for (const Case& c : {Case{"queued", false}, Case{"timer", true}}) {
-    SCOPED_TRACE(c.name);
+  for (bool delayed : {false, true}) {
+    SCOPED_TRACE(delayed ? "timer" : "queued");
     auto held = std::make_shared<int>(0);
     std::weak_ptr<int> weak_held = held;
+    Mutex mutex;
+    ConditionVariable cv;
     std::atomic<int> runs{0};
-    std::function<void()> fn = [held, &runs] { ++runs; };
+    std::function<void()> fn = [held, &mutex, &cv, &runs] {
+      MutexLock lock(mutex);
+      ++runs;
+      cv.notifyAll();
+    };
     held.reset();
     TimerHandle kept;
     {
       EventThreadBlocker blocker;
       TimerHandle cancelled =
-          c.delayed ? scheduleDeferred(fn, Duration::seconds(3600)) : scheduleDeferred(fn);
-      kept = c.delayed ? scheduleDeferred(fn, Duration::milliseconds(1)) : scheduleDeferred(fn);
+          delayed ? scheduleDeferred(fn, Duration::seconds(3600)) : scheduleDeferred(fn);
+      kept = delayed ? scheduleDeferred(fn, Duration::milliseconds(1)) : scheduleDeferred(fn);
       cancelled.cancel();
       cancelled.cancel();  // twice is harmless
     }
-    // The kept one runs; then nothing can still hold the cancelled one's copy.
-    Mutex mutex;
-    ConditionVariable cv;
-    bool done = false;
-    scheduleDeferred(
-        [&] {
-          MutexLock lock(mutex);
-          done = true;
-          cv.notifyAll();
-        },
-        Duration::milliseconds(c.delayed ? 20 : 0));
     {
       MutexLock lock(mutex);
-      while (!done) cv.wait(mutex);
+      while (runs == 0) cv.wait(mutex);
     }
+    // A queued cancelled function would have run before the kept one.
     waitForDeferredWork();
     EXPECT_EQ(1, runs.load());
     kept = TimerHandle();
