@@ -8,12 +8,10 @@ namespace vantu {
 namespace testing {
 
 // Holds the event thread inside a deferred function from construction until
-// release() (or destruction), so that a test can act while the queue is known
-// not to run: once the blocker holds, everything deferred before its
-// construction has run, and nothing deferred after it runs until the release.
-// By default the constructor waits until the blocker holds; kQueueOnly returns
-// at once (for a blocker queued behind another one) and waitUntilHeld() waits
-// later. Use it from threads other than the event thread.
+// release() or destruction: once it holds, everything deferred before it has
+// run and nothing deferred after it runs. The constructor waits until it holds
+// unless given kQueueOnly (for a blocker queued behind another one; then call
+// waitUntilHeld()). Not for use on the event thread.
 class EventThreadBlocker {
  public:
   enum Start { kWaitUntilHeld, kQueueOnly };
