@@ -370,6 +370,11 @@ TEST(TcpListenerTest, InitializeReportsAddressesItCannotUse) {
   TcpServer twice([] { return nullptr; }, 16);
   ASSERT_TRUE(twice.initialize(SocketAddress("127.0.0.1", 0)));
   EXPECT_FALSE(twice.initialize(SocketAddress("127.0.0.1", 0)));
+  // IPv6 loopback, where the machine has it.
+  TcpServer v6([] { return nullptr; }, 16);
+  if (v6.initialize(SocketAddress("::1", 0))) {
+    EXPECT_EQ("[::1]:" + std::to_string(v6.localAddress().port()), v6.localAddress().toString());
+  }
 }
 
 // The client side: bytes received, end of input and close, as seen by the test.
