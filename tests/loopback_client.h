@@ -47,6 +47,7 @@ class LoopbackClient {
   LoopbackClient& operator=(const LoopbackClient&) = delete;
 
   bool connected() const { return connected_; }
+  int fd() const { return fd_; }
 
   bool write(const std::string& bytes) {
     size_t sent = 0;
@@ -90,16 +91,6 @@ class LoopbackClient {
   // The errno of a failed connect, or of the read that ended readToEnd; 0
   // when it connected, or when the peer closed.
   int lastError() const { return last_error_; }
-
-  // True when the peer has closed: the next read finds the end of the stream.
-  bool atEof() {
-    char byte;
-    ssize_t n;
-    do {
-      n = ::recv(fd_, &byte, 1, 0);
-    } while (n < 0 && errno == EINTR);
-    return n == 0;
-  }
 
   // Waits up to `timeout_ms` for bytes, or the end, to read; true when they
   // are there.

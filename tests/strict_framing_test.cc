@@ -135,12 +135,8 @@ TEST(StrictRequestParserTest, AcceptsWhatTheRfcAllowsHoweverSplit) {
        "OPTIONS *, HEAD /h, PUT /u, DELETE /d, TRACE /t, GET http://x/y?q=1, GET //z", false},
       {"GET /v HTTP/1.1\r\n" + kHost + "X-V: \t a \"b\" \x80\xff\t \r\nX-E:\r\n\r\n", "GET /v",
        false},
-      // Connection: close and HTTP/1.0 end the stream: what follows is never read.
-      {"GET /a HTTP/1.1\r\n" + kHost + "Connection: close\r\n\r\n" + get("/hidden"), "GET /a",
-       true},
-      {"GET /a HTTP/1.1\r\n" + kHost + "connection: Keep-Alive, CLOSE\r\n\r\n" + get("/hidden"),
-       "GET /a", true},
-      {"GET /a HTTP/1.0\r\n\r\n" + get("/hidden"), "GET /a", true},
+      // Connection: close and HTTP/1.0 end the stream, wherever the body splits:
+      // what follows is never read.
       {"GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\nGET /b HTTP/1.0\r\n\r\n" + get("/hidden"),
        "GET /a, GET /b", true},
       {post("Connection: close\r\n" + kChunked, "1\r\nx\r\n0\r\n\r\n") + get("/hidden"),
@@ -160,50 +156,25 @@ struct Rejected {
 // Each faulty request comes after a good one and before a request that must
 // never be seen.
 TEST(StrictRequestParserTest, RejectsAtTheFaultAndNeverReadsPastIt) {
+  // The end-to-end table covers the common shapes; these are the ones only
+  // the reader sees, and every chunk syntax fault, split anywhere.
   const Rejected kCases[] = {
-      // Line ends.
-      {"GET /a HTTP/1.1\n" + kHost + "\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + "\n", 400},
+      // Line ends and field lines.
       {"\nGET /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
-      {"GET /a HTTP/1.1\r" + kHost + "\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\rGET /hidden HTTP/1.1\r\n\r\n", 400},
       {"\r\r\n" + get("/a"), 400},
-      // Field lines.
-      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\r\n b\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\n\tHost: h\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + ": v\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\nHost : h\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\n" + kHost + "X(y): 1\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + "X\xc3\xa9: 1\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\n" + kHost + "X\x01: 1\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + "Xyz\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + std::string("X: a\0b\r\n\r\n", 10), 400},
-      {"GET /a HTTP/1.1\r\n" + kHost +
-           "X: a\x01"
-           "b\r\n\r\n",
-       400},
-      {"GET /a HTTP/1.1\r\n" + kHost + "X: a\x7f\r\n\r\n", 400},
       // Content-Length.
-      {post("Content-Length: -1\r\n", ""), 400},
       {post("Content-Length: +5\r\n", "hello"), 400},
       {post("Content-Length: 5 5\r\n", "hello"), 400},
-      {post("Content-Length: 5, 5\r\n", "hello"), 400},
       {post("Content-Length: 0x5\r\n", "hello"), 400},
-      {post("Content-Length:\r\n", ""), 400},
-      {post("Content-Length: 5\r\nContent-Length: 5\r\n", "hello"), 400},
-      {post("Content-Length: 5\r\ncontent-length: 6\r\n", "hello!"), 400},
       {post("Content-Length: 99999999999999999999999\r\n", ""), 413},
       {post("Content-Length: 4294967296\r\n", ""), 413},
       // Transfer-Encoding.
-      {post(kChunked + "Content-Length: 5\r\n", "0\r\n\r\n"), 400},
       {post("content-length: 5\r\ntransfer-encoding: CHUNKED\r\n", "0\r\n\r\n"), 400},
-      {"POST /p HTTP/1.0\r\n" + kChunked + "\r\n0\r\n\r\n", 400},
-      {post("Transfer-Encoding: gzip\r\n", ""), 501},
       {post("Transfer-Encoding: identity\r\n", ""), 501},
-      {post("Transfer-Encoding: gzip, chunked\r\n", "0\r\n\r\n"), 501},
-      {post("Transfer-Encoding: chunked, gzip\r\n", "0\r\n\r\n"), 400},
       {post("Transfer-Encoding: chunked, chunked\r\n", "0\r\n\r\n"), 400},
-      {post(kChunked + kChunked, "0\r\n\r\n"), 400},
       {post("Transfer-Encoding: chunked;x=1\r\n", "0\r\n\r\n"), 400},
       {post("Transfer-Encoding:\r\n", "0\r\n\r\n"), 400},
       {post("Transfer-Encoding: \"chunked\"\r\n", "0\r\n\r\n"), 400},
@@ -230,39 +201,21 @@ TEST(StrictRequestParserTest, RejectsAtTheFaultAndNeverReadsPastIt) {
       {post(kChunked, "0\r\nT: x\r\n folded\r\n\r\n"), 400},
       {post(kChunked, "0\r\n\n"), 400},
       // Host.
-      {"GET /a HTTP/1.1\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\n" + kHost + kHost + "\r\n", 400},
-      {"GET /a HTTP/1.1\r\nHost: h\r\nhost: h\r\n\r\n", 400},
       {"GET /a HTTP/1.0\r\nHost: h\r\nHOST: i\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\nHost: u@h\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\nHost: h/x\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\nHost: h:65536\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\nHost: h:8x\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\nHost: :80\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\nHost: [::1\r\n\r\n", 400},
-      {"GET /a HTTP/1.1\r\nHost: [zz]\r\n\r\n", 400},
       {"GET /a HTTP/1.1\r\nHost: h%2\r\n\r\n", 400},
-      // Versions and methods.
-      {"GET /a HTTP/1.2\r\n" + kHost + "\r\n", 505},
-      {"GET /a HTTP/2.0\r\n" + kHost + "\r\n", 505},
+      // Request lines and targets.
       {"GET /a HTTP/0.9\r\n\r\n", 505},
-      {"GET /a HTTP/1.1 \r\n" + kHost + "\r\n", 400},
-      {"GET /a HTTP/1.10\r\n" + kHost + "\r\n", 400},
-      {"GET /a http/1.1\r\n" + kHost + "\r\n", 400},
       {"GET /a\r\n" + kHost + "\r\n", 400},
-      {"PATCH /a HTTP/1.1\r\n" + kHost + "\r\n", 501},
       {"get /a HTTP/1.1\r\n" + kHost + "\r\n", 501},
-      {"G(ET /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {" /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
-      {"GET  /a HTTP/1.1\r\n" + kHost + "\r\n", 400},
-      // Targets.
-      {"GET /a b HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {"GET /a\tb HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {"GET /\x01 HTTP/1.1\r\n" + kHost + "\r\n", 400},
-      {"GET /\xff HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {"GET * HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {"OPTIONS *x HTTP/1.1\r\n" + kHost + "\r\n", 400},
-      {"GET a/b HTTP/1.1\r\n" + kHost + "\r\n", 400},
       {"GET 1http://x/ HTTP/1.1\r\n" + kHost + "\r\n", 400},
   };
   for (const Rejected& c : kCases) {
@@ -335,28 +288,22 @@ TEST(StrictRequestParserTest, GivesTheSameRequestsAsTheDefaultReader) {
   }
 }
 
-TEST(StrictRequestParserTest, ChunkedBodyDecodesTheSameWhereverSplit) {
+// Chunk data may hold line ends; trailers are read but not kept as headers.
+TEST(StrictRequestParserTest, ChunkedBodyKeepsItsBytesAndDropsTrailers) {
   const std::string stream =
       "PUT /up HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
       "7;ext=\"a b\"\r\nchunk1\n\r\n1\r\n\r\r\n0a\r\n0123456789\r\n"
-      "0\r\nChecksum: abc\r\n\r\n"
-      "POST /next HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\n\r\n";
-  const std::string expected =
+      "0\r\nChecksum: abc\r\n\r\n" +
+      post(kChunked, "2\r\nok\r\n0\r\n\r\n");
+  expectEverySplit(stream, {"PUT /up chunk1\n\r0123456789, POST /p ok", true, 0, false});
+  StrictRequestParser parser;
+  std::vector<HttpRequestPtr> requests;
+  ASSERT_TRUE(parser.parse(stream, &requests));
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(
       "4 /up 1.1 url=http://h/up valid=1 len=18 body=chunk1\n\r0123456789 [Host|h] "
-      "[Transfer-Encoding|chunked]";
-  for (size_t first = 0; first <= stream.size(); first += 3) {
-    for (size_t second = first; second <= stream.size(); ++second) {
-      StrictRequestParser parser;
-      std::vector<HttpRequestPtr> requests;
-      ASSERT_TRUE(parser.parse(stream.substr(0, first), &requests));
-      ASSERT_TRUE(parser.parse(stream.substr(first, second - first), &requests));
-      ASSERT_TRUE(parser.parse(stream.substr(second), &requests));
-      ASSERT_EQ(2u, requests.size()) << first << " " << second;
-      ASSERT_EQ(expected, describe(*requests[0])) << first << " " << second;
-      ASSERT_EQ("ok", requests[1]->body);
-      ASSERT_EQ(2u, requests[1]->content_length);
-    }
-  }
+      "[Transfer-Encoding|chunked]",
+      describe(*requests[0]));
 }
 
 TEST(StrictRequestParserTest, ReportsProgressAndContinueRequests) {
@@ -397,13 +344,6 @@ TEST(StrictRequestParserTest, ReportsProgressAndContinueRequests) {
   ASSERT_TRUE(parser.parse("\r\n", &requests));
   EXPECT_EQ(4u, requests.size());
   EXPECT_FALSE(parser.closing());
-
-  // Spent after a fault: nothing more, whatever follows.
-  EXPECT_FALSE(parser.parse("GET /x HTTP/1.1\r\nHost: h\r\nX : y\r\n", &requests));
-  EXPECT_FALSE(parser.parse(get("/y"), &requests));
-  EXPECT_EQ(4u, requests.size());
-  EXPECT_FALSE(parser.headInProgress());
-  EXPECT_EQ(HttpResponse::kBadRequest, parser.errorStatus());
 }
 
 }  // namespace

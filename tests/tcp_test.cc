@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -47,6 +45,7 @@ struct Recorder {
   std::vector<std::weak_ptr<RequestResponseConnectionHandler>> handlers;
   std::vector<std::string> input_ends;
   int output_ends = 0;
+  int closed = 0;
   int destroyed = 0;
   std::vector<std::thread> threads;
 
@@ -69,29 +68,37 @@ struct Recorder {
   }
 };
 
-// Echoes every complete line; "big N loop|thread" answers with N pattern bytes
-// from the event thread or from another thread and then ends the connection;
-// the peer's end of input is answered with "bye:" and what was left.
-class LineEchoHandler : public RequestResponseConnectionHandler {
+// Answers line by line: "amp N" with N pattern bytes; "big N loop|thread" with
+// N pattern bytes from the event thread or from another thread, then ends the
+// connection; "owe" promises an answer the test delivers through deliver();
+// "abort" queues output and aborts; any other line is echoed. Bytes left at
+// the peer's end are answered with "bye:" and them.
+class TestHandler : public RequestResponseConnectionHandler {
  public:
-  explicit LineEchoHandler(std::shared_ptr<Recorder> recorder)
+  explicit TestHandler(std::shared_ptr<Recorder> recorder)
       : RequestResponseConnectionHandler(2048), recorder_(std::move(recorder)) {}
-  ~LineEchoHandler() override {
+  ~TestHandler() override {
     recorder_->update([&] { ++recorder_->destroyed; });
   }
 
-  std::weak_ptr<LineEchoHandler> weak_this_;
-
   void notifyIncomingData(std::string* data) override {
     EXPECT_TRUE(isEventThread());
+    received_ += data->size();
     size_t end;
     while ((end = data->find('\n')) != std::string::npos) {
-      std::string line = data->substr(0, end + 1);
+      const std::string line = data->substr(0, end + 1);
       data->erase(0, end + 1);
       size_t size = 0;
       char mode[16] = {0};
-      if (sscanf(line.c_str(), "big %zu %15s", &size, mode) == 2) {
+      if (sscanf(line.c_str(), "amp %zu", &size) == 1) {
+        send(pattern(size));
+      } else if (sscanf(line.c_str(), "big %zu %15s", &size, mode) == 2) {
         answerBig(size, mode);
+      } else if (line == "owe\n") {
+        ++owed_;
+      } else if (line == "abort\n") {
+        send(pattern(1000));
+        abort();
       } else {
         send(line);
       }
@@ -99,14 +106,28 @@ class LineEchoHandler : public RequestResponseConnectionHandler {
   }
   void notifyInputShutdown(std::string* data) override {
     recorder_->update([&] { recorder_->input_ends.push_back(*data); });
-    send("bye:" + *data);
+    if (!data->empty()) send("bye:" + *data);
     data->clear();
-    shutdown();
+  }
+  bool holdOpenAfterInputEnd() override {
+    input_ended_ = true;
+    return owed_ > 0;
   }
   void notifyOutputShutdown() override {
     recorder_->update([&] { ++recorder_->output_ends; });
     RequestResponseConnectionHandler::notifyOutputShutdown();
   }
+  void notifyClosed() override {
+    recorder_->update([&] { ++recorder_->closed; });
+  }
+  // Event thread: pays one debt; the last one after the peer's end closes.
+  void deliver(const std::string& answer) {
+    send(answer);
+    if (--owed_ == 0 && input_ended_) shutdown();
+  }
+
+  std::weak_ptr<TestHandler> weak_this_;
+  size_t received_ = 0;  // event thread only
 
  private:
   void answerBig(size_t size, const std::string& mode) {
@@ -115,7 +136,7 @@ class LineEchoHandler : public RequestResponseConnectionHandler {
       shutdown();
       return;
     }
-    std::shared_ptr<LineEchoHandler> self = weak_this_.lock();
+    std::shared_ptr<TestHandler> self = weak_this_.lock();
     recorder_->update([&] {
       recorder_->threads.emplace_back([self, size] {
         std::string bytes = pattern(size);
@@ -127,28 +148,37 @@ class LineEchoHandler : public RequestResponseConnectionHandler {
   }
 
   std::shared_ptr<Recorder> recorder_;
+  int owed_ = 0;
+  bool input_ended_ = false;
 };
 
-struct EchoServer {
-  EchoServer() : recorder(std::make_shared<Recorder>()) {
+struct TestServer {
+  explicit TestServer(size_t max_connections = 0, Duration send_timeout = Duration(),
+                      bool reuse_port = false, uint16_t port = 0)
+      : recorder(std::make_shared<Recorder>()) {
     std::shared_ptr<Recorder> r = recorder;
     server = std::make_unique<TcpServer>(
         [r] {
-          auto handler = std::make_shared<LineEchoHandler>(r);
+          auto handler = std::make_shared<TestHandler>(r);
           handler->weak_this_ = handler;
           r->update([&] { r->handlers.push_back(handler); });
           return handler;
         },
         1024);
-    initialized = server->initialize(SocketAddress("127.0.0.1", 0));
+    server->setMaxConnections(max_connections);
+    server->setSendTimeout(send_timeout);
+    server->setReusePort(reuse_port);
+    initialized = server->initialize(SocketAddress("127.0.0.1", port));
     address = server->localAddress();
   }
-  int destroyed() {
+  // The i-th handler made, once it is made; null if its connection is gone.
+  std::shared_ptr<TestHandler> handler(size_t i) {
+    if (!recorder->waitFor([&] { return recorder->handlers.size() > i; })) return nullptr;
     MutexLock lock(recorder->mutex);
-    return recorder->destroyed;
+    return std::static_pointer_cast<TestHandler>(recorder->handlers[i].lock());
   }
-  bool waitForDestroyed(int count) {
-    return recorder->waitFor([&] { return recorder->destroyed >= count; });
+  bool waitFor(int Recorder::*count, int value) {
+    return recorder->waitFor([&] { return (*recorder).*count >= value; });
   }
 
   std::shared_ptr<Recorder> recorder;
@@ -157,168 +187,118 @@ struct EchoServer {
   SocketAddress address;
 };
 
-TEST(TcpServerTest, EchoesOverManyConnectionsAndDropsHandlersWhenTheyEnd) {
-  EchoServer echo;
-  ASSERT_TRUE(echo.initialized);
-  EXPECT_EQ("127.0.0.1", echo.address.ip());
-  EXPECT_NE(0, echo.address.port());
-  constexpr int kConnections = 500;
-  std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < kConnections; ++i) {
-    clients.push_back(std::make_unique<Client>(echo.address));
-    ASSERT_TRUE(clients.back()->connected());
-    // A line in two pieces: the first stays unconsumed until the rest comes.
-    clients.back()->write("connection " + std::to_string(i));
-  }
-  for (int i = 0; i < kConnections; ++i) clients[i]->write(" done\n");
-  for (int i = 0; i < kConnections; ++i) {
-    std::string expected = "connection " + std::to_string(i) + " done\n";
-    ASSERT_EQ(expected, clients[i]->read(expected.size()));
-  }
-  EXPECT_EQ(0, echo.destroyed());
-  clients.clear();
-  EXPECT_TRUE(echo.waitForDestroyed(kConnections));
-}
-
 TEST(TcpServerTest, PipelinedAnswersKeepOrderAndShutdownFlushesEverythingFirst) {
   for (const char* mode : {"loop", "thread"}) {
     SCOPED_TRACE(mode);
-    EchoServer echo;
+    TestServer echo;
     ASSERT_TRUE(echo.initialized);
     auto client = std::make_unique<Client>(echo.address);
     std::string requests;
-    std::string answers;
-    for (int i = 0; i < 100; ++i) {
-      std::string line = "request " + std::to_string(i) + "\n";
-      requests += line;
-      answers += line;
-    }
+    for (int i = 0; i < 100; ++i) requests += "request " + std::to_string(i) + "\n";
+    std::string answers = requests;
     constexpr size_t kBig = 4 * 1000 * 1000;
     requests += "big " + std::to_string(kBig) + " " + mode + "\n";
     answers += pattern(kBig);
     client->write(requests);
-    std::string received = client->read(answers.size() + 1);
+    std::string received = client->readToEnd();
+    EXPECT_TRUE(client->peerClosed());
     EXPECT_EQ(answers.size(), received.size());
     EXPECT_TRUE(received == answers) << "payload differs";
-    EXPECT_TRUE(client->atEof());
-    // The server waits for our close before it lets go of the connection.
     client.reset();
-    EXPECT_TRUE(echo.waitForDestroyed(1));
+    EXPECT_TRUE(echo.waitFor(&Recorder::destroyed, 1));
   }
 }
 
 TEST(TcpServerTest, SendsFromManyThreadsKeepTheirOrderAndGuardedPairsStayTogether) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   Client client(echo.address);
-  std::shared_ptr<RequestResponseConnectionHandler> handler;
-  ASSERT_TRUE(echo.recorder->waitFor([&] { return !echo.recorder->handlers.empty(); }));
-  {
-    MutexLock lock(echo.recorder->mutex);
-    handler = echo.recorder->handlers[0].lock();
-  }
+  std::shared_ptr<TestHandler> handler = echo.handler(0);
   ASSERT_TRUE(handler);
-
   constexpr int kThreads = 4;
   constexpr int kPairs = 1000;
+  // Thread t sends "t:i:head|" and then "t:i:body\n" under one guard; the
+  // event thread meanwhile sends lines "E:i\n" of its own, unguarded.
+  auto line = [](int t, int i) {
+    return std::to_string(t) + ":" + std::to_string(i) + ":head|" + std::to_string(t) + ":" +
+           std::to_string(i) + ":body\n";
+  };
   size_t expected_size = 0;
-  std::vector<std::string> heads(kThreads * kPairs), bodies(kThreads * kPairs), loop_lines(kPairs);
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kPairs; ++i) {
-      std::string tag = "T" + std::to_string(t) + ":" + std::to_string(i);
-      heads[t * kPairs + i] = tag + ":head|";
-      bodies[t * kPairs + i] = tag + ":body\n";
-      expected_size += heads[t * kPairs + i].size() + bodies[t * kPairs + i].size();
-    }
-  }
   for (int i = 0; i < kPairs; ++i) {
-    loop_lines[i] = "E:" + std::to_string(i) + "\n";
-    expected_size += loop_lines[i].size();
+    for (int t = 0; t < kThreads; ++t) expected_size += line(t, i).size();
+    expected_size += ("E:" + std::to_string(i) + "\n").size();
   }
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kPairs; ++i) {
+        const std::string whole = line(t, i);
+        const size_t bar = whole.find('|') + 1;
         RequestResponseConnectionHandler::SendGuard guard(*handler);
-        handler->send(heads[t * kPairs + i]);
-        handler->send(bodies[t * kPairs + i]);
+        handler->send(whole.substr(0, bar));
+        handler->send(whole.substr(bar));
       }
     });
   }
-  // Meanwhile the event thread writes lines of its own, unguarded.
   threads.emplace_back([&] {
-    for (int i = 0; i < kPairs; ++i) defer([&, i] { handler->send(loop_lines[i]); });
+    for (int i = 0; i < kPairs; ++i) {
+      defer([&, i] { handler->send("E:" + std::to_string(i) + "\n"); });
+    }
   });
   for (auto& thread : threads) thread.join();
 
   std::string received = client.read(expected_size);
   ASSERT_EQ(expected_size, received.size());
   std::vector<int> next(kThreads + 1, 0);
-  size_t start = 0;
-  while (start < received.size()) {
-    size_t end = received.find('\n', start);
+  for (size_t start = 0, end; start < received.size(); start = end + 1) {
+    end = received.find('\n', start);
     ASSERT_NE(std::string::npos, end);
-    std::string line = received.substr(start, end - start + 1);
-    start = end + 1;
-    if (line[0] == 'E') {
-      ASSERT_EQ(loop_lines[next[kThreads]++], line);
+    const std::string got = received.substr(start, end - start + 1);
+    if (got[0] == 'E') {
+      ASSERT_EQ("E:" + std::to_string(next[kThreads]++) + "\n", got);
       continue;
     }
-    int t = line[1] - '0';
-    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
-    int i = next[t]++;
-    ASSERT_EQ(heads[t * kPairs + i] + bodies[t * kPairs + i], line) << "interleaved or reordered";
+    const int t = got[0] - '0';
+    ASSERT_TRUE(t >= 0 && t < kThreads) << got;
+    ASSERT_EQ(line(t, next[t]++), got) << "interleaved or reordered";
   }
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kPairs, next[t]);
-  EXPECT_EQ(kPairs, next[kThreads]);
+  EXPECT_EQ(std::vector<int>(kThreads + 1, kPairs), next);
 }
 
+// What is not consumed stays for the next read, and at the peer's end is
+// handed to the handler.
 TEST(TcpServerTest, PeerHalfCloseHandsOverTheUnconsumedBytes) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   Client client(echo.address);
-  client.write("complete\npartial");
+  client.write("complete\npar");
+  EXPECT_EQ("complete\n", client.read(9));
+  client.write("tial\nleft");
   client.shutdownWrite();
-  std::string expected = "complete\nbye:partial";
-  EXPECT_EQ(expected, client.read(expected.size() + 1));
-  EXPECT_TRUE(client.atEof());
-  EXPECT_TRUE(echo.waitForDestroyed(1));
+  EXPECT_EQ("partial\nbye:left", client.readToEnd());
+  EXPECT_TRUE(client.peerClosed());
+  EXPECT_TRUE(echo.waitFor(&Recorder::destroyed, 1));
   MutexLock lock(echo.recorder->mutex);
-  EXPECT_EQ(std::vector<std::string>{"partial"}, echo.recorder->input_ends);
+  EXPECT_EQ(std::vector<std::string>{"left"}, echo.recorder->input_ends);
   EXPECT_EQ(0, echo.recorder->output_ends);
 }
 
 TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
-  struct Case {
-    const char* name;
-    std::string request;
-    size_t read_before_vanishing;
-  };
-  const Case cases[] = {
-      {"mid-request", "half a li", 0},
-      {"mid-response", "big 16000000 loop\n", 1000},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EchoServer echo;
+  for (const bool mid_response : {false, true}) {
+    SCOPED_TRACE(mid_response ? "mid-response" : "mid-request");
+    TestServer echo;
     ASSERT_TRUE(echo.initialized);
     Client client(echo.address);
-    client.write(c.request);
-    if (c.read_before_vanishing > 0) {
-      ASSERT_EQ(c.read_before_vanishing, client.read(c.read_before_vanishing).size());
-    } else {
-      // The bytes have arrived once the server made a handler; wait for that.
-      ASSERT_TRUE(echo.recorder->waitFor([&] { return !echo.recorder->handlers.empty(); }));
+    client.write(mid_response ? "big 16000000 loop\n" : "half a li");
+    if (mid_response) {
+      ASSERT_EQ(1000u, client.read(1000).size());
     }
-    std::shared_ptr<RequestResponseConnectionHandler> kept;
-    {
-      MutexLock lock(echo.recorder->mutex);
-      kept = echo.recorder->handlers[0].lock();
-    }
+    std::shared_ptr<TestHandler> kept = echo.handler(0);
+    ASSERT_TRUE(kept);
     client.abort();
     // The failed read or write tells the handler, and then the connection
     // lets go of it: only our reference keeps it.
-    EXPECT_TRUE(echo.recorder->waitFor([&] { return echo.recorder->output_ends == 1; }));
+    EXPECT_TRUE(echo.waitFor(&Recorder::output_ends, 1));
     waitForDeferredWork();
     EXPECT_EQ(1, kept.use_count());
     // Sending into a connection that is gone does nothing, from any thread.
@@ -327,7 +307,7 @@ TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
     kept->shutdown();
     waitForDeferredWork();
     kept.reset();
-    EXPECT_TRUE(echo.waitForDestroyed(1));
+    EXPECT_TRUE(echo.waitFor(&Recorder::destroyed, 1));
   }
 }
 
@@ -337,7 +317,7 @@ TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
 // The client's small window keeps most of the answer queued in the kernel
 // while the server finishes, and the client sends a byte after each read.
 TEST(TcpServerTest, InputArrivingAfterTheLastAnswerCannotCutItShort) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   Client client(echo.address, 4096);
   constexpr size_t kBig = 1000 * 1000;  // below the output bound: no pause
@@ -351,11 +331,12 @@ TEST(TcpServerTest, InputArrivingAfterTheLastAnswerCannotCutItShort) {
   }
   EXPECT_EQ(kBig, received.size());
   EXPECT_TRUE(received == pattern(kBig)) << "payload differs";
-  EXPECT_TRUE(client.atEof());
+  EXPECT_EQ("", client.readToEnd());
+  EXPECT_TRUE(client.peerClosed());
 }
 
 TEST(TcpServerTest, ConnectionsOutliveTheServer) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   Client client(echo.address);
   client.write("before\n");
@@ -367,8 +348,10 @@ TEST(TcpServerTest, ConnectionsOutliveTheServer) {
 }
 
 TEST(TcpListenerTest, InitializeReportsAddressesItCannotUse) {
-  EchoServer first;
+  TestServer first(0, Duration(), true);
   ASSERT_TRUE(first.initialized);
+  EXPECT_TRUE(TestServer(0, Duration(), true, first.address.port()).initialized)
+      << "both ask to share the port";
   struct Case {
     const char* name;
     SocketAddress address;
@@ -387,11 +370,9 @@ TEST(TcpListenerTest, InitializeReportsAddressesItCannotUse) {
   TcpServer twice([] { return nullptr; }, 16);
   ASSERT_TRUE(twice.initialize(SocketAddress("127.0.0.1", 0)));
   EXPECT_FALSE(twice.initialize(SocketAddress("127.0.0.1", 0)));
-
   // IPv6 loopback, where the machine has it.
   TcpServer v6([] { return nullptr; }, 16);
   if (v6.initialize(SocketAddress("::1", 0))) {
-    EXPECT_EQ("::1", v6.localAddress().ip());
     EXPECT_EQ("[::1]:" + std::to_string(v6.localAddress().port()), v6.localAddress().toString());
   }
 }
@@ -413,7 +394,7 @@ class CollectingHandler : public RequestResponseConnectionHandler {
 };
 
 TEST(TcpSocketTest, ClientTalksToTheServerAndHearsItClose) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   auto handler = std::shared_ptr<CollectingHandler>(
       new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
@@ -434,17 +415,16 @@ TEST(TcpSocketTest, ClientTalksToTheServerAndHearsItClose) {
 TEST(TcpSocketTest, CreateGivesNullWhenThereIsNoPeer) {
   SocketAddress closed;
   {
-    EchoServer gone;
+    TestServer gone;
     ASSERT_TRUE(gone.initialized);
     closed = gone.address;
   }
   EXPECT_EQ(nullptr, TcpSocket::create(closed));
   EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress("not an ip", 80)));
-  EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress()));
 }
 
 TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
-  EchoServer echo;
+  TestServer echo;
   ASSERT_TRUE(echo.initialized);
   std::vector<LogRecord> records;
   Mutex mutex;
@@ -470,97 +450,6 @@ TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
   }
 }
 
-// Flow control and the ends of a connection: "amp N\n" answers with N pattern
-// bytes; "owe\n" promises an answer that the test delivers later through
-// deliver(); "abort\n" queues output and aborts. Counts its notifications.
-class FlowHandler : public RequestResponseConnectionHandler {
- public:
-  explicit FlowHandler(std::shared_ptr<Recorder> recorder)
-      : RequestResponseConnectionHandler(2048), recorder_(std::move(recorder)) {}
-  ~FlowHandler() override {
-    recorder_->update([&] { ++recorder_->destroyed; });
-  }
-
-  void notifyIncomingData(std::string* data) override {
-    received_ += data->size();
-    size_t end;
-    while ((end = data->find('\n')) != std::string::npos) {
-      const std::string line = data->substr(0, end);
-      data->erase(0, end + 1);
-      size_t size = 0;
-      if (sscanf(line.c_str(), "amp %zu", &size) == 1) {
-        send(pattern(size));
-      } else if (line == "owe") {
-        ++owed_;
-      } else if (line == "abort") {
-        send(pattern(1000));
-        abort();
-      }
-    }
-  }
-  bool holdOpenAfterInputEnd() override {
-    input_ended_ = true;
-    return owed_ > 0;
-  }
-  void notifyClosed() override {
-    recorder_->update([&] { ++closed; });
-  }
-  // Event thread: pays one debt; the last one after the peer's end closes.
-  void deliver(const std::string& answer) {
-    send(answer);
-    if (--owed_ == 0 && input_ended_) shutdown();
-  }
-
-  size_t received_ = 0;  // event thread only
-  int closed = 0;        // guarded by recorder_->mutex
-
- private:
-  std::shared_ptr<Recorder> recorder_;
-  int owed_ = 0;
-  bool input_ended_ = false;
-};
-
-struct FlowServer {
-  explicit FlowServer(size_t max_connections = 0, bool reuse_port = false, uint16_t port = 0,
-                      Duration send_timeout = Duration())
-      : recorder(std::make_shared<Recorder>()) {
-    std::shared_ptr<Recorder> r = recorder;
-    auto made = std::make_shared<std::vector<std::shared_ptr<FlowHandler>>>();
-    handlers = made;
-    server = std::make_unique<TcpServer>(
-        [r, made] {
-          auto handler = std::make_shared<FlowHandler>(r);
-          r->update([&] { made->push_back(handler); });
-          return handler;
-        },
-        1024);
-    server->setMaxConnections(max_connections);
-    server->setReusePort(reuse_port);
-    server->setSendTimeout(send_timeout);
-    initialized = server->initialize(SocketAddress("127.0.0.1", port));
-    address = server->localAddress();
-  }
-  ~FlowServer() {
-    server.reset();
-    runOnEventThreadAndWait([this] { handlers->clear(); });
-  }
-  // The i-th handler made; the test's reference keeps it alive.
-  std::shared_ptr<FlowHandler> handler(size_t i) {
-    MutexLock lock(recorder->mutex);
-    return i < handlers->size() ? (*handlers)[i] : nullptr;
-  }
-  size_t made() {
-    MutexLock lock(recorder->mutex);
-    return handlers->size();
-  }
-
-  std::shared_ptr<Recorder> recorder;
-  std::shared_ptr<std::vector<std::shared_ptr<FlowHandler>>> handlers;
-  std::unique_ptr<TcpServer> server;
-  bool initialized = false;
-  SocketAddress address;
-};
-
 // Writes `bytes` repeatedly without reading, until the connection stops taking
 // them (nothing more fits for a while) or `limit` bytes went out. Returns what
 // was written.
@@ -580,18 +469,18 @@ size_t writeUntilBlocked(int fd, const std::string& bytes, size_t limit) {
 }
 
 TEST(TcpServerTest, ClientThatDoesNotReadStopsTheServerReadingAndLosesNothing) {
-  FlowServer flow;
+  TestServer flow;
   ASSERT_TRUE(flow.initialized);
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(0, connect(fd, flow.address.sockaddr(), flow.address.length()));
+  Client client(flow.address);
   // Each 8-byte request asks for 100 bytes: the answers pile up 12 times faster
   // than the requests arrive.
   const std::string request = "amp 100\n";
   constexpr size_t kLimit = 64 * 1024 * 1024;
-  const size_t written = writeUntilBlocked(fd, std::string(request).append(request), kLimit);
+  const size_t written =
+      writeUntilBlocked(client.fd(), std::string(request).append(request), kLimit);
   ASSERT_LT(written, kLimit) << "the server never stopped reading";
   ASSERT_EQ(0u, written % request.size());
-  std::shared_ptr<FlowHandler> handler = flow.handler(0);
+  std::shared_ptr<TestHandler> handler = flow.handler(0);
   ASSERT_TRUE(handler);
   size_t received = 0;
   runOnEventThreadAndWait([&] { received = handler->received_; });
@@ -599,39 +488,26 @@ TEST(TcpServerTest, ClientThatDoesNotReadStopsTheServerReadingAndLosesNothing) {
   // kernel buffers; far below what a reader without a bound takes (all of it).
   EXPECT_LT(received * 100 / request.size(), 16u * TcpSocket::kOutputHighWater);
   // Reading now lets the server go on: every answer arrives, in full.
-  const size_t expected = written / request.size() * 100;
-  size_t got = 0;
-  bool intact = true;
-  std::vector<char> buffer(1 << 16);
+  const size_t answers = written / request.size();
+  const std::string all = client.read(answers * 100);
+  ASSERT_EQ(answers * 100, all.size());
   const std::string answer = pattern(100);
-  std::string carry;
-  while (got < expected) {
-    ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
-    if (n <= 0) break;
-    carry.append(buffer.data(), n);
-    size_t whole = carry.size() / 100 * 100;
-    for (size_t at = 0; at < whole; at += 100)
-      intact = intact && carry.compare(at, 100, answer) == 0;
-    carry.erase(0, whole);
-    got += n;
+  bool intact = true;
+  for (size_t at = 0; at < all.size() && intact; at += 100) {
+    intact = all.compare(at, 100, answer) == 0;
   }
-  close(fd);
-  EXPECT_EQ(expected, got);
   EXPECT_TRUE(intact);
 }
 
 // A peer that takes none of the output for the send timeout loses its
 // connection, and the output still queued for it.
 TEST(TcpServerTest, PeerThatTakesNothingForTheSendTimeoutIsCutOff) {
-  FlowServer flow(0, false, 0, Duration::milliseconds(100));
+  TestServer flow(0, Duration::milliseconds(100));
   ASSERT_TRUE(flow.initialized);
   Client client(flow.address, 4096);
   constexpr size_t kBig = 8 * 1000 * 1000;
   ASSERT_TRUE(client.write("amp " + std::to_string(kBig) + "\n"));
-  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.handlers->size() == 1; }));
-  std::shared_ptr<FlowHandler> handler = flow.handler(0);
-  ASSERT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }))
-      << "the connection outlived its send timeout";
+  ASSERT_TRUE(flow.waitFor(&Recorder::closed, 1)) << "the connection outlived its send timeout";
   // What the kernels had taken still arrives; the rest never does.
   const std::string received = client.readToEnd();
   EXPECT_LT(received.size(), kBig);
@@ -639,42 +515,39 @@ TEST(TcpServerTest, PeerThatTakesNothingForTheSendTimeoutIsCutOff) {
 }
 
 TEST(TcpServerTest, HandlerKeepsAHalfClosedConnectionOpenForAnswersItOwes) {
-  FlowServer flow;
+  TestServer flow;
   ASSERT_TRUE(flow.initialized);
   Client client(flow.address);
   client.write("owe\nowe\n");
   client.shutdownWrite();
-  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.handlers->size() == 1; }));
-  std::shared_ptr<FlowHandler> handler = flow.handler(0);
-  // The peer's end has arrived once the handler heard of it; the connection
-  // is still open for the two answers.
-  ASSERT_TRUE(runOnEventThreadAndWait([&] { handler->deliver("first;"); }));
+  std::shared_ptr<TestHandler> handler = flow.handler(0);
+  ASSERT_TRUE(handler);
+  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.recorder->input_ends.size() == 1; }));
+  // The peer's end has arrived; the connection is still open for the two
+  // answers.
+  runOnEventThreadAndWait([&] { handler->deliver("first;"); });
   EXPECT_EQ("first;", client.read(6));
-  ASSERT_TRUE(runOnEventThreadAndWait([&] { handler->deliver("second;"); }));
+  runOnEventThreadAndWait([&] { handler->deliver("second;"); });
   EXPECT_EQ("second;", client.readToEnd());
   EXPECT_TRUE(client.peerClosed());
-  EXPECT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }));
+  EXPECT_TRUE(flow.waitFor(&Recorder::closed, 1));
 }
 
 TEST(TcpServerTest, AbortDropsTheOutputAndEndsTheConnectionOnce) {
-  FlowServer flow;
+  TestServer flow;
   ASSERT_TRUE(flow.initialized);
   Client client(flow.address);
   client.write("amp 5\nabort\n");
   // What was sent before the batch ended is dropped with the rest.
   EXPECT_EQ("", client.readToEnd());
-  std::shared_ptr<FlowHandler> handler = flow.handler(0);
-  ASSERT_TRUE(handler);
-  EXPECT_TRUE(flow.recorder->waitFor([&] { return handler->closed == 1; }));
-  handler.reset();
-  runOnEventThreadAndWait([&] { flow.handlers->clear(); });
-  EXPECT_TRUE(flow.recorder->waitFor([&] { return flow.recorder->destroyed == 1; }));
+  EXPECT_TRUE(flow.waitFor(&Recorder::destroyed, 1));
   MutexLock lock(flow.recorder->mutex);
+  EXPECT_EQ(1, flow.recorder->closed);
   EXPECT_EQ(1, flow.recorder->destroyed);
 }
 
 TEST(TcpServerTest, AcceptingPausesAtTheConnectionLimitAndResumesWhenOneCloses) {
-  FlowServer flow(2);
+  TestServer flow(2);
   ASSERT_TRUE(flow.initialized);
   auto first = std::make_unique<Client>(flow.address);
   Client second(flow.address);
@@ -691,22 +564,11 @@ TEST(TcpServerTest, AcceptingPausesAtTheConnectionLimitAndResumesWhenOneCloses) 
     second.write("amp 2\n");
     EXPECT_EQ("ab", second.read(2));
   }
-  EXPECT_EQ(2u, flow.made());
   size_t open = 0;
   runOnEventThreadAndWait([&] { open = flow.server->openConnections(); });
   EXPECT_EQ(2u, open);
   first.reset();
   EXPECT_EQ("abcd", third.read(4));
-  EXPECT_EQ(3u, flow.made());
-}
-
-TEST(TcpListenerTest, ReusePortLetsTwoListenersShareAPort) {
-  FlowServer first(0, true);
-  ASSERT_TRUE(first.initialized);
-  FlowServer shared(0, true, first.address.port());
-  EXPECT_TRUE(shared.initialized);
-  FlowServer exclusive(0, false, first.address.port());
-  EXPECT_FALSE(exclusive.initialized);
 }
 
 std::shared_ptr<Recorder> exit_recorder;
@@ -723,7 +585,7 @@ TEST(TcpDeathTest, ExitClosesConnectionsThatAreStillOpen) {
   EXPECT_EXIT(
       {
         atexit(checkConnectionClosedAtExit);
-        static EchoServer* echo = new EchoServer;
+        static TestServer* echo = new TestServer;
         exit_recorder = echo->recorder;
         static Client* client = new Client(echo->address);
         client->write("open\n");
