@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <future>
 #include <mutex>
 #include <random>
@@ -336,6 +337,7 @@ TEST_F(HttpServerTest, ManyClientsSomeVanishingMidRequest) {
   constexpr int kClients = 300;
   constexpr int kRequests = 5;
   const unsigned seed = std::random_device{}();
+  std::printf("seed %u\n", seed);
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::vector<std::unique_ptr<LoopbackClient>> clients;
   for (int i = 0; i < kClients; ++i) {
