@@ -91,8 +91,6 @@ TEST(HttpMessageTest, OutputHeaderWritesStatusLineAndSortedHeaders) {
       {404, "", "HTTP/1.1 404 Not Found\r\n"},
       {299, "", "HTTP/1.1 299 \r\n"},
       {200, "Fine", "HTTP/1.1 200 Fine\r\n"},
-      {505, "", "HTTP/1.1 505 HTTP Version not supported\r\n"},
-      {100, "", "HTTP/1.1 100 Continue\r\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.code);
@@ -175,10 +173,6 @@ TEST(HttpMessageTest, StatusTableHasEveryCodeWithItsPhraseAndNothingElse) {
   for (int code : {INT_MIN, INT_MAX}) {
     EXPECT_STREQ("", HttpResponse::getStatusString(static_cast<S>(code)));
   }
-  // The enumerators carry their codes.
-  EXPECT_EQ(408, HttpResponse::kRequestTimeout);
-  EXPECT_EQ(416, HttpResponse::kRequestedRangeNotSatisfiable);
-  EXPECT_EQ(505, HttpResponse::kHttpVersionNotSupported);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -73,20 +74,35 @@ std::string describe(const HttpRequest& r) {
   return out.str();
 }
 
+std::string describe(const HttpResponse& r) {
+  std::ostringstream out;
+  out << r.status_code << " " << r.status_string << " len=" << r.content_length
+      << " body=" << r.body;
+  for (const auto& h : r.headers) out << " [" << h.first << "|" << h.second << "]";
+  return out.str();
+}
+
 struct Fed {
-  std::vector<std::string> requests;
-  bool ok = true;
+  std::vector<std::string> messages;  // described
+  std::vector<bool> results;          // one per chunk
+  bool ok() const { return std::find(results.begin(), results.end(), false) == results.end(); }
 };
 
+// Feeds the chunks in turn to one parser.
+template <typename Parser = HttpRequestParser, typename Message = HttpRequest>
 Fed feed(const std::vector<std::string>& chunks) {
-  HttpRequestParser parser;
+  Parser parser;
   Fed fed;
   for (const std::string& chunk : chunks) {
-    std::vector<HttpRequestPtr> requests;
-    fed.ok = parser.parse(chunk, &requests) && fed.ok;
-    for (const auto& r : requests) fed.requests.push_back(describe(*r));
+    std::vector<std::shared_ptr<Message>> parsed;
+    fed.results.push_back(parser.parse(chunk, &parsed));
+    for (const auto& m : parsed) fed.messages.push_back(describe(*m));
   }
   return fed;
+}
+
+Fed feedResponses(const std::vector<std::string>& chunks) {
+  return feed<HttpResponseParser, HttpResponse>(chunks);
 }
 
 const char* const kStreams[] = {
@@ -104,45 +120,41 @@ TEST(HttpRequestParserTest, SplitAnywhereYieldsSameRequests) {
     const std::string stream(text);
     SCOPED_TRACE(stream);
     const Fed whole = feed({stream});
-    ASSERT_TRUE(whole.ok);
-    ASSERT_FALSE(whole.requests.empty());
+    ASSERT_TRUE(whole.ok());
+    ASSERT_FALSE(whole.messages.empty());
     for (size_t cut = 0; cut <= stream.size(); ++cut) {
       SCOPED_TRACE(cut);
       Fed split = feed({stream.substr(0, cut), stream.substr(cut)});
-      EXPECT_TRUE(split.ok);
-      EXPECT_EQ(whole.requests, split.requests);
+      EXPECT_TRUE(split.ok());
+      EXPECT_EQ(whole.messages, split.messages);
     }
     std::vector<std::string> bytes;
     for (char c : stream) bytes.emplace_back(1, c);
     bytes.insert(bytes.begin() + bytes.size() / 2, std::string());  // an empty chunk too
     Fed byte_by_byte = feed(bytes);
-    EXPECT_TRUE(byte_by_byte.ok);
-    EXPECT_EQ(whole.requests, byte_by_byte.requests);
+    EXPECT_TRUE(byte_by_byte.ok());
+    EXPECT_EQ(whole.messages, byte_by_byte.messages);
   }
 }
 
 TEST(HttpRequestParserTest, RequestFieldsUrlAndQuery) {
   Fed fed = feed({"GET /a?x=1 HTTP/1.1\r\nHost: h\r\n\r\n"});
-  ASSERT_EQ(1u, fed.requests.size());
+  ASSERT_EQ(1u, fed.messages.size());
   EXPECT_EQ("method=1 uri=/a?x=1 url=http://h/a?x=1 valid=1 len=0 body= [Host|h] {x|1}",
-            fed.requests[0]);
+            fed.messages[0]);
 
   // An absolute target is the URL; Host is not consulted nor added.
   fed = feed({"GET http://Other.Example:80/a/./b/../c?k=v HTTP/1.1\r\nHost: h\r\n\r\n"});
-  ASSERT_EQ(1u, fed.requests.size());
+  ASSERT_EQ(1u, fed.messages.size());
   EXPECT_EQ(
       "method=1 uri=http://Other.Example:80/a/./b/../c?k=v url=http://other.example/a/c?k=v "
       "valid=1 len=0 body= [Host|h] {k|v}",
-      fed.requests[0]);
+      fed.messages[0]);
 
   // No Host: an empty one is added, beside a differently cased one.
   fed = feed({"GET /p HTTP/1.1\r\nhost: x\r\n\r\n"});
-  ASSERT_EQ(1u, fed.requests.size());
-  EXPECT_NE(std::string::npos, fed.requests[0].find("[Host|] [host|x]"));
-
-  fed = feed({"GET /q?a=%41&b=c+d&a HTTP/1.1\r\nHost: h\r\n\r\n"});
-  ASSERT_EQ(1u, fed.requests.size());
-  EXPECT_NE(std::string::npos, fed.requests[0].find("{a|A} {a|} {b|c d}"));
+  ASSERT_EQ(1u, fed.messages.size());
+  EXPECT_NE(std::string::npos, fed.messages[0].find("[Host|] [host|x]"));
 
   // Queries survive what strict URL grammar forbids but clients send, and a
   // request without Host (its URL cannot be valid) keeps its query too.
@@ -193,12 +205,9 @@ TEST(HttpRequestParserTest, HeaderFramingRules) {
 }
 
 TEST(HttpRequestParserTest, RejectedLinesAndWhatTheyLeave) {
-  const char* const kBadRequestLines[] = {
-      "GET / HTTP/1.2",  "get / HTTP/1.1",  "GET / HTTP/1.1 ",
-      "GET  / HTTP/1.1", "GET / HTTP/1.10", "",
-      "GET /",           "GET / http/1.1",  "GET /a b HTTP/1.1",
-  };
-  for (const char* line : kBadRequestLines) {
+  // Which lines match is the line matcher's to prove; here, that a mismatch
+  // is refused and delivers nothing.
+  for (const char* line : {"GET / HTTP/1.2", "", "GET /a b HTTP/1.1"}) {
     SCOPED_TRACE(line);
     HttpRequestParser parser;
     std::vector<HttpRequestPtr> r;
@@ -218,13 +227,6 @@ TEST(HttpRequestParserTest, RejectedLinesAndWhatTheyLeave) {
     EXPECT_FALSE(parser.parse(std::string("GET / HTTP/1.1\r\n") + header + "\r\n\r\n", &r));
     EXPECT_TRUE(r.empty());
   }
-  for (const char* method : {"DELETE", "TRACE", "OPTIONS", "HEAD", "PUT", "GET", "POST"}) {
-    SCOPED_TRACE(method);
-    Fed fed = feed({std::string(method) + " / HTTP/1.0\r\n\r\n"});
-    EXPECT_TRUE(fed.ok);
-    EXPECT_EQ(1u, fed.requests.size());
-  }
-
   // Two good requests, then a bad one: both delivered, result false; the parser
   // goes on from the state before the bad line.
   HttpRequestParser parser;
@@ -274,35 +276,30 @@ TEST(HttpRequestParserTest, ParsingGoesOnAfterARejectedLine) {
 
 TEST(HttpRequestParserTest, QueryKeysAndValuesAreUnescaped) {
   Fed fed = feed({"GET /q?%61=1&b%20c=%41+%2B&%7a&=e&d=%4 HTTP/1.1\r\nHost: h\r\n\r\n"});
-  ASSERT_EQ(1u, fed.requests.size());
-  EXPECT_NE(std::string::npos, fed.requests[0].find(" {|e} {a|1} {b c|A +} {d|%4} {z|}"))
-      << fed.requests[0];
+  ASSERT_EQ(1u, fed.messages.size());
+  EXPECT_NE(std::string::npos, fed.messages[0].find(" {|e} {a|1} {b c|A +} {d|%4} {z|}"))
+      << fed.messages[0];
 }
 
 TEST(HttpRequestParserTest, LogsUnknownMethodsAndTracesAtLevelFive) {
-  std::vector<LogRecord> records;
-  setLogSink([&records](const LogRecord& record) { records.push_back(record); });
+  std::vector<std::string> records;  // "level|logger|file|text"
+  setLogSink([&records](const LogRecord& r) {
+    records.push_back(std::to_string(r.level) + "|" + r.logger + "|" + r.file + "|" + r.text);
+  });
   HttpRequestParser parser;
   std::vector<HttpRequestPtr> r;
   EXPECT_FALSE(parser.parse("PATCH /x HTTP/1.1\r\n", &r));
   EXPECT_FALSE(parser.parse(" /x HTTP/1.1\r\n", &r));
   EXPECT_FALSE(parser.parse("GET /x HTTP/1.2\r\n", &r));  // not logged
-  ASSERT_EQ(2u, records.size());
-  EXPECT_EQ(2, records[0].level);
-  EXPECT_EQ("http_request_parser", records[0].logger);
-  EXPECT_EQ("relay/http_request_parser", records[0].file);
-  EXPECT_EQ("Unknown method PATCH", records[0].text);
-  EXPECT_EQ("Unknown method ", records[1].text);
-
-  records.clear();
   setLogLevel("http_request_parser", 5);
   EXPECT_TRUE(parser.parse("POST /rpc HTTP/1.1\r\nA: b c\r\n\r\n", &r));
   setLogLevel("http_request_parser", 2);
   setLogSink(nullptr);
-  ASSERT_EQ(2u, records.size());
-  EXPECT_EQ("Method: 3=POST URI=/rpc", records[0].text);
-  EXPECT_EQ("Key=A value=b c", records[1].text);
-  EXPECT_EQ(5, records[1].level);
+  const std::string prefix = "|http_request_parser|relay/http_request_parser|";
+  EXPECT_EQ((std::vector<std::string>{
+                "2" + prefix + "Unknown method PATCH", "2" + prefix + "Unknown method ",
+                "5" + prefix + "Method: 3=POST URI=/rpc", "5" + prefix + "Key=A value=b c"}),
+            records);
 }
 
 TEST(HttpRequestParserTest, RejectedLineEndingInCrKeepsItsLfTogether) {
@@ -362,25 +359,7 @@ TEST(HttpRequestParserTest, LongLinesFedByteByByteCopyEachByteAFewTimes) {
   EXPECT_EQ(kLength, r[0]->headers["X"].size());
 }
 
-TEST(HttpResponseParserTest, StatusLinesAndFraming) {
-  HttpResponseParser parser;
-  std::vector<HttpResponsePtr> r;
-  ASSERT_TRUE(
-      parser.parse("HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nhiHTTP/1.0 299 x\r\n\r\n"
-                   "HTTP/1.1 200 \r\nConnection: close\r\n\r\n",
-                   &r));
-  ASSERT_EQ(3u, r.size());
-  EXPECT_EQ(404, r[0]->status_code);
-  EXPECT_EQ("Not Found", r[0]->status_string);
-  EXPECT_EQ("hi", r[0]->body);
-  EXPECT_TRUE(r[0]->content.empty());
-  EXPECT_EQ("keep-alive", r[0]->headers["Connection"]);
-  EXPECT_EQ(299, r[1]->status_code);
-  EXPECT_EQ("x", r[1]->status_string);
-  EXPECT_EQ(200, r[2]->status_code);
-  EXPECT_EQ("", r[2]->status_string);
-  EXPECT_EQ("close", r[2]->headers["Connection"]);
-
+TEST(HttpResponseParserTest, MalformedStatusLinesAreRefused) {
   for (const char* line : {"HTTP/1.1 200", "HTTP/1.1  OK", "HTTP/1.1 99999999999 OK",
                            "HTTP/2.0 200 OK", "", "HTTP/1.1 2x0 OK"}) {
     SCOPED_TRACE(line);
@@ -391,71 +370,47 @@ TEST(HttpResponseParserTest, StatusLinesAndFraming) {
   }
 }
 
-std::string describe(const HttpResponse& r) {
-  std::ostringstream out;
-  out << r.status_code << " " << r.status_string << " len=" << r.content_length
-      << " body=" << r.body;
-  for (const auto& h : r.headers) out << " [" << h.first << "|" << h.second << "]";
-  return out.str();
-}
-
-struct FedResponses {
-  std::vector<std::string> responses;
-  std::vector<bool> results;  // one per chunk
-};
-
-FedResponses feedResponses(const std::vector<std::string>& chunks) {
-  HttpResponseParser parser;
-  FedResponses fed;
-  for (const std::string& chunk : chunks) {
-    std::vector<HttpResponsePtr> responses;
-    fed.results.push_back(parser.parse(chunk, &responses));
-    for (const auto& r : responses) fed.responses.push_back(describe(*r));
-  }
-  return fed;
-}
-
 TEST(HttpResponseParserTest, SplitAnywhereYieldsSameResponses) {
   const std::string stream =
       "HTTP/1.1 200 OK\r\nRpc-Id: 7\r\nContent-Length: 3\r\nRpc-Failed: 0\r\n\r\n\r\nx"
       "HTTP/1.0 500 Bad: news\nConnection: close\n\n"
       "HTTP/1.1 204 \r\rHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-  const FedResponses whole = feedResponses({stream});
+  const Fed whole = feedResponses({stream});
   ASSERT_EQ(std::vector<bool>{true}, whole.results);
-  ASSERT_EQ(4u, whole.responses.size());
+  ASSERT_EQ(4u, whole.messages.size());
   EXPECT_EQ(
       "200 OK len=3 body=\r\nx [Connection|keep-alive] [Content-Length|3] [Rpc-Failed|0] "
       "[Rpc-Id|7]",
-      whole.responses[0]);
-  EXPECT_EQ("500 Bad: news len=0 body= [Connection|close]", whole.responses[1]);
-  EXPECT_EQ("204  len=0 body= [Connection|keep-alive]", whole.responses[2]);
+      whole.messages[0]);
+  EXPECT_EQ("500 Bad: news len=0 body= [Connection|close]", whole.messages[1]);
+  EXPECT_EQ("204  len=0 body= [Connection|keep-alive]", whole.messages[2]);
   for (size_t cut = 0; cut <= stream.size(); ++cut) {
     SCOPED_TRACE(cut);
-    const FedResponses split = feedResponses({stream.substr(0, cut), stream.substr(cut)});
+    const Fed split = feedResponses({stream.substr(0, cut), stream.substr(cut)});
     EXPECT_EQ((std::vector<bool>{true, true}), split.results);
-    EXPECT_EQ(whole.responses, split.responses);
+    EXPECT_EQ(whole.messages, split.messages);
   }
   std::vector<std::string> bytes;
   for (char c : stream) bytes.emplace_back(1, c);
-  const FedResponses byte_by_byte = feedResponses(bytes);
+  const Fed byte_by_byte = feedResponses(bytes);
   EXPECT_EQ(std::vector<bool>(stream.size(), true), byte_by_byte.results);
-  EXPECT_EQ(whole.responses, byte_by_byte.responses);
+  EXPECT_EQ(whole.messages, byte_by_byte.messages);
 }
 
 TEST(HttpResponseParserTest, ParsingGoesOnAfterARejectedLine) {
   // A rejected status line, then a rejected header line: each drops the rest
   // of its chunk, and the same parser reads what follows.
-  const FedResponses fed = feedResponses({
+  const Fed fed = feedResponses({
       "HTTP/1.1 200\r\nHTTP/1.1 201 dropped with the rest of the chunk\r\n\r\n",
       "HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nhi",
       "HTTP/1.1 200 OK\r\nA: 1\r\nno colon\r\nB: dropped\r\n",
       "C: 3\r\n\r\n",
   });
   EXPECT_EQ((std::vector<bool>{false, true, false, true}), fed.results);
-  ASSERT_EQ(2u, fed.responses.size());
+  ASSERT_EQ(2u, fed.messages.size());
   EXPECT_EQ("404 Not Found len=2 body=hi [Connection|keep-alive] [Content-Length|2]",
-            fed.responses[0]);
-  EXPECT_EQ("200 OK len=0 body= [A|1] [C|3] [Connection|keep-alive]", fed.responses[1]);
+            fed.messages[0]);
+  EXPECT_EQ("200 OK len=0 body= [A|1] [C|3] [Connection|keep-alive]", fed.messages[1]);
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   server->setObserver(observer);
 
   const std::string sent =
-      "GET /abc HTTP/1.1\r\nHost: h\r\n\r\n" + std::string("GET /zzz HTTP/1.1\r\nHost: h\r\n\r\n") +
+      "GET /abc HTTP/1.1\r\nHost: h\r\n\r\nGET /zzz HTTP/1.1\r\nHost: h\r\n\r\n" +
       rpcRequest("relaytest.TestService", "Echo", "1", textMessage("t")) +
       rpcRequest("relaytest.TestService", "Fail", "2", textMessage("t")) +
       rpcRequest("relaytest.TestService", "Nope", "3", "") +
@@ -95,20 +95,19 @@ TEST(HttpServerObserverTest, SeesRequestsCallsRefusalsConnectionsAndBytes) {
   server.reset();
   waitForDeferredWork();
   std::map<std::string, size_t> counts = observer->counts();
-  const int service_not_found = static_cast<int>(Outcome::kServiceNotFound);
+  auto rpc = [](const std::string& name, Outcome outcome) {
+    return "rpc " + name + " " + std::to_string(static_cast<int>(outcome));
+  };
   const std::map<std::string, size_t> events = {
       {"opened", 2},
       {"closed", 2},
       {"answered /a.* 200", 1},
       {"answered  404", 1},
-      {"rpc relaytest.TestService.Echo " + std::to_string(static_cast<int>(Outcome::kOk)), 1},
-      {"rpc relaytest.TestService.Fail " + std::to_string(static_cast<int>(Outcome::kFailed)), 1},
-      {"rpc relaytest.TestService.Nope " +
-           std::to_string(static_cast<int>(Outcome::kMethodNotFound)),
-       1},
-      {"rpc nobody.Service.Echo " + std::to_string(service_not_found), 1},
-      {"rpc relaytest.TestService.Echo " + std::to_string(static_cast<int>(Outcome::kBadRequest)),
-       1},
+      {rpc("relaytest.TestService.Echo", Outcome::kOk), 1},
+      {rpc("relaytest.TestService.Fail", Outcome::kFailed), 1},
+      {rpc("relaytest.TestService.Nope", Outcome::kMethodNotFound), 1},
+      {rpc("nobody.Service.Echo", Outcome::kServiceNotFound), 1},
+      {rpc("relaytest.TestService.Echo", Outcome::kBadRequest), 1},
       {"started relaytest.TestService.Echo", 1},
       {"started relaytest.TestService.Fail", 1},
       {"refused 400", 1},

@@ -7,13 +7,9 @@
 #include <prometheus/registry.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <deque>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -22,101 +18,21 @@
 #include "common/event_thread.h"
 #include "relay/http_request_parser.h"
 #include "relay/http_server.h"
-#include "test_services.pb.h"
 #include "tests/loopback_client.h"
+#include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
 using Outcome = HttpServerObserver::RpcOutcome;
-
-// Runs functions on two threads of its own, as a service completing calls
-// off the event thread does.
-class Workers {
- public:
-  Workers() {
-    for (int i = 0; i < 2; ++i) threads_.emplace_back([this] { run(); });
-  }
-  ~Workers() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = true;
-    }
-    ready_.notify_all();
-    for (std::thread& thread : threads_) thread.join();
-  }
-  void post(std::function<void()> fn) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      queue_.push_back(std::move(fn));
-    }
-    ready_.notify_one();
-  }
-
- private:
-  void run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      ready_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      std::function<void()> fn = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      fn();
-      lock.lock();
-    }
-  }
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  std::deque<std::function<void()>> queue_;
-  bool stopping_ = false;
-  std::vector<std::thread> threads_;
-};
-
-// Echo answers at once; Hold answers the same from a worker thread, taking
-// at least hold_ms milliseconds from when it was called; Fail fails with the
-// request's text.
-class TestServiceImpl : public relaytest::TestService {
- public:
-  explicit TestServiceImpl(int hold_ms = 0) : hold_ms_(hold_ms) {}
-  void Echo(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    response->set_text(request->text());
-    done->Run();
-  }
-  void Hold(google::protobuf::RpcController*, const relaytest::Text* request,
-            relaytest::Text* response, google::protobuf::Closure* done) override {
-    const Time until = Time::now() + Duration::milliseconds(hold_ms_);
-    workers_.post([request, response, done, until] {
-      // The service's own work, not a wait for anything.
-      while (Time::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      response->set_text(request->text());
-      done->Run();
-    });
-  }
-  void Fail(google::protobuf::RpcController* controller, const relaytest::Text* request,
-            relaytest::Text*, google::protobuf::Closure* done) override {
-    controller->SetFailed(request->text());
-    done->Run();
-  }
-
- private:
-  const int hold_ms_;
-  Workers workers_;
-};
+using vantu::testing::TestServiceImpl;
+using vantu::testing::textMessage;
 
 std::string get(const std::string& path) { return "GET " + path + " HTTP/1.1\r\nHost: h\r\n\r\n"; }
 
 std::string call(const std::string& service, const std::string& method, const std::string& body) {
-  return "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nRpc-Service: " + service + "\r\nRpc-Method: " + method + "\r\n\r\n" + body;
-}
-
-std::string text(const std::string& t) {
-  relaytest::Text message;
-  message.set_text(t);
-  return message.SerializeAsString();
+  return vantu::testing::rpcRequest(service, method, "1", body);
 }
 
 // The samples of a scrape, "name{labels}" as written to its value. Buckets
@@ -163,6 +79,10 @@ std::string rpcs(const std::string& service, const std::string& method,
          service + "\"}";
 }
 
+std::string rpcDurations(const std::string& method) {
+  return "relay_rpc_duration_seconds_count{method=\"" + method + "\",service=\"" + kService + "\"}";
+}
+
 TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
   HttpServerOptions options;
   options.max_body_bytes = 100;
@@ -177,19 +97,24 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
     if (request->getStringQueryComponent("let", 0) != "in")
       r->status_code = HttpResponse::kForbidden;
   });
-  auto service = std::make_shared<TestServiceImpl>(/*hold_ms=*/20);
+  auto service = std::make_shared<TestServiceImpl>();
   server->registerRPCService(service);
 
-  const std::string sent = get("/abc") + get("/a?q=1") + get("/b") + get("/b?let=in") +
-                           get("/zzz") + get("/metrics") + call(kService, "Echo", text("e")) +
-                           call(kService, "Hold", text("h")) + call(kService, "Fail", text("f")) +
-                           call(kService, "Nope", "") + call("nobody.Service", "Echo", "") +
-                           call(kService, "Echo", "\xff") + "bad line\r\n";
+  const std::string sent =
+      get("/abc") + get("/a?q=1") + get("/b") + get("/b?let=in") + get("/zzz") + get("/metrics") +
+      call(kService, "Echo", textMessage("e")) + call(kService, "Hold", textMessage("h")) +
+      call(kService, "Fail", textMessage("f")) + call(kService, "Nope", "") +
+      call("nobody.Service", "Echo", "") + call(kService, "Echo", "\xff") + "bad line\r\n";
   std::string received;
   {
     vantu::testing::LoopbackClient client(server->localAddress().port());
     client.write(sent);
     client.shutdownWrite();
+    // Hold answers from this thread after 20 ms of the service's own work.
+    ASSERT_TRUE(service->waitHeld(1));
+    const Time until = Time::now() + Duration::milliseconds(20);
+    while (Time::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    service->complete(0);
     received = client.readToEnd();
     EXPECT_TRUE(client.peerClosed());
   }
@@ -221,9 +146,9 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
           {rpcs(s, "Nope", "method_not_found"), 1},
           {rpcs("nobody.Service", "Echo", "service_not_found"), 1},
           {rpcs(s, "Echo", "bad_request"), 1},
-          {"relay_rpc_duration_seconds_count{method=\"Echo\",service=\"" + s + "\"}", 1},
-          {"relay_rpc_duration_seconds_count{method=\"Hold\",service=\"" + s + "\"}", 1},
-          {"relay_rpc_duration_seconds_count{method=\"Fail\",service=\"" + s + "\"}", 1},
+          {rpcDurations("Echo"), 1},
+          {rpcDurations("Hold"), 1},
+          {rpcDurations("Fail"), 1},
           {"relay_connections_open", 0},
           {"relay_rpcs_in_flight", 0},
           {"relay_connections_accepted_total", 2},
@@ -264,8 +189,6 @@ TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
   EXPECT_EQ(1, second.at("relay_http_requests_total{code=\"200\",handler=\"/stats\\\\.txt\"}"));
   EXPECT_EQ(1, second.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
   EXPECT_EQ(1, second.at("relay_connections_open"));
-  EXPECT_NE(std::string::npos,
-            responses[2]->body.find("# TYPE relay_http_handler_duration_seconds histogram"));
   server.reset();
   waitForDeferredWork();
 }
@@ -313,42 +236,34 @@ TEST(MetricsTest, PeerChosenRpcNamesAreBounded) {
 }
 
 TEST(MetricsTest, SharedRegistryAddsUpAndAConflictingOneIsRefused) {
-  auto registry = std::make_shared<prometheus::Registry>();
-  std::shared_ptr<HttpServer> first = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
-  std::shared_ptr<HttpServer> second = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
-  ASSERT_TRUE(first && second);
-  EXPECT_EQ(registry, exposeMetrics(*first, "/metrics", registry));
-  EXPECT_EQ(registry, exposeMetrics(*second, "/metrics", registry));
-
+  auto shared = std::make_shared<prometheus::Registry>();
   // A registry where one of the names is already something else.
   auto taken = std::make_shared<prometheus::Registry>();
   prometheus::BuildGauge().Name("relay_rpcs_total").Help("mine").Register(*taken).Add({}).Set(7);
-  std::shared_ptr<HttpServer> third = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
-  ASSERT_TRUE(third);
-  EXPECT_EQ(nullptr, exposeMetrics(*third, "/metrics", taken));
+  std::vector<std::shared_ptr<HttpServer>> servers;
+  for (int i = 0; i < 4; ++i) {
+    servers.push_back(HttpServer::create(SocketAddress("127.0.0.1", 0), 16));
+    ASSERT_TRUE(servers.back());
+  }
+  EXPECT_EQ(shared, exposeMetrics(*servers[0], "/metrics", shared));
+  EXPECT_EQ(shared, exposeMetrics(*servers[1], "/metrics", shared));
+  EXPECT_EQ(nullptr, exposeMetrics(*servers[2], "/metrics", taken));
   // And one with a registry of its own, answering on the same event thread.
-  std::shared_ptr<HttpServer> fourth = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
-  ASSERT_TRUE(fourth);
-  std::shared_ptr<prometheus::Registry> own = exposeMetrics(*fourth);
+  std::shared_ptr<prometheus::Registry> own = exposeMetrics(*servers[3]);
   ASSERT_TRUE(own);
-
-  for (const std::shared_ptr<HttpServer>& server : {first, second, third, fourth, first}) {
-    vantu::testing::LoopbackClient client(server->localAddress().port());
+  for (int i : {0, 1, 2, 3, 0}) {
+    vantu::testing::LoopbackClient client(servers[i]->localAddress().port());
     client.write(get("/nothing"));
     client.shutdownWrite();
     EXPECT_EQ(0u, client.readToEnd().find("HTTP/1.1 404 "));
   }
-  first.reset();
-  second.reset();
-  third.reset();
-  fourth.reset();
+  servers.clear();
   waitForDeferredWork();
-  const std::map<std::string, double> all = samples(metricsText(*registry));
-  EXPECT_EQ(3, all.at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  const std::string not_found = "relay_http_requests_total{code=\"404\",handler=\"(none)\"}";
+  const std::map<std::string, double> all = samples(metricsText(*shared));
+  EXPECT_EQ(3, all.at(not_found));
   EXPECT_EQ(3, all.at("relay_connections_accepted_total"));
-  EXPECT_EQ(
-      1,
-      samples(metricsText(*own)).at("relay_http_requests_total{code=\"404\",handler=\"(none)\"}"));
+  EXPECT_EQ(1, samples(metricsText(*own)).at(not_found));
   expectSamples({{"relay_rpcs_total", 7}}, samples(metricsText(*taken)));
 }
 
@@ -360,27 +275,37 @@ TEST(MetricsTest, CallsCompletedOnManyThreadsAllCount) {
   std::shared_ptr<prometheus::Registry> registry = exposeMetrics(*server);
   ASSERT_TRUE(registry);
   server->registerHandler("/a.*", [](const HttpRequestPtr&, const HttpResponsePtr&) {});
-  server->registerRPCService(std::make_shared<TestServiceImpl>());
+  auto service = std::make_shared<TestServiceImpl>();
+  server->registerRPCService(service);
 
   const int kClients = 4;
   const int kRounds = 50;
   std::vector<std::string> requests(kClients), answers(kClients);
   for (int c = 0; c < kClients; ++c) {
     for (int i = 0; i < kRounds; ++i) {
-      requests[c] += call(kService, "Hold", text("h")) + get("/a" + std::to_string(c)) +
-                     call(kService, i % 2 ? "Echo" : "Fail", text("x"));
+      requests[c] += call(kService, "Hold", textMessage("h")) + get("/a" + std::to_string(c)) +
+                     call(kService, i % 2 ? "Echo" : "Fail", textMessage("x"));
     }
   }
-  std::vector<std::thread> clients;
+  std::vector<std::thread> threads;
   for (int c = 0; c < kClients; ++c) {
-    clients.emplace_back([&, c] {
+    threads.emplace_back([&, c] {
       vantu::testing::LoopbackClient client(server->localAddress().port());
       client.write(requests[c]);
       client.shutdownWrite();
       answers[c] = client.readToEnd();
     });
   }
-  for (std::thread& client : clients) client.join();
+  // Two threads complete the held calls, as a service's own workers would.
+  for (int w = 0; w < 2; ++w) {
+    threads.emplace_back([&service, w] {
+      for (int k = w; k < kClients * kRounds; k += 2) {
+        if (!service->waitHeld(k + 1)) return;
+        service->complete(k);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
   server.reset();
   waitForDeferredWork();
 
@@ -397,15 +322,9 @@ TEST(MetricsTest, CallsCompletedOnManyThreadsAllCount) {
           {rpcs(kService, "Hold", "ok"), calls},
           {rpcs(kService, "Echo", "ok"), calls / 2},
           {rpcs(kService, "Fail", "failed"), calls / 2},
-          {"relay_rpc_duration_seconds_count{method=\"Hold\",service=\"" + std::string(kService) +
-               "\"}",
-           calls},
-          {"relay_rpc_duration_seconds_count{method=\"Echo\",service=\"" + std::string(kService) +
-               "\"}",
-           calls / 2},
-          {"relay_rpc_duration_seconds_count{method=\"Fail\",service=\"" + std::string(kService) +
-               "\"}",
-           calls / 2},
+          {rpcDurations("Hold"), calls},
+          {rpcDurations("Echo"), calls / 2},
+          {rpcDurations("Fail"), calls / 2},
           {"relay_connections_open", 0},
           {"relay_rpcs_in_flight", 0},
           {"relay_connections_accepted_total", kClients},

@@ -141,18 +141,12 @@ class RelayCallTest : public ::testing::Test {
     return runRelayCall(args, input);
   }
 
-  static std::shared_ptr<CalcService>* calc_;
-  static std::shared_ptr<HttpServer>* with_reflection_;
-  static std::shared_ptr<HttpServer>* without_reflection_;
-  static int closed_fd_;
-  static uint16_t closed_port_;
+  static inline std::shared_ptr<CalcService>* calc_ = nullptr;
+  static inline std::shared_ptr<HttpServer>* with_reflection_ = nullptr;
+  static inline std::shared_ptr<HttpServer>* without_reflection_ = nullptr;
+  static inline int closed_fd_ = -1;
+  static inline uint16_t closed_port_ = 0;
 };
-
-std::shared_ptr<CalcService>* RelayCallTest::calc_ = nullptr;
-std::shared_ptr<HttpServer>* RelayCallTest::with_reflection_ = nullptr;
-std::shared_ptr<HttpServer>* RelayCallTest::without_reflection_ = nullptr;
-int RelayCallTest::closed_fd_ = -1;
-uint16_t RelayCallTest::closed_port_ = 0;
 
 const char kCalculator[] =
     "// calc/calc.proto\n"
@@ -195,9 +189,6 @@ TEST_F(RelayCallTest, SucceedsWithWhatItWasAskedFor) {
        "",
        "{\"total\":\"-2\"}\n"},
       {{"--proto", "@DATA/calc/calc.proto", "-I@DATA", "@B", "list"}, "", "calc.Calculator\n"},
-      {{"--proto=calc/calc.proto", "--import-path=@DATA", "@B", "describe", "calc.Calculator"},
-       "",
-       kCalculator},
       // Without -I, a file's own directory is an import path.
       {{"--proto", "@DATA/calc/units.proto", "@B", "describe", "calc.Unit"},
        "",
@@ -226,9 +217,6 @@ TEST_F(RelayCallTest, ExitStatusAndOneLineSayWhatWentWrong) {
       {{"@B", "list"}, 1, "no reflection service"},
       {{"@B", "calc.Calculator.Add", "{}"}, 1, "no reflection service"},
       {{"--timeout-ms", "200", "@A", "calc.Calculator.Hold", "{}"}, 1, "no answer within 200 ms"},
-      {{"--wire", "json", "--timeout-ms", "200", "@A", "relaytest.TestService.Hold", "{}"},
-       1,
-       "no answer within 200 ms"},
       // The server's JSON mapping knows only the types compiled into it.
       {{"--wire", "json", "@A", "calc.Calculator.Add", "{}"}, 1, "Can't parse request."},
       {{"--proto", "calc/calc.proto", "-I", "@DATA", "@A", "relaytest.TestService.Echo", "{}"},
@@ -240,11 +228,9 @@ TEST_F(RelayCallTest, ExitStatusAndOneLineSayWhatWentWrong) {
       {{"@A", "calc.Sum.Add", "{}"}, 2, "calc.Sum is not a service"},
       {{"@A", "describe", "calc.Nothing"}, 2, "the server defines no calc.Nothing"},
       {{"@A", "calc.Calculator.Add", "{\"values\":\"x\"}"}, 2, "is not a calc.AddRequest in JSON"},
-      {{"@A", "calc.Calculator.Add", "{\"value\":[1]}"}, 2, "is not a calc.AddRequest in JSON"},
       {{"--proto", "calc/missing.proto", "-I", "@DATA", "@B", "list"}, 2, "missing.proto"},
       {{"--proto", "broken.proto", "-I", "@DATA", "@B", "list"}, 2, "broken.proto:5:"},
       {{"@A"}, 2, "missing what to do"},
-      {{"--wire", "xml", "@A", "list"}, 2, "--wire is binary or json"},
   };
   for (const auto& test : kCases) {
     std::string joined;
