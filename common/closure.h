@@ -30,13 +30,16 @@ class Closure : public google::protobuf::Closure {
   Closure& operator=(const Closure&) = delete;
 
   void Run() override {
+    // Read before the call: once a kept closure's function has run, its owner
+    // may delete it (the function may be what tells the owner it is done).
+    const bool self_deleting = self_deleting_;
     function_();
-    if (self_deleting_) delete this;
+    if (self_deleting) delete this;
   }
 
  private:
   F function_;
-  bool self_deleting_;
+  const bool self_deleting_;
 };
 
 // Makes a Closure on the heap; the caller gets ownership as described above.
