@@ -104,13 +104,19 @@ struct Server {
   }
   uint16_t port() const { return server->localAddress().port(); }
   std::string target() const { return "127.0.0.1:" + std::to_string(port()); }
+  // Ends every connection at once, as a crash would, and stops listening.
+  void kill() {
+    server->drain(Duration());
+    server.reset();
+    waitForDeferredWork();
+  }
 
   std::shared_ptr<TestServiceImpl> service;
   std::shared_ptr<HttpServer> server;
 };
 
 // A port on loopback where nothing listens.
-[[maybe_unused]] uint16_t closedPort() {
+uint16_t closedPort() {
   Server gone;
   const uint16_t port = gone.port();
   gone.server.reset();
@@ -120,7 +126,7 @@ struct Server {
 
 Time in(Duration duration) { return Time::now() + duration; }
 
-[[maybe_unused]] RPCChannelOptions resilientFor(Duration default_timeout) {
+RPCChannelOptions resilientFor(Duration default_timeout) {
   RPCChannelOptions options = RPCChannelOptions::resilient();
   options.default_timeout = default_timeout;
   return options;
@@ -202,6 +208,265 @@ TEST(ResilientChannelTest, DeadlineTravelsWithTheCallAndEndsItWithNobodyWaiting)
                       &budget));
   EXPECT_GT(budget, 0u);
   EXPECT_LE(budget, 300u);
+}
+
+TEST(ResilientChannelTest, EachWayACallFailsHasItsOwnText) {
+  const uint16_t closed = closedPort();
+  const std::string nowhere = "127.0.0.1:" + std::to_string(closed);
+  using Results = std::map<std::string, std::string>;
+  {
+    SCOPED_TRACE("no server before the deadline; past max_pending");
+    RPCChannelOptions options = resilientFor(Duration::milliseconds(200));
+    options.max_pending = 1;
+    RPCChannelPtr channel = RPCChannel::create(nowhere, options);
+    ASSERT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "", "waits");
+    outcomes.start(channel.get(), "Echo", "", "refused");
+    EXPECT_EQ((Results{{"refused", "failed: Too many pending calls."}}), outcomes.waitFor(1));
+    EXPECT_EQ("failed: No server reachable before the deadline.", outcomes.waitFor(2)["waits"]);
+  }
+  Server up;
+  ASSERT_TRUE(up.server);
+  RPCChannelPtr channel = RPCChannel::create(up.target(), resilientFor(Duration()));
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Hold", "", "deadline", in(Duration::milliseconds(200)));
+  EXPECT_EQ("failed: Deadline exceeded.", outcomes.waitFor(1)["deadline"]);
+  // Written, then the server goes away: the untimed wait ends.
+  Outcomes::Call* lost = outcomes.start(channel.get(), "Hold", "", "lost");
+  ASSERT_TRUE(up.service->waitHeld(2));
+  up.kill();
+  lost->rpc.wait();
+  EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, outcomes.waitFor(2)["lost"]);
+  // Waiting for a server when the channel goes.
+  outcomes.start(channel.get(), "Echo", "", "destroyed");
+  channel.reset();
+  waitForTeardown();
+  EXPECT_EQ("failed: Canceled", outcomes.waitFor(3)["destroyed"]);
+}
+
+TEST(ResilientChannelTest, CallsWaitForAServerAndTheChannelOutlivesItsRestarts) {
+  const uint16_t port = closedPort();
+  RPCChannelPtr channel =
+      RPCChannel::create("127.0.0.1:" + std::to_string(port), resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Echo", "before", "before");
+  size_t completed = 0;
+  for (int restart = 0; restart < 2; ++restart) {
+    SCOPED_TRACE(restart);
+    Server server(port);
+    ASSERT_TRUE(server.server);
+    // Calls made while it was away go out once it is back, and so do new ones.
+    const std::string tag = "during " + std::to_string(restart);
+    outcomes.start(channel.get(), "Echo", tag, tag);
+    completed += restart == 0 ? 2 : 1;
+    EXPECT_EQ("ok: " + tag, outcomes.waitFor(completed)[tag]);
+    // A call held when the server goes tells when the channel has seen it go.
+    const std::string held = "held " + std::to_string(restart);
+    outcomes.start(channel.get(), "Hold", "", held);
+    ASSERT_TRUE(server.service->waitHeld(1));
+    server.kill();
+    EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, outcomes.waitFor(++completed)[held]);
+  }
+  EXPECT_EQ("ok: before", outcomes.waitFor(completed)["before"]);
+}
+
+TEST(ResilientChannelTest, CallsGoToTheServerWithTheFewestOutstanding) {
+  std::vector<std::unique_ptr<Server>> servers;
+  std::string target;
+  for (int i = 0; i < 3; ++i) {
+    servers.push_back(std::make_unique<Server>());
+    ASSERT_TRUE(servers.back()->server);
+    target += (i ? "," : "") + servers.back()->target();
+  }
+  RPCChannelPtr channel = RPCChannel::create(target, resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  // Until every connection is up: equally idle servers are taken in turn.
+  Outcomes warm_up;
+  auto everyoneCalled = [&] {
+    for (auto& server : servers) {
+      if (server->service->calls.load() == 0) return false;
+    }
+    return true;
+  };
+  for (size_t i = 0; i < 1000 && !everyoneCalled(); ++i) {
+    warm_up.start(channel.get(), "Echo", "", std::to_string(i));
+    warm_up.waitFor(i + 1);
+  }
+  ASSERT_TRUE(everyoneCalled());
+  // Held calls stay outstanding: nine of them spread three by three.
+  Outcomes held;
+  for (int i = 0; i < 9; ++i) held.start(channel.get(), "Hold", "", std::to_string(i));
+  for (auto& server : servers) EXPECT_TRUE(server->service->waitHeld(3));
+  for (auto& server : servers) {
+    for (int i = 0; i < 3; ++i) server->service->release();
+  }
+  EXPECT_EQ(9u, held.waitFor(9).size());
+  for (auto& server : servers) EXPECT_FALSE(server->service->release()) << "a fourth call";
+}
+
+TEST(ResilientChannelTest, CallsOnADeadChannelDoNotPileUp) {
+  RPCChannelOptions options = resilientFor(Duration::seconds(30));
+  options.max_pending = 1000;
+  RPCChannelPtr channel =
+      RPCChannel::create("127.0.0.1:" + std::to_string(closedPort()), options);
+  ASSERT_TRUE(channel);
+  Text request, response;
+  // Controllers of calls refused at once are used again.
+  std::vector<std::unique_ptr<RPC>> waiting;
+  auto spare = std::make_unique<RPC>();
+  int refused = 0;
+  for (int i = 0; i < 200000; ++i) {
+    spare->Reset();
+    channel->CallMethod(method("Echo"), spare.get(), &request, &response, nullptr);
+    // Refused calls complete inside CallMethod; the others wait.
+    if (spare->Failed()) {
+      ASSERT_EQ(RPCChannel::kErrorTooManyPending, spare->ErrorText());
+      ++refused;
+    } else {
+      waiting.push_back(std::move(spare));
+      spare = std::make_unique<RPC>();
+    }
+  }
+  EXPECT_EQ(1000u, waiting.size());
+  EXPECT_EQ(199000, refused);
+  channel.reset();
+  waitForTeardown();
+  for (auto& rpc : waiting) EXPECT_EQ("Canceled", rpc->ErrorText());
+}
+
+TEST(ResilientChannelTest, AServerThatBreaksOffFailsTheCallsWrittenToIt) {
+  const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: 1\r\n\r\n";
+  struct Case {
+    const char* name;
+    std::string second_answer;  // sent once both calls were written
+    bool close;
+    const char* first;
+  } cases[] = {
+      {"garbage after an answer", answer + "garbage\r\n\r\n", false, "ok: "},
+      {"half an answer, then the end", answer.substr(0, 30), true,
+       "failed: Connection lost after the call was sent; the server may have run it."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedServer server({"", c.second_answer}, c.close);
+    RPCChannelOptions options = resilientFor(Duration::seconds(30));
+    RPCChannelPtr channel =
+        RPCChannel::create("127.0.0.1:" + std::to_string(server.port()), options);
+    ASSERT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "", "1");
+    outcomes.start(channel.get(), "Echo", "", "2");
+    const auto results = outcomes.waitFor(2);
+    EXPECT_EQ(c.first, results.at("1"));
+    EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, results.at("2"));
+    channel.reset();
+    waitForTeardown();
+  }
+}
+
+TEST(ResilientChannelTest, ConnectingNeverBlocksTheCaller) {
+  // A server whose accept queue is full never answers a connect: creating
+  // the channel returns at once, and the call ends at its deadline.
+  int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+  ASSERT_EQ(0, listen(listener, 0));
+  socklen_t length = sizeof(address);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  const uint16_t port = ntohs(address.sin_port);
+  vantu::testing::LoopbackClient filler(port);
+  RPCChannelOptions options = resilientFor(Duration::milliseconds(300));
+  options.connect_timeout = Duration::milliseconds(100);
+  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + std::to_string(port), options);
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Echo", "", "1");
+  EXPECT_EQ("failed: " + RPCChannel::kErrorUnreachable, outcomes.waitFor(1)["1"]);
+  channel.reset();
+  waitForTeardown();
+  close(listener);
+}
+
+TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
+  Server first, second;
+  ASSERT_TRUE(first.server && second.server);
+  std::mutex mutex;
+  std::vector<uint16_t> answer = {first.port()};
+  RPCChannelOptions options = resilientFor(Duration::seconds(30));
+  options.resolve_interval = Duration::milliseconds(20);
+  options.resolver = [&](const std::string& host, uint16_t port, std::string*) {
+    EXPECT_EQ("service.test", host);
+    EXPECT_EQ(1, port);
+    EXPECT_FALSE(isEventThread());
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<SocketAddress> addresses;
+    for (uint16_t p : answer) addresses.push_back(SocketAddress("127.0.0.1", p));
+    return addresses;
+  };
+  RPCChannelPtr channel = RPCChannel::create("dns:///service.test:1", options);
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  int issued = 0;
+  // Calls until the server the answer names takes one (bounded).
+  auto callUntil = [&](Server& server) {
+    for (int i = 0; i < 2000 && server.service->calls.load() == 0; ++i) {
+      outcomes.start(channel.get(), "Echo", "", std::to_string(issued++));
+      outcomes.waitFor(issued);
+    }
+    return server.service->calls.load() > 0;
+  };
+  ASSERT_TRUE(callUntil(first));
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    answer = {second.port()};
+  }
+  ASSERT_TRUE(callUntil(second));
+  // The server that left the answer gets nothing more.
+  const int before = first.service->calls.load();
+  for (int i = 0; i < 20; ++i) {
+    outcomes.start(channel.get(), "Echo", "", std::to_string(issued++));
+  }
+  outcomes.waitFor(issued);
+  EXPECT_EQ(before, first.service->calls.load());
+  for (const auto& entry : outcomes.waitFor(issued)) EXPECT_EQ("ok: ", entry.second);
+  channel.reset();
+  waitForTeardown();
+}
+
+TEST(ResilientChannelTest, CallsAndCancelsFromManyThreads) {
+  Server up;
+  ASSERT_TRUE(up.server);
+  RPCChannelPtr channel = RPCChannel::create(up.target(), resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  constexpr int kThreads = 4, kCallsPerThread = 100;
+  std::atomic<int> good{0};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kThreads; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        RPC rpc;
+        Text request, response;
+        request.set_text(std::to_string(t) + "/" + std::to_string(i));
+        channel->CallMethod(method(i % 2 ? "Echo" : "Hold"), &rpc, &request, &response, nullptr);
+        if (i % 2 == 0) {
+          // Nobody completes held calls: cancel them from here.
+          EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
+          EXPECT_EQ("Canceled", rpc.ErrorText());
+        } else if (rpc.wait(), !rpc.Failed() && response.text() == request.text()) {
+          ++good;
+        }
+      }
+    });
+  }
+  for (auto& thread : callers) thread.join();
+  EXPECT_EQ(kThreads * kCallsPerThread / 2, good.load());
+  channel.reset();
+  waitForTeardown();
 }
 
 }  // namespace
