@@ -98,6 +98,7 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
   const bool strict = strict_parser_ != nullptr;
   if (strict) response->setHeader("Date", httpDate());
+  if (drain_.active()) DrainGoodbye::markClosing(response);
   // Each thread renders its answers' heads into one buffer, kept.
   VANTU_FAST_THREAD_LOCAL std::string header;
   response->outputHeader(&header);
@@ -135,7 +136,14 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     if (last_ends_connection && i + 1 == requests.size()) {
       response->setHeader("Connection", "close");
     }
-    impl->callRequestHandler(requests[i], response, weak_this_);
+    if (drain_.active()) {
+      // Answered, not run: the client may take it elsewhere.
+      drain_.heard(Time::now());
+      DrainGoodbye::refuse(*requests[i], response.get());
+      sendAnswer(response.get(), requests[i]->method == kHttpHead);
+    } else {
+      impl->callRequestHandler(requests[i], response, weak_this_);
+    }
     large = large || isLarge(*requests[i]);
   }
   requests.clear();
@@ -156,6 +164,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     if (HttpServerObserver* observer = impl->observer()) observer->bytesSent(sizeof(kContinue) - 1);
   }
   updateDeadline();
+  closeIfDrained(Time::now());
 }
 
 void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, bool by_limit) {
@@ -186,10 +195,12 @@ void HttpConnectionHandler::answerSettled() {
     shutdown();
   } else {
     updateDeadline();
+    closeIfDrained(Time::now());
   }
 }
 
 void HttpConnectionHandler::checkDeadline(Time now) {
+  closeIfDrained(now);
   if (deadline_kind_ == Deadline::kNone || now < deadline_) return;
   const Deadline kind = deadline_kind_;
   deadline_kind_ = Deadline::kNone;
@@ -201,7 +212,22 @@ void HttpConnectionHandler::checkDeadline(Time now) {
   refuse(HttpResponse::kRequestTimeout, true, true);
 }
 
-void HttpConnectionHandler::beginDrain() { closeAfterAnswers(); }
+void HttpConnectionHandler::beginDrain() {
+  const Time now = Time::now();
+  drain_.begin(now);
+  closeIfDrained(now);
+}
+
+void HttpConnectionHandler::closeIfDrained(Time now) {
+  if (!drain_.active() || closing_ || answers_owed_ > 0) return;
+  const bool reading = strict_parser_
+                           ? strict_parser_->headInProgress() || strict_parser_->bodyInProgress()
+                           : parser_.headInProgress() || parser_.bodyInProgress();
+  if (reading || !(input_ended_ || drain_.quiet(now))) return;
+  closing_ = true;
+  deadline_kind_ = Deadline::kNone;
+  shutdown();
+}
 
 void HttpConnectionHandler::updateDeadline() {
   const HttpServerOptions& options = impl_->options();
@@ -231,6 +257,8 @@ void HttpConnectionHandler::updateDeadline() {
 }
 
 void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
+  // The caller will not read what its calls would answer.
+  if (CallCanceller* canceller = impl_->canceller()) canceller->connectionEnded(this);
   if (data->empty()) return;
   static const char kUnexpectedEof[] = "Unexpected EOF!";
   send(kUnexpectedEof, sizeof(kUnexpectedEof) - 1);
@@ -251,6 +279,10 @@ void HttpConnectionHandler::notifyOutputShutdown() { source_.close(); }
 
 void HttpConnectionHandler::notifyClosed() {
   deadline_kind_ = Deadline::kNone;
+  // Once, from the socket; a destructor running elsewhere has nothing to add.
+  if (CallCanceller* canceller = impl_->canceller(); canceller && isEventThread()) {
+    canceller->connectionEnded(this);
+  }
   if (!registered_) return;
   registered_ = false;
   impl_->connections().remove(this);

@@ -133,6 +133,11 @@ HttpServerImpl::RPCInfo* RecordCache::take(google::protobuf::Service* service,
 void RecordCache::give(HttpServerImpl::RPCInfo* record) {
   --g_live_rpc_records;
   std::unique_ptr<HttpServerImpl::RPCInfo> owned(record);
+  // Before its controller is reused or freed.
+  if (record->ticket) {
+    record->ticket->finish();
+    record->ticket.reset();
+  }
   // The connection was owed this call's answer: settled on the event thread,
   // after the answer's bytes, which from another thread are handed over
   // through the event thread's queue that this follows.
@@ -256,6 +261,7 @@ void HttpServerImpl::configure(const HttpServerOptions& options) {
     if (period > Duration::seconds(1)) period = Duration::seconds(1);
   }
   connections_.reset(new ConnectionRegistry(period));
+  if (options.cancel_abandoned_calls) canceller_ = std::make_shared<CallCanceller>();
 }
 
 HttpServerImpl::~HttpServerImpl() { type_resolver_.reset(); }
@@ -387,6 +393,8 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   info->connection = connection;
   info->method = method;
   info->started = started;
+  const std::string& timeout = header(RPCChannel::kHeaderTimeout);
+  if (!timeout.empty()) info->controller->setDeadline(deadlineFromTimeout(timeout, Time::now()));
   if (observer != nullptr) {
     info->observed = true;
     observer->rpcStarted(service_name, method_name);
@@ -399,6 +407,10 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
     handler->oweAnswer();
     info->owes_answer = true;
+    if (canceller_) {
+      info->ticket =
+          canceller_->watch(info->controller.get(), info->controller->deadline(), handler.get());
+    }
   }
   RPCInfo* record = info.release();
   google::protobuf::Closure* done =

@@ -16,10 +16,12 @@
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
 #include "relay/connection_registry.h"
+#include "relay/drain_goodbye.h"
 #include "relay/http_message.h"
 #include "relay/http_request_parser.h"
 #include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
+#include "relay/rpc_deadline.h"
 #include "relay/strict_framing.h"
 
 namespace google {
@@ -83,6 +85,9 @@ class HttpServerImpl {
     bool reusable = false;
     const google::protobuf::Message* request_prototype = nullptr;
     const google::protobuf::Message* response_prototype = nullptr;
+    // Set while the server may cancel the call for its caller (see
+    // HttpServerOptions::cancel_abandoned_calls).
+    std::shared_ptr<CallTicket> ticket;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread
@@ -132,6 +137,8 @@ class HttpServerImpl {
   const HttpServerOptions& options() const { return options_; }
   // The open connections. Event thread, except where it says otherwise.
   ConnectionRegistry& connections() { return *connections_; }
+  // Null unless the options cancel abandoned calls. Event thread.
+  CallCanceller* canceller() const { return canceller_.get(); }
 
  private:
   // Constant after create().
@@ -153,6 +160,7 @@ class HttpServerImpl {
   // Constant once the server listens.
   HttpServerOptions options_;
   std::unique_ptr<ConnectionRegistry> connections_;
+  std::shared_ptr<CallCanceller> canceller_;
 };
 
 // The embedded HTTP server: listens on one address and serves every accepted
@@ -262,6 +270,8 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void closeAfterAnswers();
   // Sets the deadline for what the connection now waits for.
   void updateDeadline();
+  // While draining: closes once nothing is owed and the client is done.
+  void closeIfDrained(Time now);
 
   HttpRequestParser parser_;
   std::shared_ptr<HttpServerImpl> impl_;
@@ -270,6 +280,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
 
   // Constant after construction: null unless the server reads strictly.
   const std::unique_ptr<StrictRequestParser> strict_parser_;
+
+  // Begun on the event thread; read from any thread that answers.
+  DrainGoodbye drain_;
 
   // Event thread only.
   std::vector<HttpRequestPtr> requests_;  // the chunk at hand's, while it is handled

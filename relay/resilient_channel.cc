@@ -28,7 +28,9 @@ using DeadlineEntry = std::pair<Time, uint32_t>;
 
 // Orders the deadline heap so that its top is the earliest.
 struct Later {
-  bool operator()(const DeadlineEntry& a, const DeadlineEntry& b) const { return a.first > b.first; }
+  bool operator()(const DeadlineEntry& a, const DeadlineEntry& b) const {
+    return a.first > b.first;
+  }
 };
 
 }  // namespace
@@ -99,10 +101,10 @@ void ResilientChannel::callMethod(const google::protobuf::MethodDescriptor* meth
   // first (NotifyOnCancel then runs it at once) finds the call and completes
   // it. Self-deleting: run once and freed by itself, or discarded unrun (and
   // freed) by the controller when the call completes.
-  controller->NotifyOnCancel(newClosure(
-      makeWeakFunction(std::weak_ptr<Calls>(calls_), std::bind(&Calls::onCancel, calls_.get(),
-                                                               call.id)),
-      true));
+  controller->NotifyOnCancel(
+      newClosure(makeWeakFunction(std::weak_ptr<Calls>(calls_),
+                                  std::bind(&Calls::onCancel, calls_.get(), call.id)),
+                 true));
   MutexLock lock(calls_->mutex);
   auto it = calls_->pending.find(call.id);
   if (it == calls_->pending.end()) return;  // canceled already
@@ -233,8 +235,8 @@ void ResilientChannel::expire() {
         call.connection->outstanding.fetch_sub(1, std::memory_order_relaxed);
         touched.push_back(call.connection);
       }
-      expired.emplace_back(call, written ? &RPCChannel::kErrorDeadlineExceeded
-                                         : &RPCChannel::kErrorUnreachable);
+      expired.emplace_back(
+          call, written ? &RPCChannel::kErrorDeadlineExceeded : &RPCChannel::kErrorUnreachable);
       calls_->pending.erase(it);
     }
     armDeadlineTimer();

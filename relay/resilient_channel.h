@@ -39,7 +39,7 @@ class RPC;
 // call refused at once, on the cancelling thread for a cancel), never with
 // the channel's mutex held.
 class ResilientChannel final : public RPCEndpoints::Listener,
-                         public std::enable_shared_from_this<ResilientChannel> {
+                               public std::enable_shared_from_this<ResilientChannel> {
  public:
   static std::shared_ptr<ResilientChannel> create(const RPCTarget& target,
                                                   const RPCChannelOptions& options);
@@ -64,13 +64,13 @@ class ResilientChannel final : public RPCEndpoints::Listener,
   struct Call {
     uint32_t id = 0;
     const google::protobuf::MethodDescriptor* method = nullptr;
-    RPC* controller = nullptr;                        // not owned
+    RPC* controller = nullptr;                           // not owned
     const google::protobuf::Message* request = nullptr;  // not owned
-    google::protobuf::Message* response = nullptr;    // not owned
-    google::protobuf::Closure* done = nullptr;        // not owned; may be null
-    Time deadline;                                    // zero: none
-    RPCConnection* connection = nullptr;  // written on it, not answered yet
-    bool waiting = false;                 // in the queue for a connection
+    google::protobuf::Message* response = nullptr;       // not owned
+    google::protobuf::Closure* done = nullptr;           // not owned; may be null
+    Time deadline;                                       // zero: none
+    RPCConnection* connection = nullptr;                 // written on it, not answered yet
+    bool waiting = false;                                // in the queue for a connection
     bool orphaned = false;  // written on a connection lost without reconnect
   };
 

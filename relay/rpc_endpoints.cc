@@ -1,9 +1,9 @@
 #include "relay/rpc_endpoints.h"
 
 #include <netdb.h>
+#include <strings.h>
 
 #include <algorithm>
-#include <strings.h>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -277,8 +277,9 @@ void RPCEndpoints::setAddresses(const std::vector<SocketAddress>& addresses, boo
     }
   }
   for (const SocketAddress& address : wanted) {
-    const bool known = std::any_of(endpoints_.begin(), endpoints_.end(),
-                                   [&](const auto& endpoint) { return endpoint->address == address; });
+    const bool known = std::any_of(endpoints_.begin(), endpoints_.end(), [&](const auto& endpoint) {
+      return endpoint->address == address;
+    });
     if (known) continue;
     endpoints_.push_back(std::make_unique<Endpoint>());
     endpoints_.back()->address = address;
@@ -294,7 +295,8 @@ void RPCEndpoints::connectEndpoint(Endpoint* endpoint) {
   if (connection->connect(options_.connect_timeout, options_.reconnect)) return;
   endpoint->connection.reset();
   ++endpoint->failures;
-  if (options_.reconnect) scheduleConnect(endpoint, backoff_.delay(endpoint->failures, randomUnit()));
+  if (options_.reconnect)
+    scheduleConnect(endpoint, backoff_.delay(endpoint->failures, randomUnit()));
 }
 
 void RPCEndpoints::scheduleConnect(Endpoint* endpoint, Duration delay) {
@@ -332,9 +334,8 @@ RPCConnection* RPCEndpoints::pick() {
     const size_t i = (next_pick_ + k) % count;
     RPCConnection* connection = endpoints_[i]->connection.get();
     if (connection == nullptr || !connection->ready()) continue;
-    if (best == nullptr ||
-        connection->outstanding.load(std::memory_order_relaxed) <
-            best->outstanding.load(std::memory_order_relaxed)) {
+    if (best == nullptr || connection->outstanding.load(std::memory_order_relaxed) <
+                               best->outstanding.load(std::memory_order_relaxed)) {
       best = connection;
       best_index = i;
     }

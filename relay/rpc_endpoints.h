@@ -128,8 +128,7 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
   // Starts resolving and connecting (on the event thread, later). `listener`
   // must stay valid until stop().
   static std::shared_ptr<RPCEndpoints> create(const RPCTarget& target,
-                                              const RPCChannelOptions& options,
-                                              Listener* listener);
+                                              const RPCChannelOptions& options, Listener* listener);
   ~RPCEndpoints();
   RPCEndpoints(const RPCEndpoints&) = delete;
   RPCEndpoints& operator=(const RPCEndpoints&) = delete;

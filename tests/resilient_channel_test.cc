@@ -146,15 +146,16 @@ TEST(ResilientChannelTest, DefaultOptionsBehaveAsTheSpecifiedChannel) {
     // Answers: the second call first, then the first; a failure; a body that
     // does not parse; then the server ends its output with a call unanswered.
     ScriptedServer server(
-        {"", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: 2\r\n\r\n"
-             "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 0\r\nRpc-Id: 1\r\n\r\n",
+        {"",
+         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: 2\r\n\r\n"
+         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 0\r\nRpc-Id: 1\r\n\r\n",
          "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 1\r\nRpc-Error: no\r\n"
          "Rpc-Id: {id}\r\n\r\n",
          "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nRpc-Id: {id}\r\n\r\n\xff\xff", ""},
         true);
     const SocketAddress address("127.0.0.1", server.port());
-    RPCChannelPtr channel =
-        with_options ? RPCChannel::create(address, RPCChannelOptions()) : RPCChannel::create(address);
+    RPCChannelPtr channel = with_options ? RPCChannel::create(address, RPCChannelOptions())
+                                         : RPCChannel::create(address);
     EXPECT_TRUE(channel);
     Outcomes outcomes;
     outcomes.start(channel.get(), "Echo", "a", "1");
@@ -204,8 +205,8 @@ TEST(ResilientChannelTest, DeadlineTravelsWithTheCallAndEndsItWithNobodyWaiting)
   unsigned budget = 0;
   const size_t at = server.bytes.find("Rpc-Method: Hold\r\nRpc-Timeout: ");
   ASSERT_NE(std::string::npos, at) << server.bytes;
-  ASSERT_EQ(1, sscanf(server.bytes.c_str() + at, "Rpc-Method: Hold\r\nRpc-Timeout: %u\r\n\r\n",
-                      &budget));
+  ASSERT_EQ(
+      1, sscanf(server.bytes.c_str() + at, "Rpc-Method: Hold\r\nRpc-Timeout: %u\r\n\r\n", &budget));
   EXPECT_GT(budget, 0u);
   EXPECT_LE(budget, 300u);
 }
@@ -310,8 +311,7 @@ TEST(ResilientChannelTest, CallsGoToTheServerWithTheFewestOutstanding) {
 TEST(ResilientChannelTest, CallsOnADeadChannelDoNotPileUp) {
   RPCChannelOptions options = resilientFor(Duration::seconds(30));
   options.max_pending = 1000;
-  RPCChannelPtr channel =
-      RPCChannel::create("127.0.0.1:" + std::to_string(closedPort()), options);
+  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + std::to_string(closedPort()), options);
   ASSERT_TRUE(channel);
   Text request, response;
   // Controllers of calls refused at once are used again.
