@@ -129,7 +129,7 @@ void ResilientChannel::requestFlush() {
 }
 
 void ResilientChannel::flush() {
-  std::vector<Call> expired;
+  std::vector<Call> unreachable;
   {
     MutexLock lock(calls_->mutex);
     calls_->flush_queued = false;
@@ -141,21 +141,24 @@ void ResilientChannel::flush() {
         continue;
       }
       Call& call = it->second;
-      if (call.deadline != Time() && call.deadline <= now) {
-        // Its deadline came before a server did.
-        expired.push_back(call);
+      const bool late = call.deadline != Time() && call.deadline <= now;
+      RPCConnection* connection = late ? nullptr : endpoints_->pick();
+      if (connection == nullptr && !late && !(options_.fail_fast && endpoints_->unreachable())) {
+        break;  // waits for a connection
+      }
+      calls_->unwritten.pop_front();
+      if (connection == nullptr) {
+        // Its deadline came before a server did, or no server can be reached
+        // and the caller asked to hear so at once.
+        unreachable.push_back(call);
         calls_->pending.erase(it);
-        calls_->unwritten.pop_front();
         continue;
       }
-      RPCConnection* connection = endpoints_->pick();
-      if (connection == nullptr) break;
-      calls_->unwritten.pop_front();
       write(&call, connection);
     }
     armDeadlineTimer();
   }
-  for (const Call& call : expired) complete(call, nullptr, RPCChannel::kErrorUnreachable);
+  for (const Call& call : unreachable) complete(call, nullptr, RPCChannel::kErrorUnreachable);
 }
 
 void ResilientChannel::write(Call* call, RPCConnection* connection) {
@@ -313,6 +316,8 @@ void ResilientChannel::connectionLost(RPCConnection* connection) {
   // Calls waiting for a connection may find another one.
   flush();
 }
+
+void ResilientChannel::resolveFailed() { flush(); }
 
 void ResilientChannel::Calls::onCancel(uint32_t id) {
   Call call;

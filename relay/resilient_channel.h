@@ -58,6 +58,7 @@ class ResilientChannel final : public RPCEndpoints::Listener,
   void answersArrived(RPCConnection* connection,
                       const std::vector<HttpResponsePtr>& answers) override;
   void connectionLost(RPCConnection* connection) override;
+  void resolveFailed() override;
 
  private:
   // One call from CallMethod to its completion.

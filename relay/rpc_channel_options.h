@@ -63,6 +63,11 @@ struct RPCChannelOptions {
   // had carried answers is made again at once. Used only with reconnect.
   Duration reconnect_backoff = Duration::milliseconds(100);
   Duration reconnect_backoff_max = Duration::seconds(2);
+  // A call fails at once with RPCChannel::kErrorUnreachable, instead of
+  // waiting for a server until its deadline, when no server is reachable:
+  // every one's latest attempt to connect failed (or the names had no
+  // answer). For one-shot tools that would rather say so than wait.
+  bool fail_fast = false;
   // How names are looked up. Empty: the system resolver (getaddrinfo).
   Resolver resolver;
 

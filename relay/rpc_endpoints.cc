@@ -239,6 +239,8 @@ void RPCEndpoints::resolved(const std::vector<SocketAddress>& addresses, bool co
   Duration next;
   if (!complete || addresses.empty()) {
     ++resolve_failures_;
+    if (addresses.empty()) listener_->resolveFailed();
+    if (listener_ == nullptr) return;
     if (options_.reconnect) next = backoff_.delay(resolve_failures_, randomUnit());
   } else {
     resolve_failures_ = 0;
@@ -350,6 +352,14 @@ std::vector<SocketAddress> RPCEndpoints::addresses() const {
     addresses.push_back(endpoint->address);
   }
   return addresses;
+}
+
+bool RPCEndpoints::unreachable() const {
+  if (endpoints_.empty()) return resolve_failures_ > 0;
+  for (const std::unique_ptr<Endpoint>& endpoint : endpoints_) {
+    if (endpoint->connection || endpoint->failures == 0) return false;
+  }
+  return true;
 }
 
 void RPCEndpoints::connectionUp(RPCConnection* connection) {

@@ -120,6 +120,8 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
                                 const std::vector<HttpResponsePtr>& answers) = 0;
     // Nothing more will be read from or written to `connection`.
     virtual void connectionLost(RPCConnection* connection) = 0;
+    // The target's names had no answer.
+    virtual void resolveFailed() = 0;
 
    protected:
     ~Listener() = default;
@@ -142,6 +144,9 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
 
   // The addresses of the servers known now, in the order they were learnt.
   std::vector<SocketAddress> addresses() const;
+  // No server can be reached now: none is connected or connecting, and the
+  // latest attempt to reach each one failed (or the names had no answer).
+  bool unreachable() const;
 
  private:
   friend class RPCConnection;
