@@ -22,8 +22,8 @@ namespace vantu {
 namespace testing {
 
 // `Request` and `Reply` are the method's messages, whose `text` the server
-// echoes. Owned by the test; done closures run on the event thread. Any
-// thread may read the counts.
+// echoes. Owned by the test (or benchmark); done closures run on the event
+// thread. Any thread may read the counts.
 template <typename Request, typename Reply>
 class CallLoad {
  public:
@@ -66,6 +66,17 @@ class CallLoad {
     std::lock_guard<std::mutex> lock(mutex_);
     return failures_;
   }
+  // From now on, keeps how long each call that succeeds took, in
+  // microseconds from its issue; takes what was kept.
+  void keepLatencies() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    keep_latencies_ = true;
+  }
+  std::vector<double> takeLatencies() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    keep_latencies_ = false;
+    return std::move(latencies_us_);
+  }
 
  private:
   struct Slot : google::protobuf::Closure {
@@ -77,12 +88,14 @@ class CallLoad {
     Request request;
     Reply reply;
     uint64_t sequence = 0;
+    std::chrono::steady_clock::time_point issued;
   };
 
   void issue(Slot* slot) {
     slot->rpc.Reset();
     slot->reply.Clear();
     slot->request.set_text(std::to_string(slot->index) + "/" + std::to_string(++slot->sequence));
+    slot->issued = std::chrono::steady_clock::now();
     channel_->CallMethod(method_, &slot->rpc, &slot->request, &slot->reply, slot);
   }
 
@@ -96,6 +109,11 @@ class CallLoad {
         ++failures_["wrong reply: " + slot->reply.text()];
       } else {
         ++ok_;
+        if (keep_latencies_) {
+          latencies_us_.push_back(std::chrono::duration<double, std::micro>(
+                                      std::chrono::steady_clock::now() - slot->issued)
+                                      .count());
+        }
       }
       again = running_;
       if (!again) --outstanding_;
@@ -114,6 +132,8 @@ class CallLoad {
   int outstanding_ = 0;
   uint64_t ok_ = 0;
   std::map<std::string, uint64_t> failures_;
+  bool keep_latencies_ = false;
+  std::vector<double> latencies_us_;
 };
 
 }  // namespace testing

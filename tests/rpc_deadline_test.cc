@@ -57,11 +57,8 @@ class CancellableService : public relaytest::TestService {
   void Hold(google::protobuf::RpcController* controller, const Text*, Text*,
             google::protobuf::Closure* done) override {
     note(controller);
-    {
-      MutexLock lock(mutex_);
-      held_.push_back({controller, done});
-      changed_.notifyAll();
-    }
+    // Registered before the call is published: once it is, the test may
+    // complete it (and its controller go) at any moment.
     controller->NotifyOnCancel(newClosure(
         [this, controller] {
           EXPECT_TRUE(isEventThread());
@@ -69,6 +66,9 @@ class CancellableService : public relaytest::TestService {
           finish(controller, true);
         },
         true));
+    MutexLock lock(mutex_);
+    held_.push_back({controller, done});
+    changed_.notifyAll();
   }
   // Completes every held call not cancelled.
   void releaseAll() {
@@ -166,11 +166,12 @@ TEST(RpcDeadlineTest, TheServerSeesTheDeadlineTheCallerSent) {
       RPCChannel::create(SocketAddress("127.0.0.1", server.port()), RPCChannelOptions::resilient());
   ASSERT_TRUE(channel);
   Text request, response;
-  RPC with, without;
+  RPC with;
   const Time before = Time::now();
   with.setDeadline(before + Duration::seconds(5));
   channel->CallMethod(method("Echo"), &with, &request, &response, nullptr);
   with.wait();
+  const Time after = Time::now();
   EXPECT_FALSE(with.Failed()) << with.ErrorText();
   // A raw call without the header: no deadline.
   LoopbackClient client(server.port());
@@ -179,10 +180,11 @@ TEST(RpcDeadlineTest, TheServerSeesTheDeadlineTheCallerSent) {
   EXPECT_NE("", client.readToEnd());
   const std::vector<Time> deadlines = server.service->deadlines();
   ASSERT_EQ(2u, deadlines.size());
-  // Sent as the time left, read against the server's clock: no later than the
-  // caller's deadline (the milliseconds are rounded up), and after the start.
-  EXPECT_GT(deadlines[0], before);
-  EXPECT_LE(deadlines[0], before + Duration::seconds(5) + Duration::milliseconds(1));
+  // Sent as the time left when written, rounded up to a millisecond, and
+  // counted from when it arrived: no earlier than the caller's deadline, and
+  // later by no more than the trip and the rounding.
+  EXPECT_GE(deadlines[0], before + Duration::seconds(5));
+  EXPECT_LE(deadlines[0], after + Duration::seconds(5) + Duration::milliseconds(1));
   EXPECT_EQ(Time(), deadlines[1]);
   channel.reset();
   waitForDeferredWork();
