@@ -40,6 +40,8 @@ std::shared_ptr<ResilientChannel> ResilientChannel::create(const RPCTarget& targ
   std::shared_ptr<ResilientChannel> channel(new ResilientChannel(options),
                                             LibEventThreadDeferredDeleter<ResilientChannel>());
   channel->endpoints_ = RPCEndpoints::create(target, options, channel.get());
+  std::weak_ptr<ResilientChannel> weak = channel;
+  channel->expire_ = makeWeakFunction(weak, std::bind(&ResilientChannel::expire, channel.get()));
   return channel;
 }
 
@@ -49,7 +51,6 @@ ResilientChannel::ResilientChannel(const RPCChannelOptions& options)
 ResilientChannel::~ResilientChannel() {
   // Nothing more is heard from the connections; they end at once.
   endpoints_->stop();
-  deadline_timer_.cancel();
   std::vector<Call> pending;
   {
     MutexLock lock(calls_->mutex);
@@ -110,10 +111,7 @@ void ResilientChannel::callMethod(const google::protobuf::MethodDescriptor* meth
   if (it == calls_->pending.end()) return;  // canceled already
   it->second.waiting = true;
   calls_->unwritten.push_back(call.id);
-  if (call.deadline != Time()) {
-    calls_->deadlines.emplace_back(call.deadline, call.id);
-    std::push_heap(calls_->deadlines.begin(), calls_->deadlines.end(), Later());
-  }
+  if (call.deadline != Time()) calls_->deadlines.push(call.deadline, call.id);
   requestFlush();
 }
 
@@ -183,52 +181,28 @@ void ResilientChannel::write(Call* call, RPCConnection* connection) {
   if (body.capacity() > (1 << 20)) std::string().swap(body);
 }
 
-bool ResilientChannel::isStale(const std::pair<Time, uint32_t>& entry) const {
-  auto it = calls_->pending.find(entry.second);
-  return it == calls_->pending.end() || it->second.deadline != entry.first;
+bool ResilientChannel::isStale(const std::unordered_map<uint32_t, Call>& pending,
+                               const std::pair<Time, uint32_t>& entry) {
+  auto it = pending.find(entry.second);
+  return it == pending.end() || it->second.deadline != entry.first;
 }
 
 void ResilientChannel::armDeadlineTimer() {
-  std::vector<DeadlineEntry>& heap = calls_->deadlines;
-  // Entries of finished calls go when they reach the top; when they are
-  // most of the heap, all at once.
-  if (heap.size() > 2 * calls_->pending.size() + 64) {
-    size_t kept = 0;
-    for (const DeadlineEntry& entry : heap) {
-      if (!isStale(entry)) heap[kept++] = entry;
-    }
-    heap.resize(kept);
-    std::make_heap(heap.begin(), heap.end(), Later());
-  }
-  while (!heap.empty() && isStale(heap.front())) {
-    std::pop_heap(heap.begin(), heap.end(), Later());
-    heap.pop_back();
-  }
-  if (heap.empty()) return;
-  const Time due = heap.front().first;
-  if (timer_due_ != Time() && timer_due_ <= due) return;
-  deadline_timer_.cancel();
-  timer_due_ = due;
-  std::weak_ptr<ResilientChannel> weak = weak_from_this();
-  const Time now = Time::now();
-  deadline_timer_ =
-      scheduleDeferred(makeWeakFunction(weak, std::bind(&ResilientChannel::expire, this)),
-                       due > now ? due - now : Duration());
+  // Looked at inside arm(), with the lock still held.
+  const std::unordered_map<uint32_t, Call>* pending = &calls_->pending;
+  calls_->deadlines.arm(
+      [pending](const std::pair<Time, uint32_t>& entry) { return isStale(*pending, entry); },
+      expire_);
 }
 
 void ResilientChannel::expire() {
-  timer_due_ = Time();
   std::vector<std::pair<Call, const std::string*>> expired;
   std::vector<RPCConnection*> touched;
   {
     MutexLock lock(calls_->mutex);
-    std::vector<DeadlineEntry>& heap = calls_->deadlines;
-    const Time now = Time::now();
-    while (!heap.empty() && heap.front().first <= now) {
-      const DeadlineEntry entry = heap.front();
-      std::pop_heap(heap.begin(), heap.end(), Later());
-      heap.pop_back();
-      if (isStale(entry)) continue;
+    calls_->deadlines.timerFired();
+    for (const auto& entry : calls_->deadlines.takeDue(Time::now())) {
+      if (isStale(calls_->pending, entry)) continue;
       auto it = calls_->pending.find(entry.second);
       Call& call = it->second;
       // Written (even on a connection since lost) or not: whether the

@@ -15,6 +15,7 @@
 #include "common/event_thread.h"
 #include "common/mutex.h"
 #include "common/time.h"
+#include "relay/deadline_queue.h"
 #include "relay/rpc_channel_options.h"
 #include "relay/rpc_endpoints.h"
 
@@ -90,10 +91,9 @@ class ResilientChannel final : public RPCEndpoints::Listener,
     // Calls waiting for a connection, in the order they came; entries whose
     // call has gone on are skipped.
     std::deque<uint32_t> unwritten VANTU_GUARDED_BY(mutex);
-    // (deadline, id), a min-heap by deadline; entries whose call has gone
-    // are dropped when they reach the top, or all at once when they are
-    // most of it.
-    std::vector<std::pair<Time, uint32_t>> deadlines VANTU_GUARDED_BY(mutex);
+    // The calls' deadlines, and the timer due at the earliest; entries of
+    // calls that have gone on are left to the queue.
+    DeadlineQueue<uint32_t> deadlines VANTU_GUARDED_BY(mutex);
     // A flush is queued on the event thread.
     bool flush_queued VANTU_GUARDED_BY(mutex) = false;
   };
@@ -111,8 +111,9 @@ class ResilientChannel final : public RPCEndpoints::Listener,
   void expire();
   // Keeps the deadline timer due at the earliest deadline. Event thread.
   void armDeadlineTimer() VANTU_REQUIRES(calls_->mutex);
-  // A deadline entry whose call has finished (or has another deadline now).
-  bool isStale(const std::pair<Time, uint32_t>& entry) const VANTU_REQUIRES(calls_->mutex);
+  // A deadline entry whose call has gone on (or has another deadline now).
+  static bool isStale(const std::unordered_map<uint32_t, Call>& pending,
+                      const std::pair<Time, uint32_t>& entry);
   // A connection the server asked to close ends once nothing written on it
   // is pending. Event thread.
   void closeIfRetiredAndIdle(RPCConnection* connection);
@@ -126,11 +127,12 @@ class ResilientChannel final : public RPCEndpoints::Listener,
   const std::shared_ptr<Calls> calls_;
   std::shared_ptr<RPCEndpoints> endpoints_;  // set by create()
 
+  // Set by create(): what the deadline timer runs.
+  std::function<void()> expire_;
+
   // Event thread only.
   bool handling_answers_ = false;  // calls issued meanwhile are written after
   bool flush_after_answers_ = false;
-  TimerHandle deadline_timer_;
-  Time timer_due_;  // zero: not armed
 };
 
 }  // namespace relay

@@ -56,8 +56,6 @@ bool CallTicket::finished() {
 // ---------------------------------------------------------------------------
 // CallCanceller
 
-CallCanceller::~CallCanceller() { timer_.cancel(); }
-
 std::shared_ptr<CallTicket> CallCanceller::watch(RPC* controller, Time deadline,
                                                  const void* connection) {
   auto ticket = std::make_shared<CallTicket>(controller);
@@ -70,8 +68,7 @@ std::shared_ptr<CallTicket> CallCanceller::watch(RPC* controller, Time deadline,
   }
   calls.push_back(ticket);
   if (deadline != Time()) {
-    deadlines_.emplace_back(deadline, ticket);
-    std::push_heap(deadlines_.begin(), deadlines_.end(), Later());
+    deadlines_.push(deadline, ticket);
     arm();
   }
   return ticket;
@@ -86,42 +83,22 @@ void CallCanceller::connectionEnded(const void* connection) {
 }
 
 void CallCanceller::arm() {
-  // Finished calls go when they reach the top, or all at once when the heap
-  // has doubled since it was last cleaned.
-  if (deadlines_.size() > 2 * compacted_size_ + 64) {
-    deadlines_.erase(std::remove_if(deadlines_.begin(), deadlines_.end(),
-                                    [](const Entry& entry) { return entry.second->finished(); }),
-                     deadlines_.end());
-    std::make_heap(deadlines_.begin(), deadlines_.end(), Later());
-    compacted_size_ = deadlines_.size();
+  if (!expire_) {
+    std::weak_ptr<CallCanceller> weak = weak_from_this();
+    expire_ = makeWeakFunction(weak, std::bind(&CallCanceller::expire, this));
   }
-  while (!deadlines_.empty() && deadlines_.front().second->finished()) {
-    std::pop_heap(deadlines_.begin(), deadlines_.end(), Later());
-    deadlines_.pop_back();
-  }
-  if (deadlines_.empty()) return;
-  const Time due = deadlines_.front().first;
-  if (timer_due_ != Time() && timer_due_ <= due) return;
-  timer_.cancel();
-  timer_due_ = due;
-  const Time now = Time::now();
-  std::weak_ptr<CallCanceller> weak = weak_from_this();
-  timer_ = scheduleDeferred(makeWeakFunction(weak, std::bind(&CallCanceller::expire, this)),
-                            due > now ? due - now : Duration());
+  deadlines_.arm(
+      [](const std::pair<Time, std::shared_ptr<CallTicket>>& entry) {
+        return entry.second->finished();
+      },
+      expire_);
 }
 
 void CallCanceller::expire() {
-  timer_due_ = Time();
-  const Time now = Time::now();
-  std::vector<std::shared_ptr<CallTicket>> due;
-  while (!deadlines_.empty() && deadlines_.front().first <= now) {
-    std::pop_heap(deadlines_.begin(), deadlines_.end(), Later());
-    due.push_back(std::move(deadlines_.back().second));
-    deadlines_.pop_back();
-  }
-  // Cancelled once the heap is whole again: a service may start work from its
+  deadlines_.timerFired();
+  // Cancelled once taken out of the queue: a service may start work from its
   // callback.
-  for (const std::shared_ptr<CallTicket>& ticket : due) ticket->cancel();
+  for (const auto& entry : deadlines_.takeDue(Time::now())) entry.second->cancel();
   arm();
 }
 

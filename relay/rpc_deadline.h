@@ -2,6 +2,7 @@
 #define RELAY_RPC_DEADLINE_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -11,6 +12,7 @@
 #include "common/event_thread.h"
 #include "common/mutex.h"
 #include "common/time.h"
+#include "relay/deadline_queue.h"
 
 namespace vantu {
 namespace relay {
@@ -56,7 +58,6 @@ class CallTicket {
 class CallCanceller : public std::enable_shared_from_this<CallCanceller> {
  public:
   CallCanceller() = default;
-  ~CallCanceller();
   CallCanceller(const CallCanceller&) = delete;
   CallCanceller& operator=(const CallCanceller&) = delete;
 
@@ -67,16 +68,13 @@ class CallCanceller : public std::enable_shared_from_this<CallCanceller> {
   void connectionEnded(const void* connection);
 
  private:
-  using Entry = std::pair<Time, std::shared_ptr<CallTicket>>;
   void arm();
   void expire();
 
   // Event thread only.
-  std::vector<Entry> deadlines_;  // a min-heap
-  size_t compacted_size_ = 0;
+  DeadlineQueue<std::shared_ptr<CallTicket>> deadlines_;
+  std::function<void()> expire_;  // made on first use
   std::unordered_map<const void*, std::vector<std::shared_ptr<CallTicket>>> by_connection_;
-  TimerHandle timer_;
-  Time timer_due_;  // zero: not armed
 };
 
 }  // namespace relay

@@ -326,6 +326,9 @@ void RPCEndpoints::retire(RPCConnection* connection) {
   if (endpoint == nullptr) return;
   connection->state_ = RPCConnection::State::kRetiring;
   retiring_.push_back(std::move(endpoint->connection));
+  // With nothing outstanding it has nothing to wait for; otherwise the channel
+  // ends it once its calls are settled.
+  if (connection->outstanding.load(std::memory_order_relaxed) == 0) connection->shutdown();
 }
 
 RPCConnection* RPCEndpoints::pick() {

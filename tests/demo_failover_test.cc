@@ -35,6 +35,22 @@ std::unique_ptr<DemoProcess> startDemo(uint16_t port = 0) {
   return demo;
 }
 
+// Three demo servers and a resilient channel over them.
+struct ThreeDemos {
+  ThreeDemos() {
+    std::string target;
+    for (int i = 0; i < 3; ++i) {
+      demos.push_back(startDemo());
+      target += (i ? "," : "") + demos.back()->address();
+    }
+    channel = RPCChannel::create(target, RPCChannelOptions::resilient());
+  }
+  bool ok() const { return channel && demos[0]->ok() && demos[1]->ok() && demos[2]->ok(); }
+
+  std::vector<std::unique_ptr<DemoProcess>> demos;
+  RPCChannelPtr channel;
+};
+
 double inFlight(const DemoProcess& demo) {
   return metricValue(fetchMetrics(demo.port()), "relay_rpcs_in_flight");
 }
@@ -91,15 +107,10 @@ struct Delays {
 };
 
 TEST(DemoFailoverTest, KillingOneOfThreeFailsOnlyTheCallsWrittenToIt) {
-  std::vector<std::unique_ptr<DemoProcess>> demos;
-  std::string target;
-  for (int i = 0; i < 3; ++i) {
-    demos.push_back(startDemo());
-    ASSERT_TRUE(demos.back()->ok());
-    target += (i ? "," : "") + demos.back()->address();
-  }
-  RPCChannelPtr channel = RPCChannel::create(target, RPCChannelOptions::resilient());
-  ASSERT_TRUE(channel);
+  ThreeDemos three;
+  ASSERT_TRUE(three.ok());
+  std::vector<std::unique_ptr<DemoProcess>>& demos = three.demos;
+  RPCChannelPtr& channel = three.channel;
   Load load(channel.get(), method("Echo"), 16);
   load.start();
   ASSERT_TRUE(load.waitForMore(500));
@@ -140,15 +151,10 @@ TEST(DemoFailoverTest, KillingOneOfThreeFailsOnlyTheCallsWrittenToIt) {
 }
 
 TEST(DemoFailoverTest, RollingRestartOfThreeLosesNoCall) {
-  std::vector<std::unique_ptr<DemoProcess>> demos;
-  std::string target;
-  for (int i = 0; i < 3; ++i) {
-    demos.push_back(startDemo());
-    ASSERT_TRUE(demos.back()->ok());
-    target += (i ? "," : "") + demos.back()->address();
-  }
-  RPCChannelPtr channel = RPCChannel::create(target, RPCChannelOptions::resilient());
-  ASSERT_TRUE(channel);
+  ThreeDemos three;
+  ASSERT_TRUE(three.ok());
+  std::vector<std::unique_ptr<DemoProcess>>& demos = three.demos;
+  RPCChannelPtr& channel = three.channel;
   Load load(channel.get(), method("Echo"), 64);
   load.start();
   ASSERT_TRUE(load.waitForMore(1000));
