@@ -92,8 +92,8 @@ struct Servers {
 std::string failuresText(const std::map<std::string, uint64_t>& failures) {
   std::string text;
   for (const auto& failure : failures) {
-    text += (text.empty() ? "" : "; ") + std::to_string(failure.second) + " \"" + failure.first +
-            "\"";
+    text +=
+        (text.empty() ? "" : "; ") + std::to_string(failure.second) + " \"" + failure.first + "\"";
   }
   return text.empty() ? "none" : text;
 }
@@ -127,42 +127,64 @@ void throughput(int count, double seconds, int rounds) {
               percentile(rates, 0.5), percentile(latencies, 0.5), percentile(latencies, 0.99));
 }
 
+// Long Delay calls and when each ended. Completions come on the event
+// thread; the rest on the main thread.
+struct Delays {
+  struct Call {
+    vantu::relay::RPC rpc;
+    demo::DelayRequest request;
+    demo::EchoReply reply;
+    std::unique_ptr<google::protobuf::Closure> done;
+    Clock::time_point ended;
+  };
+  void start(RPCChannel* channel, int count) {
+    for (int i = 0; i < count; ++i) {
+      calls.push_back(std::make_unique<Call>());
+      Call* call = calls.back().get();
+      call->request.set_delay_ms(60000);
+      call->done.reset(vantu::relay::newClosure(
+          [this, call] {
+            std::lock_guard<std::mutex> lock(mutex);
+            call->ended = Clock::now();
+            ++ended;
+            if (call->rpc.ErrorText() == RPCChannel::kErrorConnectionLost) ++lost;
+            changed.notify_all();
+          },
+          false));
+      channel->CallMethod(method("Delay"), &call->rpc, &call->request, &call->reply,
+                          call->done.get());
+    }
+  }
+  // Waits (bounded) until `done` holds, with the lock.
+  template <typename F>
+  bool waitUntil(F done) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(30), done);
+  }
+
+  std::vector<std::unique_ptr<Call>> calls;
+  std::mutex mutex;
+  std::condition_variable changed;
+  int lost = 0;
+  int ended = 0;
+};
+
 // kill -9 of one of three servers with long calls outstanding on each: how
 // long after the kill the calls written to it have failed.
 void killToFailure(int rounds) {
+  constexpr int kDelays = 30;
   std::vector<double> last_ms, all_ms;
   for (int round = 0; round < rounds; ++round) {
     Servers servers(3);
     if (!servers.ok()) return;
+    // Outlives the channel, whose end completes the calls still held.
+    auto delays = std::make_unique<Delays>();
     RPCChannelPtr channel = RPCChannel::create(servers.target, RPCChannelOptions::resilient());
     Load load(channel.get(), method("Echo"), 16);
     load.start();
-    struct Delay {
-      vantu::relay::RPC rpc;
-      demo::DelayRequest request;
-      demo::EchoReply reply;
-      std::unique_ptr<google::protobuf::Closure> done;
-      Clock::time_point ended;
-    };
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::unique_ptr<Delay>> delays;
-    int lost = 0;
-    for (int i = 0; i < 30; ++i) {
-      delays.push_back(std::make_unique<Delay>());
-      Delay* delay = delays.back().get();
-      delay->request.set_delay_ms(60000);
-      delay->done.reset(vantu::relay::newClosure(
-          [&, delay] {
-            std::lock_guard<std::mutex> lock(mutex);
-            delay->ended = Clock::now();
-            if (delay->rpc.ErrorText() == RPCChannel::kErrorConnectionLost) ++lost;
-            changed.notify_all();
-          },
-          false));
-      channel->CallMethod(method("Delay"), &delay->rpc, &delay->request, &delay->reply,
-                          delay->done.get());
-    }
+    // Every connection up, so that the long calls spread over the three.
+    load.waitForMore(2000);
+    delays->start(channel.get(), kDelays);
     double held = 0;
     const bool spread = vantu::testing::eventually([&] {
       double sum = 0;
@@ -172,31 +194,36 @@ void killToFailure(int rounds) {
         if (i == 0) held = in_flight;
         sum += in_flight;
       }
-      return sum == 30;
+      return sum == kDelays;
     });
-    if (!spread || held < 1) {
-      problem("the Delay calls did not reach the servers");
-      return;
-    }
-    const Clock::time_point killed = Clock::now();
-    servers.demos[0]->signal(SIGKILL);
-    std::vector<double> round_ms;
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      if (!changed.wait_for(lock, std::chrono::seconds(30), [&] { return lost >= held; })) {
+    if (spread && held >= 1) {
+      const Clock::time_point killed = Clock::now();
+      servers.demos[0]->signal(SIGKILL);
+      if (!delays->waitUntil([&] { return delays->lost >= held; })) {
         problem("the calls on the killed server did not fail");
       }
-      for (const auto& delay : delays) {
-        if (delay->rpc.ErrorText() != RPCChannel::kErrorConnectionLost) continue;
-        round_ms.push_back(std::chrono::duration<double, std::milli>(delay->ended - killed).count());
+      std::vector<double> round_ms;
+      {
+        std::lock_guard<std::mutex> lock(delays->mutex);
+        for (const auto& call : delays->calls) {
+          if (call->rpc.ErrorText() != RPCChannel::kErrorConnectionLost) continue;
+          round_ms.push_back(
+              std::chrono::duration<double, std::milli>(call->ended - killed).count());
+        }
       }
+      all_ms.insert(all_ms.end(), round_ms.begin(), round_ms.end());
+      if (!round_ms.empty()) last_ms.push_back(*std::max_element(round_ms.begin(), round_ms.end()));
+    } else {
+      problem("the Delay calls did not reach the servers");
     }
-    all_ms.insert(all_ms.end(), round_ms.begin(), round_ms.end());
-    if (!round_ms.empty()) last_ms.push_back(*std::max_element(round_ms.begin(), round_ms.end()));
     load.stop();
     channel.reset();
-    vantu::waitForDeferredWork();
+    if (!delays->waitUntil([&] { return delays->ended == kDelays; })) {
+      problem("the channel's end did not complete its calls");
+      delays.release();  // their closures may still run: kept
+    }
   }
+  if (all_ms.empty()) return;
   std::printf(
       "kill -9 to failure of the calls written to that server (%d rounds, %zu calls): "
       "median %.2f ms, slowest round's last %.2f ms\n",
@@ -224,8 +251,9 @@ void rollingRestart(int rounds) {
     if (!load.stop()) problem("calls still unanswered after the load stopped");
     const auto failures = load.failures();
     if (!failures.empty()) problem("calls lost in the rolling restart");
-    std::printf("rolling restart of 3 servers, 64 in flight: %.2f s, %llu calls answered, lost: %s\n",
-                seconds, static_cast<unsigned long long>(answered), failuresText(failures).c_str());
+    std::printf(
+        "rolling restart of 3 servers, 64 in flight: %.2f s, %llu calls answered, lost: %s\n",
+        seconds, static_cast<unsigned long long>(answered), failuresText(failures).c_str());
     channel.reset();
     vantu::waitForDeferredWork();
   }
@@ -250,6 +278,8 @@ int main(int argc, char** argv) {
     }
   }
   signal(SIGPIPE, SIG_IGN);
+  // Each line as soon as it is known, also into a pipe.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   std::printf(
       "== Resilient channel over demo servers (processes on this machine, sharing its cores; "
       "RPCChannelOptions::resilient())\n");

@@ -556,10 +556,9 @@ Round runOursOn(const std::string& what, vantu::relay::RPCChannelPtr channel,
 
 Round runOurs(const Options& options, const ServerProcess& server, int in_flight,
               Clock::time_point start) {
-  return runOursOn(
-      "ours, " + std::to_string(in_flight) + " in flight",
-      vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port)), options,
-      in_flight, start);
+  return runOursOn("ours, " + std::to_string(in_flight) + " in flight",
+                   vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port)),
+                   options, in_flight, start);
 }
 
 // The same load through a channel made with RPCChannelOptions::resilient():
@@ -754,11 +753,10 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
               "options calls/s", "ratio", "p50 ratio", "p99 ratio");
   for (size_t i = 0; i < options.in_flight.size(); ++i) {
     std::string scenario = std::to_string(options.in_flight[i]) + " in flight";
-    std::printf("%-14s %14s %14s %8s %10s %10s\n", scenario.c_str(),
-                value(ours[i], calls, "%.0f").c_str(), value(resilient[i], calls, "%.0f").c_str(),
-                ratio(resilient[i], ours[i], calls).c_str(),
-                ratio(resilient[i], ours[i], median).c_str(),
-                ratio(resilient[i], ours[i], p99).c_str());
+    std::printf(
+        "%-14s %14s %14s %8s %10s %10s\n", scenario.c_str(), value(ours[i], calls, "%.0f").c_str(),
+        value(resilient[i], calls, "%.0f").c_str(), ratio(resilient[i], ours[i], calls).c_str(),
+        ratio(resilient[i], ours[i], median).c_str(), ratio(resilient[i], ours[i], p99).c_str());
   }
 
   // The floor, beside every side at 1 in flight.
@@ -858,8 +856,7 @@ int main(int argc, char** argv) {
   std::vector<Side> sides;
   sides.push_back({"ours", "ours (RPC echo)", runOurs, false, {}, false, {}});
   sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc, false, {}, false, {}});
-  sides.push_back(
-      {"ours", "ours, resilient options", runOursResilient, false, {}, false, {}});
+  sides.push_back({"ours", "ours, resilient options", runOursResilient, false, {}, false, {}});
   const bool at_one = std::count(options.in_flight.begin(), options.in_flight.end(), 1) > 0;
   if (at_one) {
     sides.push_back(
