@@ -403,26 +403,16 @@ TEST(ResilientChannelTest, AServerThatBreaksOffFailsTheCallsWrittenToIt) {
 TEST(ResilientChannelTest, ConnectingNeverBlocksTheCaller) {
   // A server whose accept queue is full never answers a connect: creating
   // the channel returns at once, and the call ends at its deadline.
-  int listener = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-  ASSERT_EQ(0, listen(listener, 0));
-  socklen_t length = sizeof(address);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  const uint16_t port = ntohs(address.sin_port);
-  vantu::testing::LoopbackClient filler(port);
+  vantu::testing::FullAcceptQueue full;
   RPCChannelOptions options = resilientFor(Duration::milliseconds(300));
   options.connect_timeout = Duration::milliseconds(100);
-  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + std::to_string(port), options);
+  RPCChannelPtr channel = RPCChannel::create(full.address(), options);
   ASSERT_TRUE(channel);
   Outcomes outcomes;
   outcomes.start(channel.get(), "Echo", "", "1");
   EXPECT_EQ("failed: " + RPCChannel::kErrorUnreachable, outcomes.waitFor(1)["1"]);
   channel.reset();
   waitForTeardown();
-  close(listener);
 }
 
 TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {

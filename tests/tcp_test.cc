@@ -35,6 +35,7 @@ std::string pattern(size_t size) {
 }
 
 using Client = vantu::testing::LoopbackClient;
+using vantu::testing::FullAcceptQueue;
 
 // What the server-side handlers saw, shared with the test thread. The fields
 // are guarded by mutex (not annotated: they are read inside lambdas that the
@@ -426,31 +427,6 @@ TEST(TcpSocketTest, CreateGivesNullWhenThereIsNoPeer) {
   EXPECT_EQ(nullptr, TcpSocket::create(closed));
   EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress("not an ip", 80)));
 }
-
-// A listener whose accept queue is full: connecting to it neither succeeds
-// nor fails until the client gives up (the kernel drops the SYNs).
-class FullAcceptQueue {
- public:
-  FullAcceptQueue() {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    listen(fd_, 0);
-    socklen_t length = sizeof(address);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    address_ = SocketAddress("127.0.0.1", ntohs(address.sin_port));
-    filler_ = std::make_unique<Client>(address_);
-  }
-  ~FullAcceptQueue() { close(fd_); }
-  const SocketAddress& address() const { return address_; }
-
- private:
-  int fd_;
-  SocketAddress address_;
-  std::unique_ptr<Client> filler_;
-};
 
 TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
   TestServer echo;
