@@ -26,7 +26,8 @@ namespace relay {
 struct RPCChannelOptions {
   // Looks `host` up; the addresses carry `port`. Empty with a reason in
   // *error when there are none. Called on a thread of its own, never on the
-  // event thread.
+  // event thread, and perhaps once more just after the channel is gone: it
+  // must own what it refers to.
   using Resolver = std::function<std::vector<SocketAddress>(const std::string& host, uint16_t port,
                                                             std::string* error)>;
 

@@ -418,18 +418,20 @@ TEST(ResilientChannelTest, ConnectingNeverBlocksTheCaller) {
 TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
   Server first, second;
   ASSERT_TRUE(first.server && second.server);
-  std::mutex mutex;
-  std::vector<uint16_t> answer = {first.port()};
+  // Shared with the resolver, whose last call may come after the test.
+  struct Answer {
+    std::mutex mutex;
+    uint16_t port;
+    bool wrong_question = false;
+  };
+  auto answer = std::make_shared<Answer>();
+  answer->port = first.port();
   RPCChannelOptions options = resilientFor(Duration::seconds(30));
   options.resolve_interval = Duration::milliseconds(20);
-  options.resolver = [&](const std::string& host, uint16_t port, std::string*) {
-    EXPECT_EQ("service.test", host);
-    EXPECT_EQ(1, port);
-    EXPECT_FALSE(isEventThread());
-    std::lock_guard<std::mutex> lock(mutex);
-    std::vector<SocketAddress> addresses;
-    for (uint16_t p : answer) addresses.push_back(SocketAddress("127.0.0.1", p));
-    return addresses;
+  options.resolver = [answer](const std::string& host, uint16_t port, std::string*) {
+    std::lock_guard<std::mutex> lock(answer->mutex);
+    if (host != "service.test" || port != 1 || isEventThread()) answer->wrong_question = true;
+    return std::vector<SocketAddress>{SocketAddress("127.0.0.1", answer->port)};
   };
   RPCChannelPtr channel = RPCChannel::create("dns:///service.test:1", options);
   ASSERT_TRUE(channel);
@@ -445,8 +447,8 @@ TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
   };
   ASSERT_TRUE(callUntil(first));
   {
-    std::lock_guard<std::mutex> lock(mutex);
-    answer = {second.port()};
+    std::lock_guard<std::mutex> lock(answer->mutex);
+    answer->port = second.port();
   }
   ASSERT_TRUE(callUntil(second));
   // The server that left the answer gets nothing more.
@@ -459,6 +461,8 @@ TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
   for (const auto& entry : outcomes.waitFor(issued)) EXPECT_EQ("ok: ", entry.second);
   channel.reset();
   waitForTeardown();
+  std::lock_guard<std::mutex> lock(answer->mutex);
+  EXPECT_FALSE(answer->wrong_question) << "asked on the event thread, or for another name";
 }
 
 TEST(ResilientChannelTest, DeadlinesAndCancelsRaceAnswersFromManyThreads) {
