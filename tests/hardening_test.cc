@@ -485,6 +485,19 @@ TEST_F(HardeningTest, HalfClosedClientStillGetsTheAnswersOwed) {
   }
 }
 
+TEST_F(HardeningTest, ConnectionCloseWaitsForTheAnswersStillOwed) {
+  start(HttpServerOptions::hardened());
+  LoopbackClient client(port_);
+  // The request that asks to close comes after a call the server still owes.
+  client.write(rpcRequest("relaytest.TestService", "Hold", "4", textMessage("owed")) +
+               get("/hello", kHost + "Connection: close\r\n"));
+  ASSERT_TRUE(service_->waitHeld(1));
+  EXPECT_EQ(kHelloClose, withoutDates(client.read(kHelloOnWire - 5)));  // "close" is 5 shorter
+  service_->release();
+  EXPECT_EQ(rpcAnswer("owed", 4, true), withoutDates(client.readToEnd()));
+  EXPECT_TRUE(client.peerClosed());
+}
+
 TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
   start(HttpServerOptions::hardened());
   LoopbackClient idle(port_);
