@@ -83,8 +83,7 @@ TEST(RpcChannelOptionsTest, UnusableOptionsSayWhyAndMakeNoChannel) {
       {"ceiling below the first wait",
        with([](RPCChannelOptions* o) { o->reconnect_backoff_max = Duration::milliseconds(99); }),
        "reconnect_backoff_max is below reconnect_backoff"},
-      {"no backoff without reconnect",
-       with([](RPCChannelOptions* o) {
+      {"no backoff without reconnect", with([](RPCChannelOptions* o) {
          o->reconnect = false;
          o->reconnect_backoff = Duration();
        }),

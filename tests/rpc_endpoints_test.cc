@@ -18,10 +18,9 @@ TEST(ReconnectBackoffTest, DoublesPerFailureUpToItsCeilingWithinTheJitter) {
       {1, 0.5, 100000},       // the nominal wait
       {1, 0.0, 80000},        // 20 % less
       {1, 0.999999, 119999},  // almost 20 % more
-      {2, 0.5, 200000},  {3, 0.5, 400000},  {5, 0.5, 1600000},
-      {6, 0.5, 2000000},      // the ceiling
-      {6, 0.0, 1600000},      // the ceiling, with jitter
-      {1000, 0.5, 2000000},   // never past it, however many
+      {2, 0.5, 200000},      {3, 0.5, 400000}, {5, 0.5, 1600000}, {6, 0.5, 2000000},  // the ceiling
+      {6, 0.0, 1600000},     // the ceiling, with jitter
+      {1000, 0.5, 2000000},  // never past it, however many
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::to_string(c.failures) + " failures, draw " + std::to_string(c.unit));
