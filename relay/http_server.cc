@@ -13,10 +13,12 @@
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
-#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "common/map_util.h"
 #include "common/weak_function.h"
+#include "relay/call_record_cache.h"
+#include "relay/connection_registry.h"
+#include "relay/http_server_observer.h"
 #include "relay/rpc.h"
 
 namespace vantu {
@@ -27,7 +29,6 @@ constexpr char kLogger[] = "http_server";
 constexpr char kSourceFile[] = "relay/http_server";
 
 std::atomic<int> g_live_servers{0};
-std::atomic<int> g_live_rpc_records{0};
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
@@ -56,116 +57,23 @@ std::string typeUrl(const google::protobuf::Message& message) {
   return "/" + message.GetDescriptor()->full_name();
 }
 
-// Call records the event thread is done with, kept with their controller and
-// messages: a method called again finds its messages there, to be cleared
-// instead of made anew. Bounded; records freed on other threads are deleted.
-class RecordCache {
- public:
-  // A record for a call of `method` on `service`, its controller fresh and
-  // its messages empty.
-  static HttpServerImpl::RPCInfo* take(google::protobuf::Service* service,
-                                       const google::protobuf::MethodDescriptor* method);
-  // Takes back a record (any thread).
-  static void give(HttpServerImpl::RPCInfo* record);
-
- private:
-  static constexpr size_t kMaxRecords = 64;
-  struct Records {
-    ~Records() {
-      for (HttpServerImpl::RPCInfo* record : list) delete record;
-      list.clear();
-    }
-    std::vector<HttpServerImpl::RPCInfo*> list;
-  };
-  static Records* records();
-  static VANTU_FAST_THREAD_LOCAL Records* tls_records_;
-};
-
-VANTU_FAST_THREAD_LOCAL RecordCache::Records* RecordCache::tls_records_ = nullptr;
-
-RecordCache::Records* RecordCache::records() {
-  if (tls_records_ == nullptr && isEventThread()) {
-    // Freed when the thread ends; released records find no cache then.
-    struct Owner {
-      ~Owner() {
-        delete tls_records_;
-        tls_records_ = nullptr;
-      }
-    };
-    thread_local Owner owner;
-    (void)owner;
-    tls_records_ = new Records;
+// The connection was owed this call's answer: settled on the event thread,
+// after the answer's bytes, which from another thread are handed over through
+// the event thread's queue that this follows.
+void settleAnswer(const HttpConnectionHandlerWeakPtr& connection) {
+  if (!isEventThread()) {
+    defer([connection] { settleAnswer(connection); });
+    return;
   }
-  return tls_records_;
+  if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) handler->answerSettled();
 }
 
-HttpServerImpl::RPCInfo* RecordCache::take(google::protobuf::Service* service,
-                                           const google::protobuf::MethodDescriptor* method) {
-  ++g_live_rpc_records;
-  const google::protobuf::Message& request = service->GetRequestPrototype(method);
-  const google::protobuf::Message& response = service->GetResponsePrototype(method);
-  if (Records* cache = records()) {
-    // The messages fit when they came from the same prototypes.
-    for (size_t i = cache->list.size(); i-- > 0;) {
-      HttpServerImpl::RPCInfo* record = cache->list[i];
-      if (record->request_prototype == &request && record->response_prototype == &response) {
-        cache->list.erase(cache->list.begin() + i);
-        record->request->Clear();
-        record->response->Clear();
-        return record;
-      }
-    }
-  }
-  auto* record = new HttpServerImpl::RPCInfo;
-  record->controller.reset(new RPC);
-  record->request.reset(request.New());
-  record->response.reset(response.New());
-  // Messages of a dynamic factory die with it, perhaps before a kept record.
-  google::protobuf::MessageFactory* generated =
-      google::protobuf::MessageFactory::generated_factory();
-  record->reusable = generated->GetPrototype(method->input_type()) == &request &&
-                     generated->GetPrototype(method->output_type()) == &response;
-  record->request_prototype = &request;
-  record->response_prototype = &response;
-  return record;
-}
-
-void RecordCache::give(HttpServerImpl::RPCInfo* record) {
-  --g_live_rpc_records;
-  std::unique_ptr<HttpServerImpl::RPCInfo> owned(record);
-  // The connection was owed this call's answer: settled on the event thread,
-  // after the answer's bytes, which from another thread are handed over
-  // through the event thread's queue that this follows.
-  if (record->owes_answer) {
-    if (isEventThread()) {
-      if (std::shared_ptr<HttpConnectionHandler> handler = record->connection.lock()) {
-        handler->answerSettled();
-      }
-    } else {
-      defer([connection = record->connection] {
-        if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
-          handler->answerSettled();
-        }
-      });
-    }
-  }
-  Records* cache = record->reusable && isEventThread() ? records() : nullptr;
-  if (cache == nullptr || cache->list.size() >= kMaxRecords) return;
-  record->controller->Reset();
-  record->http_response.reset();
-  record->connection.reset();
-  record->id = 0;
-  record->format = HttpServerImpl::RPCInfo::kBinary;
-  record->owes_answer = false;
-  record->method = nullptr;
-  record->started = Time();
-  record->observed = false;
-  cache->list.push_back(owned.release());
-}
-
-// Owns a record until it is given back.
+// Owns a record until it is given back, settling the answer it owed.
 struct GiveBack {
-  void operator()(HttpServerImpl::RPCInfo* record) const { RecordCache::give(record); }
+  void operator()(HttpServerImpl::RPCInfo* record) const {
+    if (record->owes_answer) settleAnswer(record->connection);
+    CallRecordCache::give(record);
+  }
 };
 using RecordPtr = std::unique_ptr<HttpServerImpl::RPCInfo, GiveBack>;
 
@@ -225,7 +133,6 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
 }
 
 int liveHttpServersForTesting() { return g_live_servers.load(); }
-int liveRPCRecordsForTesting() { return g_live_rpc_records.load(); }
 
 HttpServerImpl::RPCInfo::RPCInfo() = default;
 HttpServerImpl::RPCInfo::~RPCInfo() = default;
@@ -362,7 +269,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     return;
   }
 
-  RecordPtr info(RecordCache::take(service.get(), method));
+  RecordPtr info(CallRecordCache::take(service.get(), method));
   if (header(RPCChannel::kHeaderContentType) == "application/json") {
     info->format = RPCInfo::kJson;
   }
