@@ -78,6 +78,8 @@ TcpSocket::~TcpSocket() {
 
 void TcpSocket::link(char_stream::PushStreamSource* other_source,
                      char_stream::PullStreamSink* other_sink) {
+  // These records carry char_stream's file name and line numbers, and the
+  // last two checks can never fail: all four are part of the logging contract.
   if (isNull(other_sink)) {
     VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 485)
         << "Check failed other_sink ";

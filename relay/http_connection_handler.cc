@@ -182,6 +182,8 @@ void HttpConnectionHandler::updateDeadline() {
 
 void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
   if (data->empty()) return;
+  // Raw bytes, not framed as an HTTP answer: the defined reply to a cut-off
+  // request.
   static const char kUnexpectedEof[] = "Unexpected EOF!";
   send(kUnexpectedEof, sizeof(kUnexpectedEof) - 1);
   if (HttpServerObserver* observer = impl_->observer()) {

@@ -3,7 +3,6 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/util/type_resolver.h>
 #include <google/protobuf/util/type_resolver_util.h>
-#include <pcrecpp.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -18,6 +17,7 @@
 #include "common/weak_function.h"
 #include "relay/call_record_cache.h"
 #include "relay/connection_registry.h"
+#include "relay/handler_match.h"
 #include "relay/http_server_observer.h"
 #include "relay/rpc.h"
 
@@ -47,6 +47,8 @@ void sendRPCError(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr
   for (char& c : text) {
     if (c == '\r' || c == '\n') c = ' ';
   }
+  // "%d" is the wire format: ids above 2^31 - 1 go out negative, and readers
+  // keep the low 32 bits.
   response->setHeaderF(RPCChannel::kHeaderId, "%d", id);
   response->setHeader(RPCChannel::kHeaderFailed, "1");
   response->setHeader(RPCChannel::kHeaderError, text);
@@ -93,33 +95,12 @@ class RPCCompletion {
 
 }  // namespace
 
-// The characters that mean something to PCRE in a pattern.
-const char kPcreSpecial[] = "\\^$.|?*+()[]{}";
-
 struct HttpServerImpl::Handler {
   Handler(const std::string& regex, HttpRequestHandler handler)
-      : regex_(regex),
-        pattern_(regex),
-        callback_(std::move(handler)),
-        literal_(regex.find_first_of(kPcreSpecial) == std::string::npos &&
-                 regex.find('\0') == std::string::npos) {}
+      : pattern(regex), callback(std::move(handler)) {}
 
-  // The whole subject matches: for a pattern without any character that means
-  // something to PCRE, that is the subject equal to it, tested without PCRE.
-  bool fullMatch(const pcrecpp::StringPiece& subject) const {
-    if (literal_) {
-      // An empty subject may carry a null pointer, which memcmp must not see.
-      return static_cast<size_t>(subject.size()) == pattern_.size() &&
-             (pattern_.empty() || memcmp(subject.data(), pattern_.data(), pattern_.size()) == 0);
-    }
-    return regex_.FullMatch(subject);
-  }
-
-  pcrecpp::RE regex_;
-  std::string pattern_;
-  HttpRequestHandler callback_;
-  // Constant after construction.
-  const bool literal_;
+  const HandlerPattern pattern;
+  const HttpRequestHandler callback;
 };
 
 // ---------------------------------------------------------------------------
@@ -185,15 +166,15 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   // The path is matched where it lies in the URL's text, not copied: a 64 MB
   // path must not cost another 64 MB here.
   const url_parse::Component path = request->url.parsed_for_possibly_invalid_spec().path;
-  const pcrecpp::StringPiece subject =
+  const std::string_view subject =
       path.len > 0
-          ? pcrecpp::StringPiece(request->url.possibly_invalid_spec().data() + path.begin, path.len)
-          : pcrecpp::StringPiece();
+          ? std::string_view(request->url.possibly_invalid_spec().data() + path.begin, path.len)
+          : std::string_view();
   std::shared_ptr<Handler> matched;
   {
     MutexLock lock(mutex_);
     for (const std::shared_ptr<Handler>& handler : handlers_) {
-      if (handler->fullMatch(subject)) {
+      if (handler->pattern.fullMatch(subject.data(), subject.size())) {
         matched = handler;
         break;
       }
@@ -201,19 +182,18 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   }
   HttpServerObserver* observer = this->observer();
   if (matched) {
-    VANTU_LOG(5, kLogger, kSourceFile) << "Regexp " << matched->pattern_ << " matches URL "
-                                       << std::string_view(subject.data(), subject.size());
+    VANTU_LOG(5, kLogger, kSourceFile)
+        << "Regexp " << matched->pattern.pattern() << " matches URL " << subject;
     const Time started = observer != nullptr ? Time::now() : Time();
-    matched->callback_(request, response);
+    matched->callback(request, response);
     const Duration handler_time = observer != nullptr ? Time::now() - started : Duration();
     sendResponse(connection, response, request->method == kHttpHead);
     if (observer != nullptr) {
-      observer->requestAnswered(matched->pattern_, response->status_code, handler_time);
+      observer->requestAnswered(matched->pattern.pattern(), response->status_code, handler_time);
     }
     return;
   }
-  VANTU_LOG(2, kLogger, kSourceFile)
-      << "No handler found for " << std::string_view(subject.data(), subject.size());
+  VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
   response->status_code = HttpResponse::kNotFound;
   sendResponse(connection, response, request->method == kHttpHead);
   if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});
@@ -242,6 +222,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   const std::string& service_name = header(RPCChannel::kHeaderService);
   const std::string& method_name = header(RPCChannel::kHeaderMethod);
   const uint32_t id = readCallNumber(header(RPCChannel::kHeaderId));
+  // Odd as it reads, this text is part of the logging contract.
   VANTU_LOG(5, kLogger, kSourceFile)
       << "This is a RPC!!! " << service_name << " " << method_name << " " << id;
 
@@ -346,6 +327,7 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
     info->response->SerializeWithCachedSizesToArray(
         reinterpret_cast<uint8_t*>(content.data() + at));
   }
+  // Signed, as in sendRPCError.
   info->http_response->setHeaderF(RPCChannel::kHeaderId, "%d", info->id);
   info->http_response->setHeader(RPCChannel::kHeaderFailed, "0");
   sendResponse(info->connection, info->http_response);
@@ -415,12 +397,7 @@ void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler ha
 }
 
 std::string HttpServer::literalPattern(const std::string& path) {
-  std::string pattern;
-  for (char c : path) {
-    if (strchr(kPcreSpecial, c) != nullptr && c != '\0') pattern += '\\';
-    pattern += c;
-  }
-  return pattern;
+  return HandlerPattern::literal(path);
 }
 
 void HttpServer::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {

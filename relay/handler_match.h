@@ -1,0 +1,42 @@
+#ifndef RELAY_HANDLER_MATCH_H_
+#define RELAY_HANDLER_MATCH_H_
+
+#include <pcrecpp.h>
+
+#include <string>
+
+namespace vantu {
+namespace relay {
+
+// A URL handler's pattern and the test of whether a request path reaches the
+// handler: PCRE's full match of the path (default options). A pattern in
+// which no character means anything to PCRE is matched without it, as plain
+// equality, which decides exactly as PCRE would, several times faster.
+//
+// A value, constant after construction; any thread may match at once.
+class HandlerPattern {
+ public:
+  // A pattern that does not compile is kept, and never matches.
+  explicit HandlerPattern(const std::string& regex);
+
+  // Whether all of [data, data + size) matches; `data` may be null when
+  // `size` is 0.
+  bool fullMatch(const char* data, size_t size) const;
+  // The pattern as it was given.
+  const std::string& pattern() const { return pattern_; }
+
+  // `path` as a pattern that matches exactly it: the characters that mean
+  // something to PCRE escaped.
+  static std::string literal(const std::string& path);
+
+ private:
+  const pcrecpp::RE regex_;
+  const std::string pattern_;
+  // No character of the pattern means anything to PCRE.
+  const bool literal_;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // RELAY_HANDLER_MATCH_H_
