@@ -12,6 +12,7 @@
 
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
+#include "common/event_thread_check.h"
 #include "common/logging.h"
 #include "net/socket_util.h"
 
@@ -125,6 +126,7 @@ SocketAddress TcpSocket::peerAddress() const {
 }
 
 void TcpSocket::start() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ != kNew) return;
   struct event_base* base = eventThreadBase();
   if (base == nullptr || fd_ < 0) {
@@ -172,6 +174,7 @@ void TcpSocket::onWritable(int, short what, void* arg) {
 }
 
 void TcpSocket::handleRead(short what) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kClosed) return;
   if (what & EV_TIMEOUT) {
     // Lingering ran out: the peer did not close in time.
@@ -250,6 +253,7 @@ void TcpSocket::resumeReadingIfDrained() {
 }
 
 void TcpSocket::handleWrite() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   write_activated_ = false;
   if (aborting_) {
     finish(true);
@@ -396,6 +400,7 @@ void TcpSocket::activateWrite() {
 }
 
 void TcpSocket::writeBytes(const char* data, size_t size) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_ || size == 0) {
     return;
   }
@@ -406,12 +411,14 @@ void TcpSocket::writeBytes(const char* data, size_t size) {
 }
 
 void TcpSocket::endOfStream() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_) return;
   output_closing_ = true;
   if (!in_read_callback_) activateWrite();
 }
 
 void TcpSocket::abortStream() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   // A lingering connection has already delivered everything; it ends by itself.
   if (state_ == kClosed || state_ == kLingering || aborting_) return;
   aborting_ = true;
@@ -423,6 +430,7 @@ void TcpSocket::abortStream() {
 }
 
 void TcpSocket::closeAllOpen() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   while (live_head != nullptr) live_head->finish(false);
 }
 

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "common/event_thread.h"
+#include "common/event_thread_check.h"
 #include "common/fast_thread_local.h"
 #include "common/memory_policy.h"
 #include "relay/connection_registry.h"
@@ -67,6 +68,7 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
 }
 
 void HttpConnectionHandler::notifyIncomingData(std::string* data) {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   std::shared_ptr<HttpServerImpl> impl = impl_;
   if (closing_) {
     // After the request that ends the connection, or an error, or while
@@ -127,9 +129,13 @@ void HttpConnectionHandler::closeAfterAnswers() {
   if (answers_owed_ == 0) shutdown();
 }
 
-void HttpConnectionHandler::oweAnswer() { ++answers_owed_; }
+void HttpConnectionHandler::oweAnswer() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  ++answers_owed_;
+}
 
 void HttpConnectionHandler::answerSettled() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   if (answers_owed_ > 0) --answers_owed_;
   if (answers_owed_ > 0) return;
   if (closing_ || input_ended_) {
@@ -140,6 +146,7 @@ void HttpConnectionHandler::answerSettled() {
 }
 
 void HttpConnectionHandler::checkDeadline(Time now) {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   if (deadline_kind_ == Deadline::kNone || now < deadline_) return;
   const Deadline kind = deadline_kind_;
   deadline_kind_ = Deadline::kNone;
@@ -151,7 +158,10 @@ void HttpConnectionHandler::checkDeadline(Time now) {
   refuse(HttpResponse::kRequestTimeout, true, true);
 }
 
-void HttpConnectionHandler::beginDrain() { closeAfterAnswers(); }
+void HttpConnectionHandler::beginDrain() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  closeAfterAnswers();
+}
 
 void HttpConnectionHandler::updateDeadline() {
   const HttpServerOptions& options = impl_->options();
@@ -181,6 +191,7 @@ void HttpConnectionHandler::updateDeadline() {
 }
 
 void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   if (data->empty()) return;
   // Raw bytes, not framed as an HTTP answer: the defined reply to a cut-off
   // request.
@@ -193,15 +204,20 @@ void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
 }
 
 bool HttpConnectionHandler::holdOpenAfterInputEnd() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   input_ended_ = true;
   deadline_kind_ = Deadline::kNone;
   // Answers still being worked on go out before the connection closes.
   return answers_owed_ > 0;
 }
 
-void HttpConnectionHandler::notifyOutputShutdown() { source_.close(); }
+void HttpConnectionHandler::notifyOutputShutdown() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  source_.close();
+}
 
 void HttpConnectionHandler::notifyClosed() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   deadline_kind_ = Deadline::kNone;
   if (!registered_) return;
   registered_ = false;
