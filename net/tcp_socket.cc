@@ -22,8 +22,8 @@ namespace {
 
 // One read event takes everything the kernel has, in pieces of this size, up to
 // kMaxReadPerEvent so that one busy peer cannot starve the others.
-constexpr size_t kScratchSize = 64 * 1024;
-constexpr size_t kMaxReadPerEvent = 1024 * 1024;
+constexpr size_t kScratchSize = size_t{64} * 1024;
+constexpr size_t kMaxReadPerEvent = size_t{1024} * 1024;
 // Buffers handed to one sendmsg.
 constexpr int kMaxIovecs = 64;
 // How long a connection whose output is done waits for the peer to close.

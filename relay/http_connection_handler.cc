@@ -38,6 +38,8 @@ bool isLarge(const HttpRequest& request) {
 
 }  // namespace
 
+// The weak pointer by value is the constructor's published signature.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
     : RequestResponseConnectionHandler(2048),
       impl_(impl),

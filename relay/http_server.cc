@@ -32,6 +32,7 @@ std::atomic<int> g_live_servers{0};
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the contract's
 void sendResponse(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response,
                   bool to_head_request = false) {
   std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
@@ -154,9 +155,10 @@ void HttpServerImpl::registerHandler(const std::string& regex, HttpRequestHandle
   handlers_.push_back(std::move(entry));
 }
 
-void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
-                                        const HttpResponsePtr& response,
-                                        HttpConnectionHandlerWeakPtr connection) {
+// The weak pointer by value is the published signature.
+void HttpServerImpl::callRequestHandler(
+    const HttpRequestPtr& request, const HttpResponsePtr& response,
+    HttpConnectionHandlerWeakPtr connection) {  // NOLINT(performance-unnecessary-value-param)
   if (request->headers.count(RPCChannel::kHeaderService) != 0) {
     handleRPCs(request, response, connection);
     return;

@@ -216,7 +216,8 @@ Headers::iterator setHeader(Pool* pool, Headers* headers, Headers::const_iterato
   assignBytes(&node.key(), name, name_length);
   assignBytes(&node.mapped(), value, value_length);
   Headers::iterator stored = headers->insert(hint, std::move(node));
-  if (node) {
+  // A node the map did not take is left in `node`, unmoved.
+  if (node) {  // NOLINT(bugprone-use-after-move)
     // The name was there already: the last value wins, and the node goes back.
     assignBytes(&stored->second, value, value_length);
     pool->nodes.push_back(std::move(node));
