@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 BUILD := build
 PREFIX ?= /usr/local
 
-.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check package clean format lint mutate
+.PHONY: deps build demo test sanitize tsan asan fuzz-smoke bench install install-check package clean format mutate
 
 deps:
 	@scripts/install-deps
@@ -72,11 +72,6 @@ package: build
 
 format:
 	clang-format -i $$(git ls-files '*.cc' '*.h')
-
-# clang-format (no change wanted) and clang-tidy (no warning) over relay/, net/,
-# common/ and url/, with the compile commands of $(BUILD).
-lint: build
-	scripts/lint $(BUILD)
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-bench build-mutate
