@@ -8,7 +8,7 @@ namespace relay {
 namespace {
 
 // The specified reader: HttpRequestParser as it is, under the limits a
-// server's options may add.
+// server's options may add. Owned and used as any RequestReader.
 class DefaultRequestReader final : public RequestReader {
  public:
   explicit DefaultRequestReader(const RequestLimits& limits) { parser_.setLimits(limits); }
