@@ -48,8 +48,9 @@ HttpConnectionHandler::HttpConnectionHandler(std::weak_ptr<HttpServerImpl> impl)
 
 HttpConnectionHandler::~HttpConnectionHandler() {
   // Connections leave the registry when they close; one that never got as
-  // far leaves here.
-  HttpConnectionHandler::notifyClosed();
+  // far leaves here. (A closed one may be deleted on whichever thread
+  // dropped the last reference after writing an answer.)
+  leaveRegistry();
   weak_this_.reset();
   impl_.reset();
 }
@@ -220,6 +221,10 @@ void HttpConnectionHandler::notifyOutputShutdown() {
 
 void HttpConnectionHandler::notifyClosed() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  leaveRegistry();
+}
+
+void HttpConnectionHandler::leaveRegistry() {
   deadline_kind_ = Deadline::kNone;
   if (!registered_) return;
   registered_ = false;

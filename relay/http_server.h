@@ -262,14 +262,17 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void closeAfterAnswers();
   // Sets the deadline for what the connection now waits for.
   void updateDeadline();
+  // Leaves the server's registry, once, and tells the observer. Event
+  // thread, or the destructor.
+  void leaveRegistry();
 
   std::shared_ptr<HttpServerImpl> impl_;
   // Set by HttpServer::newConnection right after the owning pointer is made.
   std::weak_ptr<HttpConnectionHandler> weak_this_;
 
-  // Constant after construction: how requests are read (the specified
-  // HttpRequestParser, or strict framing, as the server's options say) and
-  // how their answers are written.
+  // Constant after construction: how requests are read (HttpRequestParser
+  // by default, or strict framing, as the server's options say) and how
+  // their answers are written.
   const std::unique_ptr<RequestReader> reader_;
   const RequestReader::AnswerRules answer_rules_;
 

@@ -7,7 +7,7 @@ namespace vantu {
 namespace relay {
 namespace {
 
-// The specified reader: HttpRequestParser as it is, under the limits a
+// The default reader: HttpRequestParser as it is, under the limits a
 // server's options may add. Owned and used as any RequestReader.
 class DefaultRequestReader final : public RequestReader {
  public:

@@ -14,9 +14,9 @@ struct RequestLimits;
 
 // How a server connection reads requests out of the bytes that arrive: the
 // one interface its connection holds, so that the connection never asks which
-// reader it has. Two readers implement it: the default one, HttpRequestParser
-// as it is specified (see newRequestReader), and StrictRequestParser, which
-// reads as RFC 9112 does.
+// reader it has. Two readers implement it: the default one, an adapter over
+// HttpRequestParser that leaves its behaviour as it is (see
+// newRequestReader), and StrictRequestParser, which reads as RFC 9112 does.
 //
 // Owned by one connection, chosen when it is made, and used on the event
 // thread like the connection's notifications; answerRules() is constant and
@@ -67,8 +67,8 @@ class RequestReader {
 // The reader of a server connection: StrictRequestParser with `limits` when
 // `strict_framing`, else the default reader, an HttpRequestParser with
 // `limits`. The default reader answers a malformed line with the plain 400,
-// which carries no Connection header and leaves the connection open, as
-// specified; a limit's refusal ends the connection.
+// which carries no Connection header and leaves the connection open; a
+// limit's refusal ends the connection.
 std::unique_ptr<RequestReader> newRequestReader(bool strict_framing, const RequestLimits& limits);
 
 }  // namespace relay

@@ -118,7 +118,10 @@ TEST(CallRecordCacheTest, KeepsOnlyGeneratedRecordsOnTheEventThreadAndNotTooMany
   });
   // Taken on the event thread, given back elsewhere: deleted there.
   RPCInfo* record = nullptr;
-  runOnEventThreadAndWait([&] { record = CallRecordCache::take(&generated, method("Echo")); });
+  runOnEventThreadAndWait([&] {
+    record = CallRecordCache::take(&generated, method("Echo"));
+    kept = CallRecordCache::keptForTesting();
+  });
   EXPECT_EQ(live + 1, liveRPCRecordsForTesting());
   std::thread([record] { CallRecordCache::give(record); }).join();
   runOnEventThreadAndWait([&] { EXPECT_EQ(kept, CallRecordCache::keptForTesting()); });

@@ -69,7 +69,7 @@ TEST(RequestReaderTest, BothReadersAnswerTheConnectionsQuestions) {
     std::string input;
     Outcome expected;
   } cases[] = {
-      // The default reader: the specified parser. Its 400 keeps the
+      // The default reader: HttpRequestParser as it is. Its 400 keeps the
       // connection; it never closes, never sends 100 Continue.
       {"default: two requests",
        false,
