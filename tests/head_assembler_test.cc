@@ -61,6 +61,17 @@ TEST(HeadAssemblerTest, LongTargetTakesTheLineBufferInsteadOfACopy) {
       {"long, in the buffer", 2 * memory_policy::kLargestKeptString, true, true},
       {"long, in place", 2 * memory_policy::kLargestKeptString, false, false},
   };
+  // And a line in place while a long one is kept: the buffer is not the
+  // line's, whatever its size.
+  {
+    std::string buffer(3 * memory_policy::kLargestKeptString, 'k');
+    HeadAssembler head(&buffer);
+    const std::string line = "GET /in-place HTTP/1.1";
+    std::string target;
+    head.takeTarget(line.data(), 4, 9, &target);
+    EXPECT_EQ("/in-place", target);
+    EXPECT_EQ(3 * memory_policy::kLargestKeptString, buffer.size());
+  }
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     std::string buffer;
