@@ -17,15 +17,6 @@ HandlerPattern::HandlerPattern(const std::string& regex)
       literal_(regex.find_first_of(kPcreSpecial) == std::string::npos &&
                regex.find('\0') == std::string::npos) {}
 
-bool HandlerPattern::fullMatch(const char* data, size_t size) const {
-  if (literal_) {
-    // An empty subject may carry a null pointer, which memcmp must not see.
-    return size == pattern_.size() &&
-           (pattern_.empty() || memcmp(data, pattern_.data(), pattern_.size()) == 0);
-  }
-  return regex_.FullMatch(pcrecpp::StringPiece(data, static_cast<int>(size)));
-}
-
 std::string HandlerPattern::literal(const std::string& path) {
   std::string pattern;
   for (char c : path) {

@@ -3,6 +3,7 @@
 
 #include <pcrecpp.h>
 
+#include <cstring>
 #include <string>
 
 namespace vantu {
@@ -21,7 +22,14 @@ class HandlerPattern {
 
   // Whether all of [data, data + size) matches; `data` may be null when
   // `size` is 0.
-  bool fullMatch(const char* data, size_t size) const;
+  bool fullMatch(const char* data, size_t size) const {
+    if (literal_) {
+      // An empty subject may carry a null pointer, which memcmp must not see.
+      return size == pattern_.size() &&
+             (pattern_.empty() || memcmp(data, pattern_.data(), pattern_.size()) == 0);
+    }
+    return regex_.FullMatch(pcrecpp::StringPiece(data, static_cast<int>(size)));
+  }
   // The pattern as it was given.
   const std::string& pattern() const { return pattern_; }
 
