@@ -13,14 +13,13 @@
 
 #include "common/mutex.h"
 #include "common/socket_address.h"
+#include "common/time.h"
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
-#include "relay/connection_registry.h"
 #include "relay/http_message.h"
-#include "relay/http_request_parser.h"
 #include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
-#include "relay/strict_framing.h"
+#include "relay/request_reader.h"
 
 namespace google {
 namespace protobuf {
@@ -33,6 +32,7 @@ class TypeResolver;
 namespace vantu {
 namespace relay {
 
+class ConnectionRegistry;
 class HttpConnectionHandler;
 class RPC;
 
@@ -262,14 +262,19 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void closeAfterAnswers();
   // Sets the deadline for what the connection now waits for.
   void updateDeadline();
+  // Leaves the server's registry, once, and tells the observer. Event
+  // thread, or the destructor.
+  void leaveRegistry();
 
-  HttpRequestParser parser_;
   std::shared_ptr<HttpServerImpl> impl_;
   // Set by HttpServer::newConnection right after the owning pointer is made.
   std::weak_ptr<HttpConnectionHandler> weak_this_;
 
-  // Constant after construction: null unless the server reads strictly.
-  const std::unique_ptr<StrictRequestParser> strict_parser_;
+  // Constant after construction: how requests are read (HttpRequestParser
+  // by default, or strict framing, as the server's options say) and how
+  // their answers are written.
+  const std::unique_ptr<RequestReader> reader_;
+  const RequestReader::AnswerRules answer_rules_;
 
   // Event thread only.
   std::vector<HttpRequestPtr> requests_;  // the chunk at hand's, while it is handled
