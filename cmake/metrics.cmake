@@ -34,7 +34,7 @@ endif()
 # Installed beside the core: the library, its own export set in the same CMake
 # package (http_server_lib-config.cmake includes http_server_lib_metrics.cmake,
 # which gives the target only when prometheus-cpp is found too), and its own .pc.
-# relay/metrics.h is installed with the other relay/ headers.
+# relay/metrics.h is among the public headers installed by CMakeLists.txt.
 install(TARGETS http_server_lib_metrics EXPORT http_server_lib_metrics_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/http_server_lib)

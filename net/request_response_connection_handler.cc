@@ -1,6 +1,7 @@
 #include "net/request_response_connection_handler.h"
 
 #include "common/event_thread.h"
+#include "common/event_thread_check.h"
 
 namespace vantu {
 namespace relay {
@@ -30,7 +31,10 @@ void RequestResponseConnectionHandler::send(const char* data, size_t size) {
 
 void RequestResponseConnectionHandler::shutdown() { source_.close(); }
 
-void RequestResponseConnectionHandler::abort() { source_.abort(); }
+void RequestResponseConnectionHandler::abort() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  source_.abort();
+}
 
 void RequestResponseConnectionHandler::notifyOutputShutdown() { source_.close(); }
 
@@ -40,16 +44,26 @@ bool RequestResponseConnectionHandler::holdOpenAfterInputEnd() { return false; }
 
 void RequestResponseConnectionHandler::notifyClosed() {}
 
-void RequestResponseConnectionHandler::onReadable(std::string* data) { notifyIncomingData(data); }
+void RequestResponseConnectionHandler::onReadable(std::string* data) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  notifyIncomingData(data);
+}
 
 bool RequestResponseConnectionHandler::onInputEnd(std::string* data) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
   notifyInputShutdown(data);
   return holdOpenAfterInputEnd();
 }
 
-void RequestResponseConnectionHandler::onOutputEnd() { notifyOutputShutdown(); }
+void RequestResponseConnectionHandler::onOutputEnd() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  notifyOutputShutdown();
+}
 
-void RequestResponseConnectionHandler::onClosed() { notifyClosed(); }
+void RequestResponseConnectionHandler::onClosed() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  notifyClosed();
+}
 
 }  // namespace relay
 }  // namespace vantu

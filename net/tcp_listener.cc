@@ -9,6 +9,7 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "common/event_thread_check.h"
 #include "common/logging.h"
 #include "net/socket_util.h"
 
@@ -49,6 +50,7 @@ void TcpListener::stopListening() {
 }
 
 bool TcpListener::listenOnEventThread(const SocketAddress& address) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_listener");
   struct event_base* base = eventThreadBase();
   if (listener_ != nullptr || base == nullptr || !address.isValid()) return false;
   int fd = ::socket(address.sockaddr()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -88,16 +90,19 @@ bool TcpListener::listenOnEventThread(const SocketAddress& address) {
 }
 
 void TcpListener::pauseAccepting() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_listener");
   paused_by_owner_ = true;
   if (listener_ != nullptr) evconnlistener_disable(listener_);
 }
 
 void TcpListener::resumeAccepting() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_listener");
   paused_by_owner_ = false;
   if (listener_ != nullptr && !paused_by_error_) evconnlistener_enable(listener_);
 }
 
 void TcpListener::closeOnEventThread() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_listener");
   resume_timer_.cancel();
   if (listener_ == nullptr) return;
   openListeners().erase(this);
@@ -112,6 +117,7 @@ void TcpListener::closeAllOpen() {
 }
 
 void TcpListener::onAccept(struct evconnlistener*, int fd, struct sockaddr*, int, void* arg) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_listener");
   static_cast<TcpListener*>(arg)->connectionCallback(fd);
 }
 

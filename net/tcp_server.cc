@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "common/event_thread.h"
+#include "common/event_thread_check.h"
 #include "net/tcp_socket.h"
 
 namespace vantu {
@@ -34,6 +35,7 @@ void TcpServer::setSendTimeout(Duration timeout) { accepted_->send_timeout = tim
 size_t TcpServer::openConnections() const { return accepted_->open; }
 
 void TcpServer::connectionCallback(int fd) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_server");
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
                                                             char_stream::PullStreamTraits>>
       handler = factory_ ? factory_() : nullptr;

@@ -12,6 +12,7 @@
 
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
+#include "common/event_thread_check.h"
 #include "common/logging.h"
 #include "net/socket_util.h"
 
@@ -21,8 +22,8 @@ namespace {
 
 // One read event takes everything the kernel has, in pieces of this size, up to
 // kMaxReadPerEvent so that one busy peer cannot starve the others.
-constexpr size_t kScratchSize = 64 * 1024;
-constexpr size_t kMaxReadPerEvent = 1024 * 1024;
+constexpr size_t kScratchSize = size_t{64} * 1024;
+constexpr size_t kMaxReadPerEvent = size_t{1024} * 1024;
 // Buffers handed to one sendmsg.
 constexpr int kMaxIovecs = 64;
 // How long a connection whose output is done waits for the peer to close.
@@ -101,6 +102,8 @@ TcpSocket::~TcpSocket() {
 
 void TcpSocket::link(char_stream::PushStreamSource* other_source,
                      char_stream::PullStreamSink* other_sink) {
+  // These records carry char_stream's file name and line numbers, and the
+  // last two checks can never fail: all four are part of the logging contract.
   if (isNull(other_sink)) {
     VANTU_LOG_AT(1, "check", "relay/char_stream", __PRETTY_FUNCTION__, 485)
         << "Check failed other_sink ";
@@ -146,6 +149,7 @@ SocketAddress TcpSocket::peerAddress() const {
 }
 
 void TcpSocket::start() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ != kNew) return;
   struct event_base* base = eventThreadBase();
   if (base == nullptr || fd_ < 0) {
@@ -236,6 +240,7 @@ void TcpSocket::onWritable(int, short what, void* arg) {
 }
 
 void TcpSocket::handleRead(short what) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kClosed) return;
   if (what & EV_TIMEOUT) {
     // Lingering ran out: the peer did not close in time.
@@ -314,6 +319,7 @@ void TcpSocket::resumeReadingIfDrained() {
 }
 
 void TcpSocket::handleWrite() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   write_activated_ = false;
   if (aborting_) {
     finish(true);
@@ -460,6 +466,7 @@ void TcpSocket::activateWrite() {
 }
 
 void TcpSocket::writeBytes(const char* data, size_t size) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_ || size == 0) {
     return;
   }
@@ -470,12 +477,14 @@ void TcpSocket::writeBytes(const char* data, size_t size) {
 }
 
 void TcpSocket::endOfStream() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_) return;
   output_closing_ = true;
   if (!in_read_callback_) activateWrite();
 }
 
 void TcpSocket::abortStream() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   // A lingering connection has already delivered everything; it ends by itself.
   if (state_ == kClosed || state_ == kLingering || aborting_) return;
   aborting_ = true;
@@ -492,6 +501,7 @@ void TcpSocket::abortStream() {
 }
 
 void TcpSocket::closeAllOpen() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   while (live_head != nullptr) live_head->finish(false);
 }
 

@@ -55,7 +55,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
  public:
   // Unsent output above which the socket stops reading from the peer; it
   // reads again below half of it.
-  static constexpr size_t kOutputHighWater = 1024 * 1024;
+  static constexpr size_t kOutputHighWater = size_t{1024} * 1024;
   static constexpr size_t kOutputLowWater = kOutputHighWater / 2;
 
   // Connects to `address` (a blocking connect on the caller's thread). Null

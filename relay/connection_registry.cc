@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "common/event_thread_check.h"
 #include "relay/http_server.h"
 
 namespace vantu {
@@ -12,6 +13,7 @@ ConnectionRegistry::ConnectionRegistry(Duration sweep_period) : sweep_period_(sw
 ConnectionRegistry::~ConnectionRegistry() { sweep_timer_.cancel(); }
 
 void ConnectionRegistry::add(HttpConnectionHandler* connection) {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   {
     MutexLock lock(mutex_);
     connections_.insert(connection);
@@ -20,11 +22,13 @@ void ConnectionRegistry::add(HttpConnectionHandler* connection) {
 }
 
 void ConnectionRegistry::remove(HttpConnectionHandler* connection) {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   MutexLock lock(mutex_);
   if (connections_.erase(connection) != 0 && connections_.empty()) changed_.notifyAll();
 }
 
 void ConnectionRegistry::startDrain() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   draining_ = true;
   scheduleSweep();
   std::vector<HttpConnectionHandler*> connections;
@@ -38,6 +42,7 @@ void ConnectionRegistry::startDrain() {
 }
 
 void ConnectionRegistry::abortAll() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   std::vector<HttpConnectionHandler*> connections;
   {
     MutexLock lock(mutex_);
@@ -69,6 +74,7 @@ void ConnectionRegistry::scheduleSweep() {
 }
 
 void ConnectionRegistry::sweep() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   sweep_scheduled_ = false;
   std::vector<HttpConnectionHandler*> connections;
   {

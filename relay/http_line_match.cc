@@ -55,14 +55,6 @@ bool matchRequestLineAt(const std::string& line, size_t* method_length, size_t* 
   return true;
 }
 
-void moveTarget(std::string* line, size_t begin, size_t length, std::string* target) {
-  std::string taken;
-  taken.swap(*line);
-  taken.erase(begin + length);
-  taken.erase(0, begin);
-  *target = std::move(taken);
-}
-
 bool matchStatusLine(const std::string& line, int* code, std::string* reason) {
   const char* data = line.data();
   const size_t size = line.size();

@@ -19,11 +19,6 @@ bool matchRequestLine(const std::string& line, std::string* method, std::string*
 bool matchRequestLineAt(const std::string& line, size_t* method_length, size_t* target_begin,
                         size_t* target_length);
 
-// Makes [begin, begin + length) of *line the whole of *target, taking
-// line's buffer instead of copying (*line is left empty): a long request-target
-// that arrived in pieces then costs its size once, not twice.
-void moveTarget(std::string* line, size_t begin, size_t length, std::string* target);
-
 // "HTTP/1.[0-9] ([0-9]*) (.*)" with the code captured into an int (no digits, or
 // a value that does not fit an int, is no match).
 bool matchStatusLine(const std::string& line, int* code, std::string* reason);

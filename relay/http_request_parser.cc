@@ -9,6 +9,7 @@
 
 #include "common/fast_thread_local.h"
 #include "common/logging.h"
+#include "common/memory_policy.h"
 #include "common/string_util.h"
 #include "relay/http_line_match.h"
 #include "relay/message_pool.h"
@@ -82,7 +83,9 @@ void adoptAll(std::vector<HttpMessage*>* messages, std::vector<std::shared_ptr<M
   }
   messages->clear();
   // A burst of thousands of pipelined requests does not pin its list.
-  if (messages->capacity() > 256) std::vector<HttpMessage*>().swap(*messages);
+  if (messages->capacity() > memory_policy::kLargestKeptMessageList) {
+    std::vector<HttpMessage*>().swap(*messages);
+  }
 }
 
 }  // namespace
@@ -103,16 +106,13 @@ void resolveUrlFromHost(HttpRequest* request, const std::string& host) {
   request->query_components.assignFrom(request->url);
 }
 
-void HttpMessageParser::setLimits(const RequestLimits& limits) { limits_ = limits; }
+void HttpMessageParser::setLimits(const RequestLimits& limits) {
+  head_.setBudget(limits.max_header_bytes);
+  max_body_bytes_ = limits.max_body_bytes;
+}
 
 bool HttpMessageParser::headInProgress() const {
   return !spent_ && (state_ == kHeaders || (state_ == kInitialLine && !buffer_.empty()));
-}
-
-bool HttpMessageParser::headTooLong(size_t length) const {
-  if (limits_.max_header_bytes == 0) return false;
-  if (state_ == kInitialLine) return length > limits_.max_header_bytes;
-  return state_ == kHeaders && head_bytes_ + length > limits_.max_header_bytes;
 }
 
 bool HttpMessageParser::refuse(HttpResponse::StatusCode status) {
@@ -124,20 +124,9 @@ bool HttpMessageParser::refuse(HttpResponse::StatusCode status) {
   return false;
 }
 
-message_pool::Pool* HttpMessageParser::pool() {
-  return pool_ != nullptr ? pool_ : message_pool::threadPool();
-}
-
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
   if (spent_) return false;
-  // One look at the thread's pool per chunk, not one per message and header.
-  struct PoolScope {
-    explicit PoolScope(HttpMessageParser* parser) : parser(parser) {
-      parser->pool_ = message_pool::threadPool();
-    }
-    ~PoolScope() { parser->pool_ = nullptr; }
-    HttpMessageParser* parser;
-  } scope(this);
+  HeadAssembler::Scope scope(&head_);
   if (!message_) message_.reset(createNewMessage());
   const char* scan = data.data();
   const char* const end = scan + data.size();
@@ -157,30 +146,24 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
       state_ = kInitialLine;
       message_.reset(createNewMessage());
       buffer_.clear();
-      head_bytes_ = 0;
+      head_.startHead();
       line_start = scan;
       if (scan == end) return true;
     }
     const char* line_end = findLineEnd(scan, end);
     if (line_end == end) {
-      buffer_.append(line_start, end - line_start);
-      if (headTooLong(buffer_.size())) {
-        return refuse(state_ == kInitialLine ? HttpResponse::kRequestUriTooLarge
-                                             : HttpResponse::kBadRequest);
-      }
-      return true;
+      head_.keep(line_start, end - line_start);
+      return head_.fits(buffer_.size()) || refuse(tooLongStatus());
     }
     scan = line_end + 1;
     const size_t line_length = buffer_.size() + (line_end - line_start);
-    if (headTooLong(line_length)) {
-      return refuse(state_ == kInitialLine ? HttpResponse::kRequestUriTooLarge
-                                           : HttpResponse::kBadRequest);
-    }
-    head_bytes_ += line_length + 2;
+    if (!head_.fits(line_length)) return refuse(tooLongStatus());
+    // Every line end counts as two bytes, whichever it was.
+    head_.countLine(line_length + 2);
     if (!processLine(line_start, line_end - line_start)) {
       if (spent_) return false;
       // A refused first line restarts the head.
-      if (state_ == kInitialLine) head_bytes_ = 0;
+      if (state_ == kInitialLine) head_.startHead();
       // Even a rejected line's CR may have its LF in the next chunk.
       skip_line_feed_ = *line_end == '\r' && scan == end;
       return false;
@@ -210,7 +193,7 @@ bool HttpMessageParser::processLine(const char* data, size_t length) {
   } else {
     accepted = false;
   }
-  message_pool::clearKeepingSmall(&buffer_);
+  head_.clearLine();
   return accepted;
 }
 
@@ -222,7 +205,7 @@ bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
   if (size == 0) {
     finalizeHeader();
     state_ = kBody;
-    if (limits_.max_body_bytes != 0 && message_->content_length > limits_.max_body_bytes) {
+    if (max_body_bytes_ != 0 && message_->content_length > max_body_bytes_) {
       return refuse(HttpResponse::kRequestEntityTooLarge);
     }
     return true;
@@ -234,10 +217,8 @@ bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
   VANTU_LOG(5, kLogger, kSourceFile)
       << "Key=" << std::string(data, name_length)
       << " value=" << std::string(data + value_start, size - value_start);
-  // Header names often arrive in ascending order: hinting at the end makes
-  // those insertions a single comparison.
-  auto inserted = message_pool::setHeader(pool(), &message_->headers, message_->headers.end(), data,
-                                          name_length, data + value_start, size - value_start);
+  auto inserted = head_.storeHeader(&message_->headers, data, name_length, data + value_start,
+                                    size - value_start);
   if (name_length == 14 && memcmp(data, "Content-Length", 14) == 0) {
     return ParseUInt32(inserted->second, &message_->content_length);
   }
@@ -260,11 +241,7 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
   HttpRequest* request = this->request();
   const std::string method_name = line.substr(0, method_length);
   request->minor_version = line.back() - '0';
-  if (&line == &buffer_ && line.size() > message_pool::kLargestKept) {
-    moveTarget(&buffer_, target_begin, target_length, &request->uri);
-  } else {
-    request->uri.assign(line, target_begin, target_length);
-  }
+  head_.takeTarget(line.data(), target_begin, target_length, &request->uri);
   request->method = httpMethodFromName(method_name);
   if (request->method == kHttpUnknown) {
     VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << method_name;

@@ -7,14 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "relay/head_assembler.h"
 #include "relay/http_message.h"
 
 namespace vantu {
 namespace relay {
-
-namespace message_pool {
-class Pool;
-}  // namespace message_pool
 
 // Limits a server may put on the requests it reads; 0 means no limit, which is
 // what a parser has unless told otherwise.
@@ -95,30 +92,28 @@ class HttpMessageParser {
   std::unique_ptr<HttpMessage> message_;
 
   // Where new messages and header nodes come from: this thread's pool.
-  message_pool::Pool* pool();
+  message_pool::Pool* pool() const { return head_.pool(); }
 
   // The messages a parse call completed, before they are handed out; kept
   // from call to call so that it costs no allocation.
   std::vector<HttpMessage*> completed_;
+  // The unfinished line is buffer_; the head's budget is max_header_bytes.
+  HeadAssembler head_{&buffer_};
 
  private:
-  // Whether a line of `length` bytes, not yet handed over, takes the head past
-  // its limit.
-  bool headTooLong(size_t length) const;
   // Spends the parser with `status` and returns false.
   bool refuse(HttpResponse::StatusCode status);
+  // A line that takes the head past its budget is refused with this.
+  HttpResponse::StatusCode tooLongStatus() const {
+    return state_ == kInitialLine ? HttpResponse::kRequestUriTooLarge : HttpResponse::kBadRequest;
+  }
 
   // The previous chunk ended with a CR: an LF opening the next one belongs to
   // that line end.
   bool skip_line_feed_ = false;
-  RequestLimits limits_;
-  // The bytes of the lines of the current head handed over so far.
-  size_t head_bytes_ = 0;
+  uint64_t max_body_bytes_ = 0;
   HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
   bool spent_ = false;
-  // This thread's pool while doParse runs (fetched once per chunk); null
-  // otherwise.
-  message_pool::Pool* pool_ = nullptr;
 };
 
 // Reads requests: the request line, then the absolute URL and the unescaped

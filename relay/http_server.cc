@@ -3,7 +3,6 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/util/type_resolver.h>
 #include <google/protobuf/util/type_resolver_util.h>
-#include <pcrecpp.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -13,11 +12,15 @@
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
-#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "common/map_util.h"
 #include "common/weak_function.h"
+#include "relay/call_record_cache.h"
+#include "relay/connection_registry.h"
+#include "relay/handler_match.h"
+#include "relay/http_server_observer.h"
 #include "relay/rpc.h"
+#include "relay/rpc_deadline.h"
 
 namespace vantu {
 namespace relay {
@@ -27,10 +30,10 @@ constexpr char kLogger[] = "http_server";
 constexpr char kSourceFile[] = "relay/http_server";
 
 std::atomic<int> g_live_servers{0};
-std::atomic<int> g_live_rpc_records{0};
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the contract's
 void sendResponse(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response,
                   bool to_head_request = false) {
   std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
@@ -46,6 +49,8 @@ void sendRPCError(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr
   for (char& c : text) {
     if (c == '\r' || c == '\n') c = ' ';
   }
+  // "%d" is the wire format: ids above 2^31 - 1 go out negative, and readers
+  // keep the low 32 bits.
   response->setHeaderF(RPCChannel::kHeaderId, "%d", id);
   response->setHeader(RPCChannel::kHeaderFailed, "1");
   response->setHeader(RPCChannel::kHeaderError, text);
@@ -56,121 +61,25 @@ std::string typeUrl(const google::protobuf::Message& message) {
   return "/" + message.GetDescriptor()->full_name();
 }
 
-// Call records the event thread is done with, kept with their controller and
-// messages: a method called again finds its messages there, to be cleared
-// instead of made anew. Bounded; records freed on other threads are deleted.
-class RecordCache {
- public:
-  // A record for a call of `method` on `service`, its controller fresh and
-  // its messages empty.
-  static HttpServerImpl::RPCInfo* take(google::protobuf::Service* service,
-                                       const google::protobuf::MethodDescriptor* method);
-  // Takes back a record (any thread).
-  static void give(HttpServerImpl::RPCInfo* record);
-
- private:
-  static constexpr size_t kMaxRecords = 64;
-  struct Records {
-    ~Records() {
-      for (HttpServerImpl::RPCInfo* record : list) delete record;
-      list.clear();
-    }
-    std::vector<HttpServerImpl::RPCInfo*> list;
-  };
-  static Records* records();
-  static VANTU_FAST_THREAD_LOCAL Records* tls_records_;
-};
-
-VANTU_FAST_THREAD_LOCAL RecordCache::Records* RecordCache::tls_records_ = nullptr;
-
-RecordCache::Records* RecordCache::records() {
-  if (tls_records_ == nullptr && isEventThread()) {
-    // Freed when the thread ends; released records find no cache then.
-    struct Owner {
-      ~Owner() {
-        delete tls_records_;
-        tls_records_ = nullptr;
-      }
-    };
-    thread_local Owner owner;
-    (void)owner;
-    tls_records_ = new Records;
+// The connection was owed this call's answer: settled on the event thread,
+// after the answer's bytes, which from another thread are handed over through
+// the event thread's queue that this follows.
+void settleAnswer(const HttpConnectionHandlerWeakPtr& connection) {
+  if (!isEventThread()) {
+    defer([connection] { settleAnswer(connection); });
+    return;
   }
-  return tls_records_;
+  if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) handler->answerSettled();
 }
 
-HttpServerImpl::RPCInfo* RecordCache::take(google::protobuf::Service* service,
-                                           const google::protobuf::MethodDescriptor* method) {
-  ++g_live_rpc_records;
-  const google::protobuf::Message& request = service->GetRequestPrototype(method);
-  const google::protobuf::Message& response = service->GetResponsePrototype(method);
-  if (Records* cache = records()) {
-    // The messages fit when they came from the same prototypes.
-    for (size_t i = cache->list.size(); i-- > 0;) {
-      HttpServerImpl::RPCInfo* record = cache->list[i];
-      if (record->request_prototype == &request && record->response_prototype == &response) {
-        cache->list.erase(cache->list.begin() + i);
-        record->request->Clear();
-        record->response->Clear();
-        return record;
-      }
-    }
-  }
-  auto* record = new HttpServerImpl::RPCInfo;
-  record->controller.reset(new RPC);
-  record->request.reset(request.New());
-  record->response.reset(response.New());
-  // Messages of a dynamic factory die with it, perhaps before a kept record.
-  google::protobuf::MessageFactory* generated =
-      google::protobuf::MessageFactory::generated_factory();
-  record->reusable = generated->GetPrototype(method->input_type()) == &request &&
-                     generated->GetPrototype(method->output_type()) == &response;
-  record->request_prototype = &request;
-  record->response_prototype = &response;
-  return record;
-}
-
-void RecordCache::give(HttpServerImpl::RPCInfo* record) {
-  --g_live_rpc_records;
-  std::unique_ptr<HttpServerImpl::RPCInfo> owned(record);
-  // Before its controller is reused or freed.
-  if (record->ticket) {
-    record->ticket->finish();
-    record->ticket.reset();
-  }
-  // The connection was owed this call's answer: settled on the event thread,
-  // after the answer's bytes, which from another thread are handed over
-  // through the event thread's queue that this follows.
-  if (record->owes_answer) {
-    if (isEventThread()) {
-      if (std::shared_ptr<HttpConnectionHandler> handler = record->connection.lock()) {
-        handler->answerSettled();
-      }
-    } else {
-      defer([connection = record->connection] {
-        if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
-          handler->answerSettled();
-        }
-      });
-    }
-  }
-  Records* cache = record->reusable && isEventThread() ? records() : nullptr;
-  if (cache == nullptr || cache->list.size() >= kMaxRecords) return;
-  record->controller->Reset();
-  record->http_response.reset();
-  record->connection.reset();
-  record->id = 0;
-  record->format = HttpServerImpl::RPCInfo::kBinary;
-  record->owes_answer = false;
-  record->method = nullptr;
-  record->started = Time();
-  record->observed = false;
-  cache->list.push_back(owned.release());
-}
-
-// Owns a record until it is given back.
+// Owns a record until it is given back, settling the answer it owed.
 struct GiveBack {
-  void operator()(HttpServerImpl::RPCInfo* record) const { RecordCache::give(record); }
+  void operator()(HttpServerImpl::RPCInfo* record) const {
+    // Before its controller is reused or freed.
+    if (record->ticket) record->ticket->finish();
+    if (record->owes_answer) settleAnswer(record->connection);
+    CallRecordCache::give(record);
+  }
 };
 using RecordPtr = std::unique_ptr<HttpServerImpl::RPCInfo, GiveBack>;
 
@@ -190,33 +99,12 @@ class RPCCompletion {
 
 }  // namespace
 
-// The characters that mean something to PCRE in a pattern.
-const char kPcreSpecial[] = "\\^$.|?*+()[]{}";
-
 struct HttpServerImpl::Handler {
   Handler(const std::string& regex, HttpRequestHandler handler)
-      : regex_(regex),
-        pattern_(regex),
-        callback_(std::move(handler)),
-        literal_(regex.find_first_of(kPcreSpecial) == std::string::npos &&
-                 regex.find('\0') == std::string::npos) {}
+      : pattern(regex), callback(std::move(handler)) {}
 
-  // The whole subject matches: for a pattern without any character that means
-  // something to PCRE, that is the subject equal to it, tested without PCRE.
-  bool fullMatch(const pcrecpp::StringPiece& subject) const {
-    if (literal_) {
-      // An empty subject may carry a null pointer, which memcmp must not see.
-      return static_cast<size_t>(subject.size()) == pattern_.size() &&
-             (pattern_.empty() || memcmp(subject.data(), pattern_.data(), pattern_.size()) == 0);
-    }
-    return regex_.FullMatch(subject);
-  }
-
-  pcrecpp::RE regex_;
-  std::string pattern_;
-  HttpRequestHandler callback_;
-  // Constant after construction.
-  const bool literal_;
+  const HandlerPattern pattern;
+  const HttpRequestHandler callback;
 };
 
 // ---------------------------------------------------------------------------
@@ -230,7 +118,6 @@ std::shared_ptr<HttpServerImpl> HttpServerImpl::create() {
 }
 
 int liveHttpServersForTesting() { return g_live_servers.load(); }
-int liveRPCRecordsForTesting() { return g_live_rpc_records.load(); }
 
 HttpServerImpl::RPCInfo::RPCInfo() = default;
 HttpServerImpl::RPCInfo::~RPCInfo() = default;
@@ -272,9 +159,10 @@ void HttpServerImpl::registerHandler(const std::string& regex, HttpRequestHandle
   handlers_.push_back(std::move(entry));
 }
 
-void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
-                                        const HttpResponsePtr& response,
-                                        HttpConnectionHandlerWeakPtr connection) {
+// The weak pointer by value is the published signature.
+void HttpServerImpl::callRequestHandler(
+    const HttpRequestPtr& request, const HttpResponsePtr& response,
+    HttpConnectionHandlerWeakPtr connection) {  // NOLINT(performance-unnecessary-value-param)
   if (request->headers.count(RPCChannel::kHeaderService) != 0) {
     handleRPCs(request, response, connection);
     return;
@@ -284,15 +172,15 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   // The path is matched where it lies in the URL's text, not copied: a 64 MB
   // path must not cost another 64 MB here.
   const url_parse::Component path = request->url.parsed_for_possibly_invalid_spec().path;
-  const pcrecpp::StringPiece subject =
+  const std::string_view subject =
       path.len > 0
-          ? pcrecpp::StringPiece(request->url.possibly_invalid_spec().data() + path.begin, path.len)
-          : pcrecpp::StringPiece();
+          ? std::string_view(request->url.possibly_invalid_spec().data() + path.begin, path.len)
+          : std::string_view();
   std::shared_ptr<Handler> matched;
   {
     MutexLock lock(mutex_);
     for (const std::shared_ptr<Handler>& handler : handlers_) {
-      if (handler->fullMatch(subject)) {
+      if (handler->pattern.fullMatch(subject.data(), subject.size())) {
         matched = handler;
         break;
       }
@@ -300,19 +188,18 @@ void HttpServerImpl::callRequestHandler(const HttpRequestPtr& request,
   }
   HttpServerObserver* observer = this->observer();
   if (matched) {
-    VANTU_LOG(5, kLogger, kSourceFile) << "Regexp " << matched->pattern_ << " matches URL "
-                                       << std::string_view(subject.data(), subject.size());
+    VANTU_LOG(5, kLogger, kSourceFile)
+        << "Regexp " << matched->pattern.pattern() << " matches URL " << subject;
     const Time started = observer != nullptr ? Time::now() : Time();
-    matched->callback_(request, response);
+    matched->callback(request, response);
     const Duration handler_time = observer != nullptr ? Time::now() - started : Duration();
     sendResponse(connection, response, request->method == kHttpHead);
     if (observer != nullptr) {
-      observer->requestAnswered(matched->pattern_, response->status_code, handler_time);
+      observer->requestAnswered(matched->pattern.pattern(), response->status_code, handler_time);
     }
     return;
   }
-  VANTU_LOG(2, kLogger, kSourceFile)
-      << "No handler found for " << std::string_view(subject.data(), subject.size());
+  VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
   response->status_code = HttpResponse::kNotFound;
   sendResponse(connection, response, request->method == kHttpHead);
   if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});
@@ -341,6 +228,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   const std::string& service_name = header(RPCChannel::kHeaderService);
   const std::string& method_name = header(RPCChannel::kHeaderMethod);
   const uint32_t id = readCallNumber(header(RPCChannel::kHeaderId));
+  // Odd as it reads, this text is part of the logging contract.
   VANTU_LOG(5, kLogger, kSourceFile)
       << "This is a RPC!!! " << service_name << " " << method_name << " " << id;
 
@@ -368,7 +256,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     return;
   }
 
-  RecordPtr info(RecordCache::take(service.get(), method));
+  RecordPtr info(CallRecordCache::take(service.get(), method));
   if (header(RPCChannel::kHeaderContentType) == "application/json") {
     info->format = RPCInfo::kJson;
   }
@@ -451,6 +339,7 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
     info->response->SerializeWithCachedSizesToArray(
         reinterpret_cast<uint8_t*>(content.data() + at));
   }
+  // Signed, as in sendRPCError.
   info->http_response->setHeaderF(RPCChannel::kHeaderId, "%d", info->id);
   info->http_response->setHeader(RPCChannel::kHeaderFailed, "0");
   sendResponse(info->connection, info->http_response);
@@ -520,12 +409,7 @@ void HttpServer::registerHandler(const std::string& regex, HttpRequestHandler ha
 }
 
 std::string HttpServer::literalPattern(const std::string& path) {
-  std::string pattern;
-  for (char c : path) {
-    if (strchr(kPcreSpecial, c) != nullptr && c != '\0') pattern += '\\';
-    pattern += c;
-  }
-  return pattern;
+  return HandlerPattern::literal(path);
 }
 
 void HttpServer::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {

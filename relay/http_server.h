@@ -13,16 +13,14 @@
 
 #include "common/mutex.h"
 #include "common/socket_address.h"
+#include "common/time.h"
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
-#include "relay/connection_registry.h"
 #include "relay/drain_goodbye.h"
 #include "relay/http_message.h"
-#include "relay/http_request_parser.h"
 #include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
-#include "relay/rpc_deadline.h"
-#include "relay/strict_framing.h"
+#include "relay/request_reader.h"
 
 namespace google {
 namespace protobuf {
@@ -35,6 +33,9 @@ class TypeResolver;
 namespace vantu {
 namespace relay {
 
+class CallCanceller;
+class CallTicket;
+class ConnectionRegistry;
 class HttpConnectionHandler;
 class RPC;
 
@@ -272,14 +273,19 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void updateDeadline();
   // While draining: closes once nothing is owed and the client is done.
   void closeIfDrained(Time now);
+  // Leaves the server's registry, once, and tells the observer. Event
+  // thread, or the destructor.
+  void leaveRegistry();
 
-  HttpRequestParser parser_;
   std::shared_ptr<HttpServerImpl> impl_;
   // Set by HttpServer::newConnection right after the owning pointer is made.
   std::weak_ptr<HttpConnectionHandler> weak_this_;
 
-  // Constant after construction: null unless the server reads strictly.
-  const std::unique_ptr<StrictRequestParser> strict_parser_;
+  // Constant after construction: how requests are read (HttpRequestParser
+  // by default, or strict framing, as the server's options say) and how
+  // their answers are written.
+  const std::unique_ptr<RequestReader> reader_;
+  const RequestReader::AnswerRules answer_rules_;
 
   // Begun on the event thread; read from any thread that answers.
   DrainGoodbye drain_;

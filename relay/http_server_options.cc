@@ -5,8 +5,8 @@ namespace relay {
 
 HttpServerOptions HttpServerOptions::hardened() {
   HttpServerOptions options;
-  options.max_header_bytes = 64 * 1024;
-  options.max_body_bytes = 16 * 1024 * 1024;
+  options.max_header_bytes = size_t{64} * 1024;
+  options.max_body_bytes = uint64_t{16} * 1024 * 1024;
   options.max_connections = 10000;
   options.header_timeout = Duration::seconds(30);
   options.idle_timeout = Duration::seconds(120);

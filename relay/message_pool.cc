@@ -4,15 +4,18 @@
 #include <vector>
 
 #include "common/fast_thread_local.h"
+#include "common/memory_policy.h"
 
 namespace vantu {
 namespace relay {
 namespace message_pool {
 namespace {
 
+using memory_policy::clearKeepingSmall;
+using memory_policy::kLargestKeptString;
 // Bounds: what one thread keeps at most.
-constexpr size_t kMaxMessages = 64;
-constexpr size_t kMaxNodes = 1024;
+constexpr size_t kMaxMessages = memory_policy::kMaxPooledMessages;
+constexpr size_t kMaxNodes = memory_policy::kMaxPooledHeaderNodes;
 
 // Control blocks of the shared pointers adopt() makes: one size serves all.
 constexpr size_t kBlockSize = 64;
@@ -41,14 +44,6 @@ class Pool {
   std::vector<Headers::node_type> nodes;
   std::vector<void*> blocks;
 };
-
-void clearKeepingSmall(std::string* text) {
-  if (text->capacity() > kLargestKept) {
-    std::string().swap(*text);
-  } else {
-    text->clear();
-  }
-}
 
 namespace {
 
@@ -117,7 +112,8 @@ inline void assignBytes(std::string* text, const char* data, size_t size) {
 void recycleHeaders(Headers* headers, Pool* pool) {
   while (!headers->empty() && pool->nodes.size() < kMaxNodes) {
     Headers::node_type node = headers->extract(headers->begin());
-    if (node.key().capacity() <= kLargestKept && node.mapped().capacity() <= kLargestKept) {
+    if (node.key().capacity() <= kLargestKeptString &&
+        node.mapped().capacity() <= kLargestKeptString) {
       pool->nodes.push_back(std::move(node));
     }
   }
@@ -142,7 +138,7 @@ void resetResponse(HttpResponse* response, Pool* pool) {
   recycleHeaders(&response->headers, pool);
   response->content_length = 0;
   clearKeepingSmall(&response->body);
-  if (response->content.capacity() > kLargestKept) {
+  if (response->content.capacity() > kLargestKeptString) {
     std::vector<char>().swap(response->content);
   } else {
     response->content.clear();
@@ -220,7 +216,8 @@ Headers::iterator setHeader(Pool* pool, Headers* headers, Headers::const_iterato
   assignBytes(&node.key(), name, name_length);
   assignBytes(&node.mapped(), value, value_length);
   Headers::iterator stored = headers->insert(hint, std::move(node));
-  if (node) {
+  // A node the map did not take is left in `node`, unmoved.
+  if (node) {  // NOLINT(bugprone-use-after-move)
     // The name was there already: the last value wins, and the node goes back.
     assignBytes(&stored->second, value, value_length);
     pool->nodes.push_back(std::move(node));

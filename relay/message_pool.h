@@ -18,7 +18,8 @@ namespace relay {
 // Each thread that makes messages has its own pool (the event thread, in a
 // server); a message whose last reference is dropped on another thread is
 // simply deleted. Pools are bounded, and large buffers are never kept: a
-// request with a million headers or a 100 MB body leaves nothing pinned.
+// request with a million headers or a 100 MB body leaves nothing pinned
+// (common/memory_policy.h has the bounds).
 //
 // What comes out is indistinguishable from a newly constructed message.
 namespace message_pool {
@@ -39,12 +40,6 @@ HttpResponse* newResponse(Pool* pool = threadPool());
 // has none). Their control blocks come from the pool too.
 HttpRequestPtr adopt(HttpRequest* request);
 HttpResponsePtr adopt(HttpResponse* response);
-
-// Strings whose capacity passed this are freed, not kept: one long line or
-// field must not pin its memory for the life of a connection.
-constexpr size_t kLargestKept = 4096;
-// Empties `text`, keeping its capacity unless it is over kLargestKept.
-void clearKeepingSmall(std::string* text);
 
 // Stores `value` under `name`, as headers.insert_or_assign would, reusing a
 // pooled node when there is one. `hint` as for std::map::insert.

@@ -45,7 +45,7 @@ uint64_t nextObserverId() {
   return next.fetch_add(1, std::memory_order_relaxed);
 }
 
-double seconds(Duration duration) { return duration.toMicroseconds() / 1e6; }
+double seconds(Duration duration) { return static_cast<double>(duration.toMicroseconds()) / 1e6; }
 
 // Letters, digits, '_' and '.', as protobuf full names are made of, and not
 // too long: what a peer may put into a label.

@@ -143,6 +143,7 @@ void RPC::NotifyOnCancel(google::protobuf::Closure* callback) {
     MutexLock lock(mutex_);
     if (!canceled_) {
       if (cancel_callback_) {
+        // Function text and line number are fixed by the logging contract.
         VANTU_LOG_AT(1, "check", kSourceFile,
                      "virtual void vantu::relay::RPC::NotifyOnCancel(google::protobuf::Closure*)",
                      116)
@@ -198,6 +199,7 @@ RPCChannelPtr RPCChannel::create(const SocketAddress& address) {
   RPCChannelPtr channel(new RPCChannel, LibEventThreadDeferredDeleter<RPCChannel>());
   channel->socket_ = TcpSocket::create(address);
   if (!channel->socket_) {
+    // Function text and line number are fixed by the logging contract.
     VANTU_LOG_AT(2, "rpc", kSourceFile,
                  "static vantu::relay::RPCChannelPtr vantu::relay::RPCChannel::create(const "
                  "vantu::SocketAddress&)",

@@ -275,7 +275,7 @@ void RPCEndpoints::setAddresses(const std::vector<SocketAddress>& addresses, boo
           endpoint.connection->detach();
         }
       }
-      endpoints_.erase(endpoints_.begin() + i);
+      endpoints_.erase(endpoints_.begin() + static_cast<std::ptrdiff_t>(i));
     }
   }
   for (const SocketAddress& address : wanted) {

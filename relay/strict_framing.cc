@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "common/memory_policy.h"
 #include "relay/http_line_match.h"
 #include "relay/message_pool.h"
 
@@ -252,20 +253,15 @@ constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
-StrictRequestParser::StrictRequestParser(const RequestLimits& limits) : limits_(limits) {}
+StrictRequestParser::StrictRequestParser(const RequestLimits& limits) : limits_(limits) {
+  head_.setBudget(limits.max_header_bytes);
+}
 
 StrictRequestParser::~StrictRequestParser() = default;
 
 bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
   if (state_ == State::kFailed) return false;
-  // One look at the thread's pool per chunk, not one per request and header.
-  struct PoolScope {
-    explicit PoolScope(message_pool::Pool** pool) : pool(pool) {
-      *pool = message_pool::threadPool();
-    }
-    ~PoolScope() { *pool = nullptr; }
-    message_pool::Pool** pool;
-  } scope(&pool_);
+  HeadAssembler::Scope scope(&head_);
   const char* p = data.data();
   const char* const end = p + data.size();
   while (p < end) {
@@ -297,7 +293,7 @@ bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequest
       case State::kChunkDataLf:
         if (*p++ != '\n') return fail(HttpResponse::kBadRequest);
         state_ = State::kChunkSize;
-        block_bytes_ = 0;
+        head_.startHead();
         break;
       case State::kRequestLine:
       case State::kHeaders:
@@ -319,34 +315,25 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   const char* p = *data;
   const size_t available = end - p;
   // How many more bytes this line may take, its LF included.
-  size_t budget = std::numeric_limits<size_t>::max();
-  if (limits_.max_header_bytes != 0) {
-    const size_t used = block_bytes_ + line_.size();
-    budget = used < limits_.max_header_bytes ? limits_.max_header_bytes - used : 0;
-  }
-  const char* lf = static_cast<const char*>(memchr(p, '\n', std::min(available, budget)));
+  const size_t room = head_.room();
+  const char* lf = static_cast<const char*>(memchr(p, '\n', std::min(available, room)));
   if (lf == nullptr) {
-    if (available > budget) {
+    if (available > room) {
       return failByLimit(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
                                                        : HttpResponse::kBadRequest);
     }
-    line_.append(p, available);
+    head_.keep(p, available);
     *data = end;
     return true;
   }
   *data = lf + 1;
-  const char* line = p;
   size_t length = lf - p;
-  if (!line_.empty()) {
-    line_.append(p, length);
-    line = line_.data();
-    length = line_.size();
-  }
-  block_bytes_ += length + 1;
+  const char* line = head_.complete(p, &length);
+  head_.countLine(length + 1);
   // Only CR LF ends a line; a CR anywhere else is refused by the checks of each
   // kind of line, none of which lets a control byte through.
   bool accepted = length > 0 && line[length - 1] == '\r' && processLine(line, length - 1, requests);
-  message_pool::clearKeepingSmall(&line_);
+  head_.clearLine();
   return accepted || fail(HttpResponse::kBadRequest);
 }
 
@@ -355,7 +342,7 @@ bool StrictRequestParser::processLine(const char* line, size_t length,
   switch (state_) {
     case State::kRequestLine:
       if (length == 0) {  // an empty line before the request line
-        block_bytes_ = 0;
+        head_.startHead();
         return true;
       }
       return processRequestLine(line, length);
@@ -410,14 +397,9 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
     if (q == target_end || *q != ':') return fail(HttpResponse::kBadRequest);
   }
 
-  request_ = message_pool::adopt(message_pool::newRequest(pool_));
+  request_ = message_pool::adopt(message_pool::newRequest(head_.pool()));
   request_->method = method;
-  if (line == line_.data() && line_.capacity() > message_pool::kLargestKept) {
-    // A long line arrived in pieces: its buffer becomes the uri.
-    moveTarget(&line_, target - line, target_length, &request_->uri);
-  } else {
-    request_->uri.assign(target, target_length);
-  }
+  head_.takeTarget(line, target - line, target_length, &request_->uri);
   request_->minor_version = version[7] - '0';
   state_ = State::kHeaders;
   return true;
@@ -439,10 +421,7 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   const size_t value_length = end - value;
   if (!store) return true;
   if (!noteFramingField(line, name_length, value, value_length)) return false;
-  // Names often arrive in ascending order: hinting at the end makes those
-  // insertions a single comparison.
-  message_pool::setHeader(pool_, &request_->headers, request_->headers.end(), line, name_length,
-                          value, value_length);
+  head_.storeHeader(&request_->headers, line, name_length, value, value_length);
   return true;
 }
 
@@ -527,7 +506,7 @@ bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
   if (!resolveAbsoluteTarget(request_.get())) resolveUrlFromHost(request_.get(), host_);
   if (chunked_) {
     state_ = State::kChunkSize;
-    block_bytes_ = 0;
+    head_.startHead();
     return true;
   }
   if (content_length_count_ > 0) {
@@ -555,7 +534,7 @@ bool StrictRequestParser::processChunkSize(const char* line, size_t length) {
   if (p == line || !validParameters(p, end)) return false;
   if (size > bodyCap() - request_->body.size())
     return failByLimit(HttpResponse::kRequestEntityTooLarge);
-  block_bytes_ = 0;
+  head_.startHead();
   if (size == 0) {
     state_ = State::kTrailers;
   } else {
@@ -587,15 +566,15 @@ void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
   expect_continue_ = false;
   if (closing) {
     state_ = State::kClosed;
-    message_pool::clearKeepingSmall(&line_);
+    head_.clearLine();
     std::string().swap(transfer_encoding_);
     return;
   }
   state_ = State::kRequestLine;
-  block_bytes_ = 0;
+  head_.startHead();
   body_remaining_ = 0;
-  message_pool::clearKeepingSmall(&transfer_encoding_);
-  message_pool::clearKeepingSmall(&host_);
+  memory_policy::clearKeepingSmall(&transfer_encoding_);
+  memory_policy::clearKeepingSmall(&host_);
   declared_length_ = 0;
   content_length_count_ = 0;
   host_count_ = 0;
@@ -631,6 +610,13 @@ uint64_t StrictRequestParser::bodyCap() const {
 }
 
 HttpResponse::StatusCode StrictRequestParser::errorStatus() const { return error_status_; }
+
+RequestReader::AnswerRules StrictRequestParser::answerRules() const {
+  AnswerRules rules;
+  rules.date = true;
+  rules.head_without_content = true;
+  return rules;
+}
 
 bool StrictRequestParser::closing() const { return state_ == State::kClosed; }
 

@@ -7,15 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "relay/head_assembler.h"
 #include "relay/http_message.h"
 #include "relay/http_request_parser.h"
+#include "relay/request_reader.h"
 
 namespace vantu {
 namespace relay {
-
-namespace message_pool {
-class Pool;
-}  // namespace message_pool
 
 // Reads requests the way RFC 9112 does, so that this server and any proxy in
 // front of it agree on where every request ends. A server uses it instead of
@@ -71,38 +69,41 @@ class Pool;
 // keep-alive"; the Connection header's tokens are matched whatever their
 // case), the parser is spent: later calls deliver nothing.
 //
+// Its answers carry a Date, and the answer to a HEAD request no content
+// (answerRules()); every fault ends the connection.
+//
 // One per connection, used by one thread at a time (the event thread).
-class StrictRequestParser {
+class StrictRequestParser final : public RequestReader {
  public:
   explicit StrictRequestParser(const RequestLimits& limits = RequestLimits());
-  ~StrictRequestParser();
-  StrictRequestParser(const StrictRequestParser&) = delete;
-  StrictRequestParser& operator=(const StrictRequestParser&) = delete;
+  ~StrictRequestParser() override;
 
+  // RequestReader
   // As HttpRequestParser::parse: consumes the whole chunk, appends the
   // requests it completes in stream order, and returns false when the stream
   // breaks the rules above. The requests completed before the fault are
   // appended too. A spent parser appends nothing: false after a fault, true
   // after a request that ends the connection.
-  bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests);
-
+  bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests) override;
   // The status the fault is answered with (400, 413, 414, 501 or 505); 400
   // before any fault.
-  HttpResponse::StatusCode errorStatus() const;
+  HttpResponse::StatusCode errorStatus() const override;
+  bool closesAfterError() const override { return true; }
   // The fault was a limit's (414, 413, or 400 for a head too long), not
   // malformed or unsupported framing.
-  bool refusedByLimit() const { return refused_by_limit_; }
+  bool refusedByLimit() const override { return refused_by_limit_; }
   // The last request delivered ends the connection: answer it, then close.
-  bool closing() const;
-  // Part of a request's head has arrived, and not the whole of it. (Empty lines
-  // skipped before a request line do not count.)
-  bool headInProgress() const;
-  // A request's head is complete and its body is not.
-  bool bodyInProgress() const;
+  bool closing() const override;
   // True once for each request whose head asked for "Expect: 100-continue"
   // (HTTP/1.1, any case) and whose body has not fully arrived with the head:
   // the caller then sends the interim "HTTP/1.1 100 Continue" answer.
-  bool takeContinueRequest();
+  bool takeContinueRequest() override;
+  // Part of a request's head has arrived, and not the whole of it. (Empty lines
+  // skipped before a request line do not count.)
+  bool headInProgress() const override;
+  // A request's head is complete and its body is not.
+  bool bodyInProgress() const override;
+  AnswerRules answerRules() const override;
 
  private:
   enum class State : uint8_t {
@@ -145,17 +146,15 @@ class StrictRequestParser {
   HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
   // The unfinished line of the previous chunks, CR included.
   std::string line_;
-  // Bytes of the current block (head, trailers, chunk-size line) whose lines
-  // are complete; the limit applies to them plus line_.
-  size_t block_bytes_ = 0;
+  // Counts each block (head, trailers, chunk-size line) against
+  // max_header_bytes, a line's bytes with its CR LF.
+  HeadAssembler head_{&line_};
   // Content-Length: body bytes still missing; chunked: data bytes left in the
   // current chunk.
   uint64_t body_remaining_ = 0;
   // The request in progress; null between requests.
   HttpRequestPtr request_;
   bool refused_by_limit_ = false;
-  // This thread's message pool while parse runs; null otherwise.
-  message_pool::Pool* pool_ = nullptr;
 
   // What the head of the request in progress said about its framing.
   std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","

@@ -103,6 +103,38 @@ TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
   }
 }
 
+TEST(EventThreadTest, CancellingATimerReleasesItsFunctionAtOnce) {
+  enum When { kArmedCancelledElsewhere, kArmedCancelledOnEventThread, kCancelledBeforeArming };
+  for (When when :
+       {kArmedCancelledElsewhere, kArmedCancelledOnEventThread, kCancelledBeforeArming}) {
+    SCOPED_TRACE(when);
+    auto held = std::make_shared<int>(0);
+    std::weak_ptr<int> weak_held = held;
+    std::atomic<bool> ran{false};
+    std::function<void()> fn = [held, &ran] { ran = true; };
+    held.reset();
+    if (when == kCancelledBeforeArming) {
+      // On the event thread, before the queue arms it.
+      runOnEventThreadAndWait([&] { scheduleDeferred(fn, Duration::seconds(3600)).cancel(); });
+    } else {
+      TimerHandle timer = scheduleDeferred(fn, Duration::seconds(3600));
+      waitForDeferredWork();  // armed by now, and holding the function
+      ASSERT_FALSE(weak_held.expired());
+      if (when == kArmedCancelledOnEventThread) {
+        runOnEventThreadAndWait([&] { timer.cancel(); });
+      } else {
+        timer.cancel();
+      }
+    }
+    fn = nullptr;
+    // Twice: a batch's functions are destroyed after its last one ran.
+    waitForDeferredWork();
+    waitForDeferredWork();
+    EXPECT_TRUE(weak_held.expired()) << "the function lives until the deadline";
+    EXPECT_FALSE(ran);
+  }
+}
+
 TEST(EventThreadTest, TimersFireInDeadlineOrder) {
   Mutex mutex;
   ConditionVariable cv;

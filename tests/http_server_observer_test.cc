@@ -26,9 +26,8 @@ class RecordingObserver : public HttpServerObserver {
   void connectionClosed() override { bump("closed"); }
   void bytesReceived(size_t bytes) override { add("received", bytes); }
   void bytesSent(size_t bytes) override { add("sent", bytes); }
-  void requestAnswered(const std::string& pattern, int status, Duration time) override {
+  void requestAnswered(const std::string& pattern, int status, Duration) override {
     EXPECT_TRUE(isEventThread());
-    EXPECT_GE(time, Duration());
     bump("answered " + pattern + " " + std::to_string(status));
   }
   void rpcStarted(const std::string& service, const std::string& method) override {
@@ -36,8 +35,7 @@ class RecordingObserver : public HttpServerObserver {
     bump("started " + service + "." + method);
   }
   void rpcFinished(const std::string& service, const std::string& method, Outcome outcome,
-                   Duration latency) override {
-    EXPECT_GE(latency, Duration());
+                   Duration) override {
     bump("rpc " + service + "." + method + " " + std::to_string(static_cast<int>(outcome)));
   }
   void requestRefused(int status, bool by_limit) override {

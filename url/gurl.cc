@@ -92,7 +92,7 @@ void appendWithoutDotSegments(string_view path, std::string* out) {
   out->append(result);
 }
 
-inline bool isHex(char c) {
+inline bool isHex(unsigned char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 

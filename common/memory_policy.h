@@ -1,0 +1,93 @@
+#ifndef COMMON_MEMORY_POLICY_H_
+#define COMMON_MEMORY_POLICY_H_
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace vantu {
+
+// How much memory the server keeps for reuse once it is done with it, and when
+// it hands freed memory back to the system: every bound in one place, by name.
+//
+// Keeping the memory of the last request for the next one is what makes the
+// steady state of a connection cost no allocation; keeping too much is what
+// would let one large request pin its memory for the life of a connection or
+// of a thread. So small buffers and bounded numbers of objects are kept, and
+// anything large is freed as soon as it is done with.
+//
+// Constants and stateless functions, usable from any thread; see
+// releaseFreeMemory() for the one that has state.
+namespace memory_policy {
+
+// A string that is emptied for reuse (a line being assembled, a header name
+// or value, a request's target or body) is freed instead once its capacity
+// has passed this.
+constexpr size_t kLargestKeptString = 4096;
+// Each thread renders the heads of the answers it sends into one buffer it
+// keeps; a buffer that grew past this (an answer with huge headers) is freed
+// after use.
+constexpr size_t kLargestKeptHeadBuffer = 65536;
+// The list a connection collects the requests of one chunk in, emptied after
+// each chunk: a burst of pipelined requests that grew it past this many
+// entries frees it.
+constexpr size_t kLargestKeptRequestList = 64;
+// Likewise the list a parser collects the messages of one chunk in.
+constexpr size_t kLargestKeptMessageList = 256;
+// A thread's message pool keeps at most this many requests and as many
+// responses, and this many header nodes.
+constexpr size_t kMaxPooledMessages = 64;
+constexpr size_t kMaxPooledHeaderNodes = 1024;
+// A thread's cache of RPC call records keeps at most this many.
+constexpr size_t kMaxCachedCallRecords = 64;
+
+// Empties `text`, keeping its capacity unless that has passed
+// kLargestKeptString.
+inline void clearKeepingSmall(std::string* text) {
+  if (text->capacity() > kLargestKeptString) {
+    std::string().swap(*text);
+  } else {
+    text->clear();
+  }
+}
+
+// A request is large when it was made of more than kLargeRequestBlocks small
+// allocations (headers, split query pairs) or held more than
+// kLargeRequestBytes (target and body). Once freed, such memory tends to stay
+// with the allocator: a million headers leave as many small blocks, and after
+// freeing one big block glibc raises its thresholds so that the next big ones
+// come from, and stay in, the heap. Large requests are followed by
+// releaseFreeMemory().
+constexpr size_t kLargeRequestBlocks = 16384;
+constexpr size_t kLargeRequestBytes = size_t{1} << 20;
+inline bool isLargeRequest(size_t blocks, size_t bytes) {
+  return blocks > kLargeRequestBlocks || bytes > kLargeRequestBytes;
+}
+
+// When trimming is due: at most once per kTrimInterval, since a trim walks the
+// whole heap and a stream of large requests (big RPC payloads, say) would
+// otherwise pay for it every time. Not thread-safe: its owner serialises.
+class TrimSchedule {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr Clock::duration kTrimInterval = std::chrono::seconds(1);
+
+  // True, and `now` remembered as the last trim, when no trim happened yet
+  // or the last one is at least kTrimInterval before `now`.
+  bool due(Clock::time_point now);
+
+ private:
+  bool trimmed_ = false;
+  Clock::time_point last_;
+};
+
+// Gives the memory the allocator holds free back to the system (glibc's
+// malloc_trim), at most once a second in the process. Any thread; calls that
+// come too soon after the last trim do nothing.
+void releaseFreeMemory();
+
+}  // namespace memory_policy
+}  // namespace vantu
+
+#endif  // COMMON_MEMORY_POLICY_H_
