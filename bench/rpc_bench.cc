@@ -1,6 +1,7 @@
 // RPC echo over loopback: our HttpServer + RPCChannel beside gRPC C++ (async
 // server with one completion-queue thread, async client), the same 5-byte
-// request on both, with 1 and with 64 calls in flight on one channel. At 1 in
+// request on both, with 1 and with 64 calls in flight on one channel; and our
+// channel made with RPCChannelOptions::resilient() beside the default one. At 1 in
 // flight, the floor beside them (bench/floor/ping_pong.h): a blocking TCP
 // ping-pong of 200-byte messages on one connection, and the same ping-pong
 // with the client's hand-off to an event thread and back through a condition
@@ -530,11 +531,9 @@ class OursLoad {
   int outstanding_;
 };
 
-Round runOurs(const Options& options, const ServerProcess& server, int in_flight,
-              Clock::time_point start) {
-  const std::string what = "ours, " + std::to_string(in_flight) + " in flight";
-  vantu::relay::RPCChannelPtr channel =
-      vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port));
+// Loads `channel` (made by the caller) with `in_flight` calls.
+Round runOursOn(const std::string& what, vantu::relay::RPCChannelPtr channel,
+                const Options& options, int in_flight, Clock::time_point start) {
   if (!channel) {
     problem(what + ": RPCChannel::create failed");
     return {};
@@ -553,6 +552,24 @@ Round runOurs(const Options& options, const ServerProcess& server, int in_flight
   }
   channel.reset();
   return summarise(what, load->recorder());
+}
+
+Round runOurs(const Options& options, const ServerProcess& server, int in_flight,
+              Clock::time_point start) {
+  return runOursOn("ours, " + std::to_string(in_flight) + " in flight",
+                   vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port)),
+                   options, in_flight, start);
+}
+
+// The same load through a channel made with RPCChannelOptions::resilient():
+// what its deadlines (sent with every call), its call table and its choice of
+// connection cost.
+Round runOursResilient(const Options& options, const ServerProcess& server, int in_flight,
+                       Clock::time_point start) {
+  return runOursOn("ours with resilient options, " + std::to_string(in_flight) + " in flight",
+                   vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port),
+                                                    vantu::relay::RPCChannelOptions::resilient()),
+                   options, in_flight, start);
 }
 
 // ---------------------------------------------------------------------------
@@ -730,6 +747,18 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
         value(grpc[i], serverCpu, "%.1f").c_str(), ratio(ours[i], grpc[i], serverCpu).c_str());
   }
 
+  // What the options cost, measured in the same alternating rounds.
+  const std::vector<Result>& resilient = sides[2].results;
+  std::printf("\n%-14s %14s %14s %8s %10s %10s\n", "options' cost", "default calls/s",
+              "options calls/s", "ratio", "p50 ratio", "p99 ratio");
+  for (size_t i = 0; i < options.in_flight.size(); ++i) {
+    std::string scenario = std::to_string(options.in_flight[i]) + " in flight";
+    std::printf(
+        "%-14s %14s %14s %8s %10s %10s\n", scenario.c_str(), value(ours[i], calls, "%.0f").c_str(),
+        value(resilient[i], calls, "%.0f").c_str(), ratio(resilient[i], ours[i], calls).c_str(),
+        ratio(resilient[i], ours[i], median).c_str(), ratio(resilient[i], ours[i], p99).c_str());
+  }
+
   // The floor, beside every side at 1 in flight.
   const auto one = std::find(options.in_flight.begin(), options.in_flight.end(), 1);
   if (one != options.in_flight.end()) {
@@ -823,10 +852,11 @@ int main(int argc, char** argv) {
     std::perror("rpc_bench: sched_setaffinity");
   }
 
-  // ours and gRPC first: the tables take them from there.
+  // ours, gRPC and ours with options first: the tables take them from there.
   std::vector<Side> sides;
   sides.push_back({"ours", "ours (RPC echo)", runOurs, false, {}, false, {}});
   sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc, false, {}, false, {}});
+  sides.push_back({"ours", "ours, resilient options", runOursResilient, false, {}, false, {}});
   const bool at_one = std::count(options.in_flight.begin(), options.in_flight.end(), 1) > 0;
   if (at_one) {
     sides.push_back(

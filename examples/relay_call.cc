@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
 
   int result;
   {
-    relay_call::Caller caller(options.host, options.port, options.timeout_ms);
+    relay_call::Caller caller(options.address, options.timeout_ms);
     std::unique_ptr<relay_call::DescriptorSource> source;
     if (options.proto_files.empty()) {
       source = relay_call::newReflectionSource(&caller);

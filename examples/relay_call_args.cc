@@ -3,13 +3,17 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "relay/rpc_channel_options.h"
+
 namespace relay_call {
 
 const char kUsage[] =
-    "usage: relay_call [options] HOST:PORT list\n"
-    "       relay_call [options] HOST:PORT describe SYMBOL\n"
-    "       relay_call [options] HOST:PORT package.Service.Method JSON|-\n"
+    "usage: relay_call [options] TARGET list\n"
+    "       relay_call [options] TARGET describe SYMBOL\n"
+    "       relay_call [options] TARGET package.Service.Method JSON|-\n"
     "\n"
+    "  TARGET     HOST:PORT (every address of HOST), HOST:PORT,HOST:PORT,... or\n"
+    "             dns:///NAME:PORT: the servers; a call goes to one that answers\n"
     "  list       the services the server hosts (with --proto: those the files define)\n"
     "  describe   a service, method, message or enum in .proto syntax\n"
     "  a method   calls it with the JSON request (\"-\" reads it from standard input)\n"
@@ -22,41 +26,20 @@ const char kUsage[] =
     "                    where --proto files and their imports are found (repeatable;\n"
     "                    default: the current directory)\n"
     "  --wire binary|json  the encoding of the call (default binary)\n"
-    "  --timeout-ms N    give up after N milliseconds (default 10000)\n"
+    "  --timeout-ms N    give up after N milliseconds (default 10000); the calls\n"
+    "                    carry it as their deadline, so the server sees it too\n"
     "  -h, --help        this text\n"
     "\n"
     "exit status: 0 success, 1 the call failed, 2 bad usage or unknown method\n";
 
 namespace {
 
-bool parseHostPort(const std::string& text, Options* options, std::string* error) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) {
-    *error = "expected HOST:PORT, got \"" + text + "\"";
-    return false;
-  }
-  std::string host = text.substr(0, colon);
-  if (host.front() == '[') {
-    if (host.size() < 3 || host.back() != ']') {
-      *error = "bad IPv6 address in \"" + text + "\"";
-      return false;
-    }
-    host = host.substr(1, host.size() - 2);
-  } else if (host.find(':') != std::string::npos) {
-    *error = "write an IPv6 address in brackets: [" + host + "]:PORT";
-    return false;
-  }
-  const std::string port = text.substr(colon + 1);
-  char* end = nullptr;
-  errno = 0;
-  const long value =
-      port.empty() || port[0] < '0' || port[0] > '9' ? -1 : strtol(port.c_str(), &end, 10);
-  if (value < 1 || value > 65535 || errno != 0 || *end != '\0') {
-    *error = "bad port \"" + port + "\"";
-    return false;
-  }
-  options->host = host;
-  options->port = static_cast<uint16_t>(value);
+bool parseAddress(const std::string& text, Options* options, std::string* error) {
+  vantu::relay::RPCTarget target;
+  if (!vantu::relay::RPCTarget::parse(text, &target, error)) return false;
+  options->address = text;
+  options->host = target.hosts.front().host;
+  options->port = target.hosts.front().port;
   return true;
 }
 
@@ -140,7 +123,7 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
     *error = "missing HOST:PORT";
     return false;
   }
-  if (!parseHostPort(positional[0], options, error)) return false;
+  if (!parseAddress(positional[0], options, error)) return false;
   if (positional.size() < 2) {
     *error = "missing what to do: list, describe SYMBOL or Service.Method JSON";
     return false;

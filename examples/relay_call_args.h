@@ -20,7 +20,11 @@ enum class Wire { kBinary, kJson };
 
 struct Options {
   bool help = false;  // -h/--help: print the usage and do nothing else
-  std::string host;   // as given, brackets of an IPv6 literal removed
+  // Where the servers are: "HOST:PORT", "HOST:PORT,HOST:PORT,..." or
+  // "dns:///NAME:PORT", as given.
+  std::string address;
+  // The first of them: as given, brackets of an IPv6 literal removed.
+  std::string host;
   uint16_t port = 0;
   Verb verb = Verb::kCall;
   // kDescribe: the symbol. kCall: the method as "package.Service.Method".

@@ -9,12 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,31 +25,6 @@ int remainingMs(vantu::Time deadline) {
   const vantu::Time now = vantu::Time::now();
   if (now >= deadline) return 0;
   return static_cast<int>((deadline - now).toMicroseconds() / 1000) + 1;
-}
-
-// RPCChannel::create connects with a blocking connect, which a host that never
-// answers can hold for minutes. It runs on a thread of its own so that the
-// deadline holds; one that comes back too late is dropped there.
-vantu::relay::RPCChannelPtr connectChannel(const vantu::SocketAddress& address,
-                                           vantu::Time deadline, bool* timed_out) {
-  struct Attempt {
-    std::mutex mutex;
-    std::condition_variable finished;
-    bool done = false;
-    vantu::relay::RPCChannelPtr channel;
-  };
-  auto attempt = std::make_shared<Attempt>();
-  std::thread([attempt, address] {
-    vantu::relay::RPCChannelPtr channel = vantu::relay::RPCChannel::create(address);
-    std::lock_guard<std::mutex> lock(attempt->mutex);
-    attempt->channel = std::move(channel);
-    attempt->done = true;
-    attempt->finished.notify_all();
-  }).detach();
-  std::unique_lock<std::mutex> lock(attempt->mutex);
-  *timed_out = !attempt->finished.wait_for(lock, std::chrono::milliseconds(remainingMs(deadline)),
-                                           [&attempt] { return attempt->done; });
-  return *timed_out ? nullptr : std::move(attempt->channel);
 }
 
 // A plain blocking socket connected to `address` before the deadline, or -1
@@ -111,11 +82,39 @@ std::string headerOr(const vantu::relay::HttpResponse& response, const std::stri
   return it == response.headers.end() ? std::string() : it->second;
 }
 
+// The addresses of `target`'s servers, in order; names looked up here.
+std::vector<vantu::SocketAddress> addressesOf(const vantu::relay::RPCTarget& target,
+                                              std::string* error) {
+  std::vector<vantu::SocketAddress> addresses;
+  for (const vantu::relay::RPCTarget::HostPort& host : target.hosts) {
+    vantu::SocketAddress literal(host.host, host.port);
+    if (literal.isValid()) {
+      addresses.push_back(literal);
+      continue;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int result = getaddrinfo(host.host.c_str(), nullptr, &hints, &found);
+    if (result != 0) {
+      *error = "cannot resolve " + host.host + ": " + gai_strerror(result);
+      continue;
+    }
+    for (addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
+      vantu::SocketAddress address =
+          vantu::SocketAddress::fromSockaddr(entry->ai_addr, entry->ai_addrlen);
+      if (address.isValid()) addresses.push_back(vantu::SocketAddress(address.ip(), host.port));
+    }
+    freeaddrinfo(found);
+  }
+  return addresses;
+}
+
 }  // namespace
 
-Caller::Caller(std::string host, uint16_t port, int timeout_ms)
-    : host_(std::move(host)),
-      port_(port),
+Caller::Caller(std::string address, int timeout_ms)
+    : address_(std::move(address)),
       timeout_ms_(timeout_ms),
       deadline_(vantu::Time::now() + vantu::Duration::milliseconds(timeout_ms)) {}
 
@@ -129,33 +128,8 @@ Caller::~Caller() {
 ExitCode Caller::call(Wire wire, const google::protobuf::MethodDescriptor& method,
                       const google::protobuf::Message& request, google::protobuf::Message* response,
                       std::string* error) {
-  if (!resolve(error)) return kExitCallFailed;
   return wire == Wire::kJson ? callJson(method, request, response, error)
                              : callBinary(method, request, response, error);
-}
-
-bool Caller::resolve(std::string* error) {
-  if (address_.isValid()) return true;
-  address_ = vantu::SocketAddress(host_, port_);
-  if (address_.isValid()) return true;
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int result = getaddrinfo(host_.c_str(), nullptr, &hints, &found);
-  if (result != 0 || found == nullptr) {
-    *error = "cannot resolve " + host_ + ": " + gai_strerror(result);
-    return false;
-  }
-  vantu::SocketAddress first =
-      vantu::SocketAddress::fromSockaddr(found->ai_addr, found->ai_addrlen);
-  freeaddrinfo(found);
-  address_ = vantu::SocketAddress(first.ip(), port_);
-  if (!address_.isValid()) {
-    *error = "cannot resolve " + host_ + " to an IP address";
-    return false;
-  }
-  return true;
 }
 
 std::string Caller::timeoutText() const {
@@ -166,16 +140,28 @@ ExitCode Caller::callBinary(const google::protobuf::MethodDescriptor& method,
                             const google::protobuf::Message& request,
                             google::protobuf::Message* response, std::string* error) {
   if (!channel_) {
-    bool timed_out = false;
-    channel_ = connectChannel(address_, deadline_, &timed_out);
+    // Every server of the target is tried; one that is down is skipped. A
+    // target where none can be reached is said at once rather than waited
+    // out: this is a one-shot tool.
+    vantu::relay::RPCChannelOptions options = vantu::relay::RPCChannelOptions::resilient();
+    options.connect_timeout = vantu::Duration::milliseconds(timeout_ms_);
+    options.default_timeout = vantu::Duration();
+    options.fail_fast = true;
+    channel_ = vantu::relay::RPCChannel::create(address_, options);
     if (!channel_) {
-      *error = timed_out ? timeoutText() : "cannot connect to " + address_.toString();
+      *error = "cannot use " + address_;
       return kExitCallFailed;
     }
   }
   vantu::relay::RPC controller;
+  controller.setDeadline(deadline_);
   channel_->CallMethod(&method, &controller, &request, response, nullptr);
-  if (!controller.timedWaitAbsolute(deadline_)) {
+  controller.wait();
+  if (controller.ErrorText() == vantu::relay::RPCChannel::kErrorUnreachable) {
+    *error = remainingMs(deadline_) == 0 ? timeoutText() : "cannot connect to " + address_;
+    return kExitCallFailed;
+  }
+  if (controller.ErrorText() == vantu::relay::RPCChannel::kErrorDeadlineExceeded) {
     *error = timeoutText();
     return kExitCallFailed;
   }
@@ -194,22 +180,38 @@ ExitCode Caller::callJson(const google::protobuf::MethodDescriptor& method,
     *error = "cannot write the request as JSON";
     return kExitCallFailed;
   }
-  const bool ipv6 = address_.isIPv6() && host_.find(':') != std::string::npos;
-  const std::string host_header =
-      (ipv6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(static_cast<int>(port_));
+  vantu::relay::RPCTarget target;
+  vantu::relay::RPCTarget::parse(address_, &target, error);
+  // The first server that takes the connection.
+  std::vector<vantu::SocketAddress> addresses = addressesOf(target, error);
+  int fd = -1;
+  vantu::SocketAddress server;
+  for (const vantu::SocketAddress& address : addresses) {
+    fd = connectSocket(address, deadline_, error);
+    if (fd >= 0) {
+      server = address;
+      break;
+    }
+    if (*error == "timeout") {
+      *error = timeoutText();
+      return kExitCallFailed;
+    }
+  }
+  if (fd < 0) {
+    if (addresses.empty() && error->empty()) *error = "no address for " + address_;
+    return kExitCallFailed;
+  }
+  error->clear();
+  const std::string host_header = server.toString();
   const uint32_t id = ++next_json_id_;
   const std::string head =
       "POST / HTTP/1.1\r\nHost: " + host_header + "\r\nContent-Type: application/json\r\n" +
       "Content-Length: " + std::to_string(body.size()) + "\r\n" +
       vantu::relay::RPCChannel::kHeaderId + ": " + std::to_string(id) + "\r\n" +
       vantu::relay::RPCChannel::kHeaderService + ": " + method.service()->full_name() + "\r\n" +
-      vantu::relay::RPCChannel::kHeaderMethod + ": " + method.name() + "\r\n\r\n";
-
-  const int fd = connectSocket(address_, deadline_, error);
-  if (fd < 0) {
-    if (*error == "timeout") *error = timeoutText();
-    return kExitCallFailed;
-  }
+      vantu::relay::RPCChannel::kHeaderMethod + ": " + method.name() + "\r\n" +
+      vantu::relay::RPCChannel::kHeaderTimeout + ": " + std::to_string(remainingMs(deadline_)) +
+      "\r\n\r\n";
   FdCloser closer(fd);
   const std::string bytes = head + body;
   for (size_t sent = 0; sent < bytes.size();) {

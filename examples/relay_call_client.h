@@ -14,16 +14,19 @@
 
 namespace relay_call {
 
-// Makes relay_call's calls to one server, all before one deadline: the
-// reflection queries and the call itself. Binary calls go through an
-// RPCChannel, as any client's do, over one connection made on first use; JSON
-// calls over a plain socket of their own, since RPCChannel never sends JSON.
+// Makes relay_call's calls to the servers of a target, all before one
+// deadline: the reflection queries and the call itself, each of which carries
+// that deadline to the server. Binary calls go through an RPCChannel made with
+// options, as any client's do, on first use; JSON calls over a plain socket
+// of their own to the first server that takes the connection, since
+// RPCChannel never sends JSON.
 //
 // Owned by main; used from one thread.
 class Caller {
  public:
-  // `host` is an IP literal or a name to look up.
-  Caller(std::string host, uint16_t port, int timeout_ms);
+  // `address`: a target as RPCChannel::create takes it (see
+  // vantu::relay::RPCTarget), already checked by parseArguments.
+  Caller(std::string address, int timeout_ms);
   ~Caller();
   Caller(const Caller&) = delete;
   Caller& operator=(const Caller&) = delete;
@@ -42,17 +45,13 @@ class Caller {
   ExitCode callJson(const google::protobuf::MethodDescriptor& method,
                     const google::protobuf::Message& request, google::protobuf::Message* response,
                     std::string* error);
-  // Looks the host up once; false with the reason.
-  bool resolve(std::string* error);
   std::string timeoutText() const;
 
   // Constant after construction.
-  const std::string host_;
-  const uint16_t port_;
+  const std::string address_;
   const int timeout_ms_;
   const vantu::Time deadline_;
 
-  vantu::SocketAddress address_;  // valid once resolved
   vantu::relay::RPCChannelPtr channel_;
   uint32_t next_json_id_ = 0;
 };

@@ -57,6 +57,29 @@ std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
                                     LibEventThreadDeferredDeleter<TcpSocket>());
 }
 
+std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Duration timeout,
+                                              std::function<void(bool)> on_connected,
+                                              std::function<void()> on_close) {
+  internal::raiseOpenFileLimit();
+  if (!address.isValid() || address.port() == 0) return nullptr;
+  int fd = ::socket(address.sockaddr()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return nullptr;
+  internal::disableNagle(fd);
+  int result;
+  do {
+    result = ::connect(fd, address.sockaddr(), address.length());
+  } while (result != 0 && errno == EINTR);
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), false),
+                                    LibEventThreadDeferredDeleter<TcpSocket>());
+  socket->connecting_ = true;
+  socket->on_connected_ = std::move(on_connected);
+  socket->connect_timeout_ = timeout;
+  // Done at once (loopback may be that quick) or under way: the write event
+  // tells which. Refused at once: reported from the event thread all the same.
+  if (result != 0 && errno != EINPROGRESS) socket->connect_error_ = errno;
+  return socket;
+}
+
 std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
                                             std::function<void()> on_close) {
   internal::disableNagle(fd);
@@ -137,13 +160,52 @@ void TcpSocket::start() {
   std::call_once(hook_once, [] { atEventThreadStop(&TcpSocket::closeAllOpen); });
   read_event_ = event_new(base, fd_, EV_READ | EV_PERSIST, &TcpSocket::onReadable, this);
   write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
-  event_add(read_event_, nullptr);
-  state_ = kOpen;
   live_next_ = live_head;
   if (live_head != nullptr) live_head->live_prev_ = this;
   live_head = this;
   if (owns_itself_) self_ = shared_from_this();
+  if (connecting_) {
+    state_ = kConnecting;
+    if (aborting_ || connect_error_ != 0) {
+      event_active(write_event_, EV_WRITE, 0);
+      return;
+    }
+    const int64_t us = connect_timeout_.toMicroseconds();
+    timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+    event_add(write_event_, us > 0 ? &timeout : nullptr);
+    return;
+  }
+  event_add(read_event_, nullptr);
+  state_ = kOpen;
   if (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_) activateWrite();
+}
+
+void TcpSocket::finishConnecting(short what) {
+  std::function<void(bool)> on_connected = std::move(on_connected_);
+  on_connected_ = nullptr;
+  connecting_ = false;
+  if (aborting_) {
+    finish(true);
+    return;
+  }
+  int error = connect_error_;
+  if (error == 0 && (what & EV_TIMEOUT)) error = ETIMEDOUT;
+  if (error == 0) {
+    socklen_t length = sizeof(error);
+    if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+  }
+  if (error != 0) {
+    if (on_connected) on_connected(false);
+    finish(true);
+    return;
+  }
+  event_del(write_event_);
+  event_add(read_event_, nullptr);
+  state_ = kOpen;
+  if (on_connected) on_connected(true);
+  if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_)) {
+    activateWrite();
+  }
 }
 
 void TcpSocket::onReadable(int, short what, void* arg) {
@@ -163,6 +225,10 @@ void TcpSocket::onWritable(int, short what, void* arg) {
   std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
   if (!keep) {
     event_del(socket->write_event_);
+    return;
+  }
+  if (socket->state_ == kConnecting) {
+    socket->finishConnecting(what);
     return;
   }
   if ((what & EV_TIMEOUT) && socket->state_ == kOpen) {
@@ -424,6 +490,11 @@ void TcpSocket::abortStream() {
   aborting_ = true;
   if (output_ != nullptr) evbuffer_drain(output_, evbuffer_get_length(output_));
   if (state_ == kNew) return;  // start() finds it aborting
+  if (state_ == kConnecting) {
+    // Ends where the outcome would have been reported, in a later turn.
+    event_active(write_event_, EV_WRITE, 0);
+    return;
+  }
   // Closed from handleWrite, never inside the caller's frame: the handler
   // that asked may be the socket's last reference to itself.
   activateWrite();

@@ -46,8 +46,8 @@ namespace relay {
 // socket accepted by a TcpServer owns itself until the connection ends and
 // keeps its handler alive until then.
 //
-// Threads: create and link may be called from any thread; everything else runs
-// on the event thread.
+// Threads: create, connect and link may be called from any thread; everything
+// else runs on the event thread.
 class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::PullStreamTraits,
                                                                    char_stream::PushStreamTraits>,
                   public std::enable_shared_from_this<TcpSocket>,
@@ -64,6 +64,20 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // destroyed while still open).
   static std::shared_ptr<TcpSocket> create(const SocketAddress& address,
                                            std::function<void()> on_close = {});
+
+  // Starts connecting to `address` without waiting for the peer: returns at
+  // once, on any thread. Null only when the address cannot be used or no
+  // socket can be made. Once linked, the socket tells `on_connected` on the
+  // event thread how it went, exactly once: true when the connection is up
+  // (what the handler sent meanwhile leaves then), false when it was refused,
+  // failed, or was not up within `timeout` (zero: the system's own limit).
+  // After false the handler hears notifyClosed and nothing else. A handler
+  // that aborts before the outcome hears none; one that ends its output
+  // meanwhile has it sent, and the connection closed, once it is up.
+  // `on_close` as for create.
+  static std::shared_ptr<TcpSocket> connect(const SocketAddress& address, Duration timeout,
+                                            std::function<void(bool connected)> on_connected,
+                                            std::function<void()> on_close = {});
 
   ~TcpSocket() override;
 
@@ -87,7 +101,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
 
  private:
   friend class TcpServer;
-  enum State { kNew, kOpen, kLingering, kClosed };
+  enum State { kNew, kConnecting, kOpen, kLingering, kClosed };
   enum FlushResult { kFlushed, kBlocked, kFailed };
 
   TcpSocket(int fd, std::function<void()> on_close, bool owns_itself);
@@ -98,8 +112,12 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   static std::shared_ptr<TcpSocket> adopt(int fd, std::shared_ptr<void> peer,
                                           std::function<void()> on_close);
 
-  // Event thread: registers the events and starts reading.
+  // Event thread: registers the events and starts reading (or waiting for
+  // the connection to come up).
   void start();
+  // Event thread: the connection came up, or did not (`what` has EV_TIMEOUT
+  // when the time ran out).
+  void finishConnecting(short what);
   static void onReadable(int fd, short what, void* arg);
   static void onWritable(int fd, short what, void* arg);
   void handleRead(short what);
@@ -138,6 +156,13 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   std::function<void()> on_close_;
   std::shared_ptr<void> peer_;
   Duration send_timeout_;
+  // While connecting (connect() only): whom to tell, the time allowed, and
+  // the errno of a connect that failed at once (reported from the event
+  // thread like any other outcome).
+  std::function<void(bool)> on_connected_;
+  Duration connect_timeout_;
+  bool connecting_ = false;
+  int connect_error_ = 0;
   std::shared_ptr<TcpSocket> self_;  // while the connection lasts, if owns_itself_
   struct event* read_event_ = nullptr;
   struct event* write_event_ = nullptr;

@@ -29,6 +29,8 @@ void ConnectionRegistry::remove(HttpConnectionHandler* connection) {
 
 void ConnectionRegistry::startDrain() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
+  draining_ = true;
+  scheduleSweep();
   std::vector<HttpConnectionHandler*> connections;
   {
     MutexLock lock(mutex_);
@@ -58,11 +60,17 @@ bool ConnectionRegistry::waitUntilEmpty(Time deadline) {
 }
 
 void ConnectionRegistry::scheduleSweep() {
-  if (sweep_period_ <= Duration() || sweep_scheduled_) return;
+  Duration period = sweep_period_;
+  // A draining connection closes a quiet period after the client's last
+  // request: looked at a few times within it.
+  const Duration drain_period =
+      Duration::microseconds(DrainGoodbye::kQuietPeriod.toMicroseconds() / 4);
+  if (draining_ && (period <= Duration() || drain_period < period)) period = drain_period;
+  if (period <= Duration() || sweep_scheduled_) return;
   sweep_scheduled_ = true;
   // Cancelled by the destructor, which runs on the event thread too: the
   // sweep never meets a registry that is gone.
-  sweep_timer_ = scheduleDeferred([this] { sweep(); }, sweep_period_);
+  sweep_timer_ = scheduleDeferred([this] { sweep(); }, period);
 }
 
 void ConnectionRegistry::sweep() {

@@ -32,7 +32,8 @@ class ConnectionRegistry {
   void add(HttpConnectionHandler* connection);
   void remove(HttpConnectionHandler* connection);
   // Tells every connection to finish what it owes and close; connections are
-  // not made any more by then (the listener has stopped).
+  // not made any more by then (the listener has stopped). From then on the
+  // connections are looked at often enough to close when they are done.
   void startDrain();
   // Closes every connection still open at once.
   void abortAll();
@@ -53,6 +54,7 @@ class ConnectionRegistry {
   std::unordered_set<HttpConnectionHandler*> connections_ VANTU_GUARDED_BY(mutex_);
 
   // Event thread only.
+  bool draining_ = false;
   bool sweep_scheduled_ = false;
   TimerHandle sweep_timer_;
 };

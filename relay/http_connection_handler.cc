@@ -13,6 +13,7 @@
 #include "relay/http_server_observer.h"
 #include "relay/message_pool.h"
 #include "relay/request_reader.h"
+#include "relay/rpc_deadline.h"
 
 namespace vantu {
 namespace relay {
@@ -57,6 +58,7 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
   if (answer_rules_.date) response->setHeader("Date", httpDate());
+  if (drain_.active()) DrainGoodbye::markClosing(response);
   // Each thread renders its answers' heads into one buffer, kept.
   VANTU_FAST_THREAD_LOCAL std::string header;
   response->outputHeader(&header);
@@ -94,7 +96,14 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     if (last_ends_connection && i + 1 == requests.size()) {
       response->setHeader("Connection", "close");
     }
-    impl->callRequestHandler(requests[i], response, weak_this_);
+    if (drain_.active()) {
+      // Answered, not run: the client may take it elsewhere.
+      drain_.heard(Time::now());
+      DrainGoodbye::refuse(*requests[i], response.get());
+      sendAnswer(response.get(), requests[i]->method == kHttpHead);
+    } else {
+      impl->callRequestHandler(requests[i], response, weak_this_);
+    }
     large = large || isLarge(*requests[i]);
   }
   requests.clear();
@@ -111,6 +120,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     if (HttpServerObserver* observer = impl->observer()) observer->bytesSent(sizeof(kContinue) - 1);
   }
   updateDeadline();
+  if (drain_.active()) closeIfDrained(Time::now());
 }
 
 void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, bool by_limit) {
@@ -145,11 +155,13 @@ void HttpConnectionHandler::answerSettled() {
     shutdown();
   } else {
     updateDeadline();
+    closeIfDrained(Time::now());
   }
 }
 
 void HttpConnectionHandler::checkDeadline(Time now) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  closeIfDrained(now);
   if (deadline_kind_ == Deadline::kNone || now < deadline_) return;
   const Deadline kind = deadline_kind_;
   deadline_kind_ = Deadline::kNone;
@@ -163,7 +175,18 @@ void HttpConnectionHandler::checkDeadline(Time now) {
 
 void HttpConnectionHandler::beginDrain() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
-  closeAfterAnswers();
+  const Time now = Time::now();
+  drain_.begin(now);
+  closeIfDrained(now);
+}
+
+void HttpConnectionHandler::closeIfDrained(Time now) {
+  if (!drain_.active() || closing_ || answers_owed_ > 0) return;
+  const bool reading = reader_->headInProgress() || reader_->bodyInProgress();
+  if (reading || !(input_ended_ || drain_.quiet(now))) return;
+  closing_ = true;
+  deadline_kind_ = Deadline::kNone;
+  shutdown();
 }
 
 void HttpConnectionHandler::updateDeadline() {
@@ -195,6 +218,8 @@ void HttpConnectionHandler::updateDeadline() {
 
 void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  // The caller will not read what its calls would answer.
+  if (CallCanceller* canceller = impl_->canceller()) canceller->connectionEnded(this);
   if (data->empty()) return;
   // Raw bytes, not framed as an HTTP answer: the defined reply to a cut-off
   // request.
@@ -226,6 +251,10 @@ void HttpConnectionHandler::notifyClosed() {
 
 void HttpConnectionHandler::leaveRegistry() {
   deadline_kind_ = Deadline::kNone;
+  // Once, from the socket; a destructor running elsewhere has nothing to add.
+  if (CallCanceller* canceller = impl_->canceller(); canceller && isEventThread()) {
+    canceller->connectionEnded(this);
+  }
   if (!registered_) return;
   registered_ = false;
   impl_->connections().remove(this);

@@ -20,6 +20,7 @@
 #include "relay/handler_match.h"
 #include "relay/http_server_observer.h"
 #include "relay/rpc.h"
+#include "relay/rpc_deadline.h"
 
 namespace vantu {
 namespace relay {
@@ -74,6 +75,8 @@ void settleAnswer(const HttpConnectionHandlerWeakPtr& connection) {
 // Owns a record until it is given back, settling the answer it owed.
 struct GiveBack {
   void operator()(HttpServerImpl::RPCInfo* record) const {
+    // Before its controller is reused or freed.
+    if (record->ticket) record->ticket->finish();
     if (record->owes_answer) settleAnswer(record->connection);
     CallRecordCache::give(record);
   }
@@ -145,6 +148,7 @@ void HttpServerImpl::configure(const HttpServerOptions& options) {
     if (period > Duration::seconds(1)) period = Duration::seconds(1);
   }
   connections_.reset(new ConnectionRegistry(period));
+  if (options.cancel_abandoned_calls) canceller_ = std::make_shared<CallCanceller>();
 }
 
 HttpServerImpl::~HttpServerImpl() { type_resolver_.reset(); }
@@ -277,6 +281,8 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   info->connection = connection;
   info->method = method;
   info->started = started;
+  const std::string& timeout = header(RPCChannel::kHeaderTimeout);
+  if (!timeout.empty()) info->controller->setDeadline(deadlineFromTimeout(timeout, Time::now()));
   if (observer != nullptr) {
     info->observed = true;
     observer->rpcStarted(service_name, method_name);
@@ -289,6 +295,10 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
     handler->oweAnswer();
     info->owes_answer = true;
+    if (canceller_) {
+      info->ticket =
+          canceller_->watch(info->controller.get(), info->controller->deadline(), handler.get());
+    }
   }
   RPCInfo* record = info.release();
   google::protobuf::Closure* done =

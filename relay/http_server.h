@@ -16,6 +16,7 @@
 #include "common/time.h"
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
+#include "relay/drain_goodbye.h"
 #include "relay/http_message.h"
 #include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
@@ -32,6 +33,8 @@ class TypeResolver;
 namespace vantu {
 namespace relay {
 
+class CallCanceller;
+class CallTicket;
 class ConnectionRegistry;
 class HttpConnectionHandler;
 class RPC;
@@ -83,6 +86,9 @@ class HttpServerImpl {
     bool reusable = false;
     const google::protobuf::Message* request_prototype = nullptr;
     const google::protobuf::Message* response_prototype = nullptr;
+    // Set while the server may cancel the call for its caller (see
+    // HttpServerOptions::cancel_abandoned_calls).
+    std::shared_ptr<CallTicket> ticket;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread
@@ -132,6 +138,8 @@ class HttpServerImpl {
   const HttpServerOptions& options() const { return options_; }
   // The open connections. Event thread, except where it says otherwise.
   ConnectionRegistry& connections() { return *connections_; }
+  // Null unless the options cancel abandoned calls. Event thread.
+  CallCanceller* canceller() const { return canceller_.get(); }
 
  private:
   // Constant after create().
@@ -153,6 +161,7 @@ class HttpServerImpl {
   // Constant once the server listens.
   HttpServerOptions options_;
   std::unique_ptr<ConnectionRegistry> connections_;
+  std::shared_ptr<CallCanceller> canceller_;
 };
 
 // The embedded HTTP server: listens on one address and serves every accepted
@@ -262,6 +271,8 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void closeAfterAnswers();
   // Sets the deadline for what the connection now waits for.
   void updateDeadline();
+  // While draining: closes once nothing is owed and the client is done.
+  void closeIfDrained(Time now);
   // Leaves the server's registry, once, and tells the observer. Event
   // thread, or the destructor.
   void leaveRegistry();
@@ -275,6 +286,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // their answers are written.
   const std::unique_ptr<RequestReader> reader_;
   const RequestReader::AnswerRules answer_rules_;
+
+  // Begun on the event thread; read from any thread that answers.
+  DrainGoodbye drain_;
 
   // Event thread only.
   std::vector<HttpRequestPtr> requests_;  // the chunk at hand's, while it is handled

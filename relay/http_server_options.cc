@@ -11,6 +11,7 @@ HttpServerOptions HttpServerOptions::hardened() {
   options.header_timeout = Duration::seconds(30);
   options.idle_timeout = Duration::seconds(120);
   options.strict_framing = true;
+  options.cancel_abandoned_calls = true;
   return options;
 }
 

@@ -48,9 +48,17 @@ struct HttpServerOptions {
   // SO_REUSEPORT on the listening socket, so that several processes can
   // serve one port and the kernel spreads the connections between them.
   bool reuse_port = false;
+  // Cancels the controller of an RPC whose caller gave up on it (IsCanceled()
+  // turns true and the service's NotifyOnCancel callback runs, on the event
+  // thread): when the deadline the caller sent ("Rpc-Timeout", see
+  // RPC::deadline()) passes, or when the caller's connection ends, by a
+  // close or by ending its output (a client that half-closes and waits for
+  // its answers sees its calls cancelled). What a cancelled call does is
+  // the service's business; it must still run its done closure.
+  bool cancel_abandoned_calls = false;
 
   // 64 KiB head, 16 MiB body, 10,000 connections, 30 s for a head, 120 s
-  // idle, strict framing.
+  // idle, strict framing, abandoned calls cancelled.
   static HttpServerOptions hardened();
   // "" when the values can be used, else why not (a negative duration).
   std::string problem() const;

@@ -11,6 +11,7 @@
 #include "common/string_util.h"
 #include "common/weak_function.h"
 #include "net/tcp_socket.h"
+#include "relay/resilient_channel.h"
 
 namespace vantu {
 namespace relay {
@@ -47,6 +48,28 @@ const std::string RPCChannel::kHeaderId = "Rpc-Id";
 const std::string RPCChannel::kHeaderFailed = "Rpc-Failed";
 const std::string RPCChannel::kHeaderError = "Rpc-Error";
 const std::string RPCChannel::kHeaderContentType = "Content-Type";
+const std::string RPCChannel::kHeaderTimeout = "Rpc-Timeout";
+const std::string RPCChannel::kHeaderNotRun = "Rpc-Not-Run";
+const std::string RPCChannel::kErrorConnectionLost =
+    "Connection lost after the call was sent; the server may have run it.";
+const std::string RPCChannel::kErrorUnreachable = "No server reachable before the deadline.";
+const std::string RPCChannel::kErrorDeadlineExceeded = "Deadline exceeded.";
+const std::string RPCChannel::kErrorTooManyPending = "Too many pending calls.";
+const std::string RPCChannel::kErrorDraining = "Server is draining.";
+
+void appendCallHead(std::string* head, size_t body_size, uint32_t id,
+                    const google::protobuf::MethodDescriptor& method) {
+  // "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: %d\r\n%s: %d\r\n%s: %s\r\n%s:
+  // %s\r\n\r\n", the names as %s would take them (up to a NUL, which they never hold).
+  head->append("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: ");
+  appendDecimal(head, static_cast<int>(body_size));
+  head->append("\r\n").append(RPCChannel::kHeaderId).append(": ");
+  appendDecimal(head, static_cast<int>(id));
+  head->append("\r\n").append(RPCChannel::kHeaderService).append(": ");
+  head->append(method.service()->full_name().c_str());
+  head->append("\r\n").append(RPCChannel::kHeaderMethod).append(": ").append(method.name().c_str());
+  head->append("\r\n");
+}
 
 // ---------------------------------------------------------------------------
 // RPC
@@ -64,6 +87,7 @@ void RPC::Reset() {
   failed_ = false;
   canceled_ = false;
   error_text_.clear();
+  deadline_ = Time();
   cancel_callback_.reset();
 }
 
@@ -158,6 +182,16 @@ bool RPC::timedWaitRelative(const Duration& timeout) {
   return timedWaitAbsolute(Time::now() + timeout);
 }
 
+void RPC::setDeadline(const Time& deadline) {
+  MutexLock lock(mutex_);
+  deadline_ = deadline;
+}
+
+Time RPC::deadline() const {
+  MutexLock lock(mutex_);
+  return deadline_;
+}
+
 // ---------------------------------------------------------------------------
 // RPCChannel
 
@@ -177,17 +211,57 @@ RPCChannelPtr RPCChannel::create(const SocketAddress& address) {
   return channel;
 }
 
+RPCChannelPtr RPCChannel::create(const SocketAddress& address, const RPCChannelOptions& options) {
+  if (!address.isValid()) {
+    VANTU_LOG(2, "rpc", kSourceFile) << "Unusable channel address " << address.toString();
+    return RPCChannelPtr();
+  }
+  RPCTarget target;
+  target.hosts.push_back(RPCTarget::HostPort{address.ip(), address.port()});
+  return createResilient(target, options);
+}
+
+RPCChannelPtr RPCChannel::create(const std::string& text, const RPCChannelOptions& options) {
+  RPCTarget target;
+  std::string error;
+  if (!RPCTarget::parse(text, &target, &error)) {
+    VANTU_LOG(2, "rpc", kSourceFile) << "Unusable channel target: " << error;
+    return RPCChannelPtr();
+  }
+  return createResilient(target, options);
+}
+
+RPCChannelPtr RPCChannel::createResilient(const RPCTarget& target,
+                                          const RPCChannelOptions& options) {
+  const std::string problem = options.problem();
+  if (!problem.empty()) {
+    VANTU_LOG(2, "rpc", kSourceFile) << "Unusable channel options: " << problem;
+    return RPCChannelPtr();
+  }
+  RPCChannelPtr channel(new RPCChannel(ResilientChannel::create(target, options)),
+                        LibEventThreadDeferredDeleter<RPCChannel>());
+  return channel;
+}
+
 RPCChannel::RPCChannel() : handler_(new RPCHandler, LibEventThreadDeferredDeleter<RPCHandler>()) {}
+
+RPCChannel::RPCChannel(std::shared_ptr<ResilientChannel> resilient)
+    : resilient_(std::move(resilient)) {}
 
 RPCChannel::~RPCChannel() {
   handler_.reset();
   socket_.reset();
+  resilient_.reset();
 }
 
 void RPCChannel::CallMethod(const google::protobuf::MethodDescriptor* method,
                             google::protobuf::RpcController* controller,
                             const google::protobuf::Message* request,
                             google::protobuf::Message* response, google::protobuf::Closure* done) {
+  if (resilient_) {
+    resilient_->callMethod(method, controller, request, response, done);
+    return;
+  }
   handler_->sendRequest(method, controller, request, response, done);
 }
 
@@ -256,16 +330,9 @@ void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /
   VANTU_FAST_THREAD_LOCAL std::string body;
   VANTU_FAST_THREAD_LOCAL std::string head;
   request->SerializeToString(&body);
-  // "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: %d\r\n%s: %d\r\n%s: %s\r\n%s:
-  // %s\r\n\r\n", the names as %s would take them (up to a NUL, which they never hold).
-  head.assign("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: ");
-  appendDecimal(&head, static_cast<int>(body.size()));
-  head.append("\r\n").append(kHeaderId).append(": ");
-  appendDecimal(&head, id);
-  head.append("\r\n").append(kHeaderService).append(": ");
-  head.append(method->service()->full_name().c_str());
-  head.append("\r\n").append(kHeaderMethod).append(": ").append(method->name().c_str());
-  head.append("\r\n\r\n");
+  head.clear();
+  appendCallHead(&head, body.size(), static_cast<uint32_t>(id), *method);
+  head.append("\r\n");
   SendGuard guard(*this);
   send(head);
   send(body);

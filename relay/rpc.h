@@ -15,6 +15,7 @@
 #include "common/time.h"
 #include "net/request_response_connection_handler.h"
 #include "relay/http_request_parser.h"
+#include "relay/rpc_channel_options.h"
 
 namespace vantu {
 
@@ -22,6 +23,7 @@ class TimerHandle;
 
 namespace relay {
 
+class ResilientChannel;
 class TcpSocket;
 
 // The controller of one remote call, on either side of the wire.
@@ -59,6 +61,14 @@ class RPC : public google::protobuf::RpcController {
   // Marks the call completed successfully.
   void setDone();
 
+  // Client: the time by which the next call made with this controller must
+  // be answered, set before the call; a channel made with options fails the
+  // call when it passes and tells the server how long is left. Server: the
+  // caller's deadline for this call, when it sent one. Zero: none. Reset
+  // clears it.
+  void setDeadline(const Time& deadline);
+  Time deadline() const;
+
  private:
   void setDoneInternal() VANTU_REQUIRES(mutex_);
 
@@ -66,6 +76,7 @@ class RPC : public google::protobuf::RpcController {
   bool failed_ VANTU_GUARDED_BY(mutex_) = false;
   bool canceled_ VANTU_GUARDED_BY(mutex_) = false;
   std::string error_text_ VANTU_GUARDED_BY(mutex_);
+  Time deadline_ VANTU_GUARDED_BY(mutex_);
   mutable Mutex mutex_;
   ConditionVariable cond_;
   std::unique_ptr<google::protobuf::Closure> cancel_callback_ VANTU_GUARDED_BY(mutex_);
@@ -76,12 +87,25 @@ class RPC : public google::protobuf::RpcController {
 // of up to nine plain digits is read without strtol.
 uint32_t readCallNumber(const std::string& text);
 
+// Appends the head of one call as a client writes it, the empty line that
+// ends it left out: the request line, Host, Content-Length of `body_size`,
+// then Rpc-Id, Rpc-Service and Rpc-Method.
+void appendCallHead(std::string* head, size_t body_size, uint32_t id,
+                    const google::protobuf::MethodDescriptor& method);
+
 class RPCChannel;
 // The channel as create() returns it: destroyed on the event thread.
 using RPCChannelPtr = std::shared_ptr<RPCChannel>;
 
 // The client side of RPC over HTTP: one TCP connection to one server, on which
 // any number of calls overlap and are matched to their answers by id.
+//
+// Made with options (create(address, options), create(target, options)) it
+// reaches one server or several, connects without blocking, and with the
+// options of RPCChannelOptions::resilient() survives lost connections and
+// server restarts and bounds every call by a deadline that the server hears
+// too (see relay/rpc_channel_options.h). Such a channel runs its done
+// closures without holding its mutex.
 //
 // Made by create(); the last RPCChannelPtr may be dropped on any thread, and
 // destroying the channel completes every pending call with "Canceled".
@@ -101,6 +125,26 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
   static const std::string kHeaderFailed;       // "Rpc-Failed"
   static const std::string kHeaderError;        // "Rpc-Error"
   static const std::string kHeaderContentType;  // "Content-Type"
+  // The caller's remaining budget for the call, in milliseconds: sent by a
+  // channel made with options for every call that has a deadline.
+  static const std::string kHeaderTimeout;  // "Rpc-Timeout"
+  // "1" on a failure answer: the server did not run the call (it was
+  // draining), so the call may be sent to another server.
+  static const std::string kHeaderNotRun;  // "Rpc-Not-Run"
+
+  // How calls on a channel made with options fail, beyond the server's own
+  // error texts, "Can't parse response." and "Canceled".
+  // Written on a connection that was lost before the answer came: the
+  // server may have run the call.
+  static const std::string kErrorConnectionLost;
+  // Never written: no server could be reached before the deadline.
+  static const std::string kErrorUnreachable;
+  // Written, and not answered before the deadline.
+  static const std::string kErrorDeadlineExceeded;
+  // Refused at once: max_pending calls were pending.
+  static const std::string kErrorTooManyPending;
+  // The error text of the server's "not run" answer while it drains.
+  static const std::string kErrorDraining;
 
   // The connection handler that carries the calls; owned by its channel and
   // destroyed on the event thread.
@@ -168,6 +212,14 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
   // A channel connected to `address`, or an empty pointer when no connection
   // could be made.
   static RPCChannelPtr create(const SocketAddress& address);
+  // A channel to `address` that behaves as `options` say. Returns at once,
+  // without waiting for the connection; an empty pointer only when the
+  // options cannot be used (logged at level 2).
+  static RPCChannelPtr create(const SocketAddress& address, const RPCChannelOptions& options);
+  // The same for every server of `target` (see RPCTarget: "HOST:PORT", a
+  // comma-separated list, "dns:///NAME:PORT"); an empty pointer also when the
+  // target cannot be read. Names are looked up on a thread of their own.
+  static RPCChannelPtr create(const std::string& target, const RPCChannelOptions& options);
 
   RPCChannel();
   ~RPCChannel() override;
@@ -179,8 +231,13 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
                   google::protobuf::Closure* done) override;
 
  private:
+  explicit RPCChannel(std::shared_ptr<ResilientChannel> resilient);
+  static RPCChannelPtr createResilient(const RPCTarget& target, const RPCChannelOptions& options);
+
   std::shared_ptr<TcpSocket> socket_;
   std::shared_ptr<RPCHandler> handler_;
+  // Set when made with options; it then carries every call.
+  std::shared_ptr<ResilientChannel> resilient_;
 };
 
 }  // namespace relay

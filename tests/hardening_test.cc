@@ -485,6 +485,19 @@ TEST_F(HardeningTest, HalfClosedClientStillGetsTheAnswersOwed) {
   }
 }
 
+TEST_F(HardeningTest, ConnectionCloseWaitsForTheAnswersStillOwed) {
+  start(HttpServerOptions::hardened());
+  LoopbackClient client(port_);
+  // The request that asks to close comes after a call the server still owes.
+  client.write(rpcRequest("relaytest.TestService", "Hold", "4", textMessage("owed")) +
+               get("/hello", kHost + "Connection: close\r\n"));
+  ASSERT_TRUE(service_->waitHeld(1));
+  EXPECT_EQ(kHelloClose, withoutDates(client.read(kHelloOnWire - 5)));  // "close" is 5 shorter
+  service_->release();
+  EXPECT_EQ(rpcAnswer("owed", 4, true), withoutDates(client.readToEnd()));
+  EXPECT_TRUE(client.peerClosed());
+}
+
 TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
   start(HttpServerOptions::hardened());
   LoopbackClient idle(port_);
@@ -500,9 +513,15 @@ TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
   EXPECT_EQ("", idle.readToEnd());
   EXPECT_TRUE(idle.peerClosed());
   EXPECT_FALSE(LoopbackClient(port_).connected());  // no longer accepting
-  busy.write(get("/hidden"));                       // arrives while draining: not read as a request
+  // Arrives while draining: answered, not run. Every answer now says the
+  // connection closes.
+  busy.write(get("/hidden"));
+  const std::string refused = refusal("503 Service Unavailable");
+  EXPECT_EQ(refused, withoutDates(busy.read(refused.size() + 28)));  // 28: the Date's value
   service_->release();
-  EXPECT_EQ(rpcAnswer("in flight", 9, true), withoutDates(busy.readToEnd()));
+  std::string closing = rpcAnswer("in flight", 9, true);
+  closing.replace(closing.find("keep-alive"), 10, "close");
+  EXPECT_EQ(closing, withoutDates(busy.readToEnd()));
   EXPECT_TRUE(busy.peerClosed());
   drainer.join();
   EXPECT_TRUE(drained);

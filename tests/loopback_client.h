@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "common/socket_address.h"
@@ -122,6 +123,34 @@ class LoopbackClient {
   bool connected_ = false;
   bool peer_closed_ = false;
   int last_error_ = 0;
+};
+
+// A listener on loopback whose accept queue is full: connecting to it neither
+// succeeds nor fails until the client gives up (the kernel drops the SYNs).
+class FullAcceptQueue {
+ public:
+  FullAcceptQueue() {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    listen(fd_, 0);
+    socklen_t length = sizeof(address);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    address_ = SocketAddress("127.0.0.1", ntohs(address.sin_port));
+    filler_ = std::make_unique<LoopbackClient>(address_);
+  }
+  ~FullAcceptQueue() { ::close(fd_); }
+  FullAcceptQueue(const FullAcceptQueue&) = delete;
+  FullAcceptQueue& operator=(const FullAcceptQueue&) = delete;
+
+  const SocketAddress& address() const { return address_; }
+
+ private:
+  int fd_;
+  SocketAddress address_;
+  std::unique_ptr<LoopbackClient> filler_;  // the one connection the queue holds
 };
 
 }  // namespace testing

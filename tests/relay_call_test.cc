@@ -245,6 +245,25 @@ TEST_F(RelayCallTest, ExitStatusAndOneLineSayWhatWentWrong) {
   }
 }
 
+TEST_F(RelayCallTest, TakesEveryTargetAChannelTakes) {
+  const std::string port = std::to_string((*with_reflection_)->localAddress().port());
+  // A server that refuses first: the next one answers. Names are looked up
+  // (localhost may name ::1 first, where nothing listens).
+  for (const std::string& target :
+       std::vector<std::string>{"@CLOSED,@A", "localhost:" + port, "dns:///localhost:" + port}) {
+    for (const char* wire : {"binary", "json"}) {
+      SCOPED_TRACE(target + " " + wire);
+      const Outcome run =
+          relayCall({"--wire", wire, target, "relaytest.TestService.Echo", "{\"text\":\"hi\"}"});
+      EXPECT_EQ(run.exit_code, 0) << run.err;
+      EXPECT_EQ(run.out, "{\"text\":\"hi\"}\n");
+    }
+  }
+  const Outcome bad = relayCall({"dns://resolver/x:1", "list"});
+  EXPECT_EQ(bad.exit_code, 2);
+  EXPECT_NE(bad.err.find("unsupported target"), std::string::npos) << bad.err;
+}
+
 TEST_F(RelayCallTest, HelpGoesToStandardOutput) {
   const Outcome run = relayCall({"--help"});
   EXPECT_EQ(run.exit_code, 0);

@@ -18,6 +18,7 @@
 #include "test_services.pb.h"
 #include "tests/event_thread_blocker.h"
 #include "tests/loopback_client.h"
+#include "tests/scripted_server.h"
 #include "tests/test_service.h"
 
 // In plain builds this program counts heap blocks, so that a test can assert
@@ -86,6 +87,7 @@ namespace {
 using relaytest::Text;
 using vantu::testing::EventThreadBlocker;
 using vantu::testing::LoopbackClient;
+using vantu::testing::ScriptedServer;
 using vantu::testing::TestServiceImpl;
 using vantu::testing::textMessage;
 
@@ -512,77 +514,6 @@ TEST_F(RpcChannelTest, AnswersCompletedOnManyThreadsNeverInterleave) {
     EXPECT_EQ(requests[i].text(), responses[i].text()) << rpcs[i].ErrorText();
   }
 }
-
-// A server for one connection that answers the i-th request it parses with the
-// i-th scripted answer; "{id}" in an answer stands for the request's Rpc-Id.
-// After the last answer it can half-close (end its output); either way it
-// reads on until the client closes. What it received is readable after join().
-class ScriptedServer {
- public:
-  explicit ScriptedServer(std::vector<std::string> script, bool half_close_after_script = false)
-      : script_(std::move(script)), half_close_(half_close_after_script) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    listen(listener_, 1);
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~ScriptedServer() {
-    join();
-    close(listener_);
-  }
-  // Waits until the client has closed the connection.
-  void join() {
-    if (thread_.joinable()) thread_.join();
-  }
-  uint16_t port() const { return port_; }
-
-  size_t received = 0;       // requests parsed
-  std::string bytes;         // every byte received
-  std::string after_script;  // the bytes received after the last answer
-  bool saw_end = false;      // the client closed (rather than a guard time-out)
-
- private:
-  void serve() {
-    int connection = accept(listener_, nullptr, nullptr);
-    timeval guard{30, 0};  // a client that never closes fails the test, not hangs it
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
-    HttpRequestParser parser;
-    char buffer[4096];
-    for (;;) {
-      ssize_t n = recv(connection, buffer, sizeof(buffer), 0);
-      if (n <= 0) {
-        saw_end = n == 0;
-        break;
-      }
-      const std::string chunk(buffer, n);
-      bytes += chunk;
-      if (received >= script_.size()) after_script += chunk;
-      std::vector<HttpRequestPtr> requests;
-      parser.parse(chunk, &requests);
-      for (const HttpRequestPtr& request : requests) {
-        if (received >= script_.size()) continue;
-        std::string answer = script_[received++];
-        size_t at = answer.find("{id}");
-        if (at != std::string::npos) answer.replace(at, 4, request->headers["Rpc-Id"]);
-        ::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
-        if (received == script_.size() && half_close_) ::shutdown(connection, SHUT_WR);
-      }
-    }
-    close(connection);
-  }
-
-  std::vector<std::string> script_;
-  bool half_close_;
-  int listener_;
-  uint16_t port_;
-  std::thread thread_;
-};
 
 TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
   const std::string body = textMessage("body");

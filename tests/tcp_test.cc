@@ -35,6 +35,7 @@ std::string pattern(size_t size) {
 }
 
 using Client = vantu::testing::LoopbackClient;
+using vantu::testing::FullAcceptQueue;
 
 // What the server-side handlers saw, shared with the test thread. The fields
 // are guarded by mutex (not annotated: they are read inside lambdas that the
@@ -388,9 +389,13 @@ class CollectingHandler : public RequestResponseConnectionHandler {
   void notifyInputShutdown(std::string* data) override {
     recorder.update([&] { input_ended = data->empty(); });
   }
+  void notifyClosed() override {
+    recorder.update([&] { ++closed; });
+  }
   Recorder recorder;
   std::string received;
   bool input_ended = false;
+  int closed = 0;
 };
 
 TEST(TcpSocketTest, ClientTalksToTheServerAndHearsItClose) {
@@ -421,6 +426,73 @@ TEST(TcpSocketTest, CreateGivesNullWhenThereIsNoPeer) {
   }
   EXPECT_EQ(nullptr, TcpSocket::create(closed));
   EXPECT_EQ(nullptr, TcpSocket::create(SocketAddress("not an ip", 80)));
+}
+
+TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
+  TestServer echo;
+  ASSERT_TRUE(echo.initialized);
+  SocketAddress closed;
+  {
+    TestServer gone;
+    closed = gone.address;
+  }
+  FullAcceptQueue full;
+  struct Case {
+    const char* name;
+    SocketAddress address;
+    Duration timeout;
+    bool connects;
+  } cases[] = {
+      {"listening", echo.address, Duration(), true},
+      {"refused", closed, Duration(), false},
+      {"never accepted, timed out", full.address(), Duration::milliseconds(50), false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto handler = std::shared_ptr<CollectingHandler>(
+        new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
+    std::vector<bool> outcomes;
+    std::shared_ptr<TcpSocket> socket =
+        TcpSocket::connect(c.address, c.timeout, [&](bool connected) {
+          EXPECT_TRUE(isEventThread());
+          handler->recorder.update([&] { outcomes.push_back(connected); });
+        });
+    ASSERT_TRUE(socket);
+    socket->link(handler->streamSource(), handler->streamSink());
+    // Sent before the connection is up: leaves once it is.
+    handler->send("hello\n");
+    ASSERT_TRUE(handler->recorder.waitFor([&] { return !outcomes.empty(); }));
+    if (c.connects) {
+      EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->received == "hello\n"; }));
+    } else {
+      EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->closed == 1; }));
+    }
+    waitForDeferredWork();
+    {
+      MutexLock lock(handler->recorder.mutex);
+      EXPECT_EQ(std::vector<bool>{c.connects}, outcomes);
+      EXPECT_EQ(c.connects ? 0 : 1, handler->closed);
+    }
+    socket.reset();
+    waitForDeferredWork();
+  }
+  EXPECT_EQ(nullptr, TcpSocket::connect(SocketAddress("not an ip", 80), Duration(), {}));
+}
+
+TEST(TcpSocketTest, AbortWhileConnectingEndsQuietly) {
+  FullAcceptQueue full;
+  auto handler = std::shared_ptr<CollectingHandler>(
+      new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
+  std::atomic<int> outcomes{0};
+  std::shared_ptr<TcpSocket> socket =
+      TcpSocket::connect(full.address(), Duration(), [&](bool) { ++outcomes; });
+  ASSERT_TRUE(socket);
+  socket->link(handler->streamSource(), handler->streamSink());
+  runOnEventThreadAndWait([&] { handler->abort(); });
+  EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->closed == 1; }));
+  socket.reset();
+  waitForDeferredWork();
+  EXPECT_EQ(0, outcomes.load());
 }
 
 TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {

@@ -1,0 +1,512 @@
+// Channels made with options, end to end over loopback against servers in
+// this process: default options behave as the specified channel, and with
+// the resilient ones no call waits for ever, deadlines reach the server,
+// lost connections are made again, and calls spread over several servers.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/closure.h"
+#include "common/event_thread.h"
+#include "relay/http_server.h"
+#include "relay/rpc.h"
+#include "test_services.pb.h"
+#include "tests/loopback_client.h"
+#include "tests/scripted_server.h"
+#include "tests/test_service.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using relaytest::Text;
+using vantu::testing::ScriptedServer;
+using vantu::testing::TestServiceImpl;
+
+const google::protobuf::MethodDescriptor* method(const char* name) {
+  return relaytest::TestService::descriptor()->FindMethodByName(name);
+}
+
+// The channel's teardown takes two turns of the event thread (the channel,
+// then what it owns), and the connections' a third.
+void waitForTeardown() {
+  for (int i = 0; i < 3; ++i) waitForDeferredWork();
+}
+
+// The outcomes of calls, as their done closures saw them ("ok: text" or
+// "failed: error"), by tag. Any thread.
+class Outcomes {
+ public:
+  // One call: its controller, messages and done closure, kept here.
+  struct Call {
+    RPC rpc;
+    Text request;
+    Text response;
+    std::unique_ptr<google::protobuf::Closure> done;
+  };
+
+  // Starts a call of `name` on `channel`, tagged `tag`.
+  Call* start(RPCChannel* channel, const char* name, const std::string& text,
+              const std::string& tag, Time deadline = Time()) {
+    auto call = std::make_unique<Call>();
+    Call* raw = call.get();
+    raw->request.set_text(text);
+    raw->done.reset(newClosure([this, raw, tag] { record(tag, raw); }, false));
+    if (deadline != Time()) raw->rpc.setDeadline(deadline);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      calls_.push_back(std::move(call));
+    }
+    channel->CallMethod(method(name), &raw->rpc, &raw->request, &raw->response, raw->done.get());
+    return raw;
+  }
+
+  // The outcomes so far, once at least `count` calls have completed (the
+  // wait is a guard against a hang, not an assertion).
+  std::map<std::string, std::string> waitFor(size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(30), [&] { return outcomes_.size() >= count; });
+    return outcomes_;
+  }
+  size_t completed() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return outcomes_.size();
+  }
+
+ private:
+  void record(const std::string& tag, Call* call) {
+    std::string outcome =
+        call->rpc.Failed() ? "failed: " + call->rpc.ErrorText() : "ok: " + call->response.text();
+    std::lock_guard<std::mutex> lock(mutex_);
+    EXPECT_EQ(0u, outcomes_.count(tag)) << tag << " completed twice";
+    outcomes_[tag] = outcome;
+    changed_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::unique_ptr<Call>> calls_;
+  std::map<std::string, std::string> outcomes_;
+};
+
+// An HttpServer with relaytest.TestService on loopback; `port` 0 for any.
+struct Server {
+  explicit Server(uint16_t port = 0, const HttpServerOptions& options = HttpServerOptions())
+      : service(std::make_shared<TestServiceImpl>()),
+        server(HttpServer::create(SocketAddress("127.0.0.1", port), 128, options)) {
+    if (server) server->registerRPCService(service);
+  }
+  uint16_t port() const { return server->localAddress().port(); }
+  std::string target() const { return "127.0.0.1:" + std::to_string(port()); }
+  // Ends every connection at once, as a crash would, and stops listening.
+  void kill() {
+    server->drain(Duration());
+    server.reset();
+    waitForDeferredWork();
+  }
+
+  std::shared_ptr<TestServiceImpl> service;
+  std::shared_ptr<HttpServer> server;
+};
+
+// A port on loopback where nothing listens.
+uint16_t closedPort() {
+  Server gone;
+  const uint16_t port = gone.port();
+  gone.server.reset();
+  waitForDeferredWork();
+  return port;
+}
+
+Time in(Duration duration) { return Time::now() + duration; }
+
+RPCChannelOptions resilientFor(Duration default_timeout) {
+  RPCChannelOptions options = RPCChannelOptions::resilient();
+  options.default_timeout = default_timeout;
+  return options;
+}
+
+TEST(ResilientChannelTest, DefaultOptionsBehaveAsTheSpecifiedChannel) {
+  // The same calls through create(address) and create(address, {}): the
+  // server receives the same bytes and every call ends the same way, also
+  // those the connection's end leaves pending.
+  struct Run {
+    std::string received;
+    std::map<std::string, std::string> outcomes;
+  };
+  auto run = [](bool with_options) {
+    const std::string body = Text().SerializeAsString();
+    const std::string length = std::to_string(body.size());
+    // Answers: the second call first, then the first; a failure; a body that
+    // does not parse; then the server ends its output with a call unanswered.
+    ScriptedServer server(
+        {"",
+         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: 2\r\n\r\n"
+         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 0\r\nRpc-Id: 1\r\n\r\n",
+         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Failed: 1\r\nRpc-Error: no\r\n"
+         "Rpc-Id: {id}\r\n\r\n",
+         "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nRpc-Id: {id}\r\n\r\n\xff\xff", ""},
+        true);
+    const SocketAddress address("127.0.0.1", server.port());
+    RPCChannelPtr channel = with_options ? RPCChannel::create(address, RPCChannelOptions())
+                                         : RPCChannel::create(address);
+    EXPECT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "a", "1");
+    outcomes.start(channel.get(), "Echo", "b", "2");
+    outcomes.waitFor(2);
+    outcomes.start(channel.get(), "Fail", "c", "3");
+    outcomes.waitFor(3);
+    outcomes.start(channel.get(), "Echo", "d", "4");
+    outcomes.waitFor(4);
+    // Unanswered when the server ends its output: pending until the channel
+    // goes, after the client has closed its side too.
+    outcomes.start(channel.get(), "Echo", "e", "5");
+    server.join();
+    waitForDeferredWork();
+    EXPECT_EQ(4u, outcomes.completed());
+    channel.reset();
+    waitForTeardown();
+    return Run{server.bytes, outcomes.waitFor(5)};
+  };
+  const Run specified = run(false);
+  const Run with_options = run(true);
+  EXPECT_EQ(specified.received, with_options.received);
+  EXPECT_EQ(specified.outcomes, with_options.outcomes);
+  EXPECT_EQ((std::map<std::string, std::string>{{"1", "ok: "},
+                                                {"2", "ok: "},
+                                                {"3", "failed: no"},
+                                                {"4", "failed: Can't parse response."},
+                                                {"5", "failed: Canceled"}}),
+            with_options.outcomes);
+}
+
+TEST(ResilientChannelTest, DeadlineTravelsWithTheCallAndEndsItWithNobodyWaiting) {
+  // The first call is never answered, the second at once.
+  ScriptedServer server({"", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n"});
+  RPCChannelPtr channel =
+      RPCChannel::create("127.0.0.1:" + std::to_string(server.port()), RPCChannelOptions());
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Hold", "late", "1", in(Duration::milliseconds(300)));
+  // Nobody waits on the controller: the channel's own timer ends the call.
+  EXPECT_EQ((std::map<std::string, std::string>{{"1", "failed: Deadline exceeded."}}),
+            outcomes.waitFor(1));
+  outcomes.start(channel.get(), "Echo", "", "2", in(Duration::seconds(60)));
+  EXPECT_EQ("ok: ", outcomes.waitFor(2)["2"]);
+  channel.reset();
+  waitForTeardown();
+  server.join();
+  // The remaining budget in milliseconds, after the specified head: no more
+  // than the deadline allows, and (the bound only guards against a stall of
+  // many seconds) about what it allowed.
+  for (const char* method : {"Hold", "Echo"}) {
+    SCOPED_TRACE(method);
+    const std::string line = std::string("Rpc-Method: ") + method + "\r\nRpc-Timeout: ";
+    const size_t at = server.bytes.find(line);
+    ASSERT_NE(std::string::npos, at) << server.bytes;
+    unsigned budget = 0;
+    char end[5] = {0};
+    ASSERT_EQ(2, sscanf(server.bytes.c_str() + at + line.size(), "%u%4c", &budget, end));
+    EXPECT_STREQ("\r\n\r\n", end);
+    const unsigned allowed = method[0] == 'H' ? 300 : 60000;
+    EXPECT_LE(budget, allowed);
+    EXPECT_GT(budget, allowed / 2);
+  }
+}
+
+TEST(ResilientChannelTest, AnAnswerThatSaysCloseEndsTheUseOfItsConnection) {
+  // After the answer that asked to close, nothing more is written on the
+  // connection, and the channel closes it once it owes nothing.
+  ScriptedServer server(
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n"});
+  RPCChannelOptions options = resilientFor(Duration::milliseconds(500));
+  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + std::to_string(server.port()), options);
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Echo", "", "1");
+  EXPECT_EQ("ok: ", outcomes.waitFor(1)["1"]);
+  outcomes.start(channel.get(), "Echo", "", "2");
+  server.join();  // the channel closed its side
+  EXPECT_TRUE(server.saw_end);
+  EXPECT_EQ(1u, server.received);
+  EXPECT_EQ("", server.after_script);
+  // The second call went out on a new connection, which this server never
+  // takes up (the kernel completes it all the same).
+  EXPECT_EQ("failed: " + RPCChannel::kErrorDeadlineExceeded, outcomes.waitFor(2)["2"]);
+  channel.reset();
+  waitForTeardown();
+}
+
+TEST(ResilientChannelTest, EachWayACallFailsHasItsOwnText) {
+  const uint16_t closed = closedPort();
+  const std::string nowhere = "127.0.0.1:" + std::to_string(closed);
+  using Results = std::map<std::string, std::string>;
+  {
+    SCOPED_TRACE("no server before the deadline; past max_pending");
+    RPCChannelOptions options = resilientFor(Duration::milliseconds(200));
+    options.max_pending = 1;
+    RPCChannelPtr channel = RPCChannel::create(nowhere, options);
+    ASSERT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "", "waits");
+    outcomes.start(channel.get(), "Echo", "", "refused");
+    EXPECT_EQ((Results{{"refused", "failed: Too many pending calls."}}), outcomes.waitFor(1));
+    EXPECT_EQ("failed: No server reachable before the deadline.", outcomes.waitFor(2)["waits"]);
+  }
+  Server up;
+  ASSERT_TRUE(up.server);
+  RPCChannelPtr channel = RPCChannel::create(up.target(), resilientFor(Duration()));
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Hold", "", "deadline", in(Duration::milliseconds(200)));
+  EXPECT_EQ("failed: Deadline exceeded.", outcomes.waitFor(1)["deadline"]);
+  // Written, then the server goes away: the untimed wait ends.
+  Outcomes::Call* lost = outcomes.start(channel.get(), "Hold", "", "lost");
+  ASSERT_TRUE(up.service->waitHeld(2));
+  up.kill();
+  lost->rpc.wait();
+  EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, outcomes.waitFor(2)["lost"]);
+  // Waiting for a server when the channel goes.
+  outcomes.start(channel.get(), "Echo", "", "destroyed");
+  channel.reset();
+  waitForTeardown();
+  EXPECT_EQ("failed: Canceled", outcomes.waitFor(3)["destroyed"]);
+}
+
+TEST(ResilientChannelTest, CallsWaitForAServerAndTheChannelOutlivesItsRestarts) {
+  const uint16_t port = closedPort();
+  RPCChannelPtr channel =
+      RPCChannel::create("127.0.0.1:" + std::to_string(port), resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Echo", "before", "before");
+  size_t completed = 0;
+  for (int restart = 0; restart < 2; ++restart) {
+    SCOPED_TRACE(restart);
+    Server server(port);
+    ASSERT_TRUE(server.server);
+    // Calls made while it was away go out once it is back, and so do new ones.
+    const std::string tag = "during " + std::to_string(restart);
+    outcomes.start(channel.get(), "Echo", tag, tag);
+    completed += restart == 0 ? 2 : 1;
+    EXPECT_EQ("ok: " + tag, outcomes.waitFor(completed)[tag]);
+    // A call held when the server goes tells when the channel has seen it go.
+    const std::string held = "held " + std::to_string(restart);
+    outcomes.start(channel.get(), "Hold", "", held);
+    ASSERT_TRUE(server.service->waitHeld(1));
+    server.kill();
+    EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, outcomes.waitFor(++completed)[held]);
+  }
+  EXPECT_EQ("ok: before", outcomes.waitFor(completed)["before"]);
+}
+
+TEST(ResilientChannelTest, CallsGoToTheServerWithTheFewestOutstanding) {
+  std::vector<std::unique_ptr<Server>> servers;
+  std::string target;
+  for (int i = 0; i < 3; ++i) {
+    servers.push_back(std::make_unique<Server>());
+    ASSERT_TRUE(servers.back()->server);
+    target += (i ? "," : "") + servers.back()->target();
+  }
+  RPCChannelPtr channel = RPCChannel::create(target, resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  // Until every connection is up: equally idle servers are taken in turn.
+  Outcomes warm_up;
+  auto everyoneCalled = [&] {
+    for (auto& server : servers) {
+      if (server->service->calls.load() == 0) return false;
+    }
+    return true;
+  };
+  for (size_t i = 0; i < 1000 && !everyoneCalled(); ++i) {
+    warm_up.start(channel.get(), "Echo", "", std::to_string(i));
+    warm_up.waitFor(i + 1);
+  }
+  ASSERT_TRUE(everyoneCalled());
+  // Held calls stay outstanding: nine of them spread three by three.
+  Outcomes held;
+  for (int i = 0; i < 9; ++i) held.start(channel.get(), "Hold", "", std::to_string(i));
+  for (auto& server : servers) EXPECT_TRUE(server->service->waitHeld(3));
+  for (auto& server : servers) {
+    for (int i = 0; i < 3; ++i) server->service->release();
+  }
+  EXPECT_EQ(9u, held.waitFor(9).size());
+  for (auto& server : servers) EXPECT_FALSE(server->service->release()) << "a fourth call";
+}
+
+TEST(ResilientChannelTest, CallsOnADeadChannelDoNotPileUp) {
+  RPCChannelOptions options = resilientFor(Duration::seconds(30));
+  options.max_pending = 1000;
+  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + std::to_string(closedPort()), options);
+  ASSERT_TRUE(channel);
+  Text request, response;
+  // Controllers of calls refused at once are used again.
+  std::vector<std::unique_ptr<RPC>> waiting;
+  auto spare = std::make_unique<RPC>();
+  int refused = 0;
+  for (int i = 0; i < 200000; ++i) {
+    spare->Reset();
+    channel->CallMethod(method("Echo"), spare.get(), &request, &response, nullptr);
+    // Refused calls complete inside CallMethod; the others wait.
+    if (spare->Failed()) {
+      ASSERT_EQ(RPCChannel::kErrorTooManyPending, spare->ErrorText());
+      ++refused;
+    } else {
+      waiting.push_back(std::move(spare));
+      spare = std::make_unique<RPC>();
+    }
+  }
+  EXPECT_EQ(1000u, waiting.size());
+  EXPECT_EQ(199000, refused);
+  channel.reset();
+  waitForTeardown();
+  for (auto& rpc : waiting) EXPECT_EQ("Canceled", rpc->ErrorText());
+}
+
+TEST(ResilientChannelTest, AServerThatBreaksOffFailsTheCallsWrittenToIt) {
+  const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: 1\r\n\r\n";
+  struct Case {
+    const char* name;
+    std::string second_answer;  // sent once both calls were written
+    bool close;
+    const char* first;
+  } cases[] = {
+      {"garbage after an answer", answer + "garbage\r\n\r\n", false, "ok: "},
+      {"half an answer, then the end", answer.substr(0, 30), true,
+       "failed: Connection lost after the call was sent; the server may have run it."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedServer server({"", c.second_answer}, c.close);
+    RPCChannelOptions options = resilientFor(Duration::seconds(30));
+    RPCChannelPtr channel =
+        RPCChannel::create("127.0.0.1:" + std::to_string(server.port()), options);
+    ASSERT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "", "1");
+    outcomes.start(channel.get(), "Echo", "", "2");
+    const auto results = outcomes.waitFor(2);
+    EXPECT_EQ(c.first, results.at("1"));
+    EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, results.at("2"));
+    channel.reset();
+    waitForTeardown();
+  }
+}
+
+TEST(ResilientChannelTest, ConnectingNeverBlocksTheCaller) {
+  // A server whose accept queue is full never answers a connect: creating
+  // the channel returns at once, and the call ends at its deadline.
+  vantu::testing::FullAcceptQueue full;
+  RPCChannelOptions options = resilientFor(Duration::milliseconds(300));
+  options.connect_timeout = Duration::milliseconds(100);
+  RPCChannelPtr channel = RPCChannel::create(full.address(), options);
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  outcomes.start(channel.get(), "Echo", "", "1");
+  EXPECT_EQ("failed: " + RPCChannel::kErrorUnreachable, outcomes.waitFor(1)["1"]);
+  channel.reset();
+  waitForTeardown();
+}
+
+TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
+  Server first, second;
+  ASSERT_TRUE(first.server && second.server);
+  // Shared with the resolver, whose last call may come after the test.
+  struct Answer {
+    std::mutex mutex;
+    uint16_t port;
+    bool wrong_question = false;
+  };
+  auto answer = std::make_shared<Answer>();
+  answer->port = first.port();
+  RPCChannelOptions options = resilientFor(Duration::seconds(30));
+  options.resolve_interval = Duration::milliseconds(20);
+  options.resolver = [answer](const std::string& host, uint16_t port, std::string*) {
+    std::lock_guard<std::mutex> lock(answer->mutex);
+    if (host != "service.test" || port != 1 || isEventThread()) answer->wrong_question = true;
+    return std::vector<SocketAddress>{SocketAddress("127.0.0.1", answer->port)};
+  };
+  RPCChannelPtr channel = RPCChannel::create("dns:///service.test:1", options);
+  ASSERT_TRUE(channel);
+  Outcomes outcomes;
+  int issued = 0;
+  // Calls until the server the answer names takes one (bounded).
+  auto callUntil = [&](Server& server) {
+    for (int i = 0; i < 2000 && server.service->calls.load() == 0; ++i) {
+      outcomes.start(channel.get(), "Echo", "", std::to_string(issued++));
+      outcomes.waitFor(issued);
+    }
+    return server.service->calls.load() > 0;
+  };
+  ASSERT_TRUE(callUntil(first));
+  {
+    std::lock_guard<std::mutex> lock(answer->mutex);
+    answer->port = second.port();
+  }
+  ASSERT_TRUE(callUntil(second));
+  // The server that left the answer gets nothing more.
+  const int before = first.service->calls.load();
+  for (int i = 0; i < 20; ++i) {
+    outcomes.start(channel.get(), "Echo", "", std::to_string(issued++));
+  }
+  outcomes.waitFor(issued);
+  EXPECT_EQ(before, first.service->calls.load());
+  for (const auto& entry : outcomes.waitFor(issued)) EXPECT_EQ("ok: ", entry.second);
+  channel.reset();
+  waitForTeardown();
+  std::lock_guard<std::mutex> lock(answer->mutex);
+  EXPECT_FALSE(answer->wrong_question) << "asked on the event thread, or for another name";
+}
+
+TEST(ResilientChannelTest, DeadlinesAndCancelsRaceAnswersFromManyThreads) {
+  // Held calls end by their deadline (the channel's timer, on the event
+  // thread) or by a cancel (on the calling thread) while echoes are answered.
+  Server up;
+  ASSERT_TRUE(up.server);
+  RPCChannelPtr channel = RPCChannel::create(up.target(), resilientFor(Duration::seconds(30)));
+  ASSERT_TRUE(channel);
+  constexpr int kThreads = 4, kCallsPerThread = 90;
+  std::atomic<int> good{0};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kThreads; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        RPC rpc;
+        Text request, response;
+        request.set_text(std::to_string(t) + "/" + std::to_string(i));
+        if (i % 3 == 0) rpc.setDeadline(in(Duration::milliseconds(1)));
+        channel->CallMethod(method(i % 3 == 2 ? "Echo" : "Hold"), &rpc, &request, &response,
+                            nullptr);
+        if (i % 3 == 0) {
+          rpc.wait();
+          // Past its deadline before (unreachable) or after it was written.
+          const std::string text = rpc.ErrorText();
+          EXPECT_TRUE(text == RPCChannel::kErrorDeadlineExceeded ||
+                      text == RPCChannel::kErrorUnreachable)
+              << text;
+        } else if (i % 3 == 1) {
+          rpc.StartCancel();
+          rpc.wait();
+          EXPECT_EQ("Canceled", rpc.ErrorText());
+        } else if (rpc.wait(), !rpc.Failed() && response.text() == request.text()) {
+          ++good;
+        }
+      }
+    });
+  }
+  for (auto& thread : callers) thread.join();
+  EXPECT_EQ(kThreads * kCallsPerThread / 3, good.load());
+  channel.reset();
+  waitForTeardown();
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
