@@ -222,6 +222,7 @@ class HttpServer : public TcpServer {
 
  private:
   std::shared_ptr<HttpServerImpl> impl_;
+  // Set once by drain(), on the caller's thread; read on any thread.
   std::atomic<bool> draining_{false};
 };
 
