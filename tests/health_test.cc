@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "common/event_thread.h"
+#include "common/time.h"
 #include "relay/http_server.h"
 #include "tests/loopback_client.h"
 
@@ -63,8 +64,11 @@ TEST(HealthCheckTest, UnavailableDuringTheAnnouncePeriodOnOldAndNewConnections) 
   std::atomic<bool> drained{false};
   std::thread drainer(
       [&] { drained = server->drain(Duration::seconds(10), Duration::seconds(5)); });
-  // The flag turns before the announce period's wait begins.
-  while (!server->draining()) std::this_thread::yield();
+  // The flag turns before the announce period's wait begins (30 s: a bound,
+  // not an expectation).
+  const Time give_up = Time::now() + Duration::seconds(30);
+  while (!server->draining() && Time::now() < give_up) std::this_thread::yield();
+  EXPECT_TRUE(server->draining());
 
   EXPECT_EQ(kDraining, ask(&before, kHealthRequest, kDraining.size()));
   LoopbackClient after(port);
