@@ -55,7 +55,8 @@ ip link set lo up 2>/dev/null || true
 ./example 2>err &
 pid=$!
 for _ in $(seq 600); do
-  body=$(curl -sS --max-time 5 http://127.0.0.1:8080/hello?name=reader 2>/dev/null) && break
+  # -f: a 404 (the handler not registered yet) is asked again
+  body=$(curl -sf --max-time 5 http://127.0.0.1:8080/hello?name=reader 2>/dev/null) && break
   kill -0 $pid 2>/dev/null || break
   sleep 0.05
 done
