@@ -17,7 +17,10 @@ $(BUILD)/CMakeCache.txt:
 build: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
 
-demo: build
+# Only what the demo needs (the library, demo_server and its proto, relay_call):
+# no tests, fuzzers or benchmarks.
+demo: $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j$(JOBS) --target demo
 	$(BUILD)/examples/demo_server $(DEMO_ARGS)
 
 test: build

@@ -7,8 +7,9 @@
 // The descriptors come from .proto files compiled here (--proto, -I) or from
 // the server's reflection service; requests and replies are built as dynamic
 // messages, so no code generated for the service is needed. Exits 0 on
-// success, 1 when the call fails, 2 on bad usage or an unknown method, with a
-// one-line reason on stderr (relay_call_args.h has the details).
+// success, 1 when the call fails, 2 on bad usage or an unknown service,
+// method or type (whether the descriptors or the server did not know it),
+// with a one-line reason on stderr (relay_call_args.h has the details).
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/util/json_util.h>
 
@@ -89,6 +90,15 @@ int call(relay_call::DescriptorSource* source, relay_call::Caller* caller,
                                             " in JSON: " + reason.substr(0, reason.find('\n')));
   }
   code = caller->call(options.wire, *method, *request, response.get(), &error);
+  // A service or method the server does not host is the same mistake as one
+  // the descriptors do not define, wherever the descriptors came from.
+  if (code == relay_call::kExitCallFailed && error == "Service not found.") {
+    return fail(relay_call::kExitUsage, "the server hosts no " + service_name);
+  }
+  if (code == relay_call::kExitCallFailed && error == "Method not found.") {
+    return fail(relay_call::kExitUsage,
+                "the server's " + service_name + " has no method " + method->name());
+  }
   if (code != relay_call::kExitOk) return fail(code, error);
   std::string out;
   google::protobuf::util::MessageToJsonString(*response, &out);

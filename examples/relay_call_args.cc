@@ -15,7 +15,8 @@ const char kUsage[] =
     "  TARGET     HOST:PORT (every address of HOST), HOST:PORT,HOST:PORT,... or\n"
     "             dns:///NAME:PORT: the servers; a call goes to one that answers\n"
     "  list       the services the server hosts (with --proto: those the files define)\n"
-    "  describe   a service, method, message or enum in .proto syntax\n"
+    "  describe   a service, method, message or enum in .proto syntax (names with\n"
+    "             or without protobuf's leading dot: demo.EchoService, .demo.EchoService)\n"
     "  a method   calls it with the JSON request (\"-\" reads it from standard input)\n"
     "             and prints the reply as JSON\n"
     "\n"
@@ -30,7 +31,12 @@ const char kUsage[] =
     "                    carry it as their deadline, so the server sees it too\n"
     "  -h, --help        this text\n"
     "\n"
-    "exit status: 0 success, 1 the call failed, 2 bad usage or unknown method\n";
+    "exit status, the same whether descriptors come from --proto or reflection:\n"
+    "  0  success\n"
+    "  1  the call failed: no connection, no answer in time, or the server's error\n"
+    "     (its text on stderr)\n"
+    "  2  bad usage: bad arguments, a --proto file that does not compile, a request\n"
+    "     that is not the method's JSON, or an unknown service, method or type\n";
 
 namespace {
 
@@ -54,6 +60,12 @@ bool parseTimeout(const std::string& text, int* timeout_ms, std::string* error) 
   }
   *timeout_ms = static_cast<int>(value);
   return true;
+}
+
+// Names as protobuf writes fully-qualified references (".demo.Echo") are
+// taken as users write them ("demo.Echo").
+std::string withoutLeadingDot(const std::string& name) {
+  return name.size() > 1 && name[0] == '.' ? name.substr(1) : name;
 }
 
 }  // namespace
@@ -140,12 +152,13 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
       *error = "describe needs a SYMBOL";
       return false;
     }
-    options->target = positional[2];
+    options->target = withoutLeadingDot(positional[2]);
   } else {
     options->verb = Verb::kCall;
     wanted = 3;
-    const size_t dot = verb.rfind('.');
-    if (dot == std::string::npos || dot == 0 || dot + 1 == verb.size()) {
+    const std::string method = withoutLeadingDot(verb);
+    const size_t dot = method.rfind('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == method.size()) {
       *error = "\"" + verb + "\" is not list, describe or package.Service.Method";
       return false;
     }
@@ -153,7 +166,7 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
       *error = "missing the request: JSON, or - to read it from standard input";
       return false;
     }
-    options->target = verb;
+    options->target = method;
     options->request_json = positional[2];
   }
   if (positional.size() > wanted) {

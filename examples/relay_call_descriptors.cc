@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <utility>
 
 #include "relay/reflection.pb.h"
@@ -47,8 +48,29 @@ bool isFile(const std::string& path) {
   return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
+// protobuf's definitions name types fully qualified with a leading dot
+// (".demo.EchoRequest"); users write, and paste back, "demo.EchoRequest".
+// Drops a dot that starts a name, outside string literals.
+std::string asUsersWriteIt(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"' && (i == 0 || text[i - 1] != '\\')) quoted = !quoted;
+    const bool starts_name =
+        c == '.' && !quoted && i + 1 < text.size() &&
+        (isalpha(static_cast<unsigned char>(text[i + 1])) || text[i + 1] == '_');
+    const bool after_name = i > 0 && (isalnum(static_cast<unsigned char>(text[i - 1])) ||
+                                      text[i - 1] == '_' || text[i - 1] == '.');
+    if (starts_name && !after_name) continue;
+    out += c;
+  }
+  return out;
+}
+
 std::string withComment(const google::protobuf::FileDescriptor* file, const std::string& text) {
-  return "// " + file->name() + "\n" + text;
+  return "// " + file->name() + "\n" + asUsersWriteIt(text);
 }
 
 class ProtoFileSource : public DescriptorSource {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <thread>
 
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
@@ -386,11 +387,13 @@ HttpServer::~HttpServer() {
   --g_live_servers;
 }
 
-bool HttpServer::drain(const Duration& timeout) {
+bool HttpServer::drain(const Duration& timeout, const Duration& announce) {
   if (isEventThread()) {
     VANTU_LOG(1, "check", kSourceFile) << "Check failed !isEventThread() drain would wait forever";
     return false;
   }
+  draining_.store(true, std::memory_order_release);
+  std::this_thread::sleep_for(std::chrono::microseconds(announce.toMicroseconds()));
   const Time deadline = Time::now() + timeout;
   ConnectionRegistry& connections = impl_->connections();
   runOnEventThreadAndWait([this, &connections] {

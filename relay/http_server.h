@@ -205,7 +205,15 @@ class HttpServer : public TcpServer {
   // open at the deadline were closed then. Answers completed after their
   // connection closed are dropped. Any thread but the event thread (false
   // there, at once).
-  bool drain(const Duration& timeout);
+  bool drain(const Duration& timeout) { return drain(timeout, Duration()); }
+  // The same, announced first: from the call on, draining() is true (a
+  // health check turns 503, see relay/health.h), and for `announce` the
+  // server goes on accepting and serving as before, so that a load balancer
+  // polling the health check can stop sending before connections are
+  // refused; then the drain above begins, bounded by `timeout`.
+  bool drain(const Duration& timeout, const Duration& announce);
+  // True from the moment drain() is called. Any thread.
+  bool draining() const { return draining_.load(std::memory_order_acquire); }
 
   // The connection factory: one handler per accepted connection.
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
@@ -214,6 +222,8 @@ class HttpServer : public TcpServer {
 
  private:
   std::shared_ptr<HttpServerImpl> impl_;
+  // Set once by drain(), on the caller's thread; read on any thread.
+  std::atomic<bool> draining_{false};
 };
 
 // For tests: how many HttpServer objects and RPC call records exist in this

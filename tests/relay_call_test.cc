@@ -151,9 +151,9 @@ class RelayCallTest : public ::testing::Test {
 const char kCalculator[] =
     "// calc/calc.proto\n"
     "service Calculator {\n"
-    "  rpc Add(.calc.AddRequest) returns (.calc.Sum);\n"
-    "  rpc Fail(.calc.FailRequest) returns (.calc.Sum);\n"
-    "  rpc Hold(.calc.AddRequest) returns (.calc.Sum);\n"
+    "  rpc Add(calc.AddRequest) returns (calc.Sum);\n"
+    "  rpc Fail(calc.FailRequest) returns (calc.Sum);\n"
+    "  rpc Hold(calc.AddRequest) returns (calc.Sum);\n"
     "}\n";
 
 TEST_F(RelayCallTest, SucceedsWithWhatItWasAskedFor) {
@@ -164,12 +164,18 @@ TEST_F(RelayCallTest, SucceedsWithWhatItWasAskedFor) {
   } kCases[] = {
       {{"@A", "list"}, "", "calc.Calculator\nrelaytest.TestService\nvantu.relay.Reflection\n"},
       {{"@A", "describe", "calc.Calculator"}, "", kCalculator},
+      // Names as users write them, and protobuf's fully-qualified spelling
+      // pasted back.
       {{"@A", "describe", "calc.Calculator.Fail"},
        "",
-       "// calc/calc.proto\nrpc Fail(.calc.FailRequest) returns (.calc.Sum);\n"},
-      {{"@A", "describe", "calc.Sum"},
+       "// calc/calc.proto\nrpc Fail(calc.FailRequest) returns (calc.Sum);\n"},
+      {{"@A", "describe", ".calc.Sum"},
        "",
-       "// calc/calc.proto\nmessage Sum {\n  int64 total = 1;\n  .calc.Unit unit = 2;\n}\n"},
+       "// calc/calc.proto\nmessage Sum {\n  int64 total = 1;\n  calc.Unit unit = 2;\n}\n"},
+      {{"--proto", "calc/calc.proto", "-I", "@DATA", "@B", "describe", ".calc.Sum"},
+       "",
+       "// calc/calc.proto\nmessage Sum {\n  int64 total = 1;\n  calc.Unit unit = 2;\n}\n"},
+      {{"@A", ".relaytest.TestService.Echo", "{\"text\":\"dot\"}"}, "", "{\"text\":\"dot\"}\n"},
       // Defined in the imported file: the dependency came along.
       {{"@A", "describe", "calc.Unit"},
        "",
@@ -225,6 +231,12 @@ TEST_F(RelayCallTest, ExitStatusAndOneLineSayWhatWentWrong) {
       // 2: bad usage or an unknown method.
       {{"@A", "calc.Calculator.Divide", "{}"}, 2, "calc.Calculator has no method Divide"},
       {{"@A", "calc.Abacus.Add", "{}"}, 2, "the server defines no calc.Abacus"},
+      // The same mistake when the files define what the server does not host.
+      {{"--proto", "test_services.proto", "-I", HSL_SOURCE_DIR "/tests", "@B",
+        "relaytest.TestService.Echo", "{}"},
+       2,
+       "the server hosts no relaytest.TestService"},
+      {{"@A", "describe", ".calc.Nothing"}, 2, "the server defines no calc.Nothing"},
       {{"@A", "calc.Sum.Add", "{}"}, 2, "calc.Sum is not a service"},
       {{"@A", "describe", "calc.Nothing"}, 2, "the server defines no calc.Nothing"},
       {{"@A", "calc.Calculator.Add", "{\"values\":\"x\"}"}, 2, "is not a calc.AddRequest in JSON"},
