@@ -160,9 +160,16 @@ void resetRequest(HttpRequest* request) {
   request->minor_version = 1;
 }
 
-// Likewise for responses, whose default has "Connection: keep-alive".
+// Likewise for responses, whose default has "Connection: keep-alive". The
+// node of a Connection header, which nearly every answer has, stays for it.
 void resetResponse(HttpResponse* response, Pool* pool) {
-  recycleHeaders(&response->headers, pool);
+  static const std::string kConnectionName = "Connection";
+  Headers& headers = response->headers;
+  Headers::node_type connection;
+  if (!headers.empty() && headers.begin()->first == kConnectionName) {
+    connection = headers.extract(headers.begin());
+  }
+  recycleHeaders(&headers, pool);
   response->content_length = 0;
   clearKeepingSmall(&response->body);
   if (response->content.capacity() > kLargestKeptString) {
@@ -172,10 +179,14 @@ void resetResponse(HttpResponse* response, Pool* pool) {
   }
   response->status_code = HttpResponse::kOk;
   clearKeepingSmall(&response->status_string);
-  static const char kConnection[] = "Connection";
   static const char kKeepAlive[] = "keep-alive";
-  setHeader(pool, &response->headers, response->headers.end(), kConnection, sizeof(kConnection) - 1,
-            kKeepAlive, sizeof(kKeepAlive) - 1);
+  if (connection && isSmall(connection.key(), connection.mapped())) {
+    assignBytes(&connection.mapped(), kKeepAlive, sizeof(kKeepAlive) - 1);
+    headers.insert(std::move(connection));
+  } else {
+    setHeader(pool, &headers, headers.end(), kConnectionName.data(), kConnectionName.size(),
+              kKeepAlive, sizeof(kKeepAlive) - 1);
+  }
 }
 
 void releaseRequest(HttpRequest* request) {

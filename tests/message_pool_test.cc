@@ -71,25 +71,40 @@ TEST(MessagePoolTest, RecycledRequestEqualsANewOne) {
 
 TEST(MessagePoolTest, RecycledResponseEqualsANewOne) {
   Pool* pool = threadPool();
-  HttpResponse* used = newResponse(pool);
-  used->headers.clear();  // even without its Connection header it comes back with one
-  used->setHeader("X-A", "1");
-  used->content_length = 7;
-  used->body = "body";
-  used->content.assign(10, 'c');
-  used->status_code = HttpResponse::kNotFound;
-  used->status_string = "Gone Fishing";
-  adopt(used).reset();
+  // Whatever its Connection header became, a response comes back with the
+  // default one.
+  const char* const kConnections[] = {nullptr, "close", "keep-alive", ""};
+  for (const char* connection : kConnections) {
+    SCOPED_TRACE(connection != nullptr ? connection : "no Connection header");
+    HttpResponse* used = newResponse(pool);
+    used->headers.clear();
+    if (connection != nullptr) used->setHeader("Connection", connection);
+    used->setHeader("X-A", "1");
+    used->setHeader("Age", "2");  // sorts before Connection
+    used->content_length = 7;
+    used->body = "body";
+    used->content.assign(10, 'c');
+    used->status_code = HttpResponse::kNotFound;
+    used->status_string = "Gone Fishing";
+    adopt(used).reset();
 
-  HttpResponse* recycled = newResponse(pool);
-  EXPECT_EQ(used, recycled) << "the pool did not keep the response";
-  HttpResponse fresh;
-  EXPECT_EQ(describe(fresh), describe(*recycled));
-  std::string fresh_head, recycled_head;
-  fresh.outputHeader(&fresh_head);
-  recycled->outputHeader(&recycled_head);
-  EXPECT_EQ(fresh_head, recycled_head);
-  adopt(recycled);
+    HttpResponse* recycled = newResponse(pool);
+    EXPECT_EQ(used, recycled) << "the pool did not keep the response";
+    HttpResponse fresh;
+    EXPECT_EQ(describe(fresh), describe(*recycled));
+    std::string fresh_head, recycled_head;
+    fresh.outputHeader(&fresh_head);
+    recycled->outputHeader(&recycled_head);
+    EXPECT_EQ(fresh_head, recycled_head);
+    // With Connection first, its node is the one kept.
+    recycled->setHeader("Connection", connection != nullptr ? connection : "x");
+    adopt(recycled).reset();
+    HttpResponse* again = newResponse(pool);
+    ASSERT_EQ(used, again);
+    HttpResponse also_fresh;
+    EXPECT_EQ(describe(also_fresh), describe(*again));
+    adopt(again);
+  }
 }
 
 TEST(MessagePoolTest, RecyclingKeepsSmallBuffersAndFreesLargeOnes) {
