@@ -29,6 +29,11 @@ constexpr size_t kLargestKeptString = 4096;
 // keeps; a buffer that grew past this (an answer with huge headers) is freed
 // after use.
 constexpr size_t kLargestKeptHeadBuffer = 65536;
+// A connection gathers the answers to the requests of one read into one
+// buffer of its thread, kept on the same terms as the head buffer; content
+// larger than this goes to the socket by itself instead of being copied there
+// first.
+constexpr size_t kLargestGatheredContent = 16384;
 // The list a connection collects the requests of one chunk in, emptied after
 // each chunk: a burst of pipelined requests that grew it past this many
 // entries frees it.
@@ -39,6 +44,10 @@ constexpr size_t kLargestKeptMessageList = 256;
 // responses, and this many header nodes.
 constexpr size_t kMaxPooledMessages = 64;
 constexpr size_t kMaxPooledHeaderNodes = 1024;
+// A pooled request keeps the header fields of its last use, to be refilled by
+// its next, when it had at most this many; the fields kept by all pooled
+// requests count against kMaxPooledHeaderNodes.
+constexpr size_t kMaxRefilledHeaders = 16;
 // A thread's cache of RPC call records keeps at most this many.
 constexpr size_t kMaxCachedCallRecords = 64;
 

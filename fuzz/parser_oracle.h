@@ -76,7 +76,27 @@ template <typename Base>
 class Exposed : public Base {
  public:
   int state() const { return this->state_; }
-  const vantu::relay::HttpMessage* inProgress() const { return this->message_.get(); }
+  // The message in progress as it will be delivered. A request filled over a
+  // recycled one still holds that one's fields until its head ends, unless new
+  // fields replace them; those are left out here, as the end of the head
+  // takes them out.
+  const vantu::relay::HttpMessage* inProgress() const {
+    const vantu::relay::HttpMessage* message = this->message_.get();
+    if (message == nullptr) return nullptr;
+    bool holds_old = false;
+    for (auto it = message->headers.begin(); it != message->headers.end(); ++it) {
+      holds_old = holds_old || this->head_.isOldField(it);
+    }
+    if (!holds_old) return message;
+    shown_ = *static_cast<const vantu::relay::HttpRequest*>(message);
+    for (auto it = message->headers.begin(); it != message->headers.end(); ++it) {
+      if (this->head_.isOldField(it)) shown_.headers.erase(it->first);
+    }
+    return &shown_;
+  }
+
+ private:
+  mutable vantu::relay::HttpRequest shown_;
 };
 
 struct RequestSide {

@@ -19,7 +19,8 @@ namespace relay {
 //   when it ends;
 // - look up this thread's message pool once per chunk (Scope), for the
 //   messages and header nodes made meanwhile;
-// - store header fields in pooled nodes;
+// - store header fields in pooled nodes, over the fields a pooled request
+//   kept from its last use;
 // - make a long request-target the request's uri by taking the line buffer it
 //   lies in, instead of copying it.
 // Where a line ends, and how its end counts against the budget, stay each
@@ -81,16 +82,24 @@ class HeadAssembler {
   };
   message_pool::Pool* pool() const { return pool_ != nullptr ? pool_ : message_pool::threadPool(); }
 
+  // The header fields of a request from message_pool::newRequestToFill:
+  // startFields when the request is made, storeHeader for each field, and
+  // finishFields when its head ends, before the request leaves the reader.
+  // (Other messages start empty and need neither.)
+  void startFields(message_pool::Headers* headers) { refill_.start(pool(), headers); }
+  void finishFields(message_pool::Headers* headers) { refill_.finish(pool(), headers); }
+  // Whether `field`, of the headers being filled, is an old one that
+  // finishFields will take out unless a stored field replaces it first.
+  bool isOldField(message_pool::Headers::const_iterator field) const {
+    return refill_.isOld(field);
+  }
   // Stores `value` under `name` in *headers, the last value of a name
   // winning, and returns where it is stored.
-  // Within a Scope the node comes from the pool; outside one, it is new.
+  // Within a Scope a new node comes from the pool; outside one, it is new.
   message_pool::Headers::iterator storeHeader(message_pool::Headers* headers, const char* name,
                                               size_t name_length, const char* value,
                                               size_t value_length) {
-    // Names often arrive in ascending order: hinting at the end makes those
-    // insertions a single comparison.
-    return message_pool::setHeader(pool_, headers, headers->end(), name, name_length, value,
-                                   value_length);
+    return refill_.store(pool_, headers, name, name_length, value, value_length);
   }
 
   // Sets *target to the `length` bytes at `begin` of `line`, a line this
@@ -117,6 +126,7 @@ class HeadAssembler {
   size_t used_ = 0;
   // Set while a Scope lives.
   message_pool::Pool* pool_ = nullptr;
+  message_pool::HeaderRefill refill_;
 };
 
 }  // namespace relay

@@ -57,19 +57,52 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 }
 
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
-  if (answer_rules_.date) response->setHeader("Date", httpDate());
+  if (answer_rules_.date) {
+    static const char kDate[] = "Date";
+    const std::string& date = httpDate();
+    message_pool::setHeader(message_pool::threadPool(), &response->headers, response->headers.end(),
+                            kDate, sizeof(kDate) - 1, date.data(), date.size());
+  }
   if (drain_.active()) DrainGoodbye::markClosing(response);
   // Each thread renders its answers' heads into one buffer, kept.
   VANTU_FAST_THREAD_LOCAL std::string header;
   response->outputHeader(&header);
-  SendGuard guard(*this);
-  send(header);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
-  if (with_content) send(response->content.data(), response->content.size());
-  if (HttpServerObserver* observer = impl_->observer()) {
-    observer->bytesSent(header.size() + (with_content ? response->content.size() : 0));
+  const size_t content_size = with_content ? response->content.size() : 0;
+  // Only the event thread gathers, so only it may look at gathered_.
+  if (isEventThread() && gathered_ != nullptr) {
+    gathered_->append(header);
+    if (content_size > memory_policy::kLargestGatheredContent) {
+      // Copied once, by the socket, rather than into the gathered answers first.
+      sendGathered();
+      send(response->content.data(), content_size);
+      reportSent(content_size);
+    } else if (content_size > 0) {
+      gathered_->append(response->content.data(), content_size);
+    }
+  } else {
+    SendGuard guard(*this);
+    send(header);
+    if (with_content) send(response->content.data(), content_size);
+    reportSent(header.size() + content_size);
   }
   if (header.capacity() > memory_policy::kLargestKeptHeadBuffer) std::string().swap(header);
+}
+
+void HttpConnectionHandler::reportSent(size_t bytes) {
+  if (HttpServerObserver* observer = impl_->observer()) observer->bytesSent(bytes);
+}
+
+void HttpConnectionHandler::sendGathered() {
+  if (gathered_ == nullptr || gathered_->empty()) return;
+  send(*gathered_);
+  reportSent(gathered_->size());
+  gathered_->clear();
+}
+
+void HttpConnectionHandler::endOutput() {
+  sendGathered();
+  shutdown();
 }
 
 void HttpConnectionHandler::notifyIncomingData(std::string* data) {
@@ -91,6 +124,11 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
   // its time runs from now.
   if (!requests.empty() && deadline_kind_ == Deadline::kHead) deadline_kind_ = Deadline::kNone;
   bool large = false;
+  // The answers made while this chunk's requests are handled are gathered and
+  // handed to the socket in one piece: the same bytes, in the same order, as
+  // one send each would give. One connection at a time gathers on a thread.
+  VANTU_FAST_THREAD_LOCAL std::string gathered;
+  if (!requests.empty()) gathered_ = &gathered;
   for (size_t i = 0; i < requests.size(); ++i) {
     HttpResponsePtr response = message_pool::adopt(message_pool::newResponse());
     if (last_ends_connection && i + 1 == requests.size()) {
@@ -106,6 +144,9 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     }
     large = large || isLarge(*requests[i]);
   }
+  sendGathered();
+  gathered_ = nullptr;
+  if (gathered.capacity() > memory_policy::kLargestKeptHeadBuffer) std::string().swap(gathered);
   requests.clear();
   if (requests.capacity() > memory_policy::kLargestKeptRequestList) {
     std::vector<HttpRequestPtr>().swap(requests);
@@ -117,7 +158,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
     closeAfterAnswers();
   } else if (reader_->takeContinueRequest()) {
     send(kContinue, sizeof(kContinue) - 1);
-    if (HttpServerObserver* observer = impl->observer()) observer->bytesSent(sizeof(kContinue) - 1);
+    reportSent(sizeof(kContinue) - 1);
   }
   updateDeadline();
   if (drain_.active()) closeIfDrained(Time::now());
@@ -139,7 +180,7 @@ void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, 
 void HttpConnectionHandler::closeAfterAnswers() {
   closing_ = true;
   deadline_kind_ = Deadline::kNone;
-  if (answers_owed_ == 0) shutdown();
+  if (answers_owed_ == 0) endOutput();
 }
 
 void HttpConnectionHandler::oweAnswer() {
@@ -152,7 +193,7 @@ void HttpConnectionHandler::answerSettled() {
   if (answers_owed_ > 0) --answers_owed_;
   if (answers_owed_ > 0) return;
   if (closing_ || input_ended_) {
-    shutdown();
+    endOutput();
   } else {
     updateDeadline();
     closeIfDrained(Time::now());
@@ -167,7 +208,7 @@ void HttpConnectionHandler::checkDeadline(Time now) {
   deadline_kind_ = Deadline::kNone;
   if (kind == Deadline::kIdle) {
     closing_ = true;
-    shutdown();
+    endOutput();
     return;
   }
   refuse(HttpResponse::kRequestTimeout, true, true);
@@ -186,7 +227,7 @@ void HttpConnectionHandler::closeIfDrained(Time now) {
   if (reading || !(input_ended_ || drain_.quiet(now))) return;
   closing_ = true;
   deadline_kind_ = Deadline::kNone;
-  shutdown();
+  endOutput();
 }
 
 void HttpConnectionHandler::updateDeadline() {
@@ -225,10 +266,8 @@ void HttpConnectionHandler::notifyInputShutdown(std::string* data) {
   // request.
   static const char kUnexpectedEof[] = "Unexpected EOF!";
   send(kUnexpectedEof, sizeof(kUnexpectedEof) - 1);
-  if (HttpServerObserver* observer = impl_->observer()) {
-    observer->bytesSent(sizeof(kUnexpectedEof) - 1);
-  }
-  shutdown();
+  reportSent(sizeof(kUnexpectedEof) - 1);
+  endOutput();
 }
 
 bool HttpConnectionHandler::holdOpenAfterInputEnd() {

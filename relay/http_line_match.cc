@@ -99,5 +99,32 @@ bool matchHeaderLineWithoutLineFeed(const char* data, size_t size, size_t* name_
   return true;
 }
 
+HttpMethod httpMethodFromName(const char* name, size_t length) {
+  // Within a case, every candidate has the name's length.
+  auto is = [name, length](const char* candidate) { return memcmp(name, candidate, length) == 0; };
+  switch (length) {
+    case 3:
+      if (is("GET")) return kHttpGet;
+      if (is("PUT")) return kHttpPut;
+      break;
+    case 4:
+      if (is("POST")) return kHttpPost;
+      if (is("HEAD")) return kHttpHead;
+      break;
+    case 5:
+      if (is("TRACE")) return kHttpTrace;
+      break;
+    case 6:
+      if (is("DELETE")) return kHttpDelete;
+      break;
+    case 7:
+      if (is("OPTIONS")) return kHttpOptions;
+      break;
+    default:
+      break;
+  }
+  return kHttpUnknown;
+}
+
 }  // namespace relay
 }  // namespace vantu

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "relay/http_message.h"
+
 namespace vantu {
 namespace relay {
 
@@ -30,6 +32,10 @@ bool matchHeaderLine(const std::string& line, size_t* name_length, size_t* value
 // splits off is.
 bool matchHeaderLineWithoutLineFeed(const char* data, size_t size, size_t* name_length,
                                     size_t* value_start);
+
+// httpMethodFromName of the `length` bytes at `name`, without making a string
+// of them.
+HttpMethod httpMethodFromName(const char* name, size_t length);
 
 }  // namespace relay
 }  // namespace vantu

@@ -159,6 +159,7 @@ void HttpRequest::getStringQueryComponents(const std::string& name,
 HttpResponse::HttpResponse() { setHeader("Connection", "keep-alive"); }
 
 const char* HttpResponse::getStatusString(StatusCode code) {
+  if (code == kOk) return "OK";  // nearly every answer's
   const StatusEntry* end = kStatusTable + sizeof(kStatusTable) / sizeof(kStatusTable[0]);
   const StatusEntry* entry =
       std::lower_bound(kStatusTable, end, static_cast<int>(code),
@@ -216,18 +217,25 @@ void HttpResponse::outputHeader(std::string* out) {
     memcpy(at, data, length);
     at += length;
   };
+  // The separators byte by byte: a call to memcpy per two bytes would cost
+  // more than the bytes.
+  auto put2 = [&at](char first, char second) {
+    at[0] = first;
+    at[1] = second;
+    at += 2;
+  };
   put("HTTP/1.1 ", 9);
   put(number, number_end - number);
-  put(" ", 1);
+  *at++ = ' ';
   put(status_string.data(), phrase_length);
-  put("\r\n", 2);
+  put2('\r', '\n');
   for (const auto& header : headers) {
     put(header.first.data(), header.first.size());
-    put(": ", 2);
+    put2(':', ' ');
     put(header.second.data(), header.second.size());
-    put("\r\n", 2);
+    put2('\r', '\n');
   }
-  put("\r\n", 2);
+  put2('\r', '\n');
 }
 
 }  // namespace relay

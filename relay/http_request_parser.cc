@@ -231,7 +231,11 @@ bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPt
   return result;
 }
 
-HttpMessage* HttpRequestParser::createNewMessage() { return message_pool::newRequest(pool()); }
+HttpMessage* HttpRequestParser::createNewMessage() {
+  HttpRequest* request = message_pool::newRequestToFill(pool());
+  head_.startFields(&request->headers);
+  return request;
+}
 
 bool HttpRequestParser::processInitialLine(const std::string& line) {
   size_t method_length;
@@ -239,22 +243,26 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
   size_t target_length;
   if (!matchRequestLineAt(line, &method_length, &target_begin, &target_length)) return false;
   HttpRequest* request = this->request();
-  const std::string method_name = line.substr(0, method_length);
   request->minor_version = line.back() - '0';
-  head_.takeTarget(line.data(), target_begin, target_length, &request->uri);
-  request->method = httpMethodFromName(method_name);
+  // The method's name is copied only for a log record.
+  request->method = httpMethodFromName(line.data(), method_length);
   if (request->method == kHttpUnknown) {
-    VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << method_name;
+    // Before takeTarget, which may take the line's buffer.
+    VANTU_LOG(2, kLogger, kSourceFile) << "Unknown method " << line.substr(0, method_length);
+    head_.takeTarget(line.data(), target_begin, target_length, &request->uri);
     return false;
   }
-  VANTU_LOG(5, kLogger, kSourceFile) << "Method: " << static_cast<int>(request->method) << "="
-                                     << method_name << " URI=" << request->uri;
+  VANTU_LOG(5, kLogger, kSourceFile)
+      << "Method: " << static_cast<int>(request->method) << "=" << line.substr(0, method_length)
+      << " URI=" << line.substr(target_begin, target_length);
+  head_.takeTarget(line.data(), target_begin, target_length, &request->uri);
   state_ = kHeaders;
   return true;
 }
 
 void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
+  head_.finishFields(&request->headers);
   // Inserts an empty Host when the request has none.
   if (!resolveAbsoluteTarget(request)) resolveUrlFromHost(request, request->headers["Host"]);
 }

@@ -246,10 +246,11 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   HttpConnectionHandler(const HttpConnectionHandler&) = delete;
   HttpConnectionHandler& operator=(const HttpConnectionHandler&) = delete;
 
-  // Writes one answer: its header block, then its content, as two sends that
-  // no other answer's bytes come between. With strict framing the answer
-  // also carries a Date, and the answer to a HEAD request no content. Any
-  // thread.
+  // Writes one answer: its header block, then its content, which no other
+  // answer's bytes come between. With strict framing the answer also carries
+  // a Date, and the answer to a HEAD request no content. Any thread. On the
+  // event thread, while the requests of one read are handled, the answers
+  // gather and go to the socket together after the last of them.
   void sendAnswer(HttpResponse* response, bool to_head_request);
 
   // An RPC started on this connection will be answered later: the connection
@@ -286,6 +287,13 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // Leaves the server's registry, once, and tells the observer. Event
   // thread, or the destructor.
   void leaveRegistry();
+  // Hands the answers gathered so far to the socket. Event thread.
+  void sendGathered();
+  // Sends what was gathered, then ends the connection once it is written.
+  // Event thread.
+  void endOutput();
+  // Tells the observer, if any, of bytes handed to the socket.
+  void reportSent(size_t bytes);
 
   std::shared_ptr<HttpServerImpl> impl_;
   // Set by HttpServer::newConnection right after the owning pointer is made.
@@ -309,6 +317,8 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   bool observed_ = false;  // the observer was told of its opening
   Deadline deadline_kind_ = Deadline::kNone;
   Time deadline_;
+  // While the requests of one read are handled: where their answers gather.
+  std::string* gathered_ = nullptr;
 };
 
 }  // namespace relay

@@ -1,5 +1,6 @@
 #include "relay/message_pool.h"
 
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -43,6 +44,8 @@ class Pool {
   std::vector<HttpResponse*> responses;
   std::vector<Headers::node_type> nodes;
   std::vector<void*> blocks;
+  // The header fields the pooled requests kept for their next use.
+  size_t kept_fields = 0;
 };
 
 namespace {
@@ -107,23 +110,47 @@ inline void assignBytes(std::string* text, const char* data, size_t size) {
   text->append(data, size);
 }
 
+bool isSmall(const std::string& name, const std::string& value) {
+  return name.capacity() <= kLargestKeptString && value.capacity() <= kLargestKeptString;
+}
+
+// Whether the pool may keep another header node, loose or in a pooled request.
+bool hasRoomForNode(const Pool& pool) { return pool.nodes.size() + pool.kept_fields < kMaxNodes; }
+
+// Keeps a node taken out of a map for a later field, when the pool has room
+// (a null pool has none) and its strings are small.
+void giveNode(Pool* pool, Headers::node_type node) {
+  if (pool != nullptr && hasRoomForNode(*pool) && isSmall(node.key(), node.mapped())) {
+    pool->nodes.push_back(std::move(node));
+  }
+}
+
 // Moves the nodes of `headers` into the pool (as many as it keeps), leaving
 // the map empty.
 void recycleHeaders(Headers* headers, Pool* pool) {
-  while (!headers->empty() && pool->nodes.size() < kMaxNodes) {
-    Headers::node_type node = headers->extract(headers->begin());
-    if (node.key().capacity() <= kLargestKeptString &&
-        node.mapped().capacity() <= kLargestKeptString) {
-      pool->nodes.push_back(std::move(node));
-    }
+  while (!headers->empty() && hasRoomForNode(*pool)) {
+    giveNode(pool, headers->extract(headers->begin()));
   }
   headers->clear();
 }
 
-// Brings a released request back to what its default constructor makes.
-// Keep in step with HttpRequest's fields (a test compares the two).
-void resetRequest(HttpRequest* request, Pool* pool) {
-  recycleHeaders(&request->headers, pool);
+// Whether a released request keeps its header fields for a refill: few, small,
+// and room for them within the pool's bound on nodes.
+bool keepsFields(const Headers& headers, const Pool& pool) {
+  if (headers.size() > memory_policy::kMaxRefilledHeaders ||
+      pool.nodes.size() + pool.kept_fields + headers.size() > kMaxNodes) {
+    return false;
+  }
+  for (const Headers::value_type& field : headers) {
+    if (!isSmall(field.first, field.second)) return false;
+  }
+  return true;
+}
+
+// Brings a released request back to what its default constructor makes, but
+// for its header fields, which releaseRequest decides on. Keep in step with
+// HttpRequest's fields (a test compares the two).
+void resetRequest(HttpRequest* request) {
   request->content_length = 0;
   clearKeepingSmall(&request->body);
   request->url = GURL();
@@ -133,9 +160,16 @@ void resetRequest(HttpRequest* request, Pool* pool) {
   request->minor_version = 1;
 }
 
-// Likewise for responses, whose default has "Connection: keep-alive".
+// Likewise for responses, whose default has "Connection: keep-alive". The
+// node of a Connection header, which nearly every answer has, stays for it.
 void resetResponse(HttpResponse* response, Pool* pool) {
-  recycleHeaders(&response->headers, pool);
+  static const std::string kConnectionName = "Connection";
+  Headers& headers = response->headers;
+  Headers::node_type connection;
+  if (!headers.empty() && headers.begin()->first == kConnectionName) {
+    connection = headers.extract(headers.begin());
+  }
+  recycleHeaders(&headers, pool);
   response->content_length = 0;
   clearKeepingSmall(&response->body);
   if (response->content.capacity() > kLargestKeptString) {
@@ -145,10 +179,14 @@ void resetResponse(HttpResponse* response, Pool* pool) {
   }
   response->status_code = HttpResponse::kOk;
   clearKeepingSmall(&response->status_string);
-  static const char kConnection[] = "Connection";
   static const char kKeepAlive[] = "keep-alive";
-  setHeader(pool, &response->headers, response->headers.end(), kConnection, sizeof(kConnection) - 1,
-            kKeepAlive, sizeof(kKeepAlive) - 1);
+  if (connection && isSmall(connection.key(), connection.mapped())) {
+    assignBytes(&connection.mapped(), kKeepAlive, sizeof(kKeepAlive) - 1);
+    headers.insert(std::move(connection));
+  } else {
+    setHeader(pool, &headers, headers.end(), kConnectionName.data(), kConnectionName.size(),
+              kKeepAlive, sizeof(kKeepAlive) - 1);
+  }
 }
 
 void releaseRequest(HttpRequest* request) {
@@ -157,8 +195,22 @@ void releaseRequest(HttpRequest* request) {
     delete request;
     return;
   }
-  resetRequest(request, pool);
+  resetRequest(request);
+  if (keepsFields(request->headers, *pool)) {
+    pool->kept_fields += request->headers.size();
+  } else {
+    recycleHeaders(&request->headers, pool);
+  }
   pool->requests.push_back(request);
+}
+
+// The next pooled request, its old header fields still in it; null when none.
+HttpRequest* takeRequest(Pool* pool) {
+  if (pool == nullptr || pool->requests.empty()) return nullptr;
+  HttpRequest* request = pool->requests.back();
+  pool->requests.pop_back();
+  pool->kept_fields -= request->headers.size();
+  return request;
 }
 
 void releaseResponse(HttpResponse* response) {
@@ -183,10 +235,15 @@ Pool* threadPool() {
 }
 
 HttpRequest* newRequest(Pool* pool) {
-  if (pool == nullptr || pool->requests.empty()) return new HttpRequest;
-  HttpRequest* request = pool->requests.back();
-  pool->requests.pop_back();
+  HttpRequest* request = takeRequest(pool);
+  if (request == nullptr) return new HttpRequest;
+  recycleHeaders(&request->headers, pool);
   return request;
+}
+
+HttpRequest* newRequestToFill(Pool* pool) {
+  HttpRequest* request = takeRequest(pool);
+  return request != nullptr ? request : new HttpRequest;
 }
 
 HttpResponse* newResponse(Pool* pool) {
@@ -223,6 +280,44 @@ Headers::iterator setHeader(Pool* pool, Headers* headers, Headers::const_iterato
     pool->nodes.push_back(std::move(node));
   }
   return stored;
+}
+
+void HeaderRefill::start(Pool* pool, Headers* headers) {
+  old_count_ = 0;
+  for (auto it = headers->begin(); it != headers->end();) {
+    if (old_count_ < memory_policy::kMaxRefilledHeaders) {
+      old_[old_count_++] = it++;
+    } else {
+      giveNode(pool, headers->extract(it++));
+    }
+  }
+}
+
+Headers::iterator HeaderRefill::store(Pool* pool, Headers* headers, const char* name,
+                                      size_t name_length, const char* value, size_t value_length) {
+  for (size_t i = 0; i < old_count_; ++i) {
+    const Headers::iterator field = old_[i];
+    if (field->first.size() == name_length && memcmp(field->first.data(), name, name_length) == 0) {
+      assignBytes(&field->second, value, value_length);
+      old_[i] = old_[--old_count_];
+      return field;
+    }
+  }
+  // Names often arrive in ascending order: hinting at the end makes those
+  // insertions a single comparison.
+  return setHeader(pool, headers, headers->end(), name, name_length, value, value_length);
+}
+
+void HeaderRefill::finish(Pool* pool, Headers* headers) {
+  for (size_t i = 0; i < old_count_; ++i) giveNode(pool, headers->extract(old_[i]));
+  old_count_ = 0;
+}
+
+bool HeaderRefill::isOld(Headers::const_iterator field) const {
+  for (size_t i = 0; i < old_count_; ++i) {
+    if (old_[i] == field) return true;
+  }
+  return false;
 }
 
 }  // namespace message_pool

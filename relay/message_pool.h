@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "common/memory_policy.h"
 #include "relay/http_message.h"
 
 namespace vantu {
@@ -32,6 +33,11 @@ Pool* threadPool();
 
 // A request as its default constructor makes it, owned by the caller.
 HttpRequest* newRequest(Pool* pool = threadPool());
+// A request for a reader to fill, owned by the caller: as newRequest makes it,
+// except that its headers may still hold fields of the request it was before.
+// The reader stores the new request's fields through a HeaderRefill and calls
+// its finish() before anyone else sees the request.
+HttpRequest* newRequestToFill(Pool* pool = threadPool());
 // A response as its default constructor makes it, owned by the caller.
 HttpResponse* newResponse(Pool* pool = threadPool());
 
@@ -47,6 +53,41 @@ using Headers = std::map<std::string, std::string>;
 Headers::iterator setHeader(Pool* pool, Headers* headers, Headers::const_iterator hint,
                             const char* name, size_t name_length, const char* value,
                             size_t value_length);
+
+// Stores the header fields of a request from newRequestToFill over the fields
+// its headers still hold, which keeps a reader's steady state free of map
+// insertions and removals: a client's next request mostly carries the names
+// of its last one (an RPC client's always do), and for each of those only the
+// value is copied. finish() takes out the old fields no new one replaced, so
+// that the headers then hold exactly what was stored, as setHeader would have
+// left them.
+//
+// Owned by a reader, as a member; used on the reader's thread only.
+class HeaderRefill {
+ public:
+  HeaderRefill() = default;
+  HeaderRefill(const HeaderRefill&) = delete;
+  HeaderRefill& operator=(const HeaderRefill&) = delete;
+
+  // The fields `headers` holds now are old ones, to be replaced or taken out.
+  // Past memory_policy::kMaxRefilledHeaders of them, the rest are taken out
+  // now.
+  void start(Pool* pool, Headers* headers);
+  // As setHeader(pool, headers, headers->end(), ...), on the headers given to
+  // start().
+  Headers::iterator store(Pool* pool, Headers* headers, const char* name, size_t name_length,
+                          const char* value, size_t value_length);
+  // Takes out of `headers` (those given to start()) the old fields that no
+  // stored one replaced, giving their nodes to the pool.
+  void finish(Pool* pool, Headers* headers);
+  // Whether `field` is an old field that nothing replaced yet.
+  bool isOld(Headers::const_iterator field) const;
+
+ private:
+  // The old fields not replaced yet, in no particular order.
+  Headers::iterator old_[memory_policy::kMaxRefilledHeaders];
+  size_t old_count_ = 0;
+};
 
 }  // namespace message_pool
 }  // namespace relay

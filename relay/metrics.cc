@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <exception>
 
+#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "relay/http_server.h"
 
@@ -187,7 +188,8 @@ void MetricsObserver::requestAnswered(const std::string& pattern, int status,
   // keeps the series it used last, which spares the lock and the hash. An
   // observer's id is never reused, so a cached entry of one that is gone
   // never matches.
-  thread_local LastRequestSeries last;
+  VANTU_FAST_THREAD_LOCAL LastRequestSeries cached;
+  LastRequestSeries& last = cached;  // one thread-local look-up, not one per use
   if (last.observer != id_ || last.status != status || last.handler != handler) {
     MutexLock lock(mutex_);
     HandlerSeries& series = handlerSeries(handler);

@@ -381,7 +381,7 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
   if (version[5] != '1' || (version[7] != '0' && version[7] != '1')) {
     return fail(HttpResponse::kHttpVersionNotSupported);
   }
-  const HttpMethod method = httpMethodFromName(std::string(line, method_end));
+  const HttpMethod method = httpMethodFromName(line, method_end - line);
   if (method == kHttpUnknown) return fail(HttpResponse::kNotImplemented);
 
   // origin-form, absolute-form (a scheme and a colon), or "*" for OPTIONS.
@@ -397,7 +397,8 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
     if (q == target_end || *q != ':') return fail(HttpResponse::kBadRequest);
   }
 
-  request_ = message_pool::adopt(message_pool::newRequest(head_.pool()));
+  request_ = message_pool::adopt(message_pool::newRequestToFill(head_.pool()));
+  head_.startFields(&request_->headers);
   request_->method = method;
   head_.takeTarget(line, target - line, target_length, &request_->uri);
   request_->minor_version = version[7] - '0';
@@ -472,6 +473,7 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
 }
 
 bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
+  head_.finishFields(&request_->headers);
   const bool http11 = request_->minor_version == 1;
   if (http11 && host_count_ != 1) return fail(HttpResponse::kBadRequest);
   if (!http11) expect_continue_ = false;  // a 1.0 client does not wait for 100

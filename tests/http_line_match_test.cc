@@ -107,6 +107,23 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnRandomLines) {
   }
 }
 
+TEST(HttpLineMatchTest, MethodFromBytesAgreesWithMethodFromString) {
+  const std::string kNames[] = {
+      "GET",   "PUT",    "POST",    "HEAD",  "TRACE",   "DELETE",   "OPTIONS",
+      "",      "get",    "GE",      "GETS",  "PUT ",    "POSTS",    "HEAd",
+      "TRACe", "DELETe", "OPTIONs", "PATCH", "CONNECT", "OPTIONSS", std::string("GET\0", 4),
+      "XXX"};
+  for (const std::string& name : kNames) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(httpMethodFromName(name), httpMethodFromName(name.data(), name.size()));
+  }
+  // Every method is found, not just refused alike.
+  for (int method = kHttpOptions; method < kHttpUnknown; ++method) {
+    const std::string name = httpMethodToName(static_cast<HttpMethod>(method));
+    EXPECT_EQ(method, httpMethodFromName(name.data(), name.size())) << name;
+  }
+}
+
 }  // namespace
 }  // namespace relay
 }  // namespace vantu

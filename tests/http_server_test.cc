@@ -160,6 +160,32 @@ HttpRequestHandler answering(const std::string& text) {
   return [text](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, text); };
 }
 
+// The answers to one read's requests go out together; whatever their sizes,
+// each comes out whole and in request order, as one at a time would.
+TEST_F(HttpServerTest, PipelinedAnswersOfEverySizeComeOutWholeAndInOrder) {
+  const std::string big(100 * 1024, 'b');
+  const std::string medium(4000, 'm');
+  server_->registerHandler("/big", answering(big));
+  server_->registerHandler("/medium", answering(medium));
+  const std::string order[] = {"/hello", "/big", "/medium", "/nope", "/big", "/hello"};
+  std::string requests;
+  std::string expected;
+  for (const std::string& path : order) {
+    requests += get(path);
+    expected += path == "/hello"    ? kHello
+                : path == "/big"    ? answer(big)
+                : path == "/medium" ? answer(medium)
+                                    : kNotFound;
+  }
+  LoopbackClient client(port_);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(client.write(requests));
+  EXPECT_EQ(expected, client.read(expected.size()));
+  // And once more on the same connection, the gathering buffer reused.
+  ASSERT_TRUE(client.write(requests));
+  EXPECT_EQ(expected, client.read(expected.size()));
+}
+
 TEST_F(HttpServerTest, RegistrationOrderAndWholePathMatch) {
   // A pattern that does not compile is passed over, not taken as a match nor
   // as the end of the list.

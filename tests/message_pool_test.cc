@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "common/memory_policy.h"
 #include "relay/http_request_parser.h"
+#include "relay/request_reader.h"
 
 namespace vantu {
 namespace relay {
@@ -67,25 +71,40 @@ TEST(MessagePoolTest, RecycledRequestEqualsANewOne) {
 
 TEST(MessagePoolTest, RecycledResponseEqualsANewOne) {
   Pool* pool = threadPool();
-  HttpResponse* used = newResponse(pool);
-  used->headers.clear();  // even without its Connection header it comes back with one
-  used->setHeader("X-A", "1");
-  used->content_length = 7;
-  used->body = "body";
-  used->content.assign(10, 'c');
-  used->status_code = HttpResponse::kNotFound;
-  used->status_string = "Gone Fishing";
-  adopt(used).reset();
+  // Whatever its Connection header became, a response comes back with the
+  // default one.
+  const char* const kConnections[] = {nullptr, "close", "keep-alive", ""};
+  for (const char* connection : kConnections) {
+    SCOPED_TRACE(connection != nullptr ? connection : "no Connection header");
+    HttpResponse* used = newResponse(pool);
+    used->headers.clear();
+    if (connection != nullptr) used->setHeader("Connection", connection);
+    used->setHeader("X-A", "1");
+    used->setHeader("Age", "2");  // sorts before Connection
+    used->content_length = 7;
+    used->body = "body";
+    used->content.assign(10, 'c');
+    used->status_code = HttpResponse::kNotFound;
+    used->status_string = "Gone Fishing";
+    adopt(used).reset();
 
-  HttpResponse* recycled = newResponse(pool);
-  EXPECT_EQ(used, recycled) << "the pool did not keep the response";
-  HttpResponse fresh;
-  EXPECT_EQ(describe(fresh), describe(*recycled));
-  std::string fresh_head, recycled_head;
-  fresh.outputHeader(&fresh_head);
-  recycled->outputHeader(&recycled_head);
-  EXPECT_EQ(fresh_head, recycled_head);
-  adopt(recycled);
+    HttpResponse* recycled = newResponse(pool);
+    EXPECT_EQ(used, recycled) << "the pool did not keep the response";
+    HttpResponse fresh;
+    EXPECT_EQ(describe(fresh), describe(*recycled));
+    std::string fresh_head, recycled_head;
+    fresh.outputHeader(&fresh_head);
+    recycled->outputHeader(&recycled_head);
+    EXPECT_EQ(fresh_head, recycled_head);
+    // With Connection first, its node is the one kept.
+    recycled->setHeader("Connection", connection != nullptr ? connection : "x");
+    adopt(recycled).reset();
+    HttpResponse* again = newResponse(pool);
+    ASSERT_EQ(used, again);
+    HttpResponse also_fresh;
+    EXPECT_EQ(describe(also_fresh), describe(*again));
+    adopt(again);
+  }
 }
 
 TEST(MessagePoolTest, RecyclingKeepsSmallBuffersAndFreesLargeOnes) {
@@ -106,6 +125,136 @@ TEST(MessagePoolTest, RecyclingKeepsSmallBuffersAndFreesLargeOnes) {
       EXPECT_EQ(capacity, recycled->body.capacity());
     }
     adopt(recycled);
+  }
+}
+
+TEST(MessagePoolTest, RequestToFillKeepsOnlyFewSmallFields) {
+  Pool* pool = threadPool();
+  struct Case {
+    const char* what;
+    size_t fields;
+    size_t value_size;
+    bool kept;
+  };
+  const Case kCases[] = {
+      {"few small fields", 3, 10, true},
+      {"as many as are kept", memory_policy::kMaxRefilledHeaders, 10, true},
+      {"one field too many", memory_policy::kMaxRefilledHeaders + 1, 10, false},
+      {"a large value", 1, memory_policy::kLargestKeptString + 1, false},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.what);
+    HttpRequest* request = newRequest(pool);
+    for (size_t i = 0; i < c.fields; ++i) {
+      request->headers["X-" + std::to_string(i)] = std::string(c.value_size, 'v');
+    }
+    adopt(request).reset();
+    HttpRequest* refilled = newRequestToFill(pool);
+    ASSERT_EQ(request, refilled);
+    EXPECT_EQ(c.kept ? c.fields : 0u, refilled->headers.size());
+    adopt(refilled).reset();
+    // The plain kind comes out as new whatever its last use left.
+    HttpRequest* fresh = newRequest(pool);
+    ASSERT_EQ(request, fresh);
+    EXPECT_TRUE(fresh->headers.empty());
+    adopt(fresh);
+  }
+}
+
+TEST(MessagePoolTest, RefillLeavesExactlyTheStoredFields) {
+  using Fields = std::vector<std::pair<std::string, std::string>>;
+  struct Case {
+    const char* what;
+    Fields old_fields;
+    Fields stored;
+    Headers expected;
+  };
+  Fields many;
+  for (int i = 0; i < 20; ++i) many.emplace_back("F" + std::to_string(i), "old");
+  const Case kCases[] = {
+      {"same names", {{"A", "1"}, {"B", "2"}}, {{"A", "3"}, {"B", "4"}}, {{"A", "3"}, {"B", "4"}}},
+      {"fewer names", {{"A", "1"}, {"B", "2"}, {"C", "3"}}, {{"B", "x"}}, {{"B", "x"}}},
+      {"other names",
+       {{"A", "1"}},
+       {{"Z", "9"}, {"A", "2"}, {"M", "5"}},
+       {{"A", "2"}, {"M", "5"}, {"Z", "9"}}},
+      {"a name twice",
+       {{"A", "1"}},
+       {{"A", "2"}, {"B", "b"}, {"A", "3"}},
+       {{"A", "3"}, {"B", "b"}}},
+      {"names differing in case",
+       {{"a", "1"}, {"AB", "2"}},
+       {{"A", "3"}, {"Ab", "4"}},
+       {{"A", "3"}, {"Ab", "4"}}},
+      {"a name that an old one starts with", {{"AB", "1"}}, {{"A", "2"}}, {{"A", "2"}}},
+      {"a longer value",
+       {{"A", "1"}},
+       {{"A", std::string(100, 'v')}},
+       {{"A", std::string(100, 'v')}}},
+      {"nothing stored", {{"A", "1"}}, {}, {}},
+      {"more old fields than are refilled",
+       many,
+       {{"F3", "new"}, {"F19", "new"}},
+       {{"F19", "new"}, {"F3", "new"}}},
+  };
+  Pool* pool = threadPool();
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.what);
+    Headers headers;
+    for (const auto& field : c.old_fields) headers[field.first] = field.second;
+    HeaderRefill refill;
+    refill.start(pool, &headers);
+    for (const auto& field : c.stored) {
+      Headers::iterator stored =
+          refill.store(pool, &headers, field.first.data(), field.first.size(), field.second.data(),
+                       field.second.size());
+      EXPECT_EQ(field.first, stored->first);
+      EXPECT_EQ(field.second, stored->second);
+    }
+    refill.finish(pool, &headers);
+    EXPECT_EQ(c.expected, headers);
+  }
+}
+
+// Requests of one connection, each released before the next arrives: each
+// reader's requests mostly land in objects that held another request's
+// fields, and must come out with their own only.
+TEST(MessagePoolTest, ReadersRefillRecycledRequestsWithTheirOwnFieldsOnly) {
+  struct Head {
+    const char* fields;
+    Headers expected;
+  };
+  const Head kHeads[] = {
+      {"Host: h\r\nX-A: 1\r\nX-B: 2\r\n", {{"Host", "h"}, {"X-A", "1"}, {"X-B", "2"}}},
+      {"Host: h2\r\nX-B: 3\r\n", {{"Host", "h2"}, {"X-B", "3"}}},
+      {"Host: h\r\nX-A: 4\r\nX-A: 5\r\nX-C: 6\r\n", {{"Host", "h"}, {"X-A", "5"}, {"X-C", "6"}}},
+      {"Host: h\r\nx-a: 7\r\n", {{"Host", "h"}, {"x-a", "7"}}},
+      {"Host: h3\r\n", {{"Host", "h3"}}},
+      {"Host: h\r\nX-A: 1\r\nX-B: 2\r\nX-C: 3\r\nX-D: 4\r\n",
+       {{"Host", "h"}, {"X-A", "1"}, {"X-B", "2"}, {"X-C", "3"}, {"X-D", "4"}}},
+      {"Host: h\r\nContent-Length: 2\r\nX-B: 8\r\n",
+       {{"Content-Length", "2"}, {"Host", "h"}, {"X-B", "8"}}},
+  };
+  for (bool strict : {false, true}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    std::unique_ptr<RequestReader> reader = newRequestReader(strict, RequestLimits());
+    std::set<HttpRequest*> seen;
+    int refilled = 0;
+    for (int round = 0; round < 3; ++round) {
+      for (const Head& head : kHeads) {
+        SCOPED_TRACE(head.fields);
+        const bool with_body = head.expected.count("Content-Length") != 0;
+        std::vector<HttpRequestPtr> got;
+        ASSERT_TRUE(reader->parse(
+            std::string("POST /p HTTP/1.1\r\n") + head.fields + "\r\n" + (with_body ? "ok" : ""),
+            &got));
+        ASSERT_EQ(1u, got.size());
+        EXPECT_EQ(head.expected, got[0]->headers);
+        EXPECT_EQ("http://" + head.expected.at("Host") + "/p", got[0]->url.possibly_invalid_spec());
+        if (!seen.insert(got[0].get()).second) ++refilled;
+      }
+    }
+    EXPECT_GT(refilled, 10) << "requests were not recycled: the test tests nothing";
   }
 }
 
