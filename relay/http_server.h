@@ -207,13 +207,25 @@ class HttpServer : public TcpServer {
   // there, at once).
   bool drain(const Duration& timeout);
 
+  // Loads the TLS files named in the options the server was made with again,
+  // for the connections accepted from now on; those open keep theirs. False,
+  // with the old files still in use and the reason in a level 2 log record,
+  // when the new ones cannot be used (or the server has no TLS). Any thread.
+  bool reloadTlsCertificates();
+
   // The connection factory: one handler per accepted connection.
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
                                                             char_stream::PullStreamTraits>>
   newConnection();
 
  private:
+  // Loads the TLS files and serves TLS with them; false (logged) when they
+  // cannot be used. Before listening.
+  bool enableTls(const HttpServerOptions& options);
+
   std::shared_ptr<HttpServerImpl> impl_;
+  // Constant once the server listens: the TLS files, if any.
+  TlsServerOptions tls_;
 };
 
 // For tests: how many HttpServer objects and RPC call records exist in this
@@ -299,6 +311,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   bool observed_ = false;  // the observer was told of its opening
   Deadline deadline_kind_ = Deadline::kNone;
   Time deadline_;
+  // Who is at the other end: made when the first request arrives, then
+  // shared by every request (and RPC) of the connection.
+  std::shared_ptr<const PeerInfo> peer_;
 };
 
 }  // namespace relay
