@@ -4,9 +4,11 @@
 //   demo_server [--address 127.0.0.1] [--port 8080] [--log logger=level]...
 //               [--no-hardening] [--max-body-bytes N] [--idle-timeout-ms N]
 //               [--header-timeout-ms N] [--drain-ms N] [--reuse-port]
+//               [--tls-cert FILE --tls-key FILE [--tls-client-ca FILE]]
 //
 // Serves until SIGINT or SIGTERM, then drains (up to --drain-ms, 5 s by
-// default) and exits 0.
+// default) and exits 0. With TLS, SIGHUP loads the certificate files again
+// (scripts/make-test-certs DIR makes a set to try it with).
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -20,6 +22,7 @@
 #include "demo_service.h"
 #include "relay/http_server.h"
 #include "relay/metrics.h"
+#include "relay/peer_info.h"
 #include "relay/reflection.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
@@ -109,7 +112,13 @@ void registerHandlers(vantu::relay::HttpServer* server) {
           json += (first ? "" : ",") + jsonString(header.first) + ":" + jsonString(header.second);
           first = false;
         }
-        json += "},\"body_length\":" + std::to_string(request->body.size()) + "}\n";
+        json += "},\"body_length\":" + std::to_string(request->body.size());
+        const vantu::relay::PeerInfo& peer = request->peer();
+        if (peer.tls) {
+          json += ",\"tls\":{\"version\":" + jsonString(peer.tls_version) +
+                  ",\"client_subject\":" + jsonString(peer.client_subject) + "}";
+        }
+        json += "}\n";
         response->setContentType("application/json");
         append(response, json);
       });
@@ -120,9 +129,12 @@ void usage() {
           "usage: demo_server [--address IP] [--port N] [--log logger=level]...\n"
           "                   [--no-hardening] [--max-body-bytes N] [--idle-timeout-ms N]\n"
           "                   [--header-timeout-ms N] [--drain-ms N] [--reuse-port]\n"
+          "                   [--tls-cert FILE --tls-key FILE [--tls-client-ca FILE]]\n"
           "  loggers: http_server, http_request_parser, rpc, check; levels 1..6\n"
           "  --no-hardening serves with the library's default options (no limits,\n"
-          "  Content-Length framing only); the overrides change single hardened values.\n");
+          "  Content-Length framing only); the overrides change single hardened values.\n"
+          "  --tls-cert/--tls-key serve HTTPS and RPC over TLS (PEM files; SIGHUP\n"
+          "  reloads them); --tls-client-ca requires client certificates it signed.\n");
   exit(2);
 }
 
@@ -146,6 +158,7 @@ int main(int argc, char** argv) {
   long long max_body_bytes = -1;
   long long idle_timeout_ms = -1;
   long long header_timeout_ms = -1;
+  vantu::relay::TlsServerOptions tls;
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
     if (flag == "--no-hardening") {
@@ -176,6 +189,12 @@ int main(int argc, char** argv) {
       header_timeout_ms = number(value);
     } else if (flag == "--drain-ms") {
       drain_ms = number(value);
+    } else if (flag == "--tls-cert") {
+      tls.certificate_chain_file = value;
+    } else if (flag == "--tls-key") {
+      tls.private_key_file = value;
+    } else if (flag == "--tls-client-ca") {
+      tls.client_ca_file = value;
     } else {
       usage();
     }
@@ -188,12 +207,16 @@ int main(int argc, char** argv) {
     options.header_timeout = vantu::Duration::milliseconds(header_timeout_ms);
   }
   options.reuse_port = reuse_port;
+  if (tls.certificate_chain_file.empty() != tls.private_key_file.empty()) usage();
+  if (!tls.client_ca_file.empty() && !tls.enabled()) usage();
+  options.tls = tls;
 
   // Wait for the stop signals here instead of in a handler.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
@@ -201,7 +224,8 @@ int main(int argc, char** argv) {
   std::shared_ptr<vantu::relay::HttpServer> server =
       vantu::relay::HttpServer::create(listen_address, 1024, options);
   if (!server) {
-    fprintf(stderr, "demo_server: cannot listen on %s\n", listen_address.toString().c_str());
+    fprintf(stderr, "demo_server: cannot listen on %s%s\n", listen_address.toString().c_str(),
+            tls.enabled() ? " (or the TLS files cannot be used: see the log)" : "");
     return 1;
   }
   vantu::relay::exposeMetrics(*server);
@@ -210,13 +234,17 @@ int main(int argc, char** argv) {
   vantu::relay::registerReflectionService(server);
 
   const bool ipv6 = address.find(':') != std::string::npos;
-  printf("demo_server: serving http://%s%s%s:%d/ (%s)\n", ipv6 ? "[" : "", address.c_str(),
-         ipv6 ? "]" : "", server->localAddress().port(),
+  printf("demo_server: serving http%s://%s%s%s:%d/ (%s)\n", tls.enabled() ? "s" : "",
+         ipv6 ? "[" : "", address.c_str(), ipv6 ? "]" : "", server->localAddress().port(),
          hardened ? "hardened" : "default options, no hardening");
   fflush(stdout);
 
   int received = 0;
-  sigwait(&signals, &received);
+  while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
+    const bool reloaded = tls.enabled() && server->reloadTlsCertificates();
+    printf("demo_server: TLS files %s\n", reloaded ? "reloaded" : "not reloaded");
+    fflush(stdout);
+  }
   printf("demo_server: draining\n");
   fflush(stdout);
   const bool drained = server->drain(vantu::Duration::milliseconds(drain_ms));
