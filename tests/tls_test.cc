@@ -188,9 +188,10 @@ TEST(TlsTest, ClientsNobodyHereWroteGetAnswersOverTls) {
   }
 }
 
-TEST(TlsTest, OldProtocolsAreRefusedAndSessionsResume) {
+TEST(TlsTest, OldProtocolsAreRefusedSessionsResumeAndStreamsEndCleanly) {
   HttpServerOptions options;
   options.tls = serverTls("server", false);
+  options.strict_framing = true;
   std::shared_ptr<HttpServer> server = startServer(options);
   ASSERT_TRUE(server);
   const std::string script = R"(
@@ -218,12 +219,27 @@ try:
     print("TLS 1.1 accepted")
 except (ssl.SSLError, OSError):
     print("TLS 1.1 refused")
+# After "Connection: close" the server ends the TLS stream with close_notify:
+# an orderly end, which a client tells from a cut connection.
+with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
+    with context.wrap_socket(raw, server_hostname="127.0.0.1", suppress_ragged_eofs=False) as tls:
+        tls.sendall(b"GET /hello HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n")
+        answer = b""
+        try:
+            while True:
+                chunk = tls.recv(4096)
+                if not chunk:
+                    break
+                answer += chunk
+            print("clean end" if answer.endswith(b"Hello, world!\n") else "no answer")
+        except ssl.SSLEOFError:
+            print("cut")
 )";
   const std::string path = certDir() + "/resume.py";
   std::ofstream(path) << script;
   // Resumption checked over TLS 1.2, where the session is known once the
   // handshake ends (a TLS 1.3 ticket arrives after it).
-  EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\n",
+  EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
             run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
                 " " + cert("ca.pem")));
 }
