@@ -445,6 +445,10 @@ void TcpSocket::deliverTls(bool* eof, bool* failed) {
           source_.deliver(plain, got);
           if (state_ != kOpen) return;
         }
+        // The usual case, one request in one record: no read to learn that
+        // nothing more is there (with released buffers, that read would
+        // allocate and free a record buffer).
+        if (tls_->drained()) return;
         continue;
       case TlsTransport::Result::kWantMore:
         return;

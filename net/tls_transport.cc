@@ -317,6 +317,8 @@ TlsTransport::Result TlsTransport::read(char* out, size_t size, size_t* got) {
   return failure(ret, "TLS read failed");
 }
 
+bool TlsTransport::drained() const { return input_size_ == 0 && SSL_pending(ssl_) == 0; }
+
 bool TlsTransport::write(const char* data, size_t size) {
   while (size > 0) {
     ERR_clear_error();

@@ -97,6 +97,10 @@ class TlsTransport {
   // Decrypts into `out` (at most `size` bytes, one record at most);
   // *got is set on kOk.
   Result read(char* out, size_t size, size_t* got);
+  // Everything given to setInput was used and nothing decrypted waits: a
+  // read now could only say kWantMore. (Without read-ahead OpenSSL takes
+  // one record at a time, so no whole record can hide in its buffer.)
+  bool drained() const;
   // Encrypts `size` bytes into the wire. False on a failure (error()).
   bool write(const char* data, size_t size);
   // Appends close_notify to the wire, once; nothing before the handshake.
