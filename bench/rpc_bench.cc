@@ -268,8 +268,20 @@ void waitForStdinEof() {
   }
 }
 
-int serveOurs() {
-  auto server = vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), /*n=*/128);
+// Where scripts/make-test-certs put the TLS sides' certificates; empty: no
+// TLS sides.
+std::string tlsDir() {
+  const char* dir = std::getenv("RPC_BENCH_TLS_DIR");
+  return dir != nullptr ? dir : "";
+}
+
+int serveOurs(bool tls) {
+  vantu::relay::HttpServerOptions tls_options;
+  tls_options.tls.certificate_chain_file = tlsDir() + "/server.pem";
+  tls_options.tls.private_key_file = tlsDir() + "/server-key.pem";
+  auto server =
+      tls ? vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 128, tls_options)
+          : vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), /*n=*/128);
   if (!server) {
     std::fprintf(stderr, "rpc_bench server: HttpServer::create failed\n");
     return 1;
@@ -643,6 +655,30 @@ Round runGrpc(const Options& options, const ServerProcess& server, int in_flight
   return stalled ? Round{} : summarise(what, recorder);
 }
 
+// The same load through a channel made with default options, in clear text
+// or over TLS (TLS 1.3, ECDSA P-256): what encryption costs a call.
+Round runOursOptions(const Options& options, const ServerProcess& server, int in_flight,
+                     Clock::time_point start, bool tls) {
+  vantu::relay::RPCChannelOptions channel_options;
+  channel_options.tls.enabled = tls;
+  channel_options.tls.ca_file = tlsDir() + "/ca.pem";
+  return runOursOn(
+      std::string("ours with options") + (tls ? " over TLS, " : ", ") + std::to_string(in_flight) +
+          " in flight",
+      vantu::relay::RPCChannel::create("127.0.0.1:" + std::to_string(server.port), channel_options),
+      options, in_flight, start);
+}
+
+Round runOursPlain(const Options& options, const ServerProcess& server, int in_flight,
+                   Clock::time_point start) {
+  return runOursOptions(options, server, in_flight, start, false);
+}
+
+Round runOursTls(const Options& options, const ServerProcess& server, int in_flight,
+                 Clock::time_point start) {
+  return runOursOptions(options, server, in_flight, start, true);
+}
+
 // ---------------------------------------------------------------------------
 // The floor: one round trip at a time, so in_flight is always 1.
 
@@ -759,6 +795,22 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
         ratio(resilient[i], ours[i], median).c_str(), ratio(resilient[i], ours[i], p99).c_str());
   }
 
+  // What TLS costs, measured in the same alternating rounds.
+  if (sides.size() > 4 && sides[4].kind == "ours-tls") {
+    const std::vector<Result>& plain = sides[3].results;
+    const std::vector<Result>& tls = sides[4].results;
+    std::printf("\n%-14s %14s %14s %8s %10s %10s %13s %13s\n", "TLS's cost", "clear calls/s",
+                "TLS calls/s", "ratio", "p50 ratio", "p99 ratio", "clear µs/call", "TLS µs/call");
+    for (size_t i = 0; i < options.in_flight.size(); ++i) {
+      std::string scenario = std::to_string(options.in_flight[i]) + " in flight";
+      std::printf("%-14s %14s %14s %8s %10s %10s %12s %12s\n", scenario.c_str(),
+                  value(plain[i], calls, "%.0f").c_str(), value(tls[i], calls, "%.0f").c_str(),
+                  ratio(tls[i], plain[i], calls).c_str(), ratio(tls[i], plain[i], median).c_str(),
+                  ratio(tls[i], plain[i], p99).c_str(), value(plain[i], serverCpu, "%.1f").c_str(),
+                  value(tls[i], serverCpu, "%.1f").c_str());
+    }
+  }
+
   // The floor, beside every side at 1 in flight.
   const auto one = std::find(options.in_flight.begin(), options.in_flight.end(), 1);
   if (one != options.in_flight.end()) {
@@ -795,7 +847,9 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
 int usage() {
   std::fprintf(stderr,
                "usage: rpc_bench [--seconds S] [--warmup S] [--rounds N] [--in-flight N[,N...]]\n"
-               "       rpc_bench --serve ours|grpc|pingpong --cpu N   (the server child)\n");
+               "       rpc_bench --serve ours|ours-tls|grpc|pingpong --cpu N   (the server "
+               "child)\n"
+               "RPC_BENCH_TLS_DIR: scripts/make-test-certs' directory, for the TLS sides\n");
   return 2;
 }
 
@@ -841,7 +895,8 @@ int main(int argc, char** argv) {
   const bool two_cpus = sysconf(_SC_NPROCESSORS_ONLN) >= 2;
   if (!serve.empty()) {
     if (two_cpus && !pinTo(serve_cpu)) std::perror("rpc_bench server: sched_setaffinity");
-    if (serve == "ours") return serveOurs();
+    if (serve == "ours") return serveOurs(false);
+    if (serve == "ours-tls") return serveOurs(true);
     if (serve == "grpc") return serveGrpc();
     if (serve == "pingpong") return servePingPong();
     return usage();
@@ -857,6 +912,11 @@ int main(int argc, char** argv) {
   sides.push_back({"ours", "ours (RPC echo)", runOurs, false, {}, false, {}});
   sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc, false, {}, false, {}});
   sides.push_back({"ours", "ours, resilient options", runOursResilient, false, {}, false, {}});
+  if (!tlsDir().empty()) {
+    // Both through a channel made with default options, so that only TLS differs.
+    sides.push_back({"ours", "ours, options, clear text", runOursPlain, false, {}, false, {}});
+    sides.push_back({"ours-tls", "ours, options, TLS 1.3", runOursTls, false, {}, false, {}});
+  }
   const bool at_one = std::count(options.in_flight.begin(), options.in_flight.end(), 1) > 0;
   if (at_one) {
     sides.push_back(

@@ -6,6 +6,8 @@
 // Serves until SIGINT or SIGTERM, then announces its drain (/healthz answers
 // 503 for --drain-announce-ms, 1 s by default, while everything else is
 // served as usual), drains (up to --drain-ms, 5 s by default) and exits 0.
+// With TLS, SIGHUP loads the certificate files again (scripts/make-test-certs
+// DIR makes a set to try it with).
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -27,6 +29,7 @@
 #include "relay/health.h"
 #include "relay/http_server.h"
 #include "relay/metrics.h"
+#include "relay/peer_info.h"
 #include "relay/reflection.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
@@ -95,7 +98,13 @@ void echo(const HttpRequestPtr& request, const HttpResponsePtr& response) {
     json += (first ? "" : ",") + jsonString(header.first) + ":" + jsonString(header.second);
     first = false;
   }
-  json += "},\"body_length\":" + std::to_string(request->body.size()) + "}\n";
+  json += "},\"body_length\":" + std::to_string(request->body.size());
+  const vantu::relay::PeerInfo& peer = request->peer();
+  if (peer.tls) {
+    json += ",\"tls\":{\"version\":" + jsonString(peer.tls_version) +
+            ",\"client_subject\":" + jsonString(peer.client_subject) + "}";
+  }
+  json += "}\n";
   response->setContentType("application/json");
   append(response, json);
 }
@@ -144,7 +153,7 @@ const char kUsage[] =
     "usage: demo_server [--address HOST] [--port N] [--log logger=level]...\n"
     "                   [--no-hardening] [--max-body-bytes N] [--idle-timeout-ms N]\n"
     "                   [--header-timeout-ms N] [--drain-ms N] [--drain-announce-ms N]\n"
-    "                   [--reuse-port]\n"
+    "                   [--reuse-port] [--tls-cert FILE --tls-key FILE [--tls-client-ca FILE]]\n"
     "  --address HOST   an IPv4 or IPv6 literal or a host name (default 127.0.0.1;\n"
     "                   a name listens on its first IPv4 address, else its first IPv6)\n"
     "  --port N         0 to 65535 (default 8080; 0 lets the kernel choose)\n"
@@ -155,6 +164,9 @@ const char kUsage[] =
     "  --drain-announce-ms N  on SIGINT/SIGTERM, answer /healthz with 503 for N ms\n"
     "                   while serving everything else (default 1000), then drain\n"
     "  --drain-ms N     then finish what was received, for at most N ms (default 5000)\n"
+    "  --tls-cert F, --tls-key F  serve HTTPS and RPC over TLS (PEM files; SIGHUP\n"
+    "                   reloads them)\n"
+    "  --tls-client-ca F  require client certificates signed by this CA\n"
     "  -h, --help       this text\n"
     "exit status: 0 after a drain, 1 cannot listen, 2 bad arguments\n";
 
@@ -218,6 +230,7 @@ int main(int argc, char** argv) {
   long long idle_timeout_ms = -1;
   long long header_timeout_ms = -1;
   const long long kMaxMs = 86400000;
+  vantu::relay::TlsServerOptions tls;
   for (int i = 1; i < argc; ++i) {
     std::string flag = argv[i];
     if (flag == "-h" || flag == "--help") {
@@ -266,6 +279,12 @@ int main(int argc, char** argv) {
       drain_ms = number(flag, value, kMaxMs);
     } else if (flag == "--drain-announce-ms") {
       drain_announce_ms = number(flag, value, kMaxMs);
+    } else if (flag == "--tls-cert") {
+      tls.certificate_chain_file = value;
+    } else if (flag == "--tls-key") {
+      tls.private_key_file = value;
+    } else if (flag == "--tls-client-ca") {
+      tls.client_ca_file = value;
     } else {
       badUsage("unknown flag " + flag);
     }
@@ -278,12 +297,20 @@ int main(int argc, char** argv) {
     options.header_timeout = vantu::Duration::milliseconds(header_timeout_ms);
   }
   options.reuse_port = reuse_port;
+  if (tls.certificate_chain_file.empty() != tls.private_key_file.empty()) {
+    badUsage("--tls-cert and --tls-key go together");
+  }
+  if (!tls.client_ca_file.empty() && !tls.enabled()) {
+    badUsage("--tls-client-ca needs --tls-cert and --tls-key");
+  }
+  options.tls = tls;
 
   // Wait for the stop signals here instead of in a handler.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
@@ -291,19 +318,24 @@ int main(int argc, char** argv) {
   std::shared_ptr<vantu::relay::HttpServer> server =
       vantu::relay::HttpServer::create(listen_address, 1024, options);
   if (!server) {
-    fprintf(stderr, "demo_server: cannot listen on %s\n", listen_address.toString().c_str());
+    fprintf(stderr, "demo_server: cannot listen on %s%s\n", listen_address.toString().c_str(),
+            tls.enabled() ? " (or the TLS files cannot be used: see the log)" : "");
     return 1;
   }
   registerEverything(server);
 
   const bool ipv6 = address.find(':') != std::string::npos;
-  printf("demo_server: serving http://%s%s%s:%d/ (%s)\n", ipv6 ? "[" : "", address.c_str(),
-         ipv6 ? "]" : "", server->localAddress().port(),
+  printf("demo_server: serving http%s://%s%s%s:%d/ (%s)\n", tls.enabled() ? "s" : "",
+         ipv6 ? "[" : "", address.c_str(), ipv6 ? "]" : "", server->localAddress().port(),
          hardened ? "hardened" : "default options, no hardening");
   fflush(stdout);
 
   int received = 0;
-  sigwait(&signals, &received);
+  while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
+    const bool reloaded = tls.enabled() && server->reloadTlsCertificates();
+    printf("demo_server: TLS files %s\n", reloaded ? "reloaded" : "not reloaded");
+    fflush(stdout);
+  }
   printf("demo_server: draining\n");
   fflush(stdout);
   const bool drained = server->drain(vantu::Duration::milliseconds(drain_ms),

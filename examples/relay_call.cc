@@ -129,7 +129,12 @@ int main(int argc, char** argv) {
 
   int result;
   {
-    relay_call::Caller caller(options.address, options.timeout_ms);
+    vantu::relay::TlsClientOptions tls;
+    tls.enabled = options.tls;
+    tls.ca_file = options.ca_file;
+    tls.certificate_chain_file = options.certificate_file;
+    tls.private_key_file = options.key_file;
+    relay_call::Caller caller(options.address, options.timeout_ms, tls);
     std::unique_ptr<relay_call::DescriptorSource> source;
     if (options.proto_files.empty()) {
       source = relay_call::newReflectionSource(&caller);

@@ -29,6 +29,11 @@ const char kUsage[] =
     "  --wire binary|json  the encoding of the call (default binary)\n"
     "  --timeout-ms N    give up after N milliseconds (default 10000); the calls\n"
     "                    carry it as their deadline, so the server sees it too\n"
+    "  --tls             TLS to the servers (binary wire only)\n"
+    "  --cacert FILE     with --tls: the CA certificates (PEM) the servers' must verify\n"
+    "                    against (default: the system's trust store)\n"
+    "  --cert FILE --key FILE\n"
+    "                    with --tls: a client certificate and its key (PEM)\n"
     "  -h, --help        this text\n"
     "\n"
     "exit status, the same whether descriptors come from --proto or reflection:\n"
@@ -87,6 +92,10 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
       options->help = true;
       return true;
     }
+    if (arg == "--tls") {
+      options->tls = true;
+      continue;
+    }
     // The option's name and its value, from "--name=value", "-Ivalue" or the
     // next argument.
     std::string name = arg;
@@ -102,7 +111,7 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
       has_value = true;
     }
     if (name != "--proto" && name != "-I" && name != "--import-path" && name != "--wire" &&
-        name != "--timeout-ms") {
+        name != "--timeout-ms" && name != "--cacert" && name != "--cert" && name != "--key") {
       *error = "unknown option " + name;
       return false;
     }
@@ -117,6 +126,12 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
       options->proto_files.push_back(value);
     } else if (name == "-I" || name == "--import-path") {
       options->import_paths.push_back(value);
+    } else if (name == "--cacert") {
+      options->ca_file = value;
+    } else if (name == "--cert") {
+      options->certificate_file = value;
+    } else if (name == "--key") {
+      options->key_file = value;
     } else if (name == "--wire") {
       if (value == "binary") {
         options->wire = Wire::kBinary;
@@ -131,6 +146,19 @@ bool parseArguments(const std::vector<std::string>& args, Options* options, std:
     }
   }
 
+  if (!options->tls && (!options->ca_file.empty() || !options->certificate_file.empty() ||
+                        !options->key_file.empty())) {
+    *error = "--cacert, --cert and --key need --tls";
+    return false;
+  }
+  if (options->certificate_file.empty() != options->key_file.empty()) {
+    *error = "--cert and --key go together";
+    return false;
+  }
+  if (options->tls && options->wire == Wire::kJson) {
+    *error = "--wire json is not available with --tls";
+    return false;
+  }
   if (positional.empty()) {
     *error = "missing HOST:PORT";
     return false;

@@ -35,6 +35,12 @@ struct Options {
   std::vector<std::string> import_paths;  // -I, in the order given
   Wire wire = Wire::kBinary;
   int timeout_ms = 10000;
+  // --tls: TLS to the servers; --cacert the authorities that sign their
+  // certificates (default: the system's), --cert/--key a client certificate.
+  bool tls = false;
+  std::string ca_file;
+  std::string certificate_file;
+  std::string key_file;
 };
 
 // The usage text, ending in a newline.

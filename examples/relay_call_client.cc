@@ -113,10 +113,11 @@ std::vector<vantu::SocketAddress> addressesOf(const vantu::relay::RPCTarget& tar
 
 }  // namespace
 
-Caller::Caller(std::string address, int timeout_ms)
+Caller::Caller(std::string address, int timeout_ms, vantu::relay::TlsClientOptions tls)
     : address_(std::move(address)),
       timeout_ms_(timeout_ms),
-      deadline_(vantu::Time::now() + vantu::Duration::milliseconds(timeout_ms)) {}
+      deadline_(vantu::Time::now() + vantu::Duration::milliseconds(timeout_ms)),
+      tls_(std::move(tls)) {}
 
 Caller::~Caller() {
   // The channel dies on the event thread; wait for it, so that nothing of it
@@ -147,6 +148,7 @@ ExitCode Caller::callBinary(const google::protobuf::MethodDescriptor& method,
     options.connect_timeout = vantu::Duration::milliseconds(timeout_ms_);
     options.default_timeout = vantu::Duration();
     options.fail_fast = true;
+    options.tls = tls_;
     channel_ = vantu::relay::RPCChannel::create(address_, options);
     if (!channel_) {
       *error = "cannot use " + address_;

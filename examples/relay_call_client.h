@@ -26,7 +26,9 @@ class Caller {
  public:
   // `address`: a target as RPCChannel::create takes it (see
   // vantu::relay::RPCTarget), already checked by parseArguments.
-  Caller(std::string address, int timeout_ms);
+  // `tls`: how to speak TLS to them, when enabled.
+  Caller(std::string address, int timeout_ms,
+         vantu::relay::TlsClientOptions tls = vantu::relay::TlsClientOptions());
   ~Caller();
   Caller(const Caller&) = delete;
   Caller& operator=(const Caller&) = delete;
@@ -51,6 +53,7 @@ class Caller {
   const std::string address_;
   const int timeout_ms_;
   const vantu::Time deadline_;
+  const vantu::relay::TlsClientOptions tls_;
 
   vantu::relay::RPCChannelPtr channel_;
   uint32_t next_json_id_ = 0;

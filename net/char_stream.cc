@@ -169,6 +169,11 @@ void PullStreamSink::notifyClosed() {
   if (reader_ != nullptr) reader_->onClosed();
 }
 
+ConnectionInfo* PullStreamSink::connectionInfo() const {
+  auto* source = static_cast<PullStreamSource*>(consumer());
+  return source != nullptr ? source->connectionInfo() : nullptr;
+}
+
 void PullStreamSink::releaseIfEmpty() {
   if (buffer_.empty() && buffer_.capacity() > std::string().capacity()) {
     std::string().swap(buffer_);

@@ -9,6 +9,9 @@
 
 namespace vantu {
 namespace relay {
+
+class ConnectionInfo;
+
 namespace char_stream {
 
 // Byte-stream plumbing between a socket and the object that speaks a protocol
@@ -180,6 +183,8 @@ class PullStreamSink : public BufferProducer {
   bool notifyInputEnd();
   void notifyOutputEnd();
   void notifyClosed();
+  // What the linked socket knows about the connection; null when unlinked.
+  ConnectionInfo* connectionInfo() const;
 
  private:
   // An idle connection keeps no buffer: once everything was consumed the
@@ -208,9 +213,13 @@ class PullStreamSource : public BufferConsumer {
   bool notifyInputEnd();
   void notifyOutputEnd();
   void notifyClosed();
+  // Set by the socket that holds this end, before it is linked.
+  void setConnectionInfo(ConnectionInfo* info) { info_ = info; }
+  ConnectionInfo* connectionInfo() const { return info_; }
 
  private:
   PullStreamSink* sink() const;
+  ConnectionInfo* info_ = nullptr;
 };
 
 struct PushStreamTraits {

@@ -5,6 +5,7 @@
 
 #include "common/mutex.h"
 #include "net/char_stream.h"
+#include "net/connection_info.h"
 
 namespace vantu {
 namespace relay {
@@ -64,6 +65,9 @@ class RequestResponseConnectionHandler
   // closes a moment later (never inside this call), and notifyClosed follows.
   // Event thread.
   void abort();
+  // What the transport knows about the connection (the peer's address, the
+  // TLS session); null once the connection has ended. Event thread.
+  ConnectionInfo* connectionInfo() const { return sink_.connectionInfo(); }
 
   // Output can no longer be delivered (a write failed or the connection
   // broke). The default ends this handler's outgoing stream.

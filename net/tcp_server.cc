@@ -5,6 +5,7 @@
 #include "common/event_thread.h"
 #include "common/event_thread_check.h"
 #include "net/tcp_socket.h"
+#include "net/tls_transport.h"
 
 namespace vantu {
 namespace relay {
@@ -14,6 +15,7 @@ struct TcpServer::Accepted {
   size_t open = 0;
   size_t max = 0;
   Duration send_timeout;
+  Duration handshake_timeout;
   // Null once the server stops listening.
   TcpServer* server = nullptr;
 };
@@ -32,6 +34,13 @@ void TcpServer::setMaxConnections(size_t max) { accepted_->max = max; }
 
 void TcpServer::setSendTimeout(Duration timeout) { accepted_->send_timeout = timeout; }
 
+void TcpServer::setTlsContext(std::shared_ptr<const TlsContext> context) {
+  MutexLock lock(tls_mutex_);
+  tls_context_ = std::move(context);
+}
+
+void TcpServer::setHandshakeTimeout(Duration timeout) { accepted_->handshake_timeout = timeout; }
+
 size_t TcpServer::openConnections() const { return accepted_->open; }
 
 void TcpServer::connectionCallback(int fd) {
@@ -43,6 +52,11 @@ void TcpServer::connectionCallback(int fd) {
     ::close(fd);
     return;
   }
+  std::shared_ptr<const TlsContext> tls;
+  {
+    MutexLock lock(tls_mutex_);
+    tls = tls_context_;
+  }
   std::shared_ptr<Accepted> accepted = accepted_;
   if (++accepted->open == accepted->max) pauseAccepting();
   std::shared_ptr<TcpSocket> socket = TcpSocket::adopt(fd, handler, [accepted] {
@@ -51,6 +65,11 @@ void TcpServer::connectionCallback(int fd) {
     }
   });
   socket->setSendTimeout(accepted->send_timeout);
+  // Without its TLS state the connection could only speak in clear: it ends
+  // before it starts.
+  if (tls && !socket->useTls(std::move(tls), std::string(), accepted->handshake_timeout)) {
+    socket->abortStream();
+  }
   socket->link(handler->streamSource(), handler->streamSink());
 }
 

@@ -4,11 +4,14 @@
 #include <functional>
 #include <memory>
 
+#include "common/mutex.h"
 #include "net/char_stream.h"
 #include "net/tcp_listener.h"
 
 namespace vantu {
 namespace relay {
+
+class TlsContext;
 
 // A TcpListener that gives every accepted connection a handler made by a
 // factory: the factory is called once per connection, its result is linked to
@@ -35,6 +38,13 @@ class TcpServer : public TcpListener {
   // Each accepted connection's send timeout (see TcpSocket::setSendTimeout).
   // Call before initialize.
   void setSendTimeout(Duration timeout);
+  // Serves TLS with `context` (a server's) on the connections accepted from
+  // now on; null: plaintext. Connections already open keep what they had.
+  // Any thread.
+  void setTlsContext(std::shared_ptr<const TlsContext> context);
+  // How long an accepted connection's TLS handshake may take (zero: no
+  // limit). Call before initialize.
+  void setHandshakeTimeout(Duration timeout);
   // The connections accepted and not yet ended. Event thread.
   size_t openConnections() const;
 
@@ -49,6 +59,9 @@ class TcpServer : public TcpListener {
   // Shared with the accepted sockets' close callbacks, which may outlive the
   // server. Event thread only, once listening.
   const std::shared_ptr<Accepted> accepted_;
+
+  mutable Mutex tls_mutex_;
+  std::shared_ptr<const TlsContext> tls_context_ VANTU_GUARDED_BY(tls_mutex_);
 };
 
 }  // namespace relay

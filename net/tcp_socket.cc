@@ -15,6 +15,7 @@
 #include "common/event_thread_check.h"
 #include "common/logging.h"
 #include "net/socket_util.h"
+#include "net/tls_transport.h"
 
 namespace vantu {
 namespace relay {
@@ -29,10 +30,28 @@ constexpr int kMaxIovecs = 64;
 // How long a connection whose output is done waits for the peer to close.
 constexpr int kLingerSeconds = 2;
 
+// The largest TLS record's plaintext: decrypted input arrives in pieces of at
+// most this, and output is encrypted in records of this.
+constexpr size_t kRecordSize = size_t{16} * 1024;
+// How long a client's TLS handshake may take when the connect timeout sets
+// no limit: a server that never answers must not hold the calls for ever.
+constexpr Duration kDefaultClientHandshakeTimeout = Duration::seconds(30);
+
 // Event thread only.
 char* scratchBuffer() {
   static char* buffer = new char[kScratchSize];
   return buffer;
+}
+
+// Event thread only: decrypted input, and output on its way to encryption.
+char* recordBuffer() {
+  static char* buffer = new char[kRecordSize];
+  return buffer;
+}
+
+timeval toTimeval(Duration duration) {
+  const int64_t us = duration.toMicroseconds();
+  return {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
 }
 
 // Event thread only: the sockets that have started and not finished.
@@ -91,13 +110,39 @@ std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
 
 TcpSocket::TcpSocket(int fd, std::function<void()> on_close, bool owns_itself)
     : owns_itself_(owns_itself), fd_(fd), on_close_(std::move(on_close)), output_(evbuffer_new()) {
+  wire_ = output_;
   sink_.setWriter(this);
+  source_.setConnectionInfo(this);
 }
 
 TcpSocket::~TcpSocket() {
   // Whatever the kernel takes at once still goes out; no one is told anything.
-  if (state_ == kOpen) flush(false);
+  if (state_ == kOpen && (!tls_ || (!handshaking_ && encryptOutput()))) flush(false);
   finish(false);
+}
+
+bool TcpSocket::useTls(std::shared_ptr<const TlsContext> context, const std::string& server_name,
+                       Duration handshake_timeout) {
+  if (state_ != kNew || tls_ || !context || output_ == nullptr) return false;
+  struct evbuffer* wire = evbuffer_new();
+  if (wire == nullptr) return false;
+  tls_ = context->isServer() ? TlsTransport::newServer(std::move(context), wire)
+                             : TlsTransport::newClient(std::move(context), server_name, wire);
+  if (!tls_) {
+    evbuffer_free(wire);
+    return false;
+  }
+  wire_ = wire;
+  handshake_timeout_ = handshake_timeout;
+  if (handshake_timeout_ == Duration() && !tls_->isServerSide()) {
+    handshake_timeout_ = kDefaultClientHandshakeTimeout;
+  }
+  return true;
+}
+
+const TlsSessionInfo* TcpSocket::tlsSession() {
+  if (!tls_ || !tls_->established()) return nullptr;
+  return &tls_->session();
 }
 
 void TcpSocket::link(char_stream::PushStreamSource* other_source,
@@ -177,7 +222,24 @@ void TcpSocket::start() {
   }
   event_add(read_event_, nullptr);
   state_ = kOpen;
-  if (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_) activateWrite();
+  if (tls_) startHandshake();
+  if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_)) {
+    activateWrite();
+  }
+}
+
+void TcpSocket::startHandshake() {
+  handshaking_ = true;
+  const timeval timeout = toTimeval(handshake_timeout_);
+  event_add(read_event_, handshake_timeout_ > Duration() ? &timeout : nullptr);
+  // A client's first flight goes out now; a server's waits for the client's.
+  tls_->setInput(nullptr, 0);
+  if (tls_->handshake() == TlsTransport::Result::kFailed) {
+    tls_error_ = tls_->error();
+    fail();
+    return;
+  }
+  if (evbuffer_get_length(wire_) > 0) flush(true);
 }
 
 void TcpSocket::finishConnecting(short what) {
@@ -202,6 +264,12 @@ void TcpSocket::finishConnecting(short what) {
   event_del(write_event_);
   event_add(read_event_, nullptr);
   state_ = kOpen;
+  if (tls_) {
+    // Up once the handshake is done.
+    on_connected_ = std::move(on_connected);
+    startHandshake();
+    return;
+  }
   if (on_connected) on_connected(true);
   if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_)) {
     activateWrite();
@@ -243,6 +311,11 @@ void TcpSocket::handleRead(short what) {
   VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
   if (state_ == kClosed) return;
   if (what & EV_TIMEOUT) {
+    if (handshaking_ && state_ == kOpen) {
+      tls_error_ = "TLS handshake timed out";
+      fail();
+      return;
+    }
     // Lingering ran out: the peer did not close in time.
     finish(true);
     return;
@@ -269,13 +342,15 @@ void TcpSocket::handleRead(short what) {
     event_del(read_event_);
     reading_paused_ = false;
     if (!output_closing_) held_open_ = source_.notifyInputEnd();
-  } else if (!reading_paused_ && evbuffer_get_length(output_) > kOutputHighWater) {
+  } else if (!reading_paused_ && pendingOutput() > kOutputHighWater) {
     pauseReading();
   }
   makeProgress(false);
 }
 
 size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
+  // A lingering TLS connection only drains what the peer still sends.
+  if (tls_ && state_ == kOpen) return readTls(eof, failed);
   char* buffer = scratchBuffer();
   size_t total = 0;
   for (;;) {
@@ -305,6 +380,130 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
   return total;
 }
 
+size_t TcpSocket::readTls(bool* eof, bool* failed) {
+  char* buffer = scratchBuffer();
+  size_t total = 0;
+  for (;;) {
+    ssize_t n = ::recv(fd_, buffer, kScratchSize, 0);
+    if (n > 0) {
+      total += static_cast<size_t>(n);
+      tls_->setInput(buffer, static_cast<size_t>(n));
+      if (handshaking_) {
+        const TlsTransport::Result result = tls_->handshake();
+        if (result == TlsTransport::Result::kFailed) {
+          tls_error_ = tls_->error();
+          *failed = true;
+          break;
+        }
+        if (result == TlsTransport::Result::kOk) {
+          handshakeDone();
+          if (state_ != kOpen) break;
+        }
+      }
+      if (!handshaking_) {
+        // All of it is decrypted and delivered now: OpenSSL keeps no more
+        // than a partial record, so nothing waits unseen for the next event.
+        deliverTls(eof, failed);
+        if (*eof || *failed || state_ != kOpen) break;
+      }
+      if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
+      if (pendingOutput() > kOutputHighWater) break;
+      continue;
+    }
+    if (n == 0) {
+      if (handshaking_) {
+        tls_error_ = "TLS handshake failed: the peer closed the connection";
+        *failed = true;
+      } else {
+        *eof = true;
+      }
+    } else if (errno == EINTR) {
+      continue;
+    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      *failed = true;
+    }
+    break;
+  }
+  if (*failed && !tls_error_.empty()) {
+    VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << tls_error_;
+    // The alert that says why, if the kernel takes it at once.
+    evbuffer_iovec chain;
+    if (evbuffer_peek(wire_, -1, nullptr, &chain, 1) >= 1) {
+      (void)::send(fd_, chain.iov_base, chain.iov_len, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+  }
+  return total;
+}
+
+void TcpSocket::deliverTls(bool* eof, bool* failed) {
+  char* plain = recordBuffer();
+  for (;;) {
+    size_t got = 0;
+    switch (tls_->read(plain, kRecordSize, &got)) {
+      case TlsTransport::Result::kOk:
+        if (state_ == kOpen && !output_closing_ && !aborting_) {
+          source_.deliver(plain, got);
+          if (state_ != kOpen) return;
+        }
+        // The usual case, one request in one record: no read to learn that
+        // nothing more is there (with released buffers, that read would
+        // allocate and free a record buffer).
+        if (tls_->drained()) return;
+        continue;
+      case TlsTransport::Result::kWantMore:
+        return;
+      case TlsTransport::Result::kClosed:
+        *eof = true;
+        return;
+      case TlsTransport::Result::kFailed:
+        tls_error_ = tls_->error();
+        *failed = true;
+        return;
+    }
+  }
+}
+
+void TcpSocket::handshakeDone() {
+  handshaking_ = false;
+  // The handshake's time limit no longer applies.
+  event_add(read_event_, nullptr);
+  if (on_connected_) {
+    std::function<void(bool)> on_connected = std::move(on_connected_);
+    on_connected_ = nullptr;
+    on_connected(true);
+  }
+  if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_)) activateWrite();
+}
+
+bool TcpSocket::encryptOutput() {
+  while (evbuffer_get_length(output_) > 0) {
+    // A large piece is encrypted where it lies; small ones are gathered into
+    // full records first.
+    evbuffer_iovec chain;
+    evbuffer_peek(output_, -1, nullptr, &chain, 1);
+    const char* data = static_cast<const char*>(chain.iov_base);
+    size_t size = chain.iov_len;
+    if (size < kRecordSize) {
+      const ev_ssize_t copied = evbuffer_copyout(output_, recordBuffer(), kRecordSize);
+      if (copied <= 0) return false;
+      data = recordBuffer();
+      size = static_cast<size_t>(copied);
+    }
+    if (!tls_->write(data, size)) {
+      tls_error_ = tls_->error();
+      return false;
+    }
+    evbuffer_drain(output_, size);
+  }
+  return true;
+}
+
+size_t TcpSocket::pendingOutput() const {
+  size_t pending = output_ != nullptr ? evbuffer_get_length(output_) : 0;
+  if (wire_ != output_ && wire_ != nullptr) pending += evbuffer_get_length(wire_);
+  return pending;
+}
+
 void TcpSocket::pauseReading() {
   if (reading_paused_ || input_ended_ || state_ != kOpen) return;
   event_del(read_event_);
@@ -313,7 +512,7 @@ void TcpSocket::pauseReading() {
 
 void TcpSocket::resumeReadingIfDrained() {
   if (!reading_paused_ || state_ != kOpen) return;
-  if (evbuffer_get_length(output_) >= kOutputLowWater) return;
+  if (pendingOutput() >= kOutputLowWater) return;
   reading_paused_ = false;
   if (!input_ended_) event_add(read_event_, nullptr);
 }
@@ -330,19 +529,30 @@ void TcpSocket::handleWrite() {
 
 void TcpSocket::makeProgress(bool flush_even_if_waiting) {
   if (state_ != kOpen || aborting_) return;
-  if (evbuffer_get_length(output_) > 0) {
+  const bool ending = output_closing_ || (input_ended_ && !held_open_);
+  if (tls_ && !handshaking_) {
+    if (!encryptOutput()) {
+      fail();
+      return;
+    }
+    // close_notify goes out before the write side is shut.
+    if (ending) tls_->close();
+  }
+  if (evbuffer_get_length(wire_) > 0) {
     // While waiting for the kernel to drain, only the write event flushes.
     if (write_waiting_ && !flush_even_if_waiting) return;
     if (flush(true) != kFlushed) return;
   }
-  if (output_closing_ || (input_ended_ && !held_open_)) shutdownOutput();
+  // What the handler wrote during the handshake leaves after it.
+  if (handshaking_ && evbuffer_get_length(output_) > 0) return;
+  if (ending) shutdownOutput();
 }
 
 TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
   bool blocked = false;
-  while (evbuffer_get_length(output_) > 0) {
+  while (evbuffer_get_length(wire_) > 0) {
     evbuffer_iovec chains[kMaxIovecs];
-    int count = evbuffer_peek(output_, -1, nullptr, chains, kMaxIovecs);
+    int count = evbuffer_peek(wire_, -1, nullptr, chains, kMaxIovecs);
     if (count > kMaxIovecs) count = kMaxIovecs;
     iovec iov[kMaxIovecs];
     size_t requested = 0;
@@ -369,7 +579,7 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
       }
       return kFailed;
     }
-    evbuffer_drain(output_, static_cast<size_t>(written));
+    evbuffer_drain(wire_, static_cast<size_t>(written));
     resumeReadingIfDrained();
     if (static_cast<size_t>(written) < requested) {
       blocked = true;
@@ -412,6 +622,14 @@ void TcpSocket::shutdownOutput() {
 }
 
 void TcpSocket::fail() {
+  if (on_connected_) {
+    // A client whose TLS handshake failed: the connection never came up.
+    std::function<void(bool)> on_connected = std::move(on_connected_);
+    on_connected_ = nullptr;
+    on_connected(false);
+    finish(true);
+    return;
+  }
   if (state_ == kOpen) {
     source_.notifyOutputEnd();
     notifyClosed();
@@ -435,6 +653,10 @@ void TcpSocket::finish(bool notify_close) {
   write_event_ = nullptr;
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+  tls_.reset();
+  handshaking_ = false;
+  if (wire_ != output_ && wire_ != nullptr) evbuffer_free(wire_);
+  wire_ = nullptr;
   if (output_ != nullptr) evbuffer_free(output_);
   output_ = nullptr;
   // Process exit and the destructor end connections that were never told;
@@ -472,7 +694,7 @@ void TcpSocket::writeBytes(const char* data, size_t size) {
   }
   evbuffer_add(output_, data, size);
   // Answers completed on other threads count against the bound too.
-  if (evbuffer_get_length(output_) > kOutputHighWater) pauseReading();
+  if (pendingOutput() > kOutputHighWater) pauseReading();
   if (!in_read_callback_) activateWrite();
 }
 
@@ -489,6 +711,7 @@ void TcpSocket::abortStream() {
   if (state_ == kClosed || state_ == kLingering || aborting_) return;
   aborting_ = true;
   if (output_ != nullptr) evbuffer_drain(output_, evbuffer_get_length(output_));
+  if (wire_ != nullptr) evbuffer_drain(wire_, evbuffer_get_length(wire_));
   if (state_ == kNew) return;  // start() finds it aborting
   if (state_ == kConnecting) {
     // Ends where the outcome would have been reported, in a later turn.

@@ -7,12 +7,16 @@
 #include "common/socket_address.h"
 #include "common/time.h"
 #include "net/char_stream.h"
+#include "net/connection_info.h"
 
 struct event;
 struct evbuffer;
 
 namespace vantu {
 namespace relay {
+
+class TlsContext;
+class TlsTransport;
 
 // One TCP connection, driven by the event thread: it reads whatever arrives and
 // delivers it through source_ to the linked handler's sink, and writes what the
@@ -46,11 +50,20 @@ namespace relay {
 // socket accepted by a TcpServer owns itself until the connection ends and
 // keeps its handler alive until then.
 //
+// TLS (useTls): the same connection with the bytes encrypted. A server's
+// socket makes the handshake before the handler hears anything, a client's
+// before on_connected is told true; a handshake that fails or does not end
+// in time ends the connection as a failed read would (tlsError() says why).
+// Reads, writes, the output bound, the send timeout, half-close (with
+// close_notify before the write side is shut) and aborts behave as above;
+// the bound counts the bytes waiting both before and after encryption.
+//
 // Threads: create, connect and link may be called from any thread; everything
 // else runs on the event thread.
 class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::PullStreamTraits,
                                                                    char_stream::PushStreamTraits>,
                   public std::enable_shared_from_this<TcpSocket>,
+                  public ConnectionInfo,
                   private char_stream::PushStreamSink::Writer {
  public:
   // Unsent output above which the socket stops reading from the peer; it
@@ -94,10 +107,25 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // waits for ever. Call before link.
   void setSendTimeout(Duration timeout) { send_timeout_ = timeout; }
 
+  // Speaks TLS over the connection with `context` (a server's or a
+  // client's, which decides the side). `server_name`, for a client: the name
+  // or IP address the server's certificate must carry, sent as SNI when a
+  // name. `handshake_timeout`: how long the handshake may take from the
+  // moment the connection is up (zero: no limit). Call before link; false
+  // when no TLS state could be made.
+  bool useTls(std::shared_ptr<const TlsContext> context, const std::string& server_name,
+              Duration handshake_timeout);
+  // Why the TLS handshake or stream failed; empty if it did not. Event
+  // thread.
+  const std::string& tlsError() const { return tls_error_; }
+
   // The local and the remote address; not valid once the connection has ended
   // or if the kernel will not say. Event thread, or before link.
   SocketAddress localAddress() const;
-  SocketAddress peerAddress() const;
+
+  // ConnectionInfo. Event thread.
+  SocketAddress peerAddress() const override;
+  const TlsSessionInfo* tlsSession() override;
 
  private:
   friend class TcpServer;
@@ -125,6 +153,19 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // Reads what the kernel has (up to a bound) and hands it to the handler;
   // sets *eof / *failed. Returns the bytes read.
   size_t readAvailable(bool* eof, bool* failed);
+  // Starts the TLS handshake, under its time limit.
+  void startHandshake();
+  // readAvailable over TLS: the handshake, then decrypted bytes.
+  size_t readTls(bool* eof, bool* failed);
+  // Hands decrypted input to the handler until the input given is used up.
+  void deliverTls(bool* eof, bool* failed);
+  // The handshake finished: start the timers and tell whoever waits.
+  void handshakeDone();
+  // Moves what the handler wrote, encrypted, onto the wire. False on a
+  // failure.
+  bool encryptOutput();
+  // Bytes not yet sent, before and after encryption.
+  size_t pendingOutput() const;
   void pauseReading();
   void resumeReadingIfDrained();
   // Tells the handler, once, that nothing more will be carried.
@@ -167,6 +208,13 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   struct event* read_event_ = nullptr;
   struct event* write_event_ = nullptr;
   struct evbuffer* output_ = nullptr;
+  // What goes out to the kernel: output_ itself, or with TLS the records
+  // made from it.
+  struct evbuffer* wire_ = nullptr;
+  std::unique_ptr<TlsTransport> tls_;
+  Duration handshake_timeout_;
+  bool handshaking_ = false;
+  std::string tls_error_;
   State state_ = kNew;
   bool input_ended_ = false;     // the peer closed its side (or we stopped reading)
   bool held_open_ = false;       // ...and the handler keeps the output open meanwhile

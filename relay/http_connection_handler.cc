@@ -12,6 +12,7 @@
 #include "relay/http_server.h"
 #include "relay/http_server_observer.h"
 #include "relay/message_pool.h"
+#include "relay/peer_info.h"
 #include "relay/request_reader.h"
 #include "relay/rpc_deadline.h"
 
@@ -140,6 +141,8 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       DrainGoodbye::refuse(*requests[i], response.get());
       sendAnswer(response.get(), requests[i]->method == kHttpHead);
     } else {
+      if (!peer_) peer_ = PeerInfo::of(connectionInfo());
+      requests[i]->peer_info = peer_;
       impl->callRequestHandler(requests[i], response, weak_this_);
     }
     large = large || isLarge(*requests[i]);

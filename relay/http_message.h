@@ -15,6 +15,8 @@
 namespace vantu {
 namespace relay {
 
+struct PeerInfo;
+
 // Request methods; the values index the method name table.
 enum HttpMethod : int {
   kHttpOptions = 0,
@@ -181,6 +183,13 @@ class HttpRequest : public HttpMessage {
   std::string uri;
   // The minor version of the request line's "HTTP/1.x": 0 or 1.
   int minor_version = 1;
+
+  // Who sent the request: the peer's address, whether the connection is TLS
+  // and the verified client certificate (see relay/peer_info.h). Set by the
+  // server on every request it reads, shared by the requests of one
+  // connection; PeerInfo::unknown() when unset.
+  const PeerInfo& peer() const;
+  std::shared_ptr<const PeerInfo> peer_info;
 };
 
 // A response: built by the server for each request, or filled by the client's

@@ -280,6 +280,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   info->http_response = response;
   info->id = id;
   info->connection = connection;
+  info->controller->setPeer(request->peer_info);
   info->method = method;
   info->started = started;
   const std::string& timeout = header(RPCChannel::kHeaderTimeout);
@@ -365,6 +366,7 @@ std::shared_ptr<HttpServer> HttpServer::create(const SocketAddress& address, int
   }
   std::shared_ptr<HttpServer> server(new HttpServer(n, options),
                                      LibEventThreadDeferredDeleter<HttpServer>());
+  if (options.tls.enabled() && !server->enableTls(options)) return std::shared_ptr<HttpServer>();
   if (!server->initialize(address)) return std::shared_ptr<HttpServer>();
   return server;
 }

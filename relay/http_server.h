@@ -215,15 +215,27 @@ class HttpServer : public TcpServer {
   // True from the moment drain() is called. Any thread.
   bool draining() const { return draining_.load(std::memory_order_acquire); }
 
+  // Loads the TLS files named in the options the server was made with again,
+  // for the connections accepted from now on; those open keep theirs. False,
+  // with the old files still in use and the reason in a level 2 log record,
+  // when the new ones cannot be used (or the server has no TLS). Any thread.
+  bool reloadTlsCertificates();
+
   // The connection factory: one handler per accepted connection.
   std::shared_ptr<char_stream::BidirectionalStreamContainer<char_stream::PushStreamTraits,
                                                             char_stream::PullStreamTraits>>
   newConnection();
 
  private:
+  // Loads the TLS files and serves TLS with them; false (logged) when they
+  // cannot be used. Before listening.
+  bool enableTls(const HttpServerOptions& options);
+
   std::shared_ptr<HttpServerImpl> impl_;
   // Set once by drain(), on the caller's thread; read on any thread.
   std::atomic<bool> draining_{false};
+  // Constant once the server listens: the TLS files, if any.
+  TlsServerOptions tls_;
 };
 
 // For tests: how many HttpServer objects and RPC call records exist in this
@@ -319,6 +331,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   Time deadline_;
   // While the requests of one read are handled: where their answers gather.
   std::string* gathered_ = nullptr;
+  // Who is at the other end: made when the first request arrives, then
+  // shared by every request (and RPC) of the connection.
+  std::shared_ptr<const PeerInfo> peer_;
 };
 
 }  // namespace relay

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/time.h"
+#include "relay/tls_options.h"
 
 namespace vantu {
 namespace relay {
@@ -56,6 +57,10 @@ struct HttpServerOptions {
   // its answers sees its calls cancelled). What a cancelled call does is
   // the service's business; it must still run its done closure.
   bool cancel_abandoned_calls = false;
+  // Serves HTTPS (and RPC over TLS) when tls.certificate_chain_file is set;
+  // see relay/tls_options.h. The handshake must end within header_timeout,
+  // when there is one. hardened() leaves it as it is.
+  TlsServerOptions tls;
 
   // 64 KiB head, 16 MiB body, 10,000 connections, 30 s for a head, 120 s
   // idle, strict framing, abandoned calls cancelled.

@@ -42,6 +42,8 @@ std::shared_ptr<ResilientChannel> ResilientChannel::create(const RPCTarget& targ
   channel->endpoints_ = RPCEndpoints::create(target, options, channel.get());
   std::weak_ptr<ResilientChannel> weak = channel;
   channel->expire_ = makeWeakFunction(weak, std::bind(&ResilientChannel::expire, channel.get()));
+  // Last: from here on the event thread may call the channel.
+  channel->endpoints_->begin();
   return channel;
 }
 
@@ -128,6 +130,10 @@ void ResilientChannel::requestFlush() {
 
 void ResilientChannel::flush() {
   std::vector<Call> unreachable;
+  // A TLS failure is not waited out: the calls hear why at once, as they
+  // would with fail_fast, once no server can take them.
+  const std::string tls_failure = endpoints_->tlsFailure();
+  const bool give_up = (options_.fail_fast || !tls_failure.empty()) && endpoints_->unreachable();
   {
     MutexLock lock(calls_->mutex);
     calls_->flush_queued = false;
@@ -141,7 +147,7 @@ void ResilientChannel::flush() {
       Call& call = it->second;
       const bool late = call.deadline != Time() && call.deadline <= now;
       RPCConnection* connection = late ? nullptr : endpoints_->pick();
-      if (connection == nullptr && !late && !(options_.fail_fast && endpoints_->unreachable())) {
+      if (connection == nullptr && !late && !give_up) {
         break;  // waits for a connection
       }
       calls_->unwritten.pop_front();
@@ -156,7 +162,9 @@ void ResilientChannel::flush() {
     }
     armDeadlineTimer();
   }
-  for (const Call& call : unreachable) complete(call, nullptr, RPCChannel::kErrorUnreachable);
+  for (const Call& call : unreachable) {
+    complete(call, nullptr, tls_failure.empty() ? RPCChannel::kErrorUnreachable : tls_failure);
+  }
 }
 
 void ResilientChannel::write(Call* call, RPCConnection* connection) {
@@ -268,13 +276,19 @@ void ResilientChannel::answersArrived(RPCConnection* connection,
 
 void ResilientChannel::connectionLost(RPCConnection* connection) {
   std::vector<Call> lost;
+  // A connection that TLS broke (a server that refused our certificate
+  // after the handshake, say) fails its calls with the reason, whatever
+  // the options: waiting for an answer would be waiting for ever.
+  const std::string tls_error = connection->tlsError().empty() ? std::string()
+                                                               : connection->address().toString() +
+                                                                     ": " + connection->tlsError();
   {
     MutexLock lock(calls_->mutex);
     for (auto& entry : calls_->pending) {
       Call& call = entry.second;
       if (call.connection != connection) continue;
       call.connection = nullptr;
-      if (options_.reconnect) {
+      if (options_.reconnect || !tls_error.empty()) {
         lost.push_back(call);
       } else {
         // As on the channel of create(address): never answered, pending
@@ -286,7 +300,9 @@ void ResilientChannel::connectionLost(RPCConnection* connection) {
     connection->outstanding.store(0, std::memory_order_relaxed);
   }
   std::sort(lost.begin(), lost.end(), [](const Call& a, const Call& b) { return a.id < b.id; });
-  for (const Call& call : lost) complete(call, nullptr, RPCChannel::kErrorConnectionLost);
+  for (const Call& call : lost) {
+    complete(call, nullptr, tls_error.empty() ? RPCChannel::kErrorConnectionLost : tls_error);
+  }
   // Calls waiting for a connection may find another one.
   flush();
 }

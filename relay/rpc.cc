@@ -89,7 +89,12 @@ void RPC::Reset() {
   error_text_.clear();
   deadline_ = Time();
   cancel_callback_.reset();
+  peer_.reset();
 }
+
+const PeerInfo& RPC::peer() const { return peer_ ? *peer_ : PeerInfo::unknown(); }
+
+void RPC::setPeer(std::shared_ptr<const PeerInfo> peer) { peer_ = std::move(peer); }
 
 bool RPC::Failed() const {
   MutexLock lock(mutex_);

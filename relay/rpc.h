@@ -15,6 +15,7 @@
 #include "common/time.h"
 #include "net/request_response_connection_handler.h"
 #include "relay/http_request_parser.h"
+#include "relay/peer_info.h"
 #include "relay/rpc_channel_options.h"
 
 namespace vantu {
@@ -69,6 +70,12 @@ class RPC : public google::protobuf::RpcController {
   void setDeadline(const Time& deadline);
   Time deadline() const;
 
+  // Server: who made the call (see relay/peer_info.h), set before the
+  // service's method runs and valid until the call completes;
+  // PeerInfo::unknown() on a client's controller. Reset clears it.
+  const PeerInfo& peer() const;
+  void setPeer(std::shared_ptr<const PeerInfo> peer);
+
  private:
   void setDoneInternal() VANTU_REQUIRES(mutex_);
 
@@ -80,6 +87,9 @@ class RPC : public google::protobuf::RpcController {
   mutable Mutex mutex_;
   ConditionVariable cond_;
   std::unique_ptr<google::protobuf::Closure> cancel_callback_ VANTU_GUARDED_BY(mutex_);
+  // Written by the server before the call reaches the service (which the
+  // hand-over orders) and by Reset between calls: no lock.
+  std::shared_ptr<const PeerInfo> peer_;
 };
 
 // A call id or flag as both ends read it: strtol in base 10, keeping the low

@@ -9,6 +9,7 @@
 
 #include "common/socket_address.h"
 #include "common/time.h"
+#include "relay/tls_options.h"
 
 namespace vantu {
 namespace relay {
@@ -71,6 +72,10 @@ struct RPCChannelOptions {
   bool fail_fast = false;
   // How names are looked up. Empty: the system resolver (getaddrinfo).
   Resolver resolver;
+  // TLS to the servers (see relay/tls_options.h). A handshake that fails,
+  // or a server certificate that does not verify, fails the calls waiting
+  // for that server with the reason once no server can take them.
+  TlsClientOptions tls;
 
   // reconnect on, 2 s to connect, 30 s for a call without a deadline,
   // names looked up again every 30 s, at most 10,000 pending calls, retries

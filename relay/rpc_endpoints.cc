@@ -12,6 +12,7 @@
 #include "common/logging.h"
 #include "common/weak_function.h"
 #include "net/tcp_socket.h"
+#include "relay/tls_options.h"
 
 namespace vantu {
 namespace relay {
@@ -84,12 +85,15 @@ RPCConnection::RPCConnection(RPCEndpoints* owner, const SocketAddress& address)
 
 RPCConnection::~RPCConnection() = default;
 
-bool RPCConnection::connect(Duration timeout, bool honour_close) {
+bool RPCConnection::connect(Duration timeout, bool honour_close,
+                            const std::shared_ptr<const TlsContext>& tls,
+                            const std::string& server_name) {
   honour_close_ = honour_close;
   std::weak_ptr<RPCConnection> weak = weak_this_;
   socket_ = TcpSocket::connect(address_, timeout, [weak](bool ok) {
     if (std::shared_ptr<RPCConnection> self = weak.lock()) self->connected(ok);
   });
+  if (socket_ && tls && !socket_->useTls(tls, server_name, timeout)) socket_.reset();
   if (!socket_) {
     state_ = State::kClosed;
     return false;
@@ -134,6 +138,7 @@ void RPCConnection::notifyInputShutdown(std::string*) {
 
 void RPCConnection::notifyClosed() {
   if (state_ == State::kClosed && owner_ == nullptr) return;
+  if (socket_) tls_error_ = socket_->tlsError();
   state_ = State::kClosed;
   if (RPCEndpoints* owner = owner_) {
     owner_ = nullptr;
@@ -156,11 +161,13 @@ struct RPCEndpoints::Endpoint {
 std::shared_ptr<RPCEndpoints> RPCEndpoints::create(const RPCTarget& target,
                                                    const RPCChannelOptions& options,
                                                    Listener* listener) {
-  std::shared_ptr<RPCEndpoints> endpoints(new RPCEndpoints(target, options, listener),
-                                          LibEventThreadDeferredDeleter<RPCEndpoints>());
-  std::weak_ptr<RPCEndpoints> weak = endpoints;
-  defer(makeWeakFunction(weak, std::bind(&RPCEndpoints::start, endpoints.get())));
-  return endpoints;
+  return std::shared_ptr<RPCEndpoints>(new RPCEndpoints(target, options, listener),
+                                       LibEventThreadDeferredDeleter<RPCEndpoints>());
+}
+
+void RPCEndpoints::begin() {
+  std::weak_ptr<RPCEndpoints> weak = weak_from_this();
+  defer(makeWeakFunction(weak, std::bind(&RPCEndpoints::start, this)));
 }
 
 RPCEndpoints::RPCEndpoints(const RPCTarget& target, const RPCChannelOptions& options,
@@ -169,7 +176,12 @@ RPCEndpoints::RPCEndpoints(const RPCTarget& target, const RPCChannelOptions& opt
       options_(options),
       backoff_(options.reconnect_backoff, options.reconnect_backoff_max),
       listener_(listener),
-      random_(std::random_device()()) {}
+      random_(std::random_device()()) {
+  if (options.tls.enabled) {
+    tls_context_ = loadTlsContext(options.tls, &tls_failure_);
+    if (!tls_context_) tls_failure_ = "TLS: " + tls_failure_;
+  }
+}
 
 RPCEndpoints::~RPCEndpoints() { stop(); }
 
@@ -294,7 +306,14 @@ void RPCEndpoints::connectEndpoint(Endpoint* endpoint) {
                                             LibEventThreadDeferredDeleter<RPCConnection>());
   connection->weak_this_ = connection;
   endpoint->connection = connection;
-  if (connection->connect(options_.connect_timeout, options_.reconnect)) return;
+  const bool tls = options_.tls.enabled;
+  // Without its context no TLS connection can be made: every attempt fails
+  // as one that was refused, and the calls hear why.
+  if ((!tls || tls_context_) &&
+      connection->connect(options_.connect_timeout, options_.reconnect, tls_context_,
+                          tls ? serverName(endpoint->address) : std::string())) {
+    return;
+  }
   endpoint->connection.reset();
   ++endpoint->failures;
   if (options_.reconnect)
@@ -366,6 +385,7 @@ bool RPCEndpoints::unreachable() const {
 }
 
 void RPCEndpoints::connectionUp(RPCConnection* connection) {
+  tls_failure_.clear();
   if (listener_ != nullptr && endpointOf(connection) != nullptr) {
     listener_->connectionReady(connection);
   }
@@ -399,11 +419,30 @@ void RPCEndpoints::connectionClosed(RPCConnection* connection) {
   if (endpoint != nullptr) {
     keep = std::move(endpoint->connection);
     endpoint->failures = connection->answered() ? 0 : endpoint->failures + 1;
+    if (!connection->tlsError().empty()) {
+      tls_failure_ = endpoint->address.toString() + ": " + connection->tlsError();
+    }
   }
   if (listener_ != nullptr) listener_->connectionLost(connection);
   if (endpoint != nullptr && options_.reconnect && listener_ != nullptr) {
     scheduleConnect(endpoint, backoff_.delay(endpoint->failures, randomUnit()));
   }
+}
+
+std::string RPCEndpoints::serverName(const SocketAddress& address) const {
+  if (!options_.tls.server_name.empty()) return options_.tls.server_name;
+  // The host it was named by: an IP literal is its own name; an address a
+  // name resolved to proves that name (with several names, the first).
+  std::string name;
+  for (const RPCTarget::HostPort& host : target_.hosts) {
+    SocketAddress literal(host.host, host.port);
+    if (literal.isValid()) {
+      if (literal == address) return host.host;
+    } else if (name.empty()) {
+      name = host.host;
+    }
+  }
+  return name;
 }
 
 double RPCEndpoints::randomUnit() {

@@ -20,6 +20,7 @@ namespace relay {
 
 class RPCEndpoints;
 class TcpSocket;
+class TlsContext;
 
 // The waits between connection attempts to one server: none after a
 // connection that worked, then reconnect_backoff doubling per failure in a
@@ -58,8 +59,14 @@ class RPCConnection : public RequestResponseConnectionHandler {
 
   // Starts connecting, at most `timeout` (zero: the system's limit); false
   // when no socket could be made. `honour_close`: an answer carrying
-  // "Connection: close" retires the connection.
-  bool connect(Duration timeout, bool honour_close);
+  // "Connection: close" retires the connection. With `tls`, the connection
+  // is up once its handshake with `server_name` is done (within `timeout`
+  // too).
+  bool connect(Duration timeout, bool honour_close,
+               const std::shared_ptr<const TlsContext>& tls = nullptr,
+               const std::string& server_name = std::string());
+  // Why its TLS handshake or stream failed, once it is closed; else empty.
+  const std::string& tlsError() const { return tls_error_; }
   // Tells nobody anything more, and ends the connection at once.
   void detach();
 
@@ -95,6 +102,7 @@ class RPCConnection : public RequestResponseConnectionHandler {
   State state_ = State::kConnecting;
   bool answered_ = false;
   bool honour_close_ = false;
+  std::string tls_error_;
 };
 
 // The servers one channel reaches and a connection to each: resolves the
@@ -127,10 +135,14 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
     ~Listener() = default;
   };
 
-  // Starts resolving and connecting (on the event thread, later). `listener`
+  // The endpoints of `target`; nothing happens until begin(). `listener`
   // must stay valid until stop().
   static std::shared_ptr<RPCEndpoints> create(const RPCTarget& target,
                                               const RPCChannelOptions& options, Listener* listener);
+  // Starts resolving and connecting (on the event thread, later). Called
+  // once the listener can take calls: it may hear of a connection before
+  // this returns. Any thread.
+  void begin();
   ~RPCEndpoints();
   RPCEndpoints(const RPCEndpoints&) = delete;
   RPCEndpoints& operator=(const RPCEndpoints&) = delete;
@@ -147,6 +159,10 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
   // No server can be reached now: none is connected or connecting, and the
   // latest attempt to reach each one failed (or the names had no answer).
   bool unreachable() const;
+  // Why the latest TLS attempt failed (the context could not be made, a
+  // handshake failed, a certificate did not verify); empty once a
+  // connection came up since, or without TLS.
+  const std::string& tlsFailure() const { return tls_failure_; }
 
  private:
   friend class RPCConnection;
@@ -176,6 +192,8 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
   void connectionClosed(RPCConnection* connection);
 
   double randomUnit();
+  // The name a server at `address` must prove, with TLS.
+  std::string serverName(const SocketAddress& address) const;
 
   // Constant after construction.
   const RPCTarget target_;
@@ -189,6 +207,10 @@ class RPCEndpoints : public std::enable_shared_from_this<RPCEndpoints> {
   std::vector<std::shared_ptr<RPCConnection>> retiring_;
   size_t next_pick_ = 0;
   int resolve_failures_ = 0;
+  std::string tls_failure_;
+  // Constant after construction: with TLS, the context every connection
+  // uses (null when it could not be made: tls_failure_ says why).
+  std::shared_ptr<const TlsContext> tls_context_;
   TimerHandle resolve_timer_;
   std::minstd_rand random_;
 };

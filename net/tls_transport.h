@@ -1,0 +1,138 @@
+#ifndef NET_TLS_TRANSPORT_H_
+#define NET_TLS_TRANSPORT_H_
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "net/connection_info.h"
+
+struct ssl_st;
+struct bio_st;
+struct bio_method_st;
+struct ssl_ctx_st;
+struct evbuffer;
+
+namespace vantu {
+namespace relay {
+
+// An OpenSSL context (SSL_CTX): the certificate and key a side presents and
+// the authorities it trusts, with the protocol settings we always use
+// (TLS 1.2 or newer, no renegotiation, no compression, AEAD ciphers only,
+// session tickets, buffers released while idle). Immutable once made and
+// shared by every connection made from it, which keeps it alive: replacing
+// a server's context leaves the open connections on the old one.
+//
+// Made on any thread; used by any number of connections on the event thread.
+class TlsContext {
+ public:
+  // A server's: `certificate_chain_file` and `private_key_file` in PEM; with
+  // a `client_ca_file`, clients must present a certificate that it signed.
+  // Null with the reason in *error.
+  static std::shared_ptr<TlsContext> newServer(const std::string& certificate_chain_file,
+                                               const std::string& private_key_file,
+                                               const std::string& client_ca_file,
+                                               std::string* error);
+  // A client's: trusts `ca_file` (empty: the system's trust store); presents
+  // `certificate_chain_file` with `private_key_file` when they are given.
+  static std::shared_ptr<TlsContext> newClient(const std::string& ca_file,
+                                               const std::string& certificate_chain_file,
+                                               const std::string& private_key_file,
+                                               std::string* error);
+  ~TlsContext();
+  TlsContext(const TlsContext&) = delete;
+  TlsContext& operator=(const TlsContext&) = delete;
+
+  bool isServer() const { return server_; }
+  struct ssl_ctx_st* get() const {
+    return context_;
+  }
+
+ private:
+  TlsContext(struct ssl_ctx_st* context, bool server) : context_(context), server_(server) {}
+
+  struct ssl_ctx_st* const context_;
+  const bool server_;
+};
+
+// One TLS connection's state machine, with no socket of its own: the bytes
+// read from the network are handed to it (setInput), and every byte it
+// produces for the network (handshake messages, records, alerts) is appended
+// to the evbuffer given at construction, which the owner sends. So the
+// owner keeps doing its own reads and writes and the bounds, timeouts and
+// half-closes that go with them; only the bytes change.
+//
+// Owned by one TcpSocket (or a test); event thread only (one thread at a
+// time), like its owner.
+class TlsTransport {
+ public:
+  enum class Result {
+    kOk,        // done (handshake complete, or bytes read)
+    kWantMore,  // needs more input from the network
+    kClosed,    // the peer ended the TLS stream (close_notify)
+    kFailed,    // a protocol or verification failure: error() says why
+  };
+
+  // `wire` receives the bytes to send; it must outlive this object.
+  // `server_name` (client only): sent as SNI when it is a name, and the
+  // name (or IP address) the server's certificate must carry.
+  static std::unique_ptr<TlsTransport> newServer(std::shared_ptr<const TlsContext> context,
+                                                 struct evbuffer* wire);
+  static std::unique_ptr<TlsTransport> newClient(std::shared_ptr<const TlsContext> context,
+                                                 const std::string& server_name,
+                                                 struct evbuffer* wire);
+  ~TlsTransport();
+  TlsTransport(const TlsTransport&) = delete;
+  TlsTransport& operator=(const TlsTransport&) = delete;
+
+  // Bytes read from the network, consumed by the calls that follow; they
+  // must stay valid until handshake() or read() asks for more (kWantMore).
+  // OpenSSL keeps a partial record itself, so all of them are always used.
+  void setInput(const char* data, size_t size);
+  // Advances the handshake with the input given.
+  Result handshake();
+  bool established() const { return established_; }
+  bool isServerSide() const { return server_; }
+  // Decrypts into `out` (at most `size` bytes, one record at most);
+  // *got is set on kOk.
+  Result read(char* out, size_t size, size_t* got);
+  // Everything given to setInput was used and nothing decrypted waits: a
+  // read now could only say kWantMore. (Without read-ahead OpenSSL takes
+  // one record at a time, so no whole record can hide in its buffer.)
+  bool drained() const;
+  // Encrypts `size` bytes into the wire. False on a failure (error()).
+  bool write(const char* data, size_t size);
+  // Appends close_notify to the wire, once; nothing before the handshake.
+  void close();
+  // Why the last kFailed (or write's false) happened.
+  const std::string& error() const { return error_; }
+  // Filled once, the first time it is asked after the handshake.
+  const TlsSessionInfo& session();
+
+ private:
+  TlsTransport(std::shared_ptr<const TlsContext> context, struct ssl_st* ssl, struct evbuffer* wire,
+               bool server);
+  // Reads OpenSSL's failure into error_ after `call` returned `ret`.
+  Result failure(int ret, const char* what);
+  static int bioRead(struct bio_st* bio, char* data, int size);
+  static int bioWrite(struct bio_st* bio, const char* data, int size);
+  static long bioControl(struct bio_st* bio, int command, long number, void* pointer);
+  static struct bio_method_st* bioMethod();
+
+  const std::shared_ptr<const TlsContext> context_;
+  struct ssl_st* const ssl_;
+  struct evbuffer* const wire_;
+  const bool server_;
+  const char* input_ = nullptr;
+  size_t input_size_ = 0;
+  bool established_ = false;
+  bool closed_ = false;
+  std::string error_;
+  std::unique_ptr<TlsSessionInfo> session_;
+};
+
+}  // namespace relay
+}  // namespace vantu
+
+#endif  // NET_TLS_TRANSPORT_H_

@@ -1,0 +1,451 @@
+// TLS end to end over loopback: our server against clients nobody here wrote
+// (curl, Python's ssl module, openssl s_client) and against our own channel,
+// with certificates made for the run by scripts/make-test-certs.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "common/logging.h"
+#include "loopback_client.h"
+#include "relay/http_server.h"
+#include "relay/peer_info.h"
+#include "relay/rpc.h"
+#include "test_service.h"
+#include "test_services.pb.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using vantu::testing::LoopbackClient;
+
+// The certificates, made once per process.
+const std::string& certDir() {
+  static const std::string* dir = [] {
+    char pattern[] = "/tmp/tls_test_XXXXXX";
+    auto* made = new std::string(mkdtemp(pattern));
+    const std::string command =
+        std::string(HSL_SOURCE_DIR) + "/scripts/make-test-certs " + *made + " >/dev/null";
+    if (system(command.c_str()) != 0) ADD_FAILURE() << "make-test-certs failed";
+    return made;
+  }();
+  return *dir;
+}
+
+std::string cert(const std::string& name) { return certDir() + "/" + name; }
+
+// Runs a shell command; its standard output, and its exit status in *status.
+std::string run(const std::string& command, int* status = nullptr) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return output;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, n);
+  const int result = pclose(pipe);
+  if (status != nullptr) *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
+  return output;
+}
+
+std::string join(const std::vector<std::string>& parts) {
+  std::string text;
+  for (const std::string& part : parts) text += (text.empty() ? "" : ",") + part;
+  return text;
+}
+
+// What a handler or a service sees of its caller, as one line.
+std::string describe(const PeerInfo& peer) {
+  return std::string("tls=") + (peer.tls ? "1" : "0") + " version=" + peer.tls_version +
+         " subject=" + peer.client_subject + " sans=" + join(peer.client_sans) +
+         " address=" + (peer.address.isValid() ? "yes" : "no");
+}
+
+// Echo answers with the caller's identity.
+class WhoService : public relaytest::TestService {
+ public:
+  void Echo(google::protobuf::RpcController* controller, const relaytest::Text*,
+            relaytest::Text* response, google::protobuf::Closure* done) override {
+    response->set_text(describe(static_cast<RPC*>(controller)->peer()));
+    done->Run();
+  }
+};
+
+TlsServerOptions serverTls(const std::string& name, bool client_ca) {
+  TlsServerOptions tls;
+  tls.certificate_chain_file = cert(name + ".pem");
+  tls.private_key_file = cert(name + "-key.pem");
+  if (client_ca) tls.client_ca_file = cert("ca.pem");
+  return tls;
+}
+
+void setContent(HttpResponse* response, const std::string& text) {
+  response->content.assign(text.begin(), text.end());
+}
+
+std::shared_ptr<HttpServer> startServer(HttpServerOptions options) {
+  std::shared_ptr<HttpServer> server =
+      HttpServer::create(SocketAddress("127.0.0.1", 0), 128, options);
+  if (!server) return server;
+  server->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setContent(response.get(), "Hello, world!\n");
+  });
+  server->registerHandler("/who",
+                          [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
+                            setContent(response.get(), describe(request->peer()));
+                          });
+  server->registerHandler("/big", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setContent(response.get(), std::string(256 * 1024, 'b'));
+  });
+  server->registerRPCService(std::make_shared<WhoService>());
+  return server;
+}
+
+std::string url(const std::shared_ptr<HttpServer>& server, const std::string& path) {
+  return "https://127.0.0.1:" + std::to_string(server->localAddress().port()) + path;
+}
+
+// One call of Echo on `channel`; "ok: TEXT" or "failed: ERROR".
+std::string callEcho(RPCChannel* channel) {
+  RPC rpc;
+  relaytest::Text request;
+  relaytest::Text response;
+  channel->CallMethod(relaytest::TestService::descriptor()->FindMethodByName("Echo"), &rpc,
+                      &request, &response, nullptr);
+  // A guard against a hang, not a timing check.
+  if (!rpc.timedWaitRelative(Duration::seconds(30))) return "hung";
+  return rpc.Failed() ? "failed: " + rpc.ErrorText() : "ok: " + response.text();
+}
+
+RPCChannelOptions channelTls(const std::string& ca, bool client_cert) {
+  RPCChannelOptions options;
+  options.tls.enabled = true;
+  options.tls.ca_file = cert(ca);
+  if (client_cert) {
+    options.tls.certificate_chain_file = cert("client.pem");
+    options.tls.private_key_file = cert("client-key.pem");
+  }
+  return options;
+}
+
+size_t openConnections(const std::shared_ptr<HttpServer>& server) {
+  size_t open = 0;
+  runOnEventThreadAndWait([&] { open = server->openConnections(); });
+  return open;
+}
+
+// Waits (bounded, as a guard) until the server has no connection open.
+bool waitNoConnections(const std::shared_ptr<HttpServer>& server) {
+  const Time deadline = Time::now() + Duration::seconds(30);
+  while (openConnections(server) != 0) {
+    if (Time::now() > deadline) return false;
+    waitForDeferredWork();
+  }
+  return true;
+}
+
+TEST(TlsTest, ClientsNobodyHereWroteGetAnswersOverTls) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  // So that "Connection: close" ends s_client's session.
+  options.strict_framing = true;
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  const std::string ca = cert("ca.pem");
+  const std::string port = std::to_string(server->localAddress().port());
+  struct Case {
+    const char* name;
+    std::string command;
+    std::string expected;
+  } cases[] = {
+      {"curl", "curl -sS --max-time 30 --cacert " + ca + " " + url(server, "/hello"),
+       "Hello, world!\n"},
+      {"curl by name",
+       "curl -sS --max-time 30 --cacert " + ca + " https://localhost:" + port + "/who",
+       "tls=1 version=TLSv1.3 subject= sans= address=yes"},
+      {"curl TLS 1.2",
+       "curl -sS --max-time 30 --tls-max 1.2 --cacert " + ca + " " + url(server, "/who"),
+       "tls=1 version=TLSv1.2 subject= sans= address=yes"},
+      {"openssl s_client",
+       "printf 'GET /hello HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' | "
+       "timeout 30 openssl s_client -quiet -verify_return_error -CAfile " +
+           ca + " -connect 127.0.0.1:" + port + " 2>/dev/null | tail -n 1",
+       "Hello, world!\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    int status = -1;
+    EXPECT_EQ(test.expected, run(test.command, &status));
+    EXPECT_EQ(0, status);
+  }
+}
+
+TEST(TlsTest, OldProtocolsAreRefusedSessionsResumeAndStreamsEndCleanly) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  options.strict_framing = true;
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  const std::string script = R"(
+import socket, ssl, sys
+port, ca = int(sys.argv[1]), sys.argv[2]
+def get(context, session=None):
+    with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
+        with context.wrap_socket(raw, server_hostname="127.0.0.1", session=session) as tls:
+            tls.sendall(b"GET /who HTTP/1.1\r\nHost: a\r\n\r\n")
+            answer = b""
+            while not answer.endswith(b"address=yes"):
+                answer += tls.recv(4096)
+            return tls.session, tls.session_reused, tls.version()
+context = ssl.create_default_context(cafile=ca)
+context.maximum_version = ssl.TLSVersion.TLSv1_2
+session, reused, version = get(context)
+again, reused_again, _ = get(context, session)
+print(version, reused, reused_again)
+old = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+old.load_verify_locations(ca)
+old.minimum_version = ssl.TLSVersion.TLSv1
+old.maximum_version = ssl.TLSVersion.TLSv1_1
+try:
+    get(old)
+    print("TLS 1.1 accepted")
+except (ssl.SSLError, OSError):
+    print("TLS 1.1 refused")
+# After "Connection: close" the server ends the TLS stream with close_notify:
+# an orderly end, which a client tells from a cut connection.
+with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
+    with context.wrap_socket(raw, server_hostname="127.0.0.1", suppress_ragged_eofs=False) as tls:
+        tls.sendall(b"GET /hello HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n")
+        answer = b""
+        try:
+            while True:
+                chunk = tls.recv(4096)
+                if not chunk:
+                    break
+                answer += chunk
+            print("clean end" if answer.endswith(b"Hello, world!\n") else "no answer")
+        except ssl.SSLEOFError:
+            print("cut")
+)";
+  const std::string path = certDir() + "/resume.py";
+  std::ofstream(path) << script;
+  // Resumption checked over TLS 1.2, where the session is known once the
+  // handshake ends (a TLS 1.3 ticket arrives after it).
+  EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
+            run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
+                " " + cert("ca.pem")));
+}
+
+TEST(TlsTest, MutualTlsRequiresAndReportsTheClientCertificate) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", true);
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
+  int status = 0;
+  EXPECT_EQ("", run(curl + url(server, "/who") + " 2>/dev/null", &status));
+  EXPECT_NE(0, status) << "answered without a client certificate";
+  EXPECT_EQ(
+      "tls=1 version=TLSv1.3 subject=CN=test-client,O=relay tests "
+      "sans=URI:spiffe://test/client,DNS:client.test address=yes",
+      run(curl + "--cert " + cert("client.pem") + " --key " + cert("client-key.pem") + " " +
+              url(server, "/who"),
+          &status));
+  EXPECT_EQ(0, status);
+}
+
+TEST(TlsTest, ChannelSucceedsOrFailsSayingWhy) {
+  struct Case {
+    const char* name;
+    const char* server_cert;
+    bool server_wants_client_cert;
+    const char* client_ca;
+    bool client_cert;
+    std::string expected;  // the outcome, or the start of a failure
+  } cases[] = {
+      {"plain TLS", "server", false, "ca.pem", false,
+       "ok: tls=1 version=TLSv1.3 subject= sans= address=yes"},
+      {"mutual TLS", "server", true, "ca.pem", true,
+       "ok: tls=1 version=TLSv1.3 subject=CN=test-client,O=relay tests "
+       "sans=URI:spiffe://test/client,DNS:client.test address=yes"},
+      {"wrong CA", "server", false, "other-ca.pem", false,
+       "failed: 127.0.0.1:PORT: TLS handshake failed: certificate verify failed: unable to get "
+       "local issuer certificate"},
+      {"wrong name", "wrong-name", false, "ca.pem", false,
+       "failed: 127.0.0.1:PORT: TLS handshake failed: certificate verify failed: IP address "
+       "mismatch"},
+      {"expired", "expired", false, "ca.pem", false,
+       "failed: 127.0.0.1:PORT: TLS handshake failed: certificate verify failed: certificate "
+       "has expired"},
+      {"no client certificate", "server", true, "ca.pem", false,
+       "failed: 127.0.0.1:PORT: TLS read failed: tlsv13 alert certificate required"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    HttpServerOptions options;
+    options.tls = serverTls(test.server_cert, test.server_wants_client_cert);
+    std::shared_ptr<HttpServer> server = startServer(options);
+    ASSERT_TRUE(server);
+    const std::string port = std::to_string(server->localAddress().port());
+    RPCChannelPtr channel =
+        RPCChannel::create("127.0.0.1:" + port, channelTls(test.client_ca, test.client_cert));
+    ASSERT_TRUE(channel);
+    std::string expected = test.expected;
+    const size_t at = expected.find("PORT");
+    if (at != std::string::npos) expected.replace(at, 4, port);
+    EXPECT_EQ(expected, callEcho(channel.get()));
+  }
+}
+
+TEST(TlsTest, PlaintextAndStalledClientsAreClosedNotLeaked) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  options.header_timeout = Duration::milliseconds(300);
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  const uint16_t port = server->localAddress().port();
+  struct Case {
+    const char* name;
+    std::string bytes;
+  } cases[] = {
+      {"plaintext request", "GET /hello HTTP/1.1\r\nHost: a\r\n\r\n"},
+      {"nothing at all", ""},
+      // A ClientHello's record header announcing more than ever comes.
+      {"half a handshake", std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11)},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    LoopbackClient client(port);
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(client.write(test.bytes));
+    const std::string answer = client.readToEnd();
+    EXPECT_TRUE(client.peerClosed() || client.lastError() == ECONNRESET);
+    EXPECT_EQ(std::string::npos, answer.find("Hello")) << "served in clear";
+  }
+  EXPECT_TRUE(waitNoConnections(server));
+  int status = -1;
+  EXPECT_EQ("Hello, world!\n",
+            run("curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + url(server, "/hello"),
+                &status));
+}
+
+TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
+  const std::string chain = certDir() + "/reload.pem";
+  const std::string key = certDir() + "/reload-key.pem";
+  auto install = [&](const std::string& name) {
+    return system(("cp " + cert(name + ".pem") + " " + chain + " && cp " + cert(name + "-key.pem") +
+                   " " + key)
+                      .c_str()) == 0;
+  };
+  ASSERT_TRUE(install("server"));
+  HttpServerOptions options;
+  options.tls.certificate_chain_file = chain;
+  options.tls.private_key_file = key;
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  const std::string port = std::to_string(server->localAddress().port());
+  RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + port, channelTls("ca.pem", false));
+  ASSERT_EQ("ok: tls=1 version=TLSv1.3 subject= sans= address=yes", callEcho(channel.get()));
+
+  std::vector<LogRecord> records;
+  std::mutex records_mutex;
+  setLogSink([&](const LogRecord& record) {
+    std::lock_guard<std::mutex> lock(records_mutex);
+    records.push_back(record);
+  });
+  const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
+  const std::string as_wrong_name = curl + "--resolve wrong.example:" + port +
+                                    ":127.0.0.1 https://wrong.example:" + port + "/hello";
+  ASSERT_TRUE(install("wrong-name"));
+  EXPECT_TRUE(server->reloadTlsCertificates());
+  int status = -1;
+  EXPECT_EQ("Hello, world!\n", run(as_wrong_name, &status));
+  run(curl + url(server, "/hello") + " 2>/dev/null", &status);
+  EXPECT_NE(0, status) << "a new connection still got the old certificate";
+  // The connection made before the reload keeps its session.
+  EXPECT_EQ("ok: tls=1 version=TLSv1.3 subject= sans= address=yes", callEcho(channel.get()));
+
+  std::ofstream(chain) << "not a certificate\n";
+  EXPECT_FALSE(server->reloadTlsCertificates());
+  EXPECT_EQ("Hello, world!\n", run(as_wrong_name, &status)) << "the old files were dropped";
+  setLogSink(nullptr);
+  bool logged = false;
+  for (const LogRecord& record : records) {
+    logged = logged || (record.level == 2 && record.logger == "http_server" &&
+                        record.text.find(chain) != std::string::npos);
+  }
+  EXPECT_TRUE(logged) << "the refused reload was not logged at level 2";
+}
+
+TEST(TlsTest, UnusableFilesMakeNoServer) {
+  for (const char* key : {"missing-key.pem", "client-key.pem"}) {
+    SCOPED_TRACE(key);
+    HttpServerOptions options;
+    options.tls.certificate_chain_file = cert("server.pem");
+    options.tls.private_key_file = cert(key);
+    EXPECT_FALSE(HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options));
+  }
+}
+
+TEST(TlsTest, SlowReaderOverTlsHoldsBoundedOutputAndLosesNoAnswer) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  // Sends padded requests for 256 KiB answers without reading until its
+  // sends stall, then reads every answer owed. Without backpressure the
+  // server would read (and answer into memory) all of them.
+  const std::string script = R"(
+import socket, ssl, sys
+port, ca, total = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
+context = ssl.create_default_context(cafile=ca)
+raw = socket.socket()
+raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+raw.connect(("127.0.0.1", port))
+tls = context.wrap_socket(raw, server_hostname="127.0.0.1")
+request = b"GET /big HTTP/1.1\r\nHost: a\r\nX-Pad: " + b"p" * 16000 + b"\r\n\r\n"
+tls.settimeout(3)
+sent = 0
+try:
+    while sent < total:
+        tls.sendall(request)
+        sent += 1
+except (socket.timeout, ssl.SSLWantWriteError):
+    pass
+tls.settimeout(60)
+answers, buffered = 0, b""
+while answers < sent:
+    chunk = tls.recv(1 << 20)
+    if not chunk:
+        break
+    buffered += chunk
+    while True:
+        head_end = buffered.find(b"\r\n\r\n")
+        if head_end < 0:
+            break
+        head = buffered[:head_end].decode()
+        length = int(head.split("Content-Length: ")[1].split("\r\n")[0])
+        if len(buffered) < head_end + 4 + length:
+            break
+        buffered = buffered[head_end + 4 + length:]
+        answers += 1
+print(sent < total, answers == sent)
+)";
+  const std::string path = certDir() + "/slow_reader.py";
+  std::ofstream(path) << script;
+  EXPECT_EQ("True True\n",
+            run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
+                " " + cert("ca.pem") + " 4000"));
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
