@@ -242,9 +242,12 @@ void ResilientChannel::connectionReady(RPCConnection*) { flush(); }
 void ResilientChannel::answersArrived(RPCConnection* connection,
                                       const std::vector<HttpResponsePtr>& answers) {
   handling_answers_ = true;
+  // Read once: answers of one read arrived together.
+  Time now;
   for (const HttpResponsePtr& answer : answers) {
     const uint32_t id = readCallNumber(headerOr(*answer, RPCChannel::kHeaderId));
     Call call;
+    bool past_deadline = false;
     {
       MutexLock lock(calls_->mutex);
       auto it = calls_->pending.find(id);
@@ -263,8 +266,20 @@ void ResilientChannel::answersArrived(RPCConnection* connection,
       }
       call = it->second;
       calls_->pending.erase(it);
+      // A server that honours the deadline we sent fails the call when it
+      // passes; if that answer is read before our own timer runs (both were
+      // due in the same turn of a busy event thread), the caller still hears
+      // that the deadline passed, not the server's words for it.
+      if (failed && call.deadline != Time()) {
+        if (now == Time()) now = Time::now();
+        past_deadline = call.deadline <= now;
+      }
     }
-    complete(call, answer.get(), std::string());
+    if (past_deadline) {
+      complete(call, nullptr, RPCChannel::kErrorDeadlineExceeded);
+    } else {
+      complete(call, answer.get(), std::string());
+    }
   }
   handling_answers_ = false;
   closeIfRetiredAndIdle(connection);
