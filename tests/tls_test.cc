@@ -21,6 +21,7 @@
 #include "relay/rpc.h"
 #include "test_service.h"
 #include "test_services.pb.h"
+#include "tests/test_certs.h"
 
 namespace vantu {
 namespace relay {
@@ -28,20 +29,7 @@ namespace {
 
 using vantu::testing::LoopbackClient;
 
-// The certificates, made once per process.
-const std::string& certDir() {
-  static const std::string* dir = [] {
-    char pattern[] = "/tmp/tls_test_XXXXXX";
-    auto* made = new std::string(mkdtemp(pattern));
-    const std::string command =
-        std::string(HSL_SOURCE_DIR) + "/scripts/make-test-certs " + *made + " >/dev/null";
-    if (system(command.c_str()) != 0) ADD_FAILURE() << "make-test-certs failed";
-    return made;
-  }();
-  return *dir;
-}
-
-std::string cert(const std::string& name) { return certDir() + "/" + name; }
+using vantu::testing::cert;
 
 // Runs a shell command; its standard output, and its exit status in *status.
 std::string run(const std::string& command, int* status = nullptr) {
@@ -235,7 +223,7 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
         except ssl.SSLEOFError:
             print("cut")
 )";
-  const std::string path = certDir() + "/resume.py";
+  const std::string path = vantu::testing::testCertDir() + "/resume.py";
   std::ofstream(path) << script;
   // Resumption checked over TLS 1.2, where the session is known once the
   // handshake ends (a TLS 1.3 ticket arrives after it).
@@ -338,8 +326,8 @@ TEST(TlsTest, PlaintextAndStalledClientsAreClosedNotLeaked) {
 }
 
 TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
-  const std::string chain = certDir() + "/reload.pem";
-  const std::string key = certDir() + "/reload-key.pem";
+  const std::string chain = vantu::testing::testCertDir() + "/reload.pem";
+  const std::string key = vantu::testing::testCertDir() + "/reload-key.pem";
   auto install = [&](const std::string& name) {
     return system(("cp " + cert(name + ".pem") + " " + chain + " && cp " + cert(name + "-key.pem") +
                    " " + key)
@@ -439,7 +427,7 @@ while answers < sent:
         answers += 1
 print(sent < total, answers == sent)
 )";
-  const std::string path = certDir() + "/slow_reader.py";
+  const std::string path = vantu::testing::testCertDir() + "/slow_reader.py";
   std::ofstream(path) << script;
   EXPECT_EQ("True True\n",
             run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +

@@ -11,23 +11,13 @@
 #include <memory>
 #include <string>
 
+#include "tests/test_certs.h"
+
 namespace vantu {
 namespace relay {
 namespace {
 
-const std::string& certDir() {
-  static const std::string* dir = [] {
-    char pattern[] = "/tmp/tls_transport_test_XXXXXX";
-    auto* made = new std::string(mkdtemp(pattern));
-    const std::string command =
-        std::string(HSL_SOURCE_DIR) + "/scripts/make-test-certs " + *made + " >/dev/null";
-    if (system(command.c_str()) != 0) ADD_FAILURE() << "make-test-certs failed";
-    return made;
-  }();
-  return *dir;
-}
-
-std::string cert(const std::string& name) { return certDir() + "/" + name; }
+using vantu::testing::cert;
 
 // A client and a server over memory. Bytes move only when pump() says so,
 // in pieces of at most `piece` bytes, as reads from a network would bring them.
