@@ -192,26 +192,34 @@ bool AnswerQueue::pumpStream(HttpStream* stream) {
   if (ending) return true;
   ConnectionInfo* info = connection_->connectionInfo();
   const size_t unsent = info != nullptr ? info->unsentOutput() : 0;
-  bool writable;
+  bool over;
   bool overrun = false;
+  bool tell_blocked;
+  bool tell_writable = false;
   {
     MutexLock lock(stream->mutex_);
     stream->unsent_ = unsent;
+    tell_blocked = stream->tell_blocked_;
+    stream->tell_blocked_ = false;
     if (unsent > TcpSocket::kOutputHighWater) {
+      tell_blocked = tell_blocked || !stream->over_mark_;
       stream->over_mark_ = true;
       overrun = unsent > 2 * TcpSocket::kOutputHighWater;
-    } else if (unsent < TcpSocket::kOutputLowWater) {
+    } else if (unsent < TcpSocket::kOutputLowWater && stream->over_mark_) {
       stream->over_mark_ = false;
+      tell_writable = true;
     }
-    writable = !stream->over_mark_;
+    over = stream->over_mark_;
   }
   if (overrun) {
     stream->close(false);
     connection_->abort();
     return true;
   }
-  if (!writable && info != nullptr) info->watchOutputDrain();
-  stream->tellWritable(writable);
+  if (over && info != nullptr) info->watchOutputDrain();
+  // A false is always told before its true.
+  if (tell_blocked) stream->tellWritable(false);
+  if (tell_writable) stream->tellWritable(true);
   return false;
 }
 

@@ -93,9 +93,9 @@ class AnswerQueue {
  private:
   struct Slot {
     uint64_t id = 0;
-    HttpResponsePtr response;              // plain, ready or async
-    std::shared_ptr<AsyncAnswer> async;    // until its done runs
-    std::shared_ptr<HttpStream> stream;    // a stream's slot
+    HttpResponsePtr response;            // plain, ready or async
+    std::shared_ptr<AsyncAnswer> async;  // until its done runs
+    std::shared_ptr<HttpStream> stream;  // a stream's slot
     bool head_request = false;
     bool ready = false;
   };

@@ -102,6 +102,10 @@ bool HttpStream::append(const char* data, size_t size, bool last) {
     } else if (out_.size() + unsent_ > 2 * TcpSocket::kOutputHighWater) {
       // A writer that did not wait for a slow reader.
       overrun = true;
+    } else if (!over_mark_ && out_.size() + unsent_ > TcpSocket::kOutputHighWater) {
+      // Told on the event thread, with the hand-over.
+      over_mark_ = true;
+      tell_blocked_ = true;
     }
     schedulePump();
   }
@@ -171,8 +175,6 @@ void HttpStream::close(bool clean) {
 }
 
 void HttpStream::tellWritable(bool writable) {
-  if (writable == told_writable_) return;
-  told_writable_ = writable;
   std::function<void(bool)> callback;
   {
     MutexLock lock(mutex_);

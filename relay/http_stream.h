@@ -41,7 +41,9 @@ namespace relay {
 // (TcpSocket::kOutputHighWater). Past it, writable() turns false and the
 // writability callback hears false; once the client has taken enough that
 // less than half the mark waits, writable() is true again and the callback
-// hears true. A writer is expected to wait meanwhile: write() still takes
+// hears true. Every false is followed by a true (unless the stream closes
+// first), so a writer that saw writable() false may wait for the callback's
+// true. A writer is expected to wait meanwhile: write() still takes
 // its bytes, but a writer that goes on regardless until another mark's worth
 // waits in the stream loses it (the connection is closed, write() returns
 // false, the close callback runs). So a slow reader costs at most the mark
@@ -103,8 +105,7 @@ class HttpStream : public std::enable_shared_from_this<HttpStream> {
   // Ends the stream for a reason other than its writer's finish(), running
   // the close callback; `clean` queues the terminating chunk. Any thread.
   void close(bool clean);
-  // Runs the writability callback if the state it last heard changed.
-  // Event thread.
+  // Runs the writability callback. Event thread.
   void tellWritable(bool writable);
 
   // Constant after construction.
@@ -122,6 +123,8 @@ class HttpStream : public std::enable_shared_from_this<HttpStream> {
   // The connection's unsent bytes at the last hand-over.
   size_t unsent_ VANTU_GUARDED_BY(mutex_) = 0;
   bool over_mark_ VANTU_GUARDED_BY(mutex_) = false;
+  // over_mark_ was set by a write, and the callback has not heard it yet.
+  bool tell_blocked_ VANTU_GUARDED_BY(mutex_) = false;
   bool close_told_ VANTU_GUARDED_BY(mutex_) = false;
   std::function<void(bool)> on_writable_ VANTU_GUARDED_BY(mutex_);
   std::function<void()> on_close_ VANTU_GUARDED_BY(mutex_);
@@ -130,7 +133,6 @@ class HttpStream : public std::enable_shared_from_this<HttpStream> {
   // bytes may go out), and when it last wrote.
   bool activating_ = false;
   bool live_ = false;
-  bool told_writable_ = true;
   Time last_write_;
 };
 
