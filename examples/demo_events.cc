@@ -52,10 +52,11 @@ class CounterFeed : public std::enable_shared_from_this<CounterFeed> {
  private:
   std::string counters() const {
     const std::vector<prometheus::MetricFamily> families = registry_->Collect();
-    char text[160];
-    snprintf(text, sizeof(text), "{\"requests\":%.0f,\"rpcs_in_flight\":%.0f,\"connections\":%.0f}",
-             total(families, "relay_http_requests_total"), total(families, "relay_rpcs_in_flight"),
-             total(families, "relay_connections_open"));
+    char text[200];
+    snprintf(text, sizeof(text),
+             "{\"requests\":%.0f,\"rpcs\":%.0f,\"rpcs_in_flight\":%.0f,\"connections\":%.0f}",
+             total(families, "relay_http_requests_total"), total(families, "relay_rpcs_total"),
+             total(families, "relay_rpcs_in_flight"), total(families, "relay_connections_open"));
     return text;
   }
 

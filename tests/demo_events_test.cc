@@ -53,7 +53,8 @@ TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
       "        events.append((name, json.loads('\\n'.join(data)))); name, data = None, []\n"
       "for name, counters in events:\n"
       "    assert name == 'counters', name\n"
-      "    assert set(counters) == {'requests', 'rpcs_in_flight', 'connections'}, counters\n"
+      "    assert set(counters) == {'requests', 'rpcs', 'rpcs_in_flight', 'connections'}, "
+      "counters\n"
       "    assert counters['connections'] >= 1, counters\n"
       "print(' '.join(str(int(c['requests'])) for _, c in events))\n";
   const std::string path = "/tmp/demo_events_test_" + std::to_string(getpid()) + ".py";
