@@ -105,8 +105,7 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
   if (header.capacity() > memory_policy::kLargestKeptHeadBuffer) std::string().swap(header);
 }
 
-void HttpConnectionHandler::sendPlainAnswer(const HttpResponsePtr& response,
-                                            bool to_head_request) {
+void HttpConnectionHandler::sendPlainAnswer(const HttpResponsePtr& response, bool to_head_request) {
   if (ordered_ && !ordered_->empty()) {
     ordered_->pushReady(response, to_head_request);
   } else {

@@ -56,8 +56,8 @@ using HttpStreamPtr = std::shared_ptr<HttpStream>;
 // with the request and the response, it fills the response and runs `done`
 // once, from any thread, when the answer is ready (see relay/http_stream.h
 // for how it learns that nobody waits any more). Must not throw.
-using HttpAsyncRequestHandler = std::function<void(const HttpRequestPtr&, const HttpResponsePtr&,
-                                                   std::function<void()> done)>;
+using HttpAsyncRequestHandler =
+    std::function<void(const HttpRequestPtr&, const HttpResponsePtr&, std::function<void()> done)>;
 
 // An application's answer that streams: called on the event thread with the
 // request and the stream it answers through, from any thread, for as long as
