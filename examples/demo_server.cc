@@ -24,6 +24,7 @@
 
 #include "common/event_thread.h"
 #include "common/logging.h"
+#include "demo_events.h"
 #include "demo_service.h"
 #include "relay/console.h"
 #include "relay/health.h"
@@ -139,9 +140,15 @@ void registerEverything(const std::shared_ptr<vantu::relay::HttpServer>& server)
     console.links.push_back({page.example, page.path, page.description});
   }
   console.metrics_path = "/metrics";
-  vantu::relay::exposeMetrics(*server, console.metrics_path);
+  std::shared_ptr<prometheus::Registry> registry =
+      vantu::relay::exposeMetrics(*server, console.metrics_path);
   console.links.push_back(
       {console.metrics_path, console.metrics_path, "the server's metrics (Prometheus text)"});
+  if (registry) {
+    demo::serveCounterEvents(server, "/events", registry);
+    console.links.push_back(
+        {"/events", "/events", "the counters every second, as Server-Sent Events"});
+  }
   vantu::relay::registerHealthCheck(server, "/healthz");
   console.links.push_back({"/healthz", "/healthz", "200 while serving, 503 once draining"});
   server->registerRPCService(std::make_shared<demo::EchoServiceImpl>());

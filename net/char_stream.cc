@@ -169,6 +169,10 @@ void PullStreamSink::notifyClosed() {
   if (reader_ != nullptr) reader_->onClosed();
 }
 
+void PullStreamSink::notifyOutputDrained() {
+  if (reader_ != nullptr) reader_->onOutputDrained();
+}
+
 ConnectionInfo* PullStreamSink::connectionInfo() const {
   auto* source = static_cast<PullStreamSource*>(consumer());
   return source != nullptr ? source->connectionInfo() : nullptr;
@@ -205,6 +209,10 @@ void PullStreamSource::notifyOutputEnd() {
 
 void PullStreamSource::notifyClosed() {
   if (PullStreamSink* s = sink()) s->notifyClosed();
+}
+
+void PullStreamSource::notifyOutputDrained() {
+  if (PullStreamSink* s = sink()) s->notifyOutputDrained();
 }
 
 }  // namespace char_stream

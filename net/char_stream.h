@@ -160,6 +160,9 @@ class PullStreamSink : public BufferProducer {
     // and shut, or it broke, or it was aborted. Called once, before the link
     // is broken.
     virtual void onClosed() = 0;
+    // Output that waited has drained, as asked by
+    // ConnectionInfo::watchOutputDrain. The default ignores it.
+    virtual void onOutputDrained() {}
 
    protected:
     ~Reader() = default;
@@ -183,6 +186,7 @@ class PullStreamSink : public BufferProducer {
   bool notifyInputEnd();
   void notifyOutputEnd();
   void notifyClosed();
+  void notifyOutputDrained();
   // What the linked socket knows about the connection; null when unlinked.
   ConnectionInfo* connectionInfo() const;
 
@@ -213,6 +217,7 @@ class PullStreamSource : public BufferConsumer {
   bool notifyInputEnd();
   void notifyOutputEnd();
   void notifyClosed();
+  void notifyOutputDrained();
   // Set by the socket that holds this end, before it is linked.
   void setConnectionInfo(ConnectionInfo* info) { info_ = info; }
   ConnectionInfo* connectionInfo() const { return info_; }

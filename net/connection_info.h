@@ -1,6 +1,7 @@
 #ifndef NET_CONNECTION_INFO_H_
 #define NET_CONNECTION_INFO_H_
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,11 @@ class ConnectionInfo {
   virtual SocketAddress peerAddress() const = 0;
   // Null on a plaintext connection (and until a TLS handshake completed).
   virtual const TlsSessionInfo* tlsSession() = 0;
+  // Bytes handed to the connection and not yet taken by the kernel.
+  virtual size_t unsentOutput() const { return 0; }
+  // Asks for one notifyOutputDrained (see RequestResponseConnectionHandler)
+  // once fewer unsent bytes than half the connection's output mark wait.
+  virtual void watchOutputDrain() {}
 
  protected:
   ~ConnectionInfo() = default;

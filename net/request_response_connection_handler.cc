@@ -44,6 +44,8 @@ bool RequestResponseConnectionHandler::holdOpenAfterInputEnd() { return false; }
 
 void RequestResponseConnectionHandler::notifyClosed() {}
 
+void RequestResponseConnectionHandler::notifyOutputDrained() {}
+
 void RequestResponseConnectionHandler::onReadable(std::string* data) {
   VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
   notifyIncomingData(data);
@@ -63,6 +65,11 @@ void RequestResponseConnectionHandler::onOutputEnd() {
 void RequestResponseConnectionHandler::onClosed() {
   VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
   notifyClosed();
+}
+
+void RequestResponseConnectionHandler::onOutputDrained() {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  notifyOutputDrained();
 }
 
 }  // namespace relay

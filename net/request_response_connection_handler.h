@@ -85,6 +85,9 @@ class RequestResponseConnectionHandler
   // broke, or it was aborted. Called once, on the event thread, before the
   // handler is unlinked. The default does nothing.
   virtual void notifyClosed();
+  // Output that waited has drained below half the mark, as asked by
+  // connectionInfo()->watchOutputDrain(). The default does nothing.
+  virtual void notifyOutputDrained();
   // `data` holds every byte received and not consumed yet; erase what was
   // used. What is left stays at the front of `data` for the next call.
   virtual void notifyIncomingData(std::string* data) = 0;
@@ -95,6 +98,7 @@ class RequestResponseConnectionHandler
   bool onInputEnd(std::string* data) override;
   void onOutputEnd() override;
   void onClosed() override;
+  void onOutputDrained() override;
 };
 
 }  // namespace relay

@@ -525,6 +525,10 @@ void TcpSocket::handleWrite() {
     return;
   }
   makeProgress(true);
+  if (drain_watched_ && state_ == kOpen && pendingOutput() < kOutputLowWater) {
+    drain_watched_ = false;
+    source_.notifyOutputDrained();
+  }
 }
 
 void TcpSocket::makeProgress(bool flush_even_if_waiting) {

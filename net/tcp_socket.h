@@ -126,6 +126,8 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // ConnectionInfo. Event thread.
   SocketAddress peerAddress() const override;
   const TlsSessionInfo* tlsSession() override;
+  size_t unsentOutput() const override { return pendingOutput(); }
+  void watchOutputDrain() override { drain_watched_ = true; }
 
  private:
   friend class TcpServer;
@@ -225,6 +227,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   bool in_read_callback_ = false;
   bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
   bool write_activated_ = false;  // write_event_ made active: flush in this loop turn
+  bool drain_watched_ = false;    // the handler waits to hear that output drained
   // The list of open sockets that process exit closes.
   TcpSocket* live_prev_ = nullptr;
   TcpSocket* live_next_ = nullptr;

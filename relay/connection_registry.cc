@@ -41,6 +41,17 @@ void ConnectionRegistry::startDrain() {
   for (HttpConnectionHandler* connection : connections) connection->beginDrain();
 }
 
+void ConnectionRegistry::endStreams() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
+  std::vector<HttpConnectionHandler*> connections;
+  {
+    MutexLock lock(mutex_);
+    connections.assign(connections_.begin(), connections_.end());
+  }
+  // As in startDrain: nothing closes on the spot.
+  for (HttpConnectionHandler* connection : connections) connection->endStreams();
+}
+
 void ConnectionRegistry::abortAll() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/connection_registry");
   std::vector<HttpConnectionHandler*> connections;

@@ -35,6 +35,8 @@ class ConnectionRegistry {
   // not made any more by then (the listener has stopped). From then on the
   // connections are looked at often enough to close when they are done.
   void startDrain();
+  // Ends every stream cleanly; their connections close once that is written.
+  void endStreams();
   // Closes every connection still open at once.
   void abortAll();
 

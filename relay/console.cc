@@ -71,6 +71,7 @@ std::string consolePage(const ConsoleOptions& options) {
   replaceAll(&page, "@LINKS@", linksHtml(options.links));
   replaceAll(&page, "@TITLE@", escapeHtml(options.title));
   replaceAll(&page, "@METRICS_PATH@", escapeHtml(options.metrics_path));
+  replaceAll(&page, "@EVENTS_PATH@", escapeHtml(options.events_path));
   return page;
 }
 

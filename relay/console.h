@@ -25,6 +25,11 @@ struct ConsoleOptions {
   // Where the page polls the server's metrics (relay/metrics.h) once a second
   // for its live figures; empty for no figures.
   std::string metrics_path = "/metrics";
+  // Where the page first listens for the figures as Server-Sent Events: a
+  // "counters" event with the JSON fields requests, rpcs, rpcs_in_flight and
+  // connections (the demo's /events). Where that is not served, the page
+  // polls metrics_path instead; empty: poll only.
+  std::string events_path = "/events";
   // Shown in the page under "Endpoints", in this order; none: no such list.
   std::vector<ConsoleLink> links;
 };

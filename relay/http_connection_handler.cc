@@ -6,6 +6,7 @@
 #include "common/event_thread_check.h"
 #include "common/fast_thread_local.h"
 #include "common/memory_policy.h"
+#include "relay/answer_queue.h"
 #include "relay/connection_registry.h"
 #include "relay/http_date.h"
 #include "relay/http_request_parser.h"
@@ -70,8 +71,23 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
   response->outputHeader(&header);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
   const size_t content_size = with_content ? response->content.size() : 0;
-  // Only the event thread gathers, so only it may look at gathered_.
-  if (isEventThread() && gathered_ != nullptr) {
+  // While a stream's body is on the wire, other answers wait for its end.
+  // Other threads look under the push lock, which the event thread takes to
+  // begin a stream.
+  if (!isEventThread()) {
+    SendGuard guard(*this);
+    if (streaming_.load(std::memory_order_acquire) &&
+        ordered_->hold(header, response->content.data(), content_size)) {
+      return;
+    }
+    send(header);
+    if (with_content) send(response->content.data(), content_size);
+    reportSent(header.size() + content_size);
+  } else if (streaming_.load(std::memory_order_relaxed) &&
+             ordered_->hold(header, response->content.data(), content_size)) {
+    // Held, to go out after the stream.
+  } else if (gathered_ != nullptr) {
+    // Only the event thread gathers, so only it may look at gathered_.
     gathered_->append(header);
     if (content_size > memory_policy::kLargestGatheredContent) {
       // Copied once, by the socket, rather than into the gathered answers first.
@@ -82,12 +98,25 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
       gathered_->append(response->content.data(), content_size);
     }
   } else {
-    SendGuard guard(*this);
     send(header);
     if (with_content) send(response->content.data(), content_size);
     reportSent(header.size() + content_size);
   }
   if (header.capacity() > memory_policy::kLargestKeptHeadBuffer) std::string().swap(header);
+}
+
+void HttpConnectionHandler::sendPlainAnswer(const HttpResponsePtr& response, bool to_head_request) {
+  if (ordered_ && !ordered_->empty()) {
+    ordered_->pushReady(response, to_head_request);
+  } else {
+    sendAnswer(response.get(), to_head_request);
+  }
+}
+
+AnswerQueue& HttpConnectionHandler::answerQueue() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  if (!ordered_) ordered_.reset(new AnswerQueue(this));
+  return *ordered_;
 }
 
 void HttpConnectionHandler::reportSent(size_t bytes) {
@@ -139,7 +168,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       // Answered, not run: the client may take it elsewhere.
       drain_.heard(Time::now());
       DrainGoodbye::refuse(*requests[i], response.get());
-      sendAnswer(response.get(), requests[i]->method == kHttpHead);
+      sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
       if (!peer_) peer_ = PeerInfo::of(connectionInfo());
       requests[i]->peer_info = peer_;
@@ -175,7 +204,12 @@ void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, 
   } else {
     answer.headers.erase("Connection");
   }
-  sendAnswer(&answer, false);
+  if (ordered_ && !ordered_->empty()) {
+    // In its turn, after the answers still being worked on.
+    ordered_->pushReady(std::make_shared<HttpResponse>(std::move(answer)), false);
+  } else {
+    sendAnswer(&answer, false);
+  }
   if (HttpServerObserver* observer = impl_->observer()) observer->requestRefused(status, by_limit);
   if (close) closeAfterAnswers();
 }
@@ -209,6 +243,13 @@ void HttpConnectionHandler::checkDeadline(Time now) {
   if (deadline_kind_ == Deadline::kNone || now < deadline_) return;
   const Deadline kind = deadline_kind_;
   deadline_kind_ = Deadline::kNone;
+  if (kind == Deadline::kStream) {
+    // A stream that wrote nothing for the idle timeout ends cleanly; the
+    // connection goes on as any other.
+    if (ordered_) ordered_->endLiveStream();
+    updateDeadline();
+    return;
+  }
   if (kind == Deadline::kIdle) {
     closing_ = true;
     endOutput();
@@ -248,6 +289,16 @@ void HttpConnectionHandler::updateDeadline() {
   } else if (answers_owed_ == 0 && !input_ended_) {
     kind = Deadline::kIdle;
     timeout = options.idle_timeout;
+  } else if (Time last_write; ordered_ && ordered_->streamLive(&last_write)) {
+    // A stream is busy only while it writes: its time runs from its last
+    // write.
+    if (options.idle_timeout <= Duration()) {
+      deadline_kind_ = Deadline::kNone;
+      return;
+    }
+    deadline_kind_ = Deadline::kStream;
+    deadline_ = last_write + options.idle_timeout;
+    return;
   }
   if (kind == Deadline::kNone || timeout <= Duration()) {
     deadline_kind_ = Deadline::kNone;
@@ -277,6 +328,12 @@ bool HttpConnectionHandler::holdOpenAfterInputEnd() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   input_ended_ = true;
   deadline_kind_ = Deadline::kNone;
+  if (ordered_ && ordered_->hasStream()) {
+    // A client that ends its side while a stream is among its answers has
+    // gone: nobody reads the rest.
+    ordered_->abandonAll();
+    return false;
+  }
   // Answers still being worked on go out before the connection closes.
   return answers_owed_ > 0;
 }
@@ -288,7 +345,26 @@ void HttpConnectionHandler::notifyOutputShutdown() {
 
 void HttpConnectionHandler::notifyClosed() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  // Answers still being worked on will not be written: their handlers may
+  // stop.
+  if (ordered_) ordered_->abandonAll();
   leaveRegistry();
+}
+
+void HttpConnectionHandler::notifyOutputDrained() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  if (ordered_) ordered_->pump();
+}
+
+void HttpConnectionHandler::endStreams() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  if (!ordered_ || !ordered_->hasStream()) return;
+  ordered_->endLiveStream();
+  // Streams that had not begun, and what waits behind them, are not written.
+  ordered_->abandonAll();
+  closing_ = true;
+  deadline_kind_ = Deadline::kNone;
+  endOutput();
 }
 
 void HttpConnectionHandler::leaveRegistry() {

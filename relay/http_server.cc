@@ -100,14 +100,6 @@ class RPCCompletion {
 
 }  // namespace
 
-struct HttpServerImpl::Handler {
-  Handler(const std::string& regex, HttpRequestHandler handler)
-      : pattern(regex), callback(std::move(handler)) {}
-
-  const HandlerPattern pattern;
-  const HttpRequestHandler callback;
-};
-
 // ---------------------------------------------------------------------------
 // HttpServerImpl
 
@@ -153,58 +145,6 @@ void HttpServerImpl::configure(const HttpServerOptions& options) {
 }
 
 HttpServerImpl::~HttpServerImpl() { type_resolver_.reset(); }
-
-void HttpServerImpl::registerHandler(const std::string& regex, HttpRequestHandler handler) {
-  auto entry = std::make_shared<Handler>(regex, std::move(handler));
-  MutexLock lock(mutex_);
-  handlers_.push_back(std::move(entry));
-}
-
-// The weak pointer by value is the published signature.
-void HttpServerImpl::callRequestHandler(
-    const HttpRequestPtr& request, const HttpResponsePtr& response,
-    HttpConnectionHandlerWeakPtr connection) {  // NOLINT(performance-unnecessary-value-param)
-  if (request->headers.count(RPCChannel::kHeaderService) != 0) {
-    handleRPCs(request, response, connection);
-    return;
-  }
-  VANTU_LOG(5, kLogger, kSourceFile) << "This is a standard HTTP request";
-
-  // The path is matched where it lies in the URL's text, not copied: a 64 MB
-  // path must not cost another 64 MB here.
-  const url_parse::Component path = request->url.parsed_for_possibly_invalid_spec().path;
-  const std::string_view subject =
-      path.len > 0
-          ? std::string_view(request->url.possibly_invalid_spec().data() + path.begin, path.len)
-          : std::string_view();
-  std::shared_ptr<Handler> matched;
-  {
-    MutexLock lock(mutex_);
-    for (const std::shared_ptr<Handler>& handler : handlers_) {
-      if (handler->pattern.fullMatch(subject.data(), subject.size())) {
-        matched = handler;
-        break;
-      }
-    }
-  }
-  HttpServerObserver* observer = this->observer();
-  if (matched) {
-    VANTU_LOG(5, kLogger, kSourceFile)
-        << "Regexp " << matched->pattern.pattern() << " matches URL " << subject;
-    const Time started = observer != nullptr ? Time::now() : Time();
-    matched->callback(request, response);
-    const Duration handler_time = observer != nullptr ? Time::now() - started : Duration();
-    sendResponse(connection, response, request->method == kHttpHead);
-    if (observer != nullptr) {
-      observer->requestAnswered(matched->pattern.pattern(), response->status_code, handler_time);
-    }
-    return;
-  }
-  VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
-  response->status_code = HttpResponse::kNotFound;
-  sendResponse(connection, response, request->method == kHttpHead);
-  if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});
-}
 
 void HttpServerImpl::registerRPCService(const std::shared_ptr<google::protobuf::Service>& service) {
   const std::string& name = service->GetDescriptor()->full_name();
@@ -403,6 +343,9 @@ bool HttpServer::drain(const Duration& timeout, const Duration& announce) {
     connections.startDrain();
   });
   if (connections.waitUntilEmpty(deadline)) return true;
+  // Streams end cleanly (their terminating chunk), and get a moment to go.
+  runOnEventThreadAndWait([&connections] { connections.endStreams(); });
+  if (connections.waitUntilEmpty(Time::now() + Duration::seconds(1))) return false;
   runOnEventThreadAndWait([&connections] { connections.abortAll(); });
   // Aborted connections close at the event thread's next turn.
   connections.waitUntilEmpty(Time::now() + Duration::seconds(5));

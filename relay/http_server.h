@@ -33,10 +33,12 @@ class TypeResolver;
 namespace vantu {
 namespace relay {
 
+class AnswerQueue;
 class CallCanceller;
 class CallTicket;
 class ConnectionRegistry;
 class HttpConnectionHandler;
+class HttpStream;
 class RPC;
 
 // The connection a request arrived on. Sending through it after the connection
@@ -46,6 +48,21 @@ using HttpConnectionHandlerWeakPtr = std::weak_ptr<HttpConnectionHandler>;
 // An application's answer to plain HTTP requests: fills the response before it
 // returns, on the event thread; must not throw.
 using HttpRequestHandler = std::function<void(const HttpRequestPtr&, const HttpResponsePtr&)>;
+
+// An answer that streams: see relay/http_stream.h.
+using HttpStreamPtr = std::shared_ptr<HttpStream>;
+
+// An application's answer that may come later: called on the event thread
+// with the request and the response, it fills the response and runs `done`
+// once, from any thread, when the answer is ready (see relay/http_stream.h
+// for how it learns that nobody waits any more). Must not throw.
+using HttpAsyncRequestHandler =
+    std::function<void(const HttpRequestPtr&, const HttpResponsePtr&, std::function<void()> done)>;
+
+// An application's answer that streams: called on the event thread with the
+// request and the stream it answers through, from any thread, for as long as
+// it likes (see relay/http_stream.h). Must not throw.
+using HttpStreamHandler = std::function<void(const HttpRequestPtr&, const HttpStreamPtr&)>;
 
 // What a server and all its open connections share: the URL handlers, the
 // protobuf services and the JSON transcoding objects. Owned jointly by the
@@ -104,6 +121,11 @@ class HttpServerImpl {
   // compile is accepted and never matches. Any thread, any time, also from
   // inside a running handler.
   void registerHandler(const std::string& regex, HttpRequestHandler handler);
+  // The same list, for handlers that answer later and handlers that stream:
+  // the first registration whose pattern matches takes the request, whatever
+  // its kind.
+  void registerAsyncHandler(const std::string& regex, HttpAsyncRequestHandler handler);
+  void registerStreamHandler(const std::string& regex, HttpStreamHandler handler);
 
   // Dispatches one request: RPCs to the registered services, everything else to
   // the first matching URL handler, or 404. Event thread.
@@ -187,6 +209,13 @@ class HttpServer : public TcpServer {
   HttpServer& operator=(const HttpServer&) = delete;
 
   void registerHandler(const std::string& regex, HttpRequestHandler handler);
+  // A handler that answers when it runs its `done`, from any thread; and a
+  // handler that streams its answer (relay/http_stream.h). They share the
+  // list, and its order, with registerHandler. Pipelined requests are
+  // answered in the order they arrived, whatever order their handlers finish
+  // in; those behind a stream wait for it to finish.
+  void registerAsyncHandler(const std::string& regex, HttpAsyncRequestHandler handler);
+  void registerStreamHandler(const std::string& regex, HttpStreamHandler handler);
   // `path` as a handler pattern that matches exactly it: the characters that
   // mean something to PCRE escaped.
   static std::string literalPattern(const std::string& path);
@@ -264,6 +293,13 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // event thread, while the requests of one read are handled, the answers
   // gather and go to the socket together after the last of them.
   void sendAnswer(HttpResponse* response, bool to_head_request);
+  // Writes a plain HTTP answer in its request's turn: at once when no earlier
+  // answer of the connection is still being worked on (an async or a
+  // streaming one), else once those are written. Event thread.
+  void sendPlainAnswer(const HttpResponsePtr& response, bool to_head_request);
+  // The connection's answers that wait for their turn, made on first use.
+  // Event thread.
+  AnswerQueue& answerQueue();
 
   // An RPC started on this connection will be answered later: the connection
   // stays open for it (after the peer's end of input, or a close it asked
@@ -274,6 +310,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // server's drain.
   void checkDeadline(Time now);
   void beginDrain();
+  // The drain's deadline: a stream at the front ends cleanly (its
+  // terminating chunk), and the connection closes once that is written.
+  void endStreams();
 
   // RequestResponseConnectionHandler
   void notifyOutputShutdown() override;
@@ -281,11 +320,14 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void notifyIncomingData(std::string* data) override;
   bool holdOpenAfterInputEnd() override;
   void notifyClosed() override;
+  void notifyOutputDrained() override;
 
  private:
   friend class HttpServer;
+  friend class AnswerQueue;
   // What the connection waits for, if anything, and what running out means.
-  enum class Deadline { kNone, kHead, kBody, kIdle };
+  // kStream: a stream has written nothing for the idle timeout.
+  enum class Deadline { kNone, kHead, kBody, kIdle, kStream };
 
   // Sends the answer to a request that could not be read, with `status`;
   // `by_limit` says whether the server's options refused it.
@@ -334,6 +376,13 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // Who is at the other end: made when the first request arrives, then
   // shared by every request (and RPC) of the connection.
   std::shared_ptr<const PeerInfo> peer_;
+  // Answers waiting for their turn; null until a handler answers later or
+  // streams. Made and used on the event thread; other threads only reach
+  // it while streaming_ is true, which they read holding the push lock.
+  std::unique_ptr<AnswerQueue> ordered_;
+  // A stream's body is on the wire: other answers (RPCs) wait until it ends.
+  // Written on the event thread under the push lock.
+  std::atomic<bool> streaming_{false};
 };
 
 }  // namespace relay

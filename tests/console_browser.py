@@ -123,9 +123,12 @@ def main():
             fail("the failed call shows %r as %r" % (reply.text, reply.get_attribute("class")))
         wait.until(lambda d: d.find_element(By.ID, "status").text.startswith("failed in "))
 
-        # The live figures: read from /metrics, the calls above among them.
+        # The live figures: streamed from /events, the calls above among them.
         wait.until(lambda d: re.match(r"^\d+(\.\d)?$",
                                       d.find_element(By.ID, "figure-rpcs").text))
+        source = driver.find_element(By.ID, "figures").get_attribute("data-source")
+        if source != "events":
+            fail("the figures came from %r, not the /events stream" % source)
         connections = driver.find_element(By.ID, "figure-connections").text
         if not connections.isdigit() or int(connections) < 1:
             fail("open connections read %r" % connections)

@@ -215,8 +215,34 @@ async function loadServices() {
 }
 
 // Live figures. A source delivers cumulative samples; the view turns them
-// into rates. Polling the metrics text is the source today; another (a
-// stream of events) only has to call onSample with the same fields.
+// into rates. The server's event stream is the first source; where it has
+// none, polling the metrics text.
+function streamFigures(eventsPath, metricsPath, onSample) {
+  const poll = () => { if (metricsPath) pollMetrics(metricsPath, onSample); };
+  if (!eventsPath || typeof EventSource === 'undefined') return poll();
+  const source = new EventSource(eventsPath);
+  let heard = false;
+  source.addEventListener('counters', (event) => {
+    heard = true;
+    const counters = JSON.parse(event.data);
+    onSample({
+      at: performance.now(),
+      requests: counters.requests,
+      rpcs: counters.rpcs,
+      inFlight: counters.rpcs_in_flight,
+      connections: counters.connections,
+      source: 'events',
+    });
+  });
+  source.onerror = () => {
+    // Once it has spoken, the browser reconnects by itself; a stream that
+    // never answered is not served here.
+    if (heard) return;
+    source.close();
+    poll();
+  };
+}
+
 function pollMetrics(path, onSample, periodMs = 1000) {
   const sum = (text, name) => {
     let total = 0;
@@ -235,6 +261,7 @@ function pollMetrics(path, onSample, periodMs = 1000) {
         rpcs: sum(text, 'relay_rpcs_total'),
         inFlight: sum(text, 'relay_rpcs_in_flight'),
         connections: sum(text, 'relay_connections_open'),
+        source: 'metrics',
       });
       setTimeout(poll, periodMs);
     } catch (e) {
@@ -248,6 +275,7 @@ function showFigures() {
   let last = null;
   return (sample) => {
     $('figures').hidden = false;
+    $('figures').dataset.source = sample.source;
     if (last) {
       const seconds = (sample.at - last.at) / 1000;
       $('figure-requests').textContent = Math.max(0, (sample.requests - last.requests) / seconds).toFixed(1);
@@ -265,4 +293,6 @@ $('request').addEventListener('keydown', (event) => {
   if (event.key === 'Enter' && (event.ctrlKey || event.metaKey)) call();
 });
 loadServices();
-if (document.body.dataset.metrics) pollMetrics(document.body.dataset.metrics, showFigures());
+if (document.body.dataset.metrics || document.body.dataset.events) {
+  streamFigures(document.body.dataset.events, document.body.dataset.metrics, showFigures());
+}

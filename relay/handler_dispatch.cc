@@ -1,0 +1,133 @@
+// The URL handler list of an HttpServerImpl and the dispatch of plain HTTP
+// requests to it: handlers that answer before they return, handlers that
+// answer later, and handlers that stream.
+#include <string_view>
+#include <utility>
+
+#include "common/logging.h"
+#include "relay/answer_queue.h"
+#include "relay/handler_match.h"
+#include "relay/http_server.h"
+#include "relay/http_server_observer.h"
+#include "relay/rpc.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+constexpr char kLogger[] = "http_server";
+constexpr char kSourceFile[] = "relay/http_server";
+
+}  // namespace
+
+// One registration, of one of the three kinds: the callback of its kind is
+// set (or empty, as registered).
+struct HttpServerImpl::Handler {
+  enum class Kind { kPlain, kAsync, kStream };
+  Handler(const std::string& regex, HttpRequestHandler handler)
+      : kind(Kind::kPlain), pattern(regex), callback(std::move(handler)) {}
+  Handler(const std::string& regex, HttpAsyncRequestHandler handler)
+      : kind(Kind::kAsync), pattern(regex), async_callback(std::move(handler)) {}
+  Handler(const std::string& regex, HttpStreamHandler handler)
+      : kind(Kind::kStream), pattern(regex), stream_callback(std::move(handler)) {}
+
+  const Kind kind;
+  const HandlerPattern pattern;
+  const HttpRequestHandler callback;
+  const HttpAsyncRequestHandler async_callback;
+  const HttpStreamHandler stream_callback;
+};
+
+void HttpServerImpl::registerHandler(const std::string& regex, HttpRequestHandler handler) {
+  auto entry = std::make_shared<Handler>(regex, std::move(handler));
+  MutexLock lock(mutex_);
+  handlers_.push_back(std::move(entry));
+}
+
+void HttpServerImpl::registerAsyncHandler(const std::string& regex,
+                                          HttpAsyncRequestHandler handler) {
+  auto entry = std::make_shared<Handler>(regex, std::move(handler));
+  MutexLock lock(mutex_);
+  handlers_.push_back(std::move(entry));
+}
+
+void HttpServerImpl::registerStreamHandler(const std::string& regex, HttpStreamHandler handler) {
+  auto entry = std::make_shared<Handler>(regex, std::move(handler));
+  MutexLock lock(mutex_);
+  handlers_.push_back(std::move(entry));
+}
+
+// The weak pointer by value is the published signature.
+void HttpServerImpl::callRequestHandler(
+    const HttpRequestPtr& request, const HttpResponsePtr& response,
+    HttpConnectionHandlerWeakPtr connection) {  // NOLINT(performance-unnecessary-value-param)
+  if (request->headers.count(RPCChannel::kHeaderService) != 0) {
+    handleRPCs(request, response, connection);
+    return;
+  }
+  VANTU_LOG(5, kLogger, kSourceFile) << "This is a standard HTTP request";
+
+  // The path is matched where it lies in the URL's text, not copied: a 64 MB
+  // path must not cost another 64 MB here.
+  const url_parse::Component path = request->url.parsed_for_possibly_invalid_spec().path;
+  const std::string_view subject =
+      path.len > 0
+          ? std::string_view(request->url.possibly_invalid_spec().data() + path.begin, path.len)
+          : std::string_view();
+  std::shared_ptr<Handler> matched;
+  {
+    MutexLock lock(mutex_);
+    for (const std::shared_ptr<Handler>& handler : handlers_) {
+      if (handler->pattern.fullMatch(subject.data(), subject.size())) {
+        matched = handler;
+        break;
+      }
+    }
+  }
+  const bool to_head_request = request->method == kHttpHead;
+  HttpServerObserver* observer = this->observer();
+  if (matched) {
+    VANTU_LOG(5, kLogger, kSourceFile)
+        << "Regexp " << matched->pattern.pattern() << " matches URL " << subject;
+    if (matched->kind != Handler::Kind::kPlain) {
+      // Answered later: the connection keeps the answer's turn.
+      std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
+      if (!handler) return;
+      if (matched->kind == Handler::Kind::kAsync) {
+        handler->answerQueue().dispatchAsync(request, response, matched->async_callback,
+                                             &matched->pattern.pattern());
+      } else {
+        handler->answerQueue().dispatchStream(request, matched->stream_callback);
+        if (observer != nullptr) observer->requestAnswered(matched->pattern.pattern(), 200, {});
+      }
+      return;
+    }
+    const Time started = observer != nullptr ? Time::now() : Time();
+    matched->callback(request, response);
+    const Duration handler_time = observer != nullptr ? Time::now() - started : Duration();
+    if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+      handler->sendPlainAnswer(response, to_head_request);
+    }
+    if (observer != nullptr) {
+      observer->requestAnswered(matched->pattern.pattern(), response->status_code, handler_time);
+    }
+    return;
+  }
+  VANTU_LOG(2, kLogger, kSourceFile) << "No handler found for " << subject;
+  response->status_code = HttpResponse::kNotFound;
+  if (std::shared_ptr<HttpConnectionHandler> handler = connection.lock()) {
+    handler->sendPlainAnswer(response, to_head_request);
+  }
+  if (observer != nullptr) observer->requestAnswered(std::string(), HttpResponse::kNotFound, {});
+}
+
+void HttpServer::registerAsyncHandler(const std::string& regex, HttpAsyncRequestHandler handler) {
+  impl_->registerAsyncHandler(regex, std::move(handler));
+}
+
+void HttpServer::registerStreamHandler(const std::string& regex, HttpStreamHandler handler) {
+  impl_->registerStreamHandler(regex, std::move(handler));
+}
+
+}  // namespace relay
+}  // namespace vantu

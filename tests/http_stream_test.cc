@@ -1,0 +1,505 @@
+#include "relay/http_stream.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/event_thread.h"
+#include "common/mutex.h"
+#include "relay/http_server.h"
+#include "relay/rpc.h"
+#include "test_services.pb.h"
+#include "tests/loopback_client.h"
+#include "tests/test_service.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using vantu::testing::LoopbackClient;
+
+void setText(const HttpResponsePtr& response, const std::string& text) {
+  response->setContentType("text/plain");
+  response->content.assign(text.begin(), text.end());
+}
+
+std::string get(const std::string& path, const std::string& version = "1.1") {
+  return "GET " + path + " HTTP/" + version + "\r\nHost: test\r\n\r\n";
+}
+
+// A plain answer as the server writes it.
+std::string plain(const std::string& text) {
+  return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
+         std::to_string(text.size()) + "\r\nContent-Type: text/plain\r\n\r\n" + text;
+}
+
+// Reads until `marker` has arrived (or the connection ends, or the client's
+// 30 s guard runs out).
+std::string readUntil(LoopbackClient* client, const std::string& marker, std::string* got) {
+  while (got->find(marker) == std::string::npos) {
+    std::string piece = client->read(1);
+    if (piece.empty()) break;
+    got->append(piece);
+  }
+  return *got;
+}
+
+// Waits, for at most 30 s, until `condition` holds.
+template <class Condition>
+bool eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// The `done`s an async handler was given, in request order, for the test to
+// run when it likes. Any thread.
+class DoneList {
+ public:
+  void add(std::function<void()> done) {
+    MutexLock lock(mutex_);
+    dones_.push_back(std::move(done));
+    changed_.notifyAll();
+  }
+  bool waitFor(size_t count) {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (dones_.size() < count) {
+      if (!changed_.timedWaitAbsolute(mutex_, deadline) && dones_.size() < count) return false;
+    }
+    return true;
+  }
+  std::function<void()> at(size_t index) {
+    MutexLock lock(mutex_);
+    return dones_.at(index);
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable changed_;
+  std::vector<std::function<void()>> dones_ VANTU_GUARDED_BY(mutex_);
+};
+
+class StreamServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { start(HttpServerOptions()); }
+  void TearDown() override {
+    server_.reset();
+    waitForDeferredWork();
+  }
+  void start(const HttpServerOptions& options) {
+    server_ = HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
+    ASSERT_TRUE(server_);
+  }
+  uint16_t port() const { return server_->localAddress().port(); }
+
+  std::shared_ptr<HttpServer> server_;
+};
+
+TEST_F(StreamServerTest, AnswerFromAnotherThreadBetweenTwoPlainOnesKeepsRequestOrder) {
+  server_->registerHandler("/a", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setText(response, "first");
+  });
+  server_->registerAsyncHandler("/later", [](const HttpRequestPtr&, const HttpResponsePtr& response,
+                                             std::function<void()> done) {
+    std::thread([response, done] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      setText(response, "second");
+      done();
+    }).detach();
+  });
+  server_->registerHandler("/b", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setText(response, "third");
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/a") + get("/later") + get("/b")));
+  const std::string expected = plain("first") + plain("second") + plain("third");
+  EXPECT_EQ(expected, client.read(expected.size()));
+}
+
+TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  constexpr int kCount = 5;
+  LoopbackClient client(port());
+  std::string requests;
+  std::string expected;
+  for (int i = 0; i < kCount; ++i) {
+    requests += get("/n/" + std::to_string(i));
+    expected += plain("/n/" + std::to_string(i));
+  }
+  ASSERT_TRUE(client.write(requests));
+  ASSERT_TRUE(dones.waitFor(kCount));
+  // The last first: nothing may go out before the first is done.
+  for (int i = kCount - 1; i > 0; --i) dones.at(i)();
+  EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook the first";
+  dones.at(0)();
+  EXPECT_EQ(expected, client.read(expected.size()));
+}
+
+TEST_F(StreamServerTest, DoneFromManyThreadsAtOnceWritesEachAnswerOnceInOrder) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  constexpr int kCount = 32;
+  LoopbackClient client(port());
+  std::string requests;
+  std::string expected;
+  for (int i = 0; i < kCount; ++i) {
+    requests += get("/n/" + std::to_string(i));
+    expected += plain("/n/" + std::to_string(i));
+  }
+  ASSERT_TRUE(client.write(requests));
+  ASSERT_TRUE(dones.waitFor(kCount));
+  // Every done runs twice, from two threads, all of them released at once.
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2 * kCount; ++i) {
+    std::function<void()> done = dones.at(i % kCount);
+    threads.emplace_back([&go, done] {
+      while (!go.load()) std::this_thread::yield();
+      done();
+    });
+  }
+  go = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(expected, client.read(expected.size()));
+  EXPECT_FALSE(client.waitReadable(50)) << "an answer was written twice";
+}
+
+TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/later", [&dones](const HttpRequestPtr&, const HttpResponsePtr&,
+                         std::function<void()> done) { dones.add(std::move(done)); });
+  {
+    LoopbackClient client(port());
+    ASSERT_TRUE(client.write(get("/later")));
+    ASSERT_TRUE(dones.waitFor(1));
+    EXPECT_TRUE(answerStillWanted(dones.at(0)));
+    EXPECT_FALSE(answerStillWanted([] {})) << "not a done of ours";
+    // A reset: a client that merely ends its side still gets its answer.
+    client.abort();
+  }
+  EXPECT_TRUE(eventually([&] { return !answerStillWanted(dones.at(0)); }));
+  dones.at(0)();
+  waitForDeferredWork();
+  // The server still serves.
+  LoopbackClient other(port());
+  ASSERT_TRUE(other.write(get("/none")));
+  EXPECT_EQ("HTTP/1.1 404", other.read(12));
+}
+
+TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
+  auto service = std::make_shared<vantu::testing::TestServiceImpl>();
+  server_->registerRPCService(service);
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/later",
+      [&dones](const HttpRequestPtr&, const HttpResponsePtr& response, std::function<void()> done) {
+        setText(response, "late");
+        dones.add(std::move(done));
+      });
+  std::shared_ptr<HttpStream> stream;
+  Mutex mutex;
+  server_->registerStreamHandler("/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& s) {
+    MutexLock lock(mutex);
+    stream = s;
+  });
+  LoopbackClient client(port());
+  const std::string call = vantu::testing::rpcRequest("relaytest.TestService", "Echo", "7",
+                                                      vantu::testing::textMessage("hi"));
+  ASSERT_TRUE(client.write(get("/later") + call));
+  // The call's answer does not wait for the plain answer before it.
+  std::string got;
+  readUntil(&client, "hi", &got);
+  EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
+  EXPECT_NE(std::string::npos, got.find("Rpc-Id: 7")) << got;
+  EXPECT_EQ(std::string::npos, got.find("late"));
+  ASSERT_TRUE(dones.waitFor(1));
+  dones.at(0)();
+  got.clear();
+  readUntil(&client, "late", &got);
+
+  // A call answered while a stream is under way comes after the stream's end.
+  ASSERT_TRUE(client.write(get("/stream")));
+  ASSERT_TRUE(eventually([&] {
+    MutexLock lock(mutex);
+    return stream != nullptr;
+  }));
+  ASSERT_TRUE(stream->write("one"));
+  got.clear();
+  readUntil(&client, "3\r\none\r\n", &got);
+  ASSERT_TRUE(client.write(call));
+  ASSERT_TRUE(eventually([&] { return service->calls.load() == 2; }));
+  std::thread([stream] {
+    stream->write("two");
+    stream->finish();
+  }).join();
+  got.clear();
+  readUntil(&client, "hi", &got);
+  const size_t end = got.find("3\r\ntwo\r\n0\r\n\r\n");
+  ASSERT_NE(std::string::npos, end) << got;
+  EXPECT_EQ(0u, end) << "bytes came between the stream's chunks: " << got;
+}
+
+// A stream handler that writes `pieces` from another thread and finishes.
+void serveCounting(HttpServer* server, int pieces) {
+  server->registerStreamHandler("/count",
+                                [pieces](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+                                  std::thread([stream, pieces] {
+                                    auto response = std::make_shared<HttpResponse>();
+                                    response->setContentType("text/plain");
+                                    stream->start(response);
+                                    for (int i = 0; i < pieces; ++i)
+                                      stream->write("piece " + std::to_string(i) + "\n");
+                                    stream->finish();
+                                  }).detach();
+                                });
+}
+
+std::string runCommand(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+TEST_F(StreamServerTest, StreamReadsAsChunkedByCurlAndPython) {
+  serveCounting(server_.get(), 100);
+  std::string expected;
+  for (int i = 0; i < 100; ++i) expected += "piece " + std::to_string(i) + "\n";
+  const std::string url = "http://127.0.0.1:" + std::to_string(port()) + "/count";
+  EXPECT_EQ(expected, runCommand("curl -sS -N --max-time 30 " + url));
+  const std::string python =
+      "import http.client,sys\n"
+      "c=http.client.HTTPConnection('127.0.0.1'," +
+      std::to_string(port()) +
+      ",timeout=30)\n"
+      "c.request('GET','/count')\n"
+      "r=c.getresponse()\n"
+      "assert r.getheader('Transfer-Encoding')=='chunked', r.getheaders()\n"
+      "assert r.getheader('Content-Length') is None\n"
+      "sys.stdout.write(r.read().decode())\n"
+      // The connection stays usable: a second answer on it.
+      "c.request('GET','/count')\n"
+      "sys.stdout.write(c.getresponse().read().decode())\n";
+  EXPECT_EQ(expected + expected, runCommand("python3 -c \"" + python + "\""));
+}
+
+TEST_F(StreamServerTest, Http10ClientGetsTheStreamEndedByTheClose) {
+  serveCounting(server_.get(), 3);
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/count", "1.0")));
+  const std::string answer = client.readToEnd();
+  EXPECT_EQ(
+      "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/plain\r\n\r\n"
+      "piece 0\npiece 1\npiece 2\n",
+      answer);
+}
+
+TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadOnly) {
+  std::atomic<bool> write_result{true};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->start(std::make_shared<HttpResponse>());
+    write_result = stream->write("body");
+    stream->finish();
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write("HEAD /s HTTP/1.1\r\nHost: test\r\n\r\n" + get("/none")));
+  const std::string head =
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::string not_found =
+      "HTTP/1.1 404 Not Found\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n";
+  EXPECT_EQ(head + not_found, client.read(head.size() + not_found.size()));
+  EXPECT_FALSE(write_result.load());
+}
+
+TEST_F(StreamServerTest, RequestsPipelinedBehindAStreamWaitForItsEnd) {
+  std::shared_ptr<HttpStream> stream;
+  Mutex mutex;
+  server_->registerStreamHandler("/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& s) {
+    MutexLock lock(mutex);
+    stream = s;
+  });
+  server_->registerHandler("/plain", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setText(response, "after");
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/stream") + get("/plain")));
+  ASSERT_TRUE(eventually([&] {
+    MutexLock lock(mutex);
+    return stream != nullptr;
+  }));
+  ASSERT_TRUE(stream->write("abc"));
+  std::string got;
+  readUntil(&client, "3\r\nabc\r\n", &got);
+  EXPECT_FALSE(client.waitReadable(50)) << "the plain answer overtook the stream";
+  stream->finish();
+  const std::string rest = "0\r\n\r\n" + plain("after");
+  EXPECT_EQ(rest, client.read(rest.size()));
+}
+
+TEST_F(StreamServerTest, ClientVanishingMidStreamClosesIt) {
+  std::atomic<bool> closed{false};
+  std::atomic<bool> write_failed{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onClose([&closed] { closed = true; });
+    std::thread([stream, &write_failed] {
+      // Writes until told the client is gone (bounded by the test's guard).
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      while (std::chrono::steady_clock::now() < deadline) {
+        if (!stream->write("tick\n")) {
+          write_failed = true;
+          return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    }).detach();
+  });
+  {
+    LoopbackClient client(port());
+    ASSERT_TRUE(client.write(get("/s")));
+    std::string got;
+    readUntil(&client, "tick", &got);
+  }
+  EXPECT_TRUE(eventually([&] { return closed.load() && write_failed.load(); }));
+}
+
+TEST_F(StreamServerTest, SlowReaderOfAFastStreamHoldsNoMoreThanTheMark) {
+  constexpr size_t kPiece = 64 * 1024;
+  constexpr size_t kTotal = 16 * 1024 * 1024;
+  Mutex mutex;
+  ConditionVariable changed;
+  std::atomic<size_t> written_when_blocked{0};
+  std::atomic<bool> done{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onWritableChanged([&](bool) {
+      MutexLock lock(mutex);
+      changed.notifyAll();
+    });
+    std::thread([&, stream] {
+      const std::string piece(kPiece, 'x');
+      size_t written = 0;
+      while (written < kTotal) {
+        if (!stream->write(piece)) return;
+        written += kPiece;
+        MutexLock lock(mutex);
+        if (!stream->writable() && written_when_blocked.load() == 0) {
+          written_when_blocked = written;
+        }
+        // Told to wait: until the callback says it may go on.
+        const Time deadline = Time::now() + Duration::seconds(30);
+        while (!stream->writable() && !stream->closed() && Time::now() < deadline) {
+          changed.timedWaitAbsolute(mutex, deadline);
+        }
+      }
+      stream->finish();
+      done = true;
+    }).detach();
+  });
+  // A small receive buffer that is not read until the writer was told to wait.
+  LoopbackClient client(SocketAddress("127.0.0.1", port()), 64 * 1024);
+  ASSERT_TRUE(client.write(get("/s")));
+  ASSERT_TRUE(eventually([&] { return written_when_blocked.load() > 0; }));
+  // What the writer got rid of before it had to wait: the mark, what the
+  // kernel buffers took, and a piece.
+  EXPECT_LT(written_when_blocked.load(), size_t{6} * 1024 * 1024);
+  // Read everything: the writer hears that it may go on, and finishes.
+  size_t body = 0;
+  std::string tail;
+  char buffer[64 * 1024];
+  while (tail.find("0\r\n\r\n") == std::string::npos) {
+    const ssize_t n = ::recv(client.fd(), buffer, sizeof(buffer), 0);
+    if (n <= 0) break;
+    for (ssize_t i = 0; i < n; ++i) body += buffer[i] == 'x';
+    tail.append(buffer, static_cast<size_t>(n));
+    if (tail.size() > 16) tail.erase(0, tail.size() - 16);
+  }
+  EXPECT_TRUE(done.load());
+  EXPECT_EQ(kTotal, body);
+}
+
+TEST_F(StreamServerTest, WriterThatDoesNotWaitLosesTheStream) {
+  std::atomic<size_t> accepted{0};
+  std::atomic<bool> refused{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    std::thread([&, stream] {
+      const std::string piece(64 * 1024, 'x');
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      while (std::chrono::steady_clock::now() < deadline) {
+        if (!stream->write(piece)) {
+          refused = true;
+          return;
+        }
+        accepted += piece.size();
+      }
+    }).detach();
+  });
+  LoopbackClient client(SocketAddress("127.0.0.1", port()), 64 * 1024);
+  ASSERT_TRUE(client.write(get("/s")));
+  ASSERT_TRUE(eventually([&] { return refused.load(); }));
+  // Twice the mark, the kernel's buffers and a piece at most.
+  EXPECT_LT(accepted.load(), size_t{8} * 1024 * 1024);
+}
+
+TEST_F(StreamServerTest, IdleStreamEndsCleanlyAfterTheIdleTimeout) {
+  HttpServerOptions options;
+  options.idle_timeout = Duration::milliseconds(200);
+  server_.reset();
+  start(options);
+  std::atomic<bool> closed{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onClose([&closed] { closed = true; });
+    stream->write("hello");
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s")));
+  std::string got;
+  readUntil(&client, "0\r\n\r\n", &got);
+  EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
+  EXPECT_TRUE(eventually([&] { return closed.load(); }));
+}
+
+TEST_F(StreamServerTest, DrainEndsStreamsCleanlyAtItsDeadline) {
+  std::atomic<bool> closed{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onClose([&closed] { closed = true; });
+    stream->write("hello");
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s")));
+  std::string got;
+  readUntil(&client, "hello", &got);
+  EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
+  got += client.readToEnd();
+  EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
+  EXPECT_TRUE(closed.load());
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
