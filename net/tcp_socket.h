@@ -180,11 +180,14 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // Closes the connection and drops the handler. `notify_close` runs on_close_.
   void finish(bool notify_close);
   void activateWrite();
+  // After output was added: the bound, and a flush unless a read batch is on.
+  void outputAdded();
   // Process exit: closes every socket still open, without notifications.
   static void closeAllOpen();
 
   // char_stream::PushStreamSink::Writer
   void writeBytes(const char* data, size_t size) override;
+  void writeOwned(std::unique_ptr<char_stream::OwnedBytes> bytes) override;
   void endOfStream() override;
   void abortStream() override;
 
