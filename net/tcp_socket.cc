@@ -505,6 +505,11 @@ size_t TcpSocket::pendingOutput() const {
 }
 
 void TcpSocket::pauseReading() {
+  // Only a server's connection holds back: what it reads makes answers. A
+  // client's reading makes no output, and holding it back while its own
+  // requests wait would deadlock against a server that does the same (large
+  // calls in flight both ways).
+  if (!owns_itself_) return;
   if (reading_paused_ || input_ended_ || state_ != kOpen) return;
   event_del(read_event_);
   reading_paused_ = true;

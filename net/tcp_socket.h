@@ -27,10 +27,11 @@ class TlsTransport;
 // batch of input (a pipelined burst of requests, say) leaves in one sendmsg at
 // the end of it. Reads take what the kernel has, up to a bound per event.
 //
-// Backpressure: while more than kOutputHighWater bytes wait to be sent (a peer
-// that sends requests and does not read the answers), the socket stops reading
-// from the peer; it reads again once the backlog drains below half of that.
-// Such a peer costs about that much memory plus one read, whatever it sends.
+// Backpressure, on a server's connections: while more than kOutputHighWater
+// bytes wait to be sent (a peer that sends requests and does not read the
+// answers), the socket stops reading from the peer; it reads again once the
+// backlog drains below half of that. Such a peer costs about that much memory
+// plus one read, whatever it sends. A client's socket always reads.
 //
 // The connection ends when the peer has closed its side and everything sent
 // was flushed (unless the handler asks to keep it open for answers still being
