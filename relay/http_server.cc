@@ -15,6 +15,7 @@
 #include "common/event_thread.h"
 #include "common/logging.h"
 #include "common/map_util.h"
+#include "common/memory_policy.h"
 #include "common/weak_function.h"
 #include "relay/call_record_cache.h"
 #include "relay/connection_registry.h"
@@ -31,6 +32,10 @@ constexpr char kLogger[] = "http_server";
 constexpr char kSourceFile[] = "relay/http_server";
 
 std::atomic<int> g_live_servers{0};
+
+// A call whose request body is larger frees the body once decoded, and its
+// request message before the answer is encoded.
+constexpr size_t kLargeBody = size_t{64} * 1024;
 
 // Writes a response to a connection that may have gone: the header block, then
 // the content, as two sends that no other response's bytes come between.
@@ -79,7 +84,11 @@ struct GiveBack {
     // Before its controller is reused or freed.
     if (record->ticket) record->ticket->finish();
     if (record->owes_answer) settleAnswer(record->connection);
+    const bool very_large = record->very_large;
+    // A large call's messages keep their buffers: not worth keeping.
+    if (record->large) record->reusable = false;
     CallRecordCache::give(record);
+    if (very_large) memory_policy::releaseFreeMemory();
   }
 };
 using RecordPtr = std::unique_ptr<HttpServerImpl::RPCInfo, GiveBack>;
@@ -277,6 +286,13 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
     refuseCall("Can't parse request.", HttpServerObserver::RpcOutcome::kBadRequest);
     return;
   }
+  // The message holds what the body held: a large body goes now rather than
+  // after the call, so that a call in progress keeps one copy of its request.
+  if (request->body.size() > kLargeBody) {
+    info->large = true;
+    info->very_large = memory_policy::isLargeRequest(0, request->body.size());
+    std::string().swap(request->body);
+  }
   info->http_response = response;
   info->id = id;
   info->connection = connection;
@@ -335,6 +351,9 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
     VANTU_LOG(6, kLogger, kSourceFile) << info->response->DebugString() << " json:" << body;
     content.insert(content.end(), body.begin(), body.end());
   } else {
+    // The service is done with the request: a large one goes before the
+    // answer's bytes are made.
+    if (info->large) info->request.reset();
     // The wire format goes straight into the answer's content, uncopied.
     const size_t at = content.size();
     content.resize(at + info->response->ByteSizeLong());
