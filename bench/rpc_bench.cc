@@ -113,6 +113,10 @@ struct TextEcho {
   static void fill(Request* request) {
     request->set_text(kText);
   }
+  template <class Request, class Reply>
+  static void answer(const Request& request, Reply* reply) {
+    reply->set_text(request.text());
+  }
   template <class Reply>
   static std::string wrong(const Reply& reply) {
     return reply.text() == kText ? "" : "reply text '" + reply.text() + "'";
@@ -130,6 +134,10 @@ struct BlobEcho {
   static void fill(Request* request) {
     request->set_data(g_payload);
   }
+  template <class Request, class Reply>
+  static void answer(const Request& request, Reply* reply) {
+    reply->set_data(request.data());
+  }
   template <class Reply>
   static std::string wrong(const Reply& reply) {
     return samePayload(reply.data()) ? ""
@@ -143,7 +151,7 @@ class BlobServiceImpl : public blob::BlobService {
  public:
   void Echo(google::protobuf::RpcController*, const blob::Blob* request, blob::Blob* response,
             google::protobuf::Closure* done) override {
-    response->set_data(request->data());
+    BlobEcho::answer(*request, response);
     done->Run();
   }
 };
@@ -392,7 +400,7 @@ class GrpcServerCall : public GrpcServerTag {
       return;
     }
     new GrpcServerCall(service_, cq_);  // ready for the next request at once
-    reply_.CopyFrom(request_);          // the one field, copied as our service copies it
+    Echo::answer(request_, &reply_);    // copied, as our service copies it
     answered_ = true;
     responder_.Finish(reply_, grpc::Status::OK, this);
   }
