@@ -28,6 +28,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -1092,6 +1093,271 @@ int runLarge(const Options& options) {
   return 0;
 }
 
+// ---------------------------------------------------------------------------
+// Open loop (--open-loop): calls due at a fixed rate, each call's latency
+// measured from the time it was due, whether or not it could be issued then
+// (wrk2's method: a stall shows in every call that fell due during it), with
+// at most kOpenLoopInFlight calls out at once, as the closed-loop load that
+// measures the peak has.
+
+constexpr int kOpenLoopInFlight = 64;
+
+// The schedule and what it measured. run() on the pacing thread; complete()
+// on whichever thread completes calls; results once run() has returned.
+class OpenLoop {
+ public:
+  OpenLoop(double rate, const Options& options, Clock::time_point start)
+      : rate_(rate),
+        start_(start),
+        from_(Recorder::windowStart(options, start)),
+        until_(Recorder::windowEnd(options, start)) {
+    for (int i = 0; i < kOpenLoopInFlight; ++i) free_.push_back(i);
+    due_.resize(kOpenLoopInFlight);
+  }
+  OpenLoop(const OpenLoop&) = delete;
+  OpenLoop& operator=(const OpenLoop&) = delete;
+
+  // Issues every call as it falls due, once one of the slots is free; false
+  // on a stall (a slot not freed for kStallLimit, or calls still out then
+  // after the end).
+  bool run(const std::function<void(int slot)>& issue) {
+    // Wake-ups on time, not up to the default 50 µs late.
+    prctl(PR_SET_TIMERSLACK, 1);
+    for (uint64_t k = 0;; ++k) {
+      const Clock::time_point due = start_ + std::chrono::duration_cast<Clock::duration>(
+                                                 std::chrono::duration<double>(k / rate_));
+      if (due >= until_) break;
+      std::this_thread::sleep_until(due);
+      int slot;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!freed_.wait_until(lock, Clock::now() + kStallLimit,
+                               [this] { return !free_.empty(); })) {
+          return false;
+        }
+        slot = free_.back();
+        free_.pop_back();
+        due_[slot] = due;
+      }
+      issue(slot);
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    return freed_.wait_until(lock, Clock::now() + kStallLimit,
+                             [this] { return free_.size() == kOpenLoopInFlight; });
+  }
+
+  void complete(int slot, const std::string& error) {
+    const Clock::time_point now = Clock::now();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!error.empty()) {
+      if (errors_++ == 0) first_error_ = error;
+    } else if (due_[slot] >= from_ && due_[slot] < until_) {
+      latencies_us_.push_back(std::chrono::duration<double, std::micro>(now - due_[slot]).count());
+    }
+    free_.push_back(slot);
+    freed_.notify_all();
+  }
+
+  // After run().
+  std::vector<double>& latencies() { return latencies_us_; }
+  uint64_t errors() const { return errors_; }
+  const std::string& firstError() const { return first_error_; }
+
+ private:
+  const double rate_;
+  const Clock::time_point start_;
+  const Clock::time_point from_;
+  const Clock::time_point until_;
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  // Guarded by mutex_.
+  std::vector<int> free_;
+  std::vector<Clock::time_point> due_;
+  std::vector<double> latencies_us_;
+  uint64_t errors_ = 0;
+  std::string first_error_;
+};
+
+struct TailResult {
+  bool valid = false;
+  double achieved = 0;  // calls per second inside the window
+  double p50_us = 0, p99_us = 0, p999_us = 0;
+};
+
+TailResult tailOf(const std::string& what, OpenLoop& load, bool completed, const Options& options) {
+  if (!completed) problem(what + ": calls stalled");
+  if (load.errors() > 0) {
+    problem(what + ": " + std::to_string(load.errors()) +
+            " calls failed; first: " + load.firstError());
+  }
+  std::vector<double>& latencies = load.latencies();
+  TailResult result;
+  if (!completed || latencies.empty()) return result;
+  std::sort(latencies.begin(), latencies.end());
+  result.valid = true;
+  result.achieved = latencies.size() / options.seconds;
+  result.p50_us = percentile(latencies, 0.5);
+  result.p99_us = percentile(latencies, 0.99);
+  result.p999_us = percentile(latencies, 0.999);
+  return result;
+}
+
+TailResult openLoopOurs(const Options& options, const ServerProcess& server, double rate) {
+  const std::string what = "ours, open loop at " + format(rate, "%.0f") + "/s";
+  vantu::relay::RPCChannelPtr channel =
+      vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port));
+  if (!channel) {
+    problem(what + ": RPCChannel::create failed");
+    return {};
+  }
+  demo::EchoService_Stub stub(channel.get());
+  demo::EchoRequest request;
+  request.set_text(kText);
+  struct Call : google::protobuf::Closure {
+    void Run() override {
+      load->complete(slot, controller.Failed() ? controller.ErrorText() : TextEcho::wrong(reply));
+    }
+    OpenLoop* load = nullptr;
+    int slot = 0;
+    vantu::relay::RPC controller;
+    demo::EchoReply reply;
+  };
+  OpenLoop load(rate, options, Clock::now());
+  std::vector<Call> calls(kOpenLoopInFlight);
+  for (int i = 0; i < kOpenLoopInFlight; ++i) {
+    calls[i].load = &load;
+    calls[i].slot = i;
+  }
+  const bool completed = load.run([&](int slot) {
+    Call& call = calls[slot];
+    call.controller.Reset();
+    call.reply.Clear();
+    stub.Echo(&call.controller, &request, &call.reply, &call);
+  });
+  if (!completed) {
+    // The channel's destruction completes the calls still out, later, on the
+    // event thread: their slots must stay valid.
+    channel.reset();
+    new std::vector<Call>(std::move(calls));
+    return tailOf(what, load, false, options);
+  }
+  channel.reset();
+  return tailOf(what, load, true, options);
+}
+
+TailResult openLoopGrpc(const Options& options, const ServerProcess& server, double rate) {
+  const std::string what = "gRPC, open loop at " + format(rate, "%.0f") + "/s";
+  std::shared_ptr<grpc::Channel> channel = grpc::CreateChannel(
+      "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials());
+  if (!channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(5))) {
+    problem(what + ": the channel did not connect");
+    return {};
+  }
+  auto stub = grpc_echo::EchoService::NewStub(channel);
+  grpc::CompletionQueue cq;
+  grpc_echo::EchoRequest request;
+  request.set_text(kText);
+  struct Call {
+    std::unique_ptr<grpc::ClientContext> context;
+    std::unique_ptr<grpc::ClientAsyncResponseReader<grpc_echo::EchoReply>> reader;
+    grpc_echo::EchoReply reply;
+    grpc::Status status;
+  };
+  std::vector<Call> calls(kOpenLoopInFlight);
+  OpenLoop load(rate, options, Clock::now());
+  // Completions on a thread of their own, as our channel's on its event thread.
+  std::thread completer([&] {
+    void* tag;
+    bool ok;
+    while (cq.Next(&tag, &ok)) {
+      const int slot = static_cast<int>(reinterpret_cast<intptr_t>(tag));
+      Call& call = calls[slot];
+      load.complete(slot, !call.status.ok() ? call.status.error_message()
+                          : !ok             ? "the call did not complete"
+                                            : TextEcho::wrong(call.reply));
+    }
+  });
+  const bool completed = load.run([&](int slot) {
+    Call& call = calls[slot];
+    call.context = std::make_unique<grpc::ClientContext>();
+    call.reply.Clear();
+    call.reader = stub->AsyncEcho(call.context.get(), request, &cq);
+    call.reader->Finish(&call.reply, &call.status,
+                        reinterpret_cast<void*>(static_cast<intptr_t>(slot)));
+  });
+  if (!completed) {
+    for (Call& call : calls) {
+      if (call.context) call.context->TryCancel();
+    }
+  }
+  cq.Shutdown();
+  completer.join();
+  return tailOf(what, load, completed, options);
+}
+
+// Peaks closed-loop at 64 in flight, then the open-loop latencies at half of
+// each side's own peak and at one common rate, three quarters of the lower.
+int runTail(const Options& options) {
+  ServerProcess ours, grpc_server;
+  if (!startServer("ours", &ours) || !startServer("grpc", &grpc_server)) {
+    stopServer("ours", &ours);
+    stopServer("grpc", &grpc_server);
+    return 1;
+  }
+  Clock::time_point start = Clock::now();
+  Round ours_peak = runOurs(options, ours, kOpenLoopInFlight, start);
+  start = Clock::now();
+  Round grpc_peak = runGrpc<TextEcho>(options, grpc_server, kOpenLoopInFlight, start);
+  const double lower = std::min(ours_peak.calls_per_second, grpc_peak.calls_per_second);
+  struct Run {
+    const char* side;
+    const char* label;
+    double rate;
+    TailResult result;
+  };
+  std::vector<Run> runs = {
+      {"ours", "ours, half its peak", ours_peak.calls_per_second / 2, {}},
+      {"grpc", "gRPC, half its peak", grpc_peak.calls_per_second / 2, {}},
+      {"ours", "ours, common rate", lower * 0.75, {}},
+      {"grpc", "gRPC, common rate", lower * 0.75, {}},
+  };
+  if (ours_peak.valid && grpc_peak.valid) {
+    for (Run& run : runs) {
+      const bool is_ours = std::strcmp(run.side, "ours") == 0;
+      run.result = is_ours ? openLoopOurs(options, ours, run.rate)
+                           : openLoopGrpc(options, grpc_server, run.rate);
+      if (!serverAlive(run.side, is_ours ? &ours : &grpc_server)) break;
+    }
+  }
+  stopServer("ours", &ours);
+  stopServer("grpc", &grpc_server);
+  std::printf(
+      "== RPC echo (\"%s\"), open loop: calls due at a fixed rate, at most %d out at once, latency "
+      "from each call's due time; server on CPU %d, client on CPU %d, %.1f s (+%.1f s warm-up) "
+      "per run\n   peaks, closed loop at %d in flight: ours %.0f calls/s, gRPC %.0f calls/s\n",
+      kText, kOpenLoopInFlight, kServerCpu, kClientCpu, options.seconds, options.warmup,
+      kOpenLoopInFlight, ours_peak.calls_per_second, grpc_peak.calls_per_second);
+  std::printf("%-22s %10s %10s %10s %10s %10s\n", "run", "rate/s", "achieved", "p50 µs", "p99 µs",
+              "p99.9 µs");
+  for (const Run& run : runs) {
+    const TailResult& r = run.result;
+    std::printf("%-22s %10.0f %10s %9s %9s %9s\n", run.label, run.rate,
+                r.valid ? format(r.achieved, "%.0f").c_str() : "-",
+                r.valid ? format(r.p50_us, "%.0f").c_str() : "-",
+                r.valid ? format(r.p99_us, "%.0f").c_str() : "-",
+                r.valid ? format(r.p999_us, "%.0f").c_str() : "-");
+  }
+  if (runs[2].result.valid && runs[3].result.valid) {
+    std::printf("p99 at the common rate, ours / gRPC: %.2f\n",
+                runs[2].result.p99_us / runs[3].result.p99_us);
+  }
+  if (!g_problems.empty()) {
+    std::fprintf(stderr, "rpc_bench: %zu problem(s), see above\n", g_problems.size());
+    return 1;
+  }
+  return 0;
+}
+
 // "a,b,c" as its items.
 std::vector<std::string> splitList(const std::string& text) {
   std::vector<std::string> items;
@@ -1108,6 +1374,7 @@ int usage() {
   std::fprintf(stderr,
                "usage: rpc_bench [--seconds S] [--warmup S] [--rounds N] [--in-flight N[,N...]]\n"
                "                 [--payloads BYTES[,BYTES...]]   (the large-message echo)\n"
+               "                 [--open-loop]   (tail latency at fixed rates, 64 at most out)\n"
                "       rpc_bench --serve ours|ours-tls|grpc|pingpong --cpu N   (the server "
                "child)\n"
                "RPC_BENCH_TLS_DIR: scripts/make-test-certs' directory, for the TLS sides\n");
@@ -1119,10 +1386,15 @@ int usage() {
 int main(int argc, char** argv) {
   Options options;
   bool in_flight_given = false;
+  bool open_loop = false;
   std::string serve;
   int serve_cpu = kServerCpu;
   for (int i = 1; i < argc; ++i) {
     std::string flag = argv[i];
+    if (flag == "--open-loop") {
+      open_loop = true;
+      continue;
+    }
     if (i + 1 >= argc) return usage();
     std::string arg = argv[++i];
     if (flag == "--seconds") {
@@ -1175,6 +1447,7 @@ int main(int argc, char** argv) {
   }
 
   if (!options.payloads.empty()) return runLarge(options);
+  if (open_loop) return runTail(options);
 
   // ours, gRPC and ours with options first: the tables take them from there.
   std::vector<Side> sides;
