@@ -28,6 +28,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -48,6 +49,7 @@
 #include <vector>
 
 #include "bench/floor/ping_pong.h"
+#include "blob.pb.h"
 #include "common/socket_address.h"
 #include "examples/demo_service.h"
 #include "relay/http_server.h"
@@ -67,6 +69,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char kText[] = "hello";
+// The large-message echo's payload (--payloads): opaque bytes, the same on
+// every side. Set before any load runs, read-only afterwards.
+std::string g_payload;
 constexpr int kServerCpu = 0;
 constexpr int kClientCpu = 1;
 // How long a drained client waits for its last answers before calling it a stall.
@@ -77,6 +82,8 @@ struct Options {
   double warmup = 0.5;   // per round, on a fresh channel
   int rounds = 3;
   std::vector<int> in_flight = {1, 64};
+  // Non-empty: the large-message echo of these sizes instead (--payloads).
+  std::vector<size_t> payloads;
 };
 
 std::vector<std::string> g_problems;
@@ -85,6 +92,70 @@ void problem(const std::string& text) {
   std::fprintf(stderr, "rpc_bench: PROBLEM: %s\n", text.c_str());
   g_problems.push_back(text);
 }
+
+// The two echoes both sides run: the demo's 5-byte text, and the large
+// message's bytes. A reply is checked by its size and by its first and last
+// 4 KiB, so that the client's check does not cost as much as the echo.
+bool samePayload(const std::string& data) {
+  const size_t edge = std::min<size_t>(4096, g_payload.size());
+  return data.size() == g_payload.size() && std::memcmp(data.data(), g_payload.data(), edge) == 0 &&
+         std::memcmp(data.data() + data.size() - edge, g_payload.data() + g_payload.size() - edge,
+                     edge) == 0;
+}
+
+struct TextEcho {
+  using OurStub = demo::EchoService_Stub;
+  using OurRequest = demo::EchoRequest;
+  using OurReply = demo::EchoReply;
+  using GrpcService = grpc_echo::EchoService;
+  using GrpcRequest = grpc_echo::EchoRequest;
+  using GrpcReply = grpc_echo::EchoReply;
+  template <class Request>
+  static void fill(Request* request) {
+    request->set_text(kText);
+  }
+  template <class Request, class Reply>
+  static void answer(const Request& request, Reply* reply) {
+    reply->set_text(request.text());
+  }
+  template <class Reply>
+  static std::string wrong(const Reply& reply) {
+    return reply.text() == kText ? "" : "reply text '" + reply.text() + "'";
+  }
+};
+
+struct BlobEcho {
+  using OurStub = blob::BlobService_Stub;
+  using OurRequest = blob::Blob;
+  using OurReply = blob::Blob;
+  using GrpcService = grpc_echo::BlobService;
+  using GrpcRequest = grpc_echo::Blob;
+  using GrpcReply = grpc_echo::Blob;
+  template <class Request>
+  static void fill(Request* request) {
+    request->set_data(g_payload);
+  }
+  template <class Request, class Reply>
+  static void answer(const Request& request, Reply* reply) {
+    reply->set_data(request.data());
+  }
+  template <class Reply>
+  static std::string wrong(const Reply& reply) {
+    return samePayload(reply.data()) ? ""
+                                     : "a reply of " + std::to_string(reply.data().size()) +
+                                           " bytes that is not the payload";
+  }
+};
+
+// Our server's side of the large-message echo.
+class BlobServiceImpl : public blob::BlobService {
+ public:
+  void Echo(google::protobuf::RpcController*, const blob::Blob* request, blob::Blob* response,
+            google::protobuf::Closure* done) override {
+    BlobEcho::answer(*request, response);
+    done->Run();
+  }
+};
 
 // Pins the calling thread, and so every thread it starts afterwards, to `cpu`.
 bool pinTo(int cpu) {
@@ -275,18 +346,27 @@ std::string tlsDir() {
   return dir != nullptr ? dir : "";
 }
 
-int serveOurs(bool tls) {
-  vantu::relay::HttpServerOptions tls_options;
-  tls_options.tls.certificate_chain_file = tlsDir() + "/server.pem";
-  tls_options.tls.private_key_file = tlsDir() + "/server-key.pem";
+// `hardened`: HttpServerOptions::hardened() with its body limit raised to
+// 32 MiB, so that a 16 MiB message (and its few bytes of framing) passes.
+int serveOurs(bool tls, bool hardened = false) {
+  vantu::relay::HttpServerOptions options;
+  if (hardened) {
+    options = vantu::relay::HttpServerOptions::hardened();
+    options.max_body_bytes = uint64_t{32} * 1024 * 1024;
+  }
+  options.tls.certificate_chain_file = tlsDir() + "/server.pem";
+  options.tls.private_key_file = tlsDir() + "/server-key.pem";
+  if (!tls) options.tls = {};
   auto server =
-      tls ? vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 128, tls_options)
+      tls || hardened
+          ? vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 128, options)
           : vantu::relay::HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), /*n=*/128);
   if (!server) {
     std::fprintf(stderr, "rpc_bench server: HttpServer::create failed\n");
     return 1;
   }
   server->registerRPCService(std::make_shared<demo::EchoServiceImpl>());
+  server->registerRPCService(std::make_shared<BlobServiceImpl>());
   std::printf("PORT %u\n", static_cast<unsigned>(server->localAddress().port()));
   std::fflush(stdout);
   waitForStdinEof();
@@ -294,56 +374,70 @@ int serveOurs(bool tls) {
   return 0;
 }
 
+// Anything the gRPC server's completion queue hands back.
+class GrpcServerTag {
+ public:
+  virtual ~GrpcServerTag() = default;
+  virtual void proceed(bool ok) = 0;
+};
+
 // One Echo call on the gRPC server: waits for a request, answers it, goes away.
 // Owned by itself (deleted when finished or when the queue shuts down); used
 // only by the completion-queue thread.
-class GrpcServerCall {
+template <class Echo>
+class GrpcServerCall : public GrpcServerTag {
  public:
-  GrpcServerCall(grpc_echo::EchoService::AsyncService* service, grpc::ServerCompletionQueue* cq)
+  using AsyncService = typename Echo::GrpcService::AsyncService;
+  GrpcServerCall(AsyncService* service, grpc::ServerCompletionQueue* cq)
       : service_(service), cq_(cq), responder_(&context_) {
     service_->RequestEcho(&context_, &request_, &responder_, cq_, cq_, this);
   }
   GrpcServerCall(const GrpcServerCall&) = delete;
   GrpcServerCall& operator=(const GrpcServerCall&) = delete;
 
-  void proceed(bool ok) {
+  void proceed(bool ok) override {
     if (!ok || answered_) {
       delete this;
       return;
     }
     new GrpcServerCall(service_, cq_);  // ready for the next request at once
-    reply_.set_text(request_.text());
+    Echo::answer(request_, &reply_);    // copied, as our service copies it
     answered_ = true;
     responder_.Finish(reply_, grpc::Status::OK, this);
   }
 
  private:
-  grpc_echo::EchoService::AsyncService* const service_;
+  AsyncService* const service_;
   grpc::ServerCompletionQueue* const cq_;
   grpc::ServerContext context_;
-  grpc_echo::EchoRequest request_;
-  grpc_echo::EchoReply reply_;
-  grpc::ServerAsyncResponseWriter<grpc_echo::EchoReply> responder_;
+  typename Echo::GrpcRequest request_;
+  typename Echo::GrpcReply reply_;
+  grpc::ServerAsyncResponseWriter<typename Echo::GrpcReply> responder_;
   bool answered_ = false;
 };
 
 int serveGrpc() {
   grpc_echo::EchoService::AsyncService service;
+  grpc_echo::BlobService::AsyncService blob_service;
   grpc::ServerBuilder builder;
   int port = 0;
   builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
   builder.RegisterService(&service);
+  builder.RegisterService(&blob_service);
+  // gRPC refuses messages above 4 MiB unless told otherwise; ours takes any.
+  builder.SetMaxReceiveMessageSize(-1);
   std::unique_ptr<grpc::ServerCompletionQueue> cq = builder.AddCompletionQueue();
   std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
   if (!server || port == 0) {
     std::fprintf(stderr, "rpc_bench server: gRPC server failed to start\n");
     return 1;
   }
-  std::thread cq_thread([&service, &cq] {
-    new GrpcServerCall(&service, cq.get());
+  std::thread cq_thread([&service, &blob_service, &cq] {
+    new GrpcServerCall<TextEcho>(&service, cq.get());
+    new GrpcServerCall<BlobEcho>(&blob_service, cq.get());
     void* tag;
     bool ok;
-    while (cq->Next(&tag, &ok)) static_cast<GrpcServerCall*>(tag)->proceed(ok);
+    while (cq->Next(&tag, &ok)) static_cast<GrpcServerTag*>(tag)->proceed(ok);
   });
   std::printf("PORT %d\n", port);
   std::fflush(stdout);
@@ -354,8 +448,8 @@ int serveGrpc() {
   return 0;
 }
 
-int servePingPong() {
-  bench_floor::PingPongServer server;
+int servePingPong(bool stream) {
+  bench_floor::PingPongServer server(stream);
   if (!server.start()) return 1;
   std::printf("PORT %u\n", static_cast<unsigned>(server.port()));
   std::fflush(stdout);
@@ -460,12 +554,13 @@ bool serverAlive(const std::string& kind, ServerProcess* server) {
 // closure runs on the event thread; it records the call and issues the next one
 // on the same channel. Owned by runOurs; the main thread only starts the load
 // and waits for the last completion.
+template <class Echo>
 class OursLoad {
  public:
   OursLoad(const vantu::relay::RPCChannelPtr& channel, int in_flight, const Options& options,
            Clock::time_point start)
       : stub_(channel.get()), recorder_(options, start), outstanding_(in_flight) {
-    request_.set_text(kText);
+    Echo::fill(&request_);
     for (int i = 0; i < in_flight; ++i) calls_.push_back(std::make_unique<Call>(this));
   }
   OursLoad(const OursLoad&) = delete;
@@ -500,7 +595,7 @@ class OursLoad {
 
     OursLoad* const load;
     vantu::relay::RPC controller;
-    demo::EchoReply reply;
+    typename Echo::OurReply reply;
     Clock::time_point issued;
   };
 
@@ -514,9 +609,8 @@ class OursLoad {
   void complete(Call* call) {
     if (abandoned_) return;
     const bool failed = call->controller.Failed();
-    const bool ok = !failed && call->reply.text() == kText;
-    const std::string error =
-        failed ? call->controller.ErrorText() : "reply text '" + call->reply.text() + "'";
+    const std::string error = failed ? call->controller.ErrorText() : Echo::wrong(call->reply);
+    const bool ok = error.empty();
     const bool more = recorder_.record(call->issued, ok, error);
     if (!topped_up_) {
       topped_up_ = true;
@@ -530,8 +624,8 @@ class OursLoad {
     if (--outstanding_ == 0) drained_.notify_all();
   }
 
-  demo::EchoService_Stub stub_;
-  demo::EchoRequest request_;
+  typename Echo::OurStub stub_;
+  typename Echo::OurRequest request_;
   std::vector<std::unique_ptr<Call>> calls_;
   std::atomic<bool> abandoned_{false};
   // Event thread only, once started; then the main thread, once drained.
@@ -544,13 +638,14 @@ class OursLoad {
 };
 
 // Loads `channel` (made by the caller) with `in_flight` calls.
+template <class Echo = TextEcho>
 Round runOursOn(const std::string& what, vantu::relay::RPCChannelPtr channel,
                 const Options& options, int in_flight, Clock::time_point start) {
   if (!channel) {
     problem(what + ": RPCChannel::create failed");
     return {};
   }
-  auto load = std::make_unique<OursLoad>(channel, in_flight, options, start);
+  auto load = std::make_unique<OursLoad<Echo>>(channel, in_flight, options, start);
   load->start();
   if (!load->waitUntilDrained()) {
     problem(what + ": " + std::to_string(load->outstanding()) + " calls still unanswered " +
@@ -587,24 +682,28 @@ Round runOursResilient(const Options& options, const ServerProcess& server, int 
 // ---------------------------------------------------------------------------
 // The gRPC client.
 
+template <class Echo = TextEcho>
 Round runGrpc(const Options& options, const ServerProcess& server, int in_flight,
               Clock::time_point start) {
   const std::string what = "gRPC, " + std::to_string(in_flight) + " in flight";
-  std::shared_ptr<grpc::Channel> channel = grpc::CreateChannel(
-      "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials());
+  grpc::ChannelArguments arguments;
+  // As on the server: no 4 MiB ceiling.
+  arguments.SetMaxReceiveMessageSize(-1);
+  std::shared_ptr<grpc::Channel> channel = grpc::CreateCustomChannel(
+      "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials(), arguments);
   if (!channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(5))) {
     problem(what + ": the channel did not connect");
     return {};
   }
-  std::unique_ptr<grpc_echo::EchoService::Stub> stub = grpc_echo::EchoService::NewStub(channel);
+  auto stub = Echo::GrpcService::NewStub(channel);
   grpc::CompletionQueue cq;
-  grpc_echo::EchoRequest request;
-  request.set_text(kText);
+  typename Echo::GrpcRequest request;
+  Echo::fill(&request);
 
   struct Call {
     std::unique_ptr<grpc::ClientContext> context;
-    std::unique_ptr<grpc::ClientAsyncResponseReader<grpc_echo::EchoReply>> reader;
-    grpc_echo::EchoReply reply;
+    std::unique_ptr<grpc::ClientAsyncResponseReader<typename Echo::GrpcReply>> reader;
+    typename Echo::GrpcReply reply;
     grpc::Status status;
     Clock::time_point issued;
   };
@@ -634,9 +733,10 @@ Round runGrpc(const Options& options, const ServerProcess& server, int in_flight
       break;
     }
     Call* call = static_cast<Call*>(tag);
-    const bool good = ok && call->status.ok() && call->reply.text() == kText;
-    const std::string error =
-        !call->status.ok() ? call->status.error_message() : "reply '" + call->reply.text() + "'";
+    const std::string error = !call->status.ok() ? call->status.error_message()
+                              : !ok              ? "the call did not complete"
+                                                 : Echo::wrong(call->reply);
+    const bool good = error.empty();
     if (recorder.record(call->issued, good, error)) {
       issue(call);
     } else {
@@ -844,9 +944,437 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// The large-message echo (--payloads): our server, our server made with
+// hardened() (its body limit raised), gRPC and the floor, each a fresh child
+// per size and depth, so that its peak memory is that scenario's.
+
+// A field of /proc/PID/status in kB ("VmRSS", "VmHWM"); negative when unknown.
+double statusKb(pid_t pid, const char* field) {
+  char path[64];
+  std::snprintf(path, sizeof(path), "/proc/%d/status", static_cast<int>(pid));
+  FILE* file = std::fopen(path, "r");
+  if (file == nullptr) return -1;
+  char line[256];
+  double kb = -1;
+  const size_t length = std::strlen(field);
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
+    if (std::strncmp(line, field, length) == 0 && line[length] == ':') {
+      kb = std::atof(line + length + 1);
+      break;
+    }
+  }
+  std::fclose(file);
+  return kb;
+}
+
+Round runOursBlob(const Options& options, const ServerProcess& server, int in_flight,
+                  Clock::time_point start) {
+  return runOursOn<BlobEcho>(
+      "ours, " + std::to_string(g_payload.size()) + " bytes, " + std::to_string(in_flight) +
+          " in flight",
+      vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port)), options,
+      in_flight, start);
+}
+
+Round runStreamFloor(const Options& options, const ServerProcess& server, int in_flight,
+                     Clock::time_point start) {
+  const std::string what = "floor, " + std::to_string(in_flight) + " in flight";
+  bench_floor::StreamEchoClient client;
+  if (!client.connect(server.port)) {
+    problem(what + ": " + client.error());
+    return {};
+  }
+  Recorder recorder(options, start);
+  static const std::string kNoError;
+  if (!client.run(g_payload.size(), in_flight, kStallLimit, [&recorder](Clock::time_point issued) {
+        return recorder.record(issued, true, kNoError);
+      })) {
+    problem(what + ": " + client.error());
+    return {};
+  }
+  return summarise(what, recorder);
+}
+
+struct LargeSide {
+  std::string kind;
+  std::string label;
+  Round (*run)(const Options&, const ServerProcess&, int in_flight, Clock::time_point start);
+  size_t smallest_payload;  // measured from this size up
+};
+
+int runLarge(const Options& options) {
+  const std::vector<LargeSide> sides = {
+      {"ours", "ours", runOursBlob, 0},
+      {"ours-hardened", "ours, hardened()", runOursBlob, size_t{8} << 20},
+      {"grpc", "gRPC", runGrpc<BlobEcho>, 0},
+      {"stream-echo", "floor", runStreamFloor, 0},
+  };
+  std::printf(
+      "== Large-message echo (bytes field), one connection, server on CPU %d, client on CPU %d; "
+      "%d alternating rounds of %.1f s (+%.1f s warm-up) per side\n"
+      "   MB/s: payload bytes echoed per second (1 MB = 10^6 bytes); CPU: server ms per MB;\n"
+      "   memory: the server's peak RSS above its idle RSS, per byte in flight "
+      "(payload x in flight);\n"
+      "   ours/: ours divided by the row's MB/s. hardened(): max_body_bytes raised to 32 MiB.\n",
+      kServerCpu, kClientCpu, options.rounds, options.seconds, options.warmup);
+  std::printf("%-10s %6s  %-18s %9s %8s %8s %8s %9s %9s\n", "payload", "flight", "side", "MB/s",
+              "CPU/MB", "memory", "ours/", "p50 ms", "p99 ms");
+  for (size_t payload : options.payloads) {
+    g_payload.resize(payload);
+    uint32_t state = 2463534242u;  // xorshift, fixed: the same bytes every run
+    for (char& c : g_payload) {
+      state ^= state << 13;
+      state ^= state >> 17;
+      state ^= state << 5;
+      c = static_cast<char>(state);
+    }
+    for (int in_flight : options.in_flight) {
+      std::vector<const LargeSide*> taking_part;
+      for (const LargeSide& side : sides) {
+        if (payload >= side.smallest_payload) taking_part.push_back(&side);
+      }
+      std::vector<ServerProcess> servers(taking_part.size());
+      std::vector<bool> up(taking_part.size());
+      std::vector<double> idle_kb(taking_part.size(), -1);
+      for (size_t k = 0; k < taking_part.size(); ++k) {
+        up[k] = startServer(taking_part[k]->kind, &servers[k]);
+        if (up[k]) idle_kb[k] = statusKb(servers[k].pid, "VmRSS");
+      }
+      std::vector<std::vector<Round>> rounds(taking_part.size());
+      for (int round = 0; round < options.rounds; ++round) {
+        for (size_t j = 0; j < taking_part.size(); ++j) {
+          const size_t k = (round + j) % taking_part.size();
+          if (!up[k]) continue;
+          const Clock::time_point start = Clock::now();
+          CpuSampler cpu(servers[k].pid, Recorder::windowStart(options, start),
+                         Recorder::windowEnd(options, start));
+          Round measured = taking_part[k]->run(options, servers[k], in_flight, start);
+          measured.server_cpu_seconds = cpu.seconds();
+          rounds[k].push_back(std::move(measured));
+          up[k] = serverAlive(taking_part[k]->kind, &servers[k]);
+        }
+      }
+      std::vector<Result> results(taking_part.size());
+      std::vector<double> peak_kb(taking_part.size(), -1);
+      for (size_t k = 0; k < taking_part.size(); ++k) {
+        results[k] = combine(rounds[k]);
+        if (up[k]) peak_kb[k] = statusKb(servers[k].pid, "VmHWM");
+        stopServer(taking_part[k]->kind, &servers[k]);
+      }
+      const double in_flight_bytes = static_cast<double>(payload) * in_flight;
+      for (size_t k = 0; k < taking_part.size(); ++k) {
+        const Result& r = results[k];
+        const double mb_per_s = r.calls_per_second * payload / 1e6;
+        // server_cpu_us is per call; a call moves `payload` bytes each way.
+        const double cpu_ms_per_mb =
+            r.server_cpu_us < 0 ? -1 : r.server_cpu_us / 1e3 / (payload / 1e6);
+        const double memory = peak_kb[k] < 0 || idle_kb[k] < 0
+                                  ? -1
+                                  : (peak_kb[k] - idle_kb[k]) * 1024 / in_flight_bytes;
+        const std::string ours_ratio =
+            r.valid && results[0].valid && r.calls_per_second > 0
+                ? format(results[0].calls_per_second / r.calls_per_second, "%.2f")
+                : "-";
+        std::printf("%-10zu %6d  %-18s %9s %8s %8s %8s %9s %9s\n", payload, in_flight,
+                    taking_part[k]->label.c_str(), r.valid ? format(mb_per_s, "%.0f").c_str() : "-",
+                    cpu_ms_per_mb < 0 ? "-" : format(cpu_ms_per_mb, "%.2f").c_str(),
+                    memory < 0 ? "-" : format(memory, "%.2f").c_str(), ours_ratio.c_str(),
+                    r.valid ? format(r.median_us / 1e3, "%.2f").c_str() : "-",
+                    r.valid ? format(r.p99_us / 1e3, "%.2f").c_str() : "-");
+      }
+      std::fflush(stdout);
+    }
+  }
+  if (!g_problems.empty()) {
+    std::fprintf(stderr, "rpc_bench: %zu problem(s), see above\n", g_problems.size());
+    return 1;
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Open loop (--open-loop): calls due at a fixed rate, each call's latency
+// measured from the time it was due, whether or not it could be issued then
+// (wrk2's method: a stall shows in every call that fell due during it), with
+// at most kOpenLoopInFlight calls out at once, as the closed-loop load that
+// measures the peak has.
+
+constexpr int kOpenLoopInFlight = 64;
+
+// The schedule and what it measured. run() on the pacing thread; complete()
+// on whichever thread completes calls; results once run() has returned.
+class OpenLoop {
+ public:
+  OpenLoop(double rate, const Options& options, Clock::time_point start)
+      : rate_(rate),
+        start_(start),
+        from_(Recorder::windowStart(options, start)),
+        until_(Recorder::windowEnd(options, start)) {
+    for (int i = 0; i < kOpenLoopInFlight; ++i) free_.push_back(i);
+    due_.resize(kOpenLoopInFlight);
+  }
+  OpenLoop(const OpenLoop&) = delete;
+  OpenLoop& operator=(const OpenLoop&) = delete;
+
+  // Issues every call as it falls due, once one of the slots is free; false
+  // on a stall (a slot not freed for kStallLimit, or calls still out then
+  // after the end).
+  bool run(const std::function<void(int slot)>& issue) {
+    // Wake-ups on time, not up to the default 50 µs late.
+    prctl(PR_SET_TIMERSLACK, 1);
+    for (uint64_t k = 0;; ++k) {
+      const Clock::time_point due = start_ + std::chrono::duration_cast<Clock::duration>(
+                                                 std::chrono::duration<double>(k / rate_));
+      if (due >= until_) break;
+      std::this_thread::sleep_until(due);
+      int slot;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!freed_.wait_until(lock, Clock::now() + kStallLimit,
+                               [this] { return !free_.empty(); })) {
+          return false;
+        }
+        slot = free_.back();
+        free_.pop_back();
+        due_[slot] = due;
+      }
+      issue(slot);
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    return freed_.wait_until(lock, Clock::now() + kStallLimit,
+                             [this] { return free_.size() == kOpenLoopInFlight; });
+  }
+
+  void complete(int slot, const std::string& error) {
+    const Clock::time_point now = Clock::now();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!error.empty()) {
+      if (errors_++ == 0) first_error_ = error;
+    } else if (due_[slot] >= from_ && due_[slot] < until_) {
+      latencies_us_.push_back(std::chrono::duration<double, std::micro>(now - due_[slot]).count());
+    }
+    free_.push_back(slot);
+    freed_.notify_all();
+  }
+
+  // After run().
+  std::vector<double>& latencies() { return latencies_us_; }
+  uint64_t errors() const { return errors_; }
+  const std::string& firstError() const { return first_error_; }
+
+ private:
+  const double rate_;
+  const Clock::time_point start_;
+  const Clock::time_point from_;
+  const Clock::time_point until_;
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  // Guarded by mutex_.
+  std::vector<int> free_;
+  std::vector<Clock::time_point> due_;
+  std::vector<double> latencies_us_;
+  uint64_t errors_ = 0;
+  std::string first_error_;
+};
+
+struct TailResult {
+  bool valid = false;
+  double achieved = 0;  // calls per second inside the window
+  double p50_us = 0, p99_us = 0, p999_us = 0;
+};
+
+TailResult tailOf(const std::string& what, OpenLoop& load, bool completed, const Options& options) {
+  if (!completed) problem(what + ": calls stalled");
+  if (load.errors() > 0) {
+    problem(what + ": " + std::to_string(load.errors()) +
+            " calls failed; first: " + load.firstError());
+  }
+  std::vector<double>& latencies = load.latencies();
+  TailResult result;
+  if (!completed || latencies.empty()) return result;
+  std::sort(latencies.begin(), latencies.end());
+  result.valid = true;
+  result.achieved = latencies.size() / options.seconds;
+  result.p50_us = percentile(latencies, 0.5);
+  result.p99_us = percentile(latencies, 0.99);
+  result.p999_us = percentile(latencies, 0.999);
+  return result;
+}
+
+TailResult openLoopOurs(const Options& options, const ServerProcess& server, double rate) {
+  const std::string what = "ours, open loop at " + format(rate, "%.0f") + "/s";
+  vantu::relay::RPCChannelPtr channel =
+      vantu::relay::RPCChannel::create(vantu::SocketAddress("127.0.0.1", server.port));
+  if (!channel) {
+    problem(what + ": RPCChannel::create failed");
+    return {};
+  }
+  demo::EchoService_Stub stub(channel.get());
+  demo::EchoRequest request;
+  request.set_text(kText);
+  struct Call : google::protobuf::Closure {
+    void Run() override {
+      load->complete(slot, controller.Failed() ? controller.ErrorText() : TextEcho::wrong(reply));
+    }
+    OpenLoop* load = nullptr;
+    int slot = 0;
+    vantu::relay::RPC controller;
+    demo::EchoReply reply;
+  };
+  OpenLoop load(rate, options, Clock::now());
+  std::vector<Call> calls(kOpenLoopInFlight);
+  for (int i = 0; i < kOpenLoopInFlight; ++i) {
+    calls[i].load = &load;
+    calls[i].slot = i;
+  }
+  const bool completed = load.run([&](int slot) {
+    Call& call = calls[slot];
+    call.controller.Reset();
+    call.reply.Clear();
+    stub.Echo(&call.controller, &request, &call.reply, &call);
+  });
+  if (!completed) {
+    // The channel's destruction completes the calls still out, later, on the
+    // event thread: their slots must stay valid.
+    channel.reset();
+    new std::vector<Call>(std::move(calls));
+    return tailOf(what, load, false, options);
+  }
+  channel.reset();
+  return tailOf(what, load, true, options);
+}
+
+TailResult openLoopGrpc(const Options& options, const ServerProcess& server, double rate) {
+  const std::string what = "gRPC, open loop at " + format(rate, "%.0f") + "/s";
+  std::shared_ptr<grpc::Channel> channel = grpc::CreateChannel(
+      "127.0.0.1:" + std::to_string(server.port), grpc::InsecureChannelCredentials());
+  if (!channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(5))) {
+    problem(what + ": the channel did not connect");
+    return {};
+  }
+  auto stub = grpc_echo::EchoService::NewStub(channel);
+  grpc::CompletionQueue cq;
+  grpc_echo::EchoRequest request;
+  request.set_text(kText);
+  struct Call {
+    std::unique_ptr<grpc::ClientContext> context;
+    std::unique_ptr<grpc::ClientAsyncResponseReader<grpc_echo::EchoReply>> reader;
+    grpc_echo::EchoReply reply;
+    grpc::Status status;
+  };
+  std::vector<Call> calls(kOpenLoopInFlight);
+  OpenLoop load(rate, options, Clock::now());
+  // Completions on a thread of their own, as our channel's on its event thread.
+  std::thread completer([&] {
+    void* tag;
+    bool ok;
+    while (cq.Next(&tag, &ok)) {
+      const int slot = static_cast<int>(reinterpret_cast<intptr_t>(tag));
+      Call& call = calls[slot];
+      load.complete(slot, !call.status.ok() ? call.status.error_message()
+                          : !ok             ? "the call did not complete"
+                                            : TextEcho::wrong(call.reply));
+    }
+  });
+  const bool completed = load.run([&](int slot) {
+    Call& call = calls[slot];
+    call.context = std::make_unique<grpc::ClientContext>();
+    call.reply.Clear();
+    call.reader = stub->AsyncEcho(call.context.get(), request, &cq);
+    call.reader->Finish(&call.reply, &call.status,
+                        reinterpret_cast<void*>(static_cast<intptr_t>(slot)));
+  });
+  if (!completed) {
+    for (Call& call : calls) {
+      if (call.context) call.context->TryCancel();
+    }
+  }
+  cq.Shutdown();
+  completer.join();
+  return tailOf(what, load, completed, options);
+}
+
+// Peaks closed-loop at 64 in flight, then the open-loop latencies at half of
+// each side's own peak and at one common rate, three quarters of the lower.
+int runTail(const Options& options) {
+  ServerProcess ours, grpc_server;
+  if (!startServer("ours", &ours) || !startServer("grpc", &grpc_server)) {
+    stopServer("ours", &ours);
+    stopServer("grpc", &grpc_server);
+    return 1;
+  }
+  Clock::time_point start = Clock::now();
+  Round ours_peak = runOurs(options, ours, kOpenLoopInFlight, start);
+  start = Clock::now();
+  Round grpc_peak = runGrpc<TextEcho>(options, grpc_server, kOpenLoopInFlight, start);
+  const double lower = std::min(ours_peak.calls_per_second, grpc_peak.calls_per_second);
+  struct Run {
+    const char* side;
+    const char* label;
+    double rate;
+    TailResult result;
+  };
+  std::vector<Run> runs = {
+      {"ours", "ours, half its peak", ours_peak.calls_per_second / 2, {}},
+      {"grpc", "gRPC, half its peak", grpc_peak.calls_per_second / 2, {}},
+      {"ours", "ours, common rate", lower * 0.75, {}},
+      {"grpc", "gRPC, common rate", lower * 0.75, {}},
+  };
+  if (ours_peak.valid && grpc_peak.valid) {
+    for (Run& run : runs) {
+      const bool is_ours = std::strcmp(run.side, "ours") == 0;
+      run.result = is_ours ? openLoopOurs(options, ours, run.rate)
+                           : openLoopGrpc(options, grpc_server, run.rate);
+      if (!serverAlive(run.side, is_ours ? &ours : &grpc_server)) break;
+    }
+  }
+  stopServer("ours", &ours);
+  stopServer("grpc", &grpc_server);
+  std::printf(
+      "== RPC echo (\"%s\"), open loop: calls due at a fixed rate, at most %d out at once, latency "
+      "from each call's due time; server on CPU %d, client on CPU %d, %.1f s (+%.1f s warm-up) "
+      "per run\n   peaks, closed loop at %d in flight: ours %.0f calls/s, gRPC %.0f calls/s\n",
+      kText, kOpenLoopInFlight, kServerCpu, kClientCpu, options.seconds, options.warmup,
+      kOpenLoopInFlight, ours_peak.calls_per_second, grpc_peak.calls_per_second);
+  std::printf("%-22s %10s %10s %10s %10s %10s\n", "run", "rate/s", "achieved", "p50 µs", "p99 µs",
+              "p99.9 µs");
+  for (const Run& run : runs) {
+    const TailResult& r = run.result;
+    std::printf("%-22s %10.0f %10s %9s %9s %9s\n", run.label, run.rate,
+                r.valid ? format(r.achieved, "%.0f").c_str() : "-",
+                r.valid ? format(r.p50_us, "%.0f").c_str() : "-",
+                r.valid ? format(r.p99_us, "%.0f").c_str() : "-",
+                r.valid ? format(r.p999_us, "%.0f").c_str() : "-");
+  }
+  if (runs[2].result.valid && runs[3].result.valid) {
+    std::printf("p99 at the common rate, ours / gRPC: %.2f\n",
+                runs[2].result.p99_us / runs[3].result.p99_us);
+  }
+  if (!g_problems.empty()) {
+    std::fprintf(stderr, "rpc_bench: %zu problem(s), see above\n", g_problems.size());
+    return 1;
+  }
+  return 0;
+}
+
+// "a,b,c" as its items.
+std::vector<std::string> splitList(const std::string& text) {
+  std::vector<std::string> items;
+  for (size_t at = 0; at < text.size();) {
+    size_t comma = text.find(',', at);
+    if (comma == std::string::npos) comma = text.size();
+    items.push_back(text.substr(at, comma - at));
+    at = comma + 1;
+  }
+  return items;
+}
+
 int usage() {
   std::fprintf(stderr,
                "usage: rpc_bench [--seconds S] [--warmup S] [--rounds N] [--in-flight N[,N...]]\n"
+               "                 [--payloads BYTES[,BYTES...]]   (the large-message echo)\n"
+               "                 [--open-loop]   (tail latency at fixed rates, 64 at most out)\n"
                "       rpc_bench --serve ours|ours-tls|grpc|pingpong --cpu N   (the server "
                "child)\n"
                "RPC_BENCH_TLS_DIR: scripts/make-test-certs' directory, for the TLS sides\n");
@@ -857,10 +1385,16 @@ int usage() {
 
 int main(int argc, char** argv) {
   Options options;
+  bool in_flight_given = false;
+  bool open_loop = false;
   std::string serve;
   int serve_cpu = kServerCpu;
   for (int i = 1; i < argc; ++i) {
     std::string flag = argv[i];
+    if (flag == "--open-loop") {
+      open_loop = true;
+      continue;
+    }
     if (i + 1 >= argc) return usage();
     std::string arg = argv[++i];
     if (flag == "--seconds") {
@@ -871,11 +1405,12 @@ int main(int argc, char** argv) {
       options.rounds = std::atoi(arg.c_str());
     } else if (flag == "--in-flight") {
       options.in_flight.clear();
-      for (size_t at = 0; at < arg.size();) {
-        size_t comma = arg.find(',', at);
-        if (comma == std::string::npos) comma = arg.size();
-        options.in_flight.push_back(std::atoi(arg.substr(at, comma - at).c_str()));
-        at = comma + 1;
+      for (const std::string& item : splitList(arg))
+        options.in_flight.push_back(std::atoi(item.c_str()));
+      in_flight_given = true;
+    } else if (flag == "--payloads") {
+      for (const std::string& item : splitList(arg)) {
+        options.payloads.push_back(std::strtoull(item.c_str(), nullptr, 10));
       }
     } else if (flag == "--serve") {
       serve = arg;
@@ -885,6 +1420,8 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
+  // Large messages are measured one and a few at a time.
+  if (!options.payloads.empty() && !in_flight_given) options.in_flight = {1, 8};
   if (options.seconds <= 0 || options.warmup < 0 || options.rounds < 1 ||
       options.in_flight.empty() ||
       *std::min_element(options.in_flight.begin(), options.in_flight.end()) < 1) {
@@ -898,7 +1435,9 @@ int main(int argc, char** argv) {
     if (serve == "ours") return serveOurs(false);
     if (serve == "ours-tls") return serveOurs(true);
     if (serve == "grpc") return serveGrpc();
-    if (serve == "pingpong") return servePingPong();
+    if (serve == "pingpong") return servePingPong(false);
+    if (serve == "stream-echo") return servePingPong(true);
+    if (serve == "ours-hardened") return serveOurs(false, true);
     return usage();
   }
   if (!two_cpus) {
@@ -907,10 +1446,13 @@ int main(int argc, char** argv) {
     std::perror("rpc_bench: sched_setaffinity");
   }
 
+  if (!options.payloads.empty()) return runLarge(options);
+  if (open_loop) return runTail(options);
+
   // ours, gRPC and ours with options first: the tables take them from there.
   std::vector<Side> sides;
   sides.push_back({"ours", "ours (RPC echo)", runOurs, false, {}, false, {}});
-  sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc, false, {}, false, {}});
+  sides.push_back({"grpc", "gRPC (RPC echo)", runGrpc<TextEcho>, false, {}, false, {}});
   sides.push_back({"ours", "ours, resilient options", runOursResilient, false, {}, false, {}});
   if (!tlsDir().empty()) {
     // Both through a channel made with default options, so that only TLS differs.

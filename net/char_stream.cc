@@ -31,6 +31,10 @@ void PushStreamSink::write(const char* data, size_t size) {
   if (writer_ != nullptr) writer_->writeBytes(data, size);
 }
 
+void PushStreamSink::writeOwned(std::unique_ptr<OwnedBytes> bytes) {
+  if (writer_ != nullptr) writer_->writeOwned(std::move(bytes));
+}
+
 void PushStreamSink::close() {
   if (writer_ != nullptr) writer_->endOfStream();
 }
@@ -110,6 +114,15 @@ void PushStreamSource::push(const char* data, size_t size) {
   MutexLock lock(pending_->mutex);
   pending_->bytes.append(data, size);
   pending_->scheduleHandOver(pending_);
+}
+
+void PushStreamSource::pushOwned(std::unique_ptr<OwnedBytes> bytes) {
+  if (!isEventThread()) {
+    push(bytes->data(), bytes->size());
+    return;
+  }
+  auto* sink = static_cast<PushStreamSink*>(consumer());
+  if (sink != nullptr) sink->writeOwned(std::move(bytes));
 }
 
 void PushStreamSource::abort() {

@@ -4,6 +4,9 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "common/mutex.h"
 
@@ -40,6 +43,38 @@ namespace char_stream {
 // called from any thread; everything else runs on the event thread.
 
 class BufferProducer;
+
+// Bytes handed to the outgoing stream whole, with their memory: the socket
+// sends them where they lie instead of copying them into its output, and
+// frees them (on the event thread) once they are sent or dropped. Made for
+// large buffers: a copy of a megabyte costs more than the bookkeeping.
+class OwnedBytes {
+ public:
+  virtual ~OwnedBytes() = default;
+  virtual const char* data() const = 0;
+  virtual size_t size() const = 0;
+
+  // Takes `bytes` (a std::string or a std::vector<char>) by moving it.
+  template <class Container>
+  static std::unique_ptr<OwnedBytes> take(Container&& bytes);
+};
+
+template <class Container>
+class OwnedContainer final : public OwnedBytes {
+ public:
+  explicit OwnedContainer(Container&& bytes) : bytes_(std::move(bytes)) {}
+  const char* data() const override { return bytes_.data(); }
+  size_t size() const override { return bytes_.size(); }
+
+ private:
+  const Container bytes_;
+};
+
+template <class Container>
+std::unique_ptr<OwnedBytes> OwnedBytes::take(Container&& bytes) {
+  using Plain = std::remove_reference_t<Container>;
+  return std::make_unique<OwnedContainer<Plain>>(std::move(bytes));
+}
 
 // The passive end of a link: its producer calls it. Owned by the container
 // that holds it; unlinks itself when destroyed.
@@ -87,6 +122,11 @@ class PushStreamSink : public BufferConsumer {
    public:
     // Bytes to send. Must not call back into the stream synchronously.
     virtual void writeBytes(const char* data, size_t size) = 0;
+    // Bytes to send where they lie; the writer frees them once sent. The
+    // default copies them, as writeBytes would.
+    virtual void writeOwned(std::unique_ptr<OwnedBytes> bytes) {
+      writeBytes(bytes->data(), bytes->size());
+    }
     // No more bytes will come: send what was written, then close.
     virtual void endOfStream() = 0;
     // Close soon, dropping what was not sent yet. Must not call back into the
@@ -101,6 +141,7 @@ class PushStreamSink : public BufferConsumer {
   void setWriter(Writer* writer) { writer_ = writer; }
 
   void write(const char* data, size_t size);
+  void writeOwned(std::unique_ptr<OwnedBytes> bytes);
   void close();
   void abort();
 
@@ -124,6 +165,10 @@ class PushStreamSource : public BufferProducer {
   // Sends `bytes` after everything this thread pushed before. Any thread.
   virtual void push(const std::string& bytes);
   void push(const char* data, size_t size);
+  // As push, handing the bytes over whole: on the event thread the socket
+  // sends them where they lie; from other threads they are copied into the
+  // queue like any others.
+  void pushOwned(std::unique_ptr<OwnedBytes> bytes);
   // Ends the outgoing stream at once: what was not sent yet is dropped and the
   // connection closes in a moment (never inside this call). Event thread.
   void abort();

@@ -58,6 +58,13 @@ class RequestResponseConnectionHandler
   // connection is gone.
   void send(const std::string& bytes);
   void send(const char* data, size_t size);
+  // As send, taking the bytes (a std::string or a std::vector<char>, moved
+  // from): on the event thread they go to the socket where they lie instead
+  // of being copied. For large buffers; `bytes` is left empty.
+  template <class Container>
+  void sendOwned(Container&& bytes) {
+    source_.pushOwned(char_stream::OwnedBytes::take(std::forward<Container>(bytes)));
+  }
   // Ends the connection: what was sent before (from any thread) is flushed,
   // then the connection closes. Any thread; nothing more is delivered.
   void shutdown();

@@ -505,6 +505,11 @@ size_t TcpSocket::pendingOutput() const {
 }
 
 void TcpSocket::pauseReading() {
+  // Only a server's connection holds back: what it reads makes answers. A
+  // client's reading makes no output, and holding it back while its own
+  // requests wait would deadlock against a server that does the same (large
+  // calls in flight both ways).
+  if (!owns_itself_) return;
   if (reading_paused_ || input_ended_ || state_ != kOpen) return;
   event_del(read_event_);
   reading_paused_ = true;
@@ -697,6 +702,31 @@ void TcpSocket::writeBytes(const char* data, size_t size) {
     return;
   }
   evbuffer_add(output_, data, size);
+  outputAdded();
+}
+
+void TcpSocket::writeOwned(std::unique_ptr<char_stream::OwnedBytes> bytes) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/tcp_socket");
+  if (state_ == kLingering || state_ == kClosed || output_closing_ || aborting_ ||
+      bytes->size() == 0) {
+    return;
+  }
+  // The buffer is sent where it lies and freed by libevent once drained (or
+  // when the output is dropped), on this thread.
+  const char* data = bytes->data();
+  const size_t size = bytes->size();
+  auto release = [](const void*, size_t, void* owned) {
+    delete static_cast<char_stream::OwnedBytes*>(owned);
+  };
+  char_stream::OwnedBytes* owned = bytes.release();
+  if (evbuffer_add_reference(output_, data, size, release, owned) != 0) {
+    evbuffer_add(output_, data, size);
+    delete owned;
+  }
+  outputAdded();
+}
+
+void TcpSocket::outputAdded() {
   // Answers completed on other threads count against the bound too.
   if (pendingOutput() > kOutputHighWater) pauseReading();
   if (!in_read_callback_) activateWrite();

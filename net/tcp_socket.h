@@ -27,10 +27,11 @@ class TlsTransport;
 // batch of input (a pipelined burst of requests, say) leaves in one sendmsg at
 // the end of it. Reads take what the kernel has, up to a bound per event.
 //
-// Backpressure: while more than kOutputHighWater bytes wait to be sent (a peer
-// that sends requests and does not read the answers), the socket stops reading
-// from the peer; it reads again once the backlog drains below half of that.
-// Such a peer costs about that much memory plus one read, whatever it sends.
+// Backpressure, on a server's connections: while more than kOutputHighWater
+// bytes wait to be sent (a peer that sends requests and does not read the
+// answers), the socket stops reading from the peer; it reads again once the
+// backlog drains below half of that. Such a peer costs about that much memory
+// plus one read, whatever it sends. A client's socket always reads.
 //
 // The connection ends when the peer has closed its side and everything sent
 // was flushed (unless the handler asks to keep it open for answers still being
@@ -182,11 +183,14 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // Closes the connection and drops the handler. `notify_close` runs on_close_.
   void finish(bool notify_close);
   void activateWrite();
+  // After output was added: the bound, and a flush unless a read batch is on.
+  void outputAdded();
   // Process exit: closes every socket still open, without notifications.
   static void closeAllOpen();
 
   // char_stream::PushStreamSink::Writer
   void writeBytes(const char* data, size_t size) override;
+  void writeOwned(std::unique_ptr<char_stream::OwnedBytes> bytes) override;
   void endOfStream() override;
   void abortStream() override;
 

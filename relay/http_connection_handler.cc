@@ -90,9 +90,10 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
     // Only the event thread gathers, so only it may look at gathered_.
     gathered_->append(header);
     if (content_size > memory_policy::kLargestGatheredContent) {
-      // Copied once, by the socket, rather than into the gathered answers first.
+      // Not copied at all: the socket sends the content where it lies and
+      // frees it once sent. The answer's content is spent.
       sendGathered();
-      send(response->content.data(), content_size);
+      sendOwned(std::move(response->content));
       reportSent(content_size);
     } else if (content_size > 0) {
       gathered_->append(response->content.data(), content_size);

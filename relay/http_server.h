@@ -106,6 +106,12 @@ class HttpServerImpl {
     // Set while the server may cancel the call for its caller (see
     // HttpServerOptions::cancel_abandoned_calls).
     std::shared_ptr<CallTicket> ticket;
+    // The request body was large: the request message goes before the answer
+    // is encoded and the record is not kept. Very large (as the connection
+    // counts requests): the allocator's free memory goes back to the system
+    // once the call is done, as after any such request.
+    bool large = false;
+    bool very_large = false;
   };
 
   // The only way to make one: owned by a shared pointer with the event-thread

@@ -183,8 +183,7 @@ void ResilientChannel::write(Call* call, RPCConnection* connection) {
     head.append("\r\n");
   }
   head.append("\r\n");
-  connection->send(head);
-  connection->send(body);
+  sendCall(connection, head, &body);
   // A huge request's buffers are not kept.
   if (body.capacity() > (1 << 20)) std::string().swap(body);
 }

@@ -8,6 +8,7 @@
 #include "common/event_thread.h"
 #include "common/fast_thread_local.h"
 #include "common/logging.h"
+#include "common/memory_policy.h"
 #include "common/string_util.h"
 #include "common/weak_function.h"
 #include "net/tcp_socket.h"
@@ -69,6 +70,18 @@ void appendCallHead(std::string* head, size_t body_size, uint32_t id,
   head->append(method.service()->full_name().c_str());
   head->append("\r\n").append(RPCChannel::kHeaderMethod).append(": ").append(method.name().c_str());
   head->append("\r\n");
+}
+
+void sendCall(RequestResponseConnectionHandler* connection, const std::string& head,
+              std::string* body) {
+  RequestResponseConnectionHandler::SendGuard guard(connection);
+  connection->send(head);
+  if (body->size() > memory_policy::kLargestGatheredContent) {
+    connection->sendOwned(std::move(*body));
+    body->clear();
+  } else {
+    connection->send(*body);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -338,9 +351,7 @@ void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /
   head.clear();
   appendCallHead(&head, body.size(), static_cast<uint32_t>(id), *method);
   head.append("\r\n");
-  SendGuard guard(*this);
-  send(head);
-  send(body);
+  sendCall(this, head, &body);
   // A huge request's buffers are not kept.
   if (body.capacity() > (1 << 20)) std::string().swap(body);
 }

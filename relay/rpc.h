@@ -103,6 +103,12 @@ uint32_t readCallNumber(const std::string& text);
 void appendCallHead(std::string* head, size_t body_size, uint32_t id,
                     const google::protobuf::MethodDescriptor& method);
 
+// Sends one call's head and then its body on `connection`, the two together.
+// A large body is handed to the socket whole, not copied, and *body is left
+// empty; a small one is copied and *body keeps its buffer for the next call.
+void sendCall(RequestResponseConnectionHandler* connection, const std::string& head,
+              std::string* body);
+
 class RPCChannel;
 // The channel as create() returns it: destroyed on the event thread.
 using RPCChannelPtr = std::shared_ptr<RPCChannel>;

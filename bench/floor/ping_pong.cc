@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -11,6 +13,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <deque>
 
 namespace bench_floor {
 namespace {
@@ -128,7 +131,7 @@ void PingPongServer::acceptLoop() {
     noDelay(fd);
     std::lock_guard<std::mutex> lock(mutex_);
     connections_.push_back(fd);
-    echoers_.emplace_back(echoLoop, fd);
+    echoers_.emplace_back(stream_ ? streamEchoLoop : echoLoop, fd);
   }
 }
 
@@ -138,6 +141,16 @@ void PingPongServer::echoLoop(int fd) {
   }
   // The socket is closed by the destructor, so that a number is never reused
   // while the list still holds it.
+  ::shutdown(fd, SHUT_RDWR);
+}
+
+void PingPongServer::streamEchoLoop(int fd) {
+  std::vector<char> buffer(size_t{256} * 1024);
+  while (true) {
+    ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0 || !writeFully(fd, buffer.data(), static_cast<size_t>(n))) break;
+  }
   ::shutdown(fd, SHUT_RDWR);
 }
 
@@ -282,6 +295,71 @@ void EventThreadPingPongClient::answer(bool ok, const std::string& error) {
   if (!ok) error_ = error;
   waiting_ = false;
   answered_.notify_one();
+}
+
+// ---------------------------------------------------------------------------
+
+StreamEchoClient::~StreamEchoClient() {
+  if (fd_ >= 0) close(fd_);
+}
+
+bool StreamEchoClient::connect(uint16_t port) {
+  fd_ = connectTo(port, &error_);
+  if (fd_ < 0) return false;
+  int flags = fcntl(fd_, F_GETFL);
+  if (flags < 0 || fcntl(fd_, F_SETFL, flags | O_NONBLOCK) != 0) {
+    error_ = systemError("fcntl");
+    return false;
+  }
+  return true;
+}
+
+bool StreamEchoClient::run(size_t message_size, int in_flight, std::chrono::milliseconds stall,
+                           const Answered& answered) {
+  std::vector<char> out(message_size);
+  for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(i * 131 + 7);
+  std::vector<char> in(size_t{1024} * 1024);
+  std::deque<Clock::time_point> issued;  // of the messages not answered yet
+  size_t sent_of_current = 0;            // bytes of the message being written
+  uint64_t received_of_oldest = 0;       // bytes of the oldest unanswered one
+  bool issuing = true;
+  while (true) {
+    const bool writing =
+        sent_of_current > 0 || (issuing && issued.size() < static_cast<size_t>(in_flight));
+    if (!writing && issued.empty()) return true;
+    pollfd ready = {fd_, static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
+    const int events = poll(&ready, 1, static_cast<int>(stall.count()));
+    if (events < 0 && errno == EINTR) continue;
+    if (events <= 0) {
+      error_ = events == 0 ? "nothing moved (stall)" : systemError("poll");
+      return false;
+    }
+    if (ready.revents & POLLOUT) {
+      if (sent_of_current == 0) issued.push_back(Clock::now());
+      ssize_t n =
+          send(fd_, out.data() + sent_of_current, out.size() - sent_of_current, MSG_NOSIGNAL);
+      if (n < 0 && errno != EAGAIN && errno != EINTR) {
+        error_ = systemError("send");
+        return false;
+      }
+      if (n > 0) sent_of_current += static_cast<size_t>(n);
+      if (sent_of_current == out.size()) sent_of_current = 0;
+    }
+    if (ready.revents & (POLLIN | POLLHUP | POLLERR)) {
+      ssize_t n = recv(fd_, in.data(), in.size(), 0);
+      if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+        error_ = n == 0 ? "the server closed the connection" : systemError("recv");
+        return false;
+      }
+      if (n > 0) received_of_oldest += static_cast<uint64_t>(n);
+      while (received_of_oldest >= message_size && !issued.empty()) {
+        received_of_oldest -= message_size;
+        const Clock::time_point when = issued.front();
+        issued.pop_front();
+        if (!answered(when)) issuing = false;
+      }
+    }
+  }
 }
 
 }  // namespace bench_floor

@@ -6,9 +6,11 @@
 #ifndef BENCH_FLOOR_PING_PONG_H_
 #define BENCH_FLOOR_PING_PONG_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -24,7 +26,9 @@ constexpr size_t kMessageSize = 200;
 // the destructor from one thread.
 class PingPongServer {
  public:
-  PingPongServer() = default;
+  // `stream`: echo the byte stream as it comes, whatever the message size
+  // (the floor of the large-message echo), instead of kMessageSize pieces.
+  explicit PingPongServer(bool stream = false) : stream_(stream) {}
   // Stops accepting, ends every connection and joins the threads.
   ~PingPongServer();
   PingPongServer(const PingPongServer&) = delete;
@@ -38,7 +42,9 @@ class PingPongServer {
  private:
   void acceptLoop();
   static void echoLoop(int fd);
+  static void streamEchoLoop(int fd);
 
+  const bool stream_;
   int listener_ = -1;
   uint16_t port_ = 0;
   std::thread acceptor_;
@@ -119,6 +125,35 @@ class EventThreadPingPongClient {
   bool ok_ = false;
   std::string error_;
   uint64_t sequence_ = 0;
+};
+
+// Keeps `in_flight` messages of one size going over one connection to a
+// stream-echoing PingPongServer: each message's bytes are written as soon as
+// fewer than `in_flight` are unanswered, and a message is answered when as
+// many bytes as it and every earlier one came back. Non-blocking, one thread,
+// poll: neither side's buffers can fill up against the other. One thread at a
+// time.
+class StreamEchoClient {
+ public:
+  using Clock = std::chrono::steady_clock;
+  // Told each answered message's send time; false stops issuing new ones.
+  using Answered = std::function<bool(Clock::time_point issued)>;
+
+  StreamEchoClient() = default;
+  ~StreamEchoClient();
+  StreamEchoClient(const StreamEchoClient&) = delete;
+  StreamEchoClient& operator=(const StreamEchoClient&) = delete;
+
+  bool connect(uint16_t port);
+  // Runs until `answered` says stop and every message issued came back; false
+  // (with error()) when the connection fails or nothing moves for `stall`.
+  bool run(size_t message_size, int in_flight, std::chrono::milliseconds stall,
+           const Answered& answered);
+  const std::string& error() const { return error_; }
+
+ private:
+  int fd_ = -1;
+  std::string error_;
 };
 
 }  // namespace bench_floor
