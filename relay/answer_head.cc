@@ -37,7 +37,7 @@ inline void forEachLine(const message_pool::Headers& headers, const std::string*
 
 }  // namespace
 
-void appendAnswerHead(HttpResponse* response, const std::string* date, std::string* out) {
+void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out) {
   std::string& status_string = response->status_string;
   if (status_string.empty()) status_string = HttpResponse::getStatusString(response->status_code);
   // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL.
@@ -56,10 +56,10 @@ void appendAnswerHead(HttpResponse* response, const std::string* date, std::stri
   forEachLine(response->headers, date, [&size](std::string_view name, std::string_view value) {
     size += name.size() + value.size() + 4;
   });
-  // Sized once and filled in place: no growth, no per-piece bookkeeping.
-  const size_t start = out->size();
-  out->resize(start + size);
-  char* at = &(*out)[start];
+  // Sized once and filled in place: no growth, no per-piece bookkeeping (and
+  // a kept buffer that held an answer of the same size is not even resized).
+  out->resize(size);
+  char* at = &(*out)[0];
   auto put = [&at](const char* data, size_t length) {
     memcpy(at, data, length);
     at += length;

@@ -8,8 +8,8 @@
 namespace vantu {
 namespace relay {
 
-// Appends to *out the status line and header block of `response`, ended by
-// the blank line, exactly as HttpResponse::outputHeader writes them; it changes
+// Replaces *out with the status line and header block of `response`, ended
+// by the blank line, exactly as HttpResponse::outputHeader writes them; it changes
 // the response as outputHeader does (status_string filled from the table when
 // empty, "Content-Length" stored).
 //
@@ -17,7 +17,7 @@ namespace relay {
 // order place, in place of any Date the response holds, without storing it in
 // the response: the answers of a server that dates them then cost no header
 // insert and no release of it. Any thread; the caller owns both objects.
-void appendAnswerHead(HttpResponse* response, const std::string* date, std::string* out);
+void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out);
 
 }  // namespace relay
 }  // namespace vantu

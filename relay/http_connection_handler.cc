@@ -61,12 +61,14 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
   const std::string* date = answer_rules_.date ? &httpDate() : nullptr;
   if (drain_.active()) DrainGoodbye::markClosing(response);
+  // Each thread renders its answers' heads into one buffer, kept.
+  VANTU_FAST_THREAD_LOCAL std::string header;
+  writeAnswerHead(response, date, &header);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
   const size_t content_size = with_content ? response->content.size() : 0;
   // Only the event thread gathers, so only it may look at gathered_.
   if (isEventThread() && gathered_ != nullptr) {
-    // The head is written straight into the gathered answers.
-    appendAnswerHead(response, date, gathered_);
+    gathered_->append(header);
     if (content_size > memory_policy::kLargestGatheredContent) {
       // Copied once, by the socket, rather than into the gathered answers first.
       sendGathered();
@@ -75,13 +77,7 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
     } else if (content_size > 0) {
       gathered_->append(response->content.data(), content_size);
     }
-    return;
-  }
-  // Each thread renders its answers' heads into one buffer, kept.
-  VANTU_FAST_THREAD_LOCAL std::string header;
-  header.clear();
-  appendAnswerHead(response, date, &header);
-  {
+  } else {
     SendGuard guard(*this);
     send(header);
     if (with_content) send(response->content.data(), content_size);

@@ -196,10 +196,7 @@ void HttpResponse::setContentType(const std::string& type) { setHeader("Content-
 
 void HttpResponse::setTextHtml() { setContentType("text/html"); }
 
-void HttpResponse::outputHeader(std::string* out) {
-  out->clear();
-  appendAnswerHead(this, nullptr, out);
-}
+void HttpResponse::outputHeader(std::string* out) { writeAnswerHead(this, nullptr, out); }
 
 }  // namespace relay
 }  // namespace vantu
