@@ -350,7 +350,7 @@ void TcpSocket::handleRead(short what) {
 
 size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
   // A lingering TLS connection only drains what the peer still sends.
-  if (tls_ && state_ == kOpen) return readTls(eof, failed);
+  const bool tls = tls_ && state_ == kOpen;
   char* buffer = scratchBuffer();
   size_t total = 0;
   for (;;) {
@@ -359,59 +359,16 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
       total += static_cast<size_t>(n);
       // Each piece goes to the handler at once, so that the answers it makes
       // are counted against the output bound before more is read.
-      if (state_ == kOpen && !output_closing_ && !aborting_) {
-        source_.deliver(buffer, static_cast<size_t>(n));
-        if (state_ != kOpen) break;
-      }
+      const bool more = tls ? takeTlsPiece(buffer, static_cast<size_t>(n), eof, failed)
+                            : takePiece(buffer, static_cast<size_t>(n));
+      if (!more) break;
       // A short read emptied the kernel buffer: another recv would only say so.
       if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
-      if (state_ == kOpen && evbuffer_get_length(output_) > kOutputHighWater) break;
+      if (state_ == kOpen && pendingOutput() > kOutputHighWater) break;
       continue;
     }
     if (n == 0) {
-      *eof = true;
-    } else if (errno == EINTR) {
-      continue;
-    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      *failed = true;
-    }
-    break;
-  }
-  return total;
-}
-
-size_t TcpSocket::readTls(bool* eof, bool* failed) {
-  char* buffer = scratchBuffer();
-  size_t total = 0;
-  for (;;) {
-    ssize_t n = ::recv(fd_, buffer, kScratchSize, 0);
-    if (n > 0) {
-      total += static_cast<size_t>(n);
-      tls_->setInput(buffer, static_cast<size_t>(n));
-      if (handshaking_) {
-        const TlsTransport::Result result = tls_->handshake();
-        if (result == TlsTransport::Result::kFailed) {
-          tls_error_ = tls_->error();
-          *failed = true;
-          break;
-        }
-        if (result == TlsTransport::Result::kOk) {
-          handshakeDone();
-          if (state_ != kOpen) break;
-        }
-      }
-      if (!handshaking_) {
-        // All of it is decrypted and delivered now: OpenSSL keeps no more
-        // than a partial record, so nothing waits unseen for the next event.
-        deliverTls(eof, failed);
-        if (*eof || *failed || state_ != kOpen) break;
-      }
-      if (static_cast<size_t>(n) < kScratchSize || total >= kMaxReadPerEvent) break;
-      if (pendingOutput() > kOutputHighWater) break;
-      continue;
-    }
-    if (n == 0) {
-      if (handshaking_) {
+      if (tls && handshaking_) {
         tls_error_ = "TLS handshake failed: the peer closed the connection";
         *failed = true;
       } else {
@@ -424,7 +381,7 @@ size_t TcpSocket::readTls(bool* eof, bool* failed) {
     }
     break;
   }
-  if (*failed && !tls_error_.empty()) {
+  if (tls && *failed && !tls_error_.empty()) {
     VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << tls_error_;
     // The alert that says why, if the kernel takes it at once.
     evbuffer_iovec chain;
@@ -433,6 +390,35 @@ size_t TcpSocket::readTls(bool* eof, bool* failed) {
     }
   }
   return total;
+}
+
+bool TcpSocket::takePiece(const char* data, size_t size) {
+  if (state_ != kOpen || output_closing_ || aborting_) return true;
+  source_.deliver(data, size);
+  return state_ == kOpen;
+}
+
+bool TcpSocket::takeTlsPiece(const char* data, size_t size, bool* eof, bool* failed) {
+  tls_->setInput(data, size);
+  if (handshaking_) {
+    const TlsTransport::Result result = tls_->handshake();
+    if (result == TlsTransport::Result::kFailed) {
+      tls_error_ = tls_->error();
+      *failed = true;
+      return false;
+    }
+    if (result == TlsTransport::Result::kOk) {
+      handshakeDone();
+      if (state_ != kOpen) return false;
+    }
+  }
+  if (!handshaking_) {
+    // All of it is decrypted and delivered now: OpenSSL keeps no more than a
+    // partial record, so nothing waits unseen for the next event.
+    deliverTls(eof, failed);
+    if (*eof || *failed || state_ != kOpen) return false;
+  }
+  return true;
 }
 
 void TcpSocket::deliverTls(bool* eof, bool* failed) {

@@ -158,8 +158,11 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   size_t readAvailable(bool* eof, bool* failed);
   // Starts the TLS handshake, under its time limit.
   void startHandshake();
-  // readAvailable over TLS: the handshake, then decrypted bytes.
-  size_t readTls(bool* eof, bool* failed);
+  // What becomes of each piece readAvailable reads: handed to the handler as
+  // it is, or (over TLS) taken by the handshake, then decrypted and handed
+  // over. False stops the reading.
+  bool takePiece(const char* data, size_t size);
+  bool takeTlsPiece(const char* data, size_t size, bool* eof, bool* failed);
   // Hands decrypted input to the handler until the input given is used up.
   void deliverTls(bool* eof, bool* failed);
   // The handshake finished: start the timers and tell whoever waits.

@@ -6,6 +6,7 @@
 #include "common/event_thread_check.h"
 #include "common/fast_thread_local.h"
 #include "common/memory_policy.h"
+#include "relay/answer_head.h"
 #include "relay/answer_queue.h"
 #include "relay/connection_registry.h"
 #include "relay/http_date.h"
@@ -28,7 +29,7 @@ std::unique_ptr<RequestReader> readerFor(const HttpServerOptions& options) {
   RequestLimits limits;
   limits.max_header_bytes = options.max_header_bytes;
   limits.max_body_bytes = options.max_body_bytes;
-  return newRequestReader(options.strict_framing, limits);
+  return newRequestReader(options.strict_framing, limits, options.tls.enabled());
 }
 
 // Once freed, a large request's memory tends to stay with the allocator; it
@@ -59,16 +60,11 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 }
 
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
-  if (answer_rules_.date) {
-    static const char kDate[] = "Date";
-    const std::string& date = httpDate();
-    message_pool::setHeader(message_pool::threadPool(), &response->headers, response->headers.end(),
-                            kDate, sizeof(kDate) - 1, date.data(), date.size());
-  }
+  const std::string* date = answer_rules_.date ? &httpDate() : nullptr;
   if (drain_.active()) DrainGoodbye::markClosing(response);
   // Each thread renders its answers' heads into one buffer, kept.
   VANTU_FAST_THREAD_LOCAL std::string header;
-  response->outputHeader(&header);
+  writeAnswerHead(response, date, &header);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
   const size_t content_size = with_content ? response->content.size() : 0;
   // While a stream's body is on the wire, other answers wait for its end.

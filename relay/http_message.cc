@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "common/string_util.h"
+#include "relay/answer_head.h"
 #include "relay/message_pool.h"
 #include "relay/url_escape.h"
 #include "url/url_parse.h"
@@ -195,48 +196,7 @@ void HttpResponse::setContentType(const std::string& type) { setHeader("Content-
 
 void HttpResponse::setTextHtml() { setContentType("text/html"); }
 
-void HttpResponse::outputHeader(std::string* out) {
-  if (status_string.empty()) status_string = getStatusString(status_code);
-  // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL.
-  char number[16];
-  const char* number_end =
-      std::to_chars(number, number + sizeof(number), static_cast<int>(status_code)).ptr;
-  const size_t phrase_length = strnlen(status_string.data(), status_string.size());
-  char length[16];
-  const char* length_end =
-      std::to_chars(length, length + sizeof(length), static_cast<int>(content.size())).ptr;
-  static const char kContentLength[] = "Content-Length";
-  message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), kContentLength,
-                          sizeof(kContentLength) - 1, length, length_end - length);
-  size_t size = 9 + (number_end - number) + 1 + phrase_length + 2 + 2;
-  for (const auto& header : headers) size += header.first.size() + header.second.size() + 4;
-  // Sized once and filled in place: no growth, no per-piece bookkeeping.
-  out->resize(size);
-  char* at = &(*out)[0];
-  auto put = [&at](const char* data, size_t length) {
-    memcpy(at, data, length);
-    at += length;
-  };
-  // The separators byte by byte: a call to memcpy per two bytes would cost
-  // more than the bytes.
-  auto put2 = [&at](char first, char second) {
-    at[0] = first;
-    at[1] = second;
-    at += 2;
-  };
-  put("HTTP/1.1 ", 9);
-  put(number, number_end - number);
-  *at++ = ' ';
-  put(status_string.data(), phrase_length);
-  put2('\r', '\n');
-  for (const auto& header : headers) {
-    put(header.first.data(), header.first.size());
-    put2(':', ' ');
-    put(header.second.data(), header.second.size());
-    put2('\r', '\n');
-  }
-  put2('\r', '\n');
-}
+void HttpResponse::outputHeader(std::string* out) { writeAnswerHead(this, nullptr, out); }
 
 }  // namespace relay
 }  // namespace vantu

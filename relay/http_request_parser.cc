@@ -45,32 +45,35 @@ inline const char* findLineEnd(const char* from, const char* end) {
   return from;
 }
 
-// The URL of a request: from its target alone (host null), or from "http://",
-// its Host and its target. Building one is the dearest step of a request, and
+// The URL of a request: from its target alone (host null), or from "http://"
+// (or "https://"), its Host and its target. Building one is the dearest step of a request, and
 // the requests of a connection mostly repeat their URL (RPCs always post to "/"
 // on the same host), so the last one built on this thread is kept; a copy
 // shares its text.
-GURL makeUrl(const std::string* host, const std::string& target) {
+GURL makeUrl(const std::string* host, const std::string& target, bool https = false) {
   // Long URLs are neither kept nor looked for, so that one of them cannot pin
   // its memory.
   constexpr size_t kLongestKept = 2048;
   struct Last {
     bool had_host = false;
+    bool https = false;
     std::string host;
     std::string target;
     GURL url;
   };
   VANTU_FAST_THREAD_LOCAL Last last;  // one thread-local look-up, not four
   Last& kept = last;
+  const char* const scheme = https ? "https" : "http";
   const size_t size = target.size() + (host != nullptr ? host->size() : 0);
   if (size > kLongestKept) {
-    return host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
+    return host != nullptr ? GURL::fromParts(scheme, *host, target) : GURL(target);
   }
-  if (target.empty() || kept.had_host != (host != nullptr) || target != kept.target ||
-      (host != nullptr && *host != kept.host)) {
+  if (target.empty() || kept.had_host != (host != nullptr) || kept.https != https ||
+      target != kept.target || (host != nullptr && *host != kept.host)) {
     kept.target.clear();  // should what follows throw, nothing stale is kept
-    kept.url = host != nullptr ? GURL::fromParts("http", *host, target) : GURL(target);
+    kept.url = host != nullptr ? GURL::fromParts(scheme, *host, target) : GURL(target);
     kept.had_host = host != nullptr;
+    kept.https = https;
     if (host != nullptr) kept.host = *host;
     kept.target = target;
   }
@@ -104,8 +107,8 @@ bool resolveAbsoluteTarget(HttpRequest* request) {
   return true;
 }
 
-void resolveUrlFromHost(HttpRequest* request, const std::string& host) {
-  request->url = makeUrl(&host, request->uri);
+void resolveUrlFromHost(HttpRequest* request, const std::string& host, bool https) {
+  request->url = makeUrl(&host, request->uri, https);
   request->query_components.assignFrom(request->url);
 }
 
@@ -271,7 +274,8 @@ void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
   head_.finishFields(&request->headers);
   // Inserts an empty Host when the request has none.
-  if (!resolveAbsoluteTarget(request)) resolveUrlFromHost(request, request->headers["Host"]);
+  if (!resolveAbsoluteTarget(request))
+    resolveUrlFromHost(request, request->headers["Host"], https_);
 }
 
 bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {

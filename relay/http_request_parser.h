@@ -29,9 +29,9 @@ struct RequestLimits {
 // When the request-target is itself a valid absolute URL, it becomes the url
 // and the result is true; otherwise nothing changes and the result is false.
 bool resolveAbsoluteTarget(HttpRequest* request);
-// Sets the url to the one built from "http://", `host` and the target, valid
-// or not.
-void resolveUrlFromHost(HttpRequest* request, const std::string& host);
+// Sets the url to the one built from "http://" ("https://" for a request that
+// came over TLS), `host` and the target, valid or not.
+void resolveUrlFromHost(HttpRequest* request, const std::string& host, bool https = false);
 
 // Turns a byte stream that arrives in chunks of any size into complete HTTP
 // messages: lines ended by CR LF, a lone LF or a lone CR, header lines, the
@@ -129,6 +129,10 @@ class HttpRequestParser : public HttpMessageParser {
   // the peer sent something that is not acceptable HTTP.
   bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests);
 
+  // The connection is TLS: a url built from the Host header starts with
+  // "https://" rather than "http://".
+  void setHttps(bool https) { https_ = https; }
+
  protected:
   HttpMessage* createNewMessage() override;
   bool processInitialLine(const std::string& line) override;
@@ -136,6 +140,8 @@ class HttpRequestParser : public HttpMessageParser {
 
  private:
   HttpRequest* request() { return static_cast<HttpRequest*>(message_.get()); }
+
+  bool https_ = false;
 };
 
 // Reads responses: the status line; the rest is the shared framing. The RPC

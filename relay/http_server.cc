@@ -5,8 +5,6 @@
 #include <google/protobuf/util/type_resolver_util.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
 #include <string_view>
 #include <thread>
 

@@ -11,7 +11,10 @@ namespace {
 // server's options may add. Owned and used as any RequestReader.
 class DefaultRequestReader final : public RequestReader {
  public:
-  explicit DefaultRequestReader(const RequestLimits& limits) { parser_.setLimits(limits); }
+  DefaultRequestReader(const RequestLimits& limits, bool https) {
+    parser_.setLimits(limits);
+    parser_.setHttps(https);
+  }
 
   // RequestReader
   bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests) override {
@@ -34,9 +37,10 @@ class DefaultRequestReader final : public RequestReader {
 
 }  // namespace
 
-std::unique_ptr<RequestReader> newRequestReader(bool strict_framing, const RequestLimits& limits) {
-  if (strict_framing) return std::make_unique<StrictRequestParser>(limits);
-  return std::make_unique<DefaultRequestReader>(limits);
+std::unique_ptr<RequestReader> newRequestReader(bool strict_framing, const RequestLimits& limits,
+                                                bool https) {
+  if (strict_framing) return std::make_unique<StrictRequestParser>(limits, https);
+  return std::make_unique<DefaultRequestReader>(limits, https);
 }
 
 }  // namespace relay

@@ -68,8 +68,10 @@ class RequestReader {
 // `strict_framing`, else the default reader, an HttpRequestParser with
 // `limits`. The default reader answers a malformed line with the plain 400,
 // which carries no Connection header and leaves the connection open; a
-// limit's refusal ends the connection.
-std::unique_ptr<RequestReader> newRequestReader(bool strict_framing, const RequestLimits& limits);
+// limit's refusal ends the connection. With `https` (a TLS connection) the
+// url a request gets from its Host starts with "https://".
+std::unique_ptr<RequestReader> newRequestReader(bool strict_framing, const RequestLimits& limits,
+                                                bool https = false);
 
 }  // namespace relay
 }  // namespace vantu

@@ -253,7 +253,8 @@ constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
-StrictRequestParser::StrictRequestParser(const RequestLimits& limits) : limits_(limits) {
+StrictRequestParser::StrictRequestParser(const RequestLimits& limits, bool https)
+    : limits_(limits), https_(https) {
   head_.setBudget(limits.max_header_bytes);
 }
 
@@ -505,7 +506,7 @@ bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
     if (!chunked_seen) return fail(HttpResponse::kBadRequest);  // no coding at all
     chunked_ = true;
   }
-  if (!resolveAbsoluteTarget(request_.get())) resolveUrlFromHost(request_.get(), host_);
+  if (!resolveAbsoluteTarget(request_.get())) resolveUrlFromHost(request_.get(), host_, https_);
   if (chunked_) {
     state_ = State::kChunkSize;
     head_.startHead();

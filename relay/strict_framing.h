@@ -75,7 +75,8 @@ namespace relay {
 // One per connection, used by one thread at a time (the event thread).
 class StrictRequestParser final : public RequestReader {
  public:
-  explicit StrictRequestParser(const RequestLimits& limits = RequestLimits());
+  // With `https`, the url a request gets from its Host starts with "https://".
+  explicit StrictRequestParser(const RequestLimits& limits = RequestLimits(), bool https = false);
   ~StrictRequestParser() override;
 
   // RequestReader
@@ -140,6 +141,7 @@ class StrictRequestParser final : public RequestReader {
 
   // Constant after construction.
   const RequestLimits limits_;
+  const bool https_;
 
   // Event thread only, like the whole parser.
   State state_ = State::kRequestLine;

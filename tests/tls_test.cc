@@ -6,8 +6,10 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -89,6 +91,10 @@ std::shared_ptr<HttpServer> startServer(HttpServerOptions options) {
   server->registerHandler("/who",
                           [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
                             setContent(response.get(), describe(request->peer()));
+                          });
+  server->registerHandler("/url",
+                          [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
+                            setContent(response.get(), request->url.spec());
                           });
   server->registerHandler("/big", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
     setContent(response.get(), std::string(256 * 1024, 'b'));
@@ -230,6 +236,30 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
   EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
             run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
                 " " + cert("ca.pem")));
+}
+
+// Over TLS a request's url says "https://", whichever reader the server uses;
+// the Host still names the authority, and an absolute target stays as sent.
+TEST(TlsTest, RequestUrlsOverTlsSayHttps) {
+  for (bool strict : {false, true}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    HttpServerOptions options;
+    options.tls = serverTls("server", false);
+    options.strict_framing = strict;
+    std::shared_ptr<HttpServer> server = startServer(options);
+    ASSERT_TRUE(server);
+    const std::string port = std::to_string(server->localAddress().port());
+    const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
+    int status = -1;
+    EXPECT_EQ("https://127.0.0.1:" + port + "/url?a=1",
+              run(curl + url(server, "/url?a=1"), &status));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("https://localhost:" + port + "/url",
+              run(curl + "https://localhost:" + port + "/url", &status));
+    EXPECT_EQ(
+        "http://elsewhere.test/url",
+        run(curl + "--request-target http://elsewhere.test/url " + url(server, "/x"), &status));
+  }
 }
 
 TEST(TlsTest, MutualTlsRequiresAndReportsTheClientCertificate) {
@@ -432,6 +462,66 @@ print(sent < total, answers == sent)
   EXPECT_EQ("True True\n",
             run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
                 " " + cert("ca.pem") + " 4000"));
+}
+
+// A reader that takes its answers slowly while its requests keep coming: the
+// server reads more only as its output (plain and encrypted) drains, so the
+// answers it has made but the client has not read stay bounded. Each read of
+// the socket brings dozens of requests at once, more answer bytes than the
+// kernel frees between two write wake-ups, so a server that resumed reading on
+// its plain output alone would run ever further ahead of the reader.
+TEST(TlsTest, SlowReaderWithRequestsQueuedKeepsTheServerBoundedAhead) {
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  constexpr size_t kAnswerSize = 256 * 1024;
+  std::atomic<size_t> answered{0};
+  server->registerHandler("/counted",
+                          [&answered](const HttpRequestPtr&, const HttpResponsePtr& response) {
+                            answered.fetch_add(1);
+                            response->content.assign(kAnswerSize, 'c');
+                          });
+  const std::string script = R"(
+import os, socket, ssl, sys, threading
+port, ca, total, read_limit = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+context = ssl.create_default_context(cafile=ca)
+raw = socket.socket()
+raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+raw.connect(("127.0.0.1", port))
+tls = context.wrap_socket(raw, server_hostname="127.0.0.1")
+request = b"GET /counted HTTP/1.1\r\nHost: a\r\nX-Pad: " + b"p" * 2000 + b"\r\n\r\n"
+def send():
+    try:
+        tls.sendall(request * total)
+    except OSError:
+        pass
+threading.Thread(target=send, daemon=True).start()
+read = 0
+while read < read_limit:
+    chunk = tls.recv(65536)
+    if not chunk:
+        break
+    read += len(chunk)
+print(read, flush=True)
+os._exit(0)
+)";
+  const std::string path = vantu::testing::testCertDir() + "/slow_queued_reader.py";
+  std::ofstream(path) << script;
+  const size_t read_limit = size_t{64} * 1024 * 1024;
+  const size_t read = std::strtoull(
+      run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) + " " +
+          cert("ca.pem") + " 2000 " + std::to_string(read_limit))
+          .c_str(),
+      nullptr, 10);
+  ASSERT_GE(read, read_limit) << "the reader did not get its bytes";
+  ASSERT_TRUE(waitNoConnections(server));
+  // Ahead of the reader: the output bound (1 MiB), the answers to one read
+  // of requests (32 of them, 8 MiB), the kernel's buffers, and a read or two
+  // more while the reader stops and goes; far less than a run-away server.
+  const size_t made = answered.load() * kAnswerSize;
+  EXPECT_LE(made - std::min(made, read), size_t{32} * 1024 * 1024)
+      << answered.load() << " answers made";
 }
 
 }  // namespace
