@@ -26,16 +26,6 @@ constexpr char kSourceFile[] = "relay/http_server";
 
 std::atomic<int> g_live_servers{0};
 
-// Writes a response to a connection that may have gone: the header block, then
-// the content, as two sends that no other response's bytes come between.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the contract's
-void sendResponse(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response,
-                  bool to_head_request = false) {
-  std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
-  if (!handler) return;
-  handler->sendAnswer(response.get(), to_head_request);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
