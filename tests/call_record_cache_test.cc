@@ -18,9 +18,7 @@ namespace {
 
 using RPCInfo = HttpServerImpl::RPCInfo;
 
-const google::protobuf::MethodDescriptor* method(const char* name) {
-  return relaytest::TestService::descriptor()->FindMethodByName(name);
-}
+using vantu::testing::testMethod;
 
 // The service's messages made by a dynamic factory, as a service built from
 // .proto files at run time has them.
@@ -42,7 +40,7 @@ class DynamicTextService : public testing::TestServiceImpl {
 TEST(CallRecordCacheTest, AKeptRecordComesBackAsANewOne) {
   testing::TestServiceImpl service;
   runOnEventThreadAndWait([&] {
-    RPCInfo* record = CallRecordCache::take(&service, method("Echo"));
+    RPCInfo* record = CallRecordCache::take(&service, testMethod("Echo"));
     // Every field a call sets, set.
     auto answer = std::make_shared<HttpResponse>();
     auto connection = std::make_shared<HttpConnectionHandler>(HttpServerImpl::create());
@@ -55,7 +53,7 @@ TEST(CallRecordCacheTest, AKeptRecordComesBackAsANewOne) {
     record->id = 77;
     record->format = RPCInfo::kJson;
     record->owes_answer = true;
-    record->method = method("Echo");
+    record->method = testMethod("Echo");
     record->started = Time::now();
     record->observed = true;
     const size_t kept = CallRecordCache::keptForTesting();
@@ -64,7 +62,7 @@ TEST(CallRecordCacheTest, AKeptRecordComesBackAsANewOne) {
     EXPECT_TRUE(answer_watch.expired()) << "a kept record pins the last call's answer";
 
     // Hold has Echo's types: it gets the same record, as good as new.
-    RPCInfo* again = CallRecordCache::take(&service, method("Hold"));
+    RPCInfo* again = CallRecordCache::take(&service, testMethod("Hold"));
     ASSERT_EQ(record, again);
     EXPECT_EQ(kept, CallRecordCache::keptForTesting());
     RPCInfo fresh;
@@ -88,18 +86,18 @@ TEST(CallRecordCacheTest, AKeptRecordComesBackAsANewOne) {
 TEST(CallRecordCacheTest, RecordsFitOnlyMethodsOfTheSameTypes) {
   testing::TestServiceImpl service;
   runOnEventThreadAndWait([&] {
-    RPCInfo* echo = CallRecordCache::take(&service, method("Echo"));
+    RPCInfo* echo = CallRecordCache::take(&service, testMethod("Echo"));
     CallRecordCache::give(echo);
     // Length reads a Text like Echo but answers a Number; Square neither.
     for (const char* name : {"Length", "Square"}) {
       SCOPED_TRACE(name);
-      RPCInfo* other = CallRecordCache::take(&service, method(name));
+      RPCInfo* other = CallRecordCache::take(&service, testMethod(name));
       EXPECT_NE(echo, other);
-      EXPECT_EQ(method(name)->input_type(), other->request->GetDescriptor());
-      EXPECT_EQ(method(name)->output_type(), other->response->GetDescriptor());
+      EXPECT_EQ(testMethod(name)->input_type(), other->request->GetDescriptor());
+      EXPECT_EQ(testMethod(name)->output_type(), other->response->GetDescriptor());
       CallRecordCache::give(other);
     }
-    EXPECT_EQ(echo, CallRecordCache::take(&service, method("Echo")));
+    EXPECT_EQ(echo, CallRecordCache::take(&service, testMethod("Echo")));
     CallRecordCache::give(echo);
   });
 }
@@ -111,7 +109,7 @@ TEST(CallRecordCacheTest, KeepsOnlyGeneratedRecordsOnTheEventThreadAndNotTooMany
   size_t kept = 0;
   runOnEventThreadAndWait([&] {
     kept = CallRecordCache::keptForTesting();
-    RPCInfo* record = CallRecordCache::take(&dynamic, method("Echo"));
+    RPCInfo* record = CallRecordCache::take(&dynamic, testMethod("Echo"));
     EXPECT_FALSE(record->reusable);
     CallRecordCache::give(record);
     EXPECT_EQ(kept, CallRecordCache::keptForTesting()) << "a dynamic record was kept";
@@ -119,7 +117,7 @@ TEST(CallRecordCacheTest, KeepsOnlyGeneratedRecordsOnTheEventThreadAndNotTooMany
   // Taken on the event thread, given back elsewhere: deleted there.
   RPCInfo* record = nullptr;
   runOnEventThreadAndWait([&] {
-    record = CallRecordCache::take(&generated, method("Echo"));
+    record = CallRecordCache::take(&generated, testMethod("Echo"));
     kept = CallRecordCache::keptForTesting();
   });
   EXPECT_EQ(live + 1, liveRPCRecordsForTesting());
@@ -129,7 +127,7 @@ TEST(CallRecordCacheTest, KeepsOnlyGeneratedRecordsOnTheEventThreadAndNotTooMany
   runOnEventThreadAndWait([&] {
     std::vector<RPCInfo*> records;
     for (size_t i = 0; i < memory_policy::kMaxCachedCallRecords + 5; ++i) {
-      records.push_back(CallRecordCache::take(&generated, method("Square")));
+      records.push_back(CallRecordCache::take(&generated, testMethod("Square")));
     }
     for (RPCInfo* r : records) CallRecordCache::give(r);
     EXPECT_EQ(memory_policy::kMaxCachedCallRecords, CallRecordCache::keptForTesting());

@@ -35,22 +35,6 @@ std::unique_ptr<DemoProcess> startDemo(uint16_t port = 0) {
   return demo;
 }
 
-// Three demo servers and a resilient channel over them.
-struct ThreeDemos {
-  ThreeDemos() {
-    std::string target;
-    for (int i = 0; i < 3; ++i) {
-      demos.push_back(startDemo());
-      target += (i ? "," : "") + demos.back()->address();
-    }
-    channel = RPCChannel::create(target, RPCChannelOptions::resilient());
-  }
-  bool ok() const { return channel && demos[0]->ok() && demos[1]->ok() && demos[2]->ok(); }
-
-  std::vector<std::unique_ptr<DemoProcess>> demos;
-  RPCChannelPtr channel;
-};
-
 double inFlight(const DemoProcess& demo) {
   return metricValue(fetchMetrics(demo.port()), "relay_rpcs_in_flight");
 }
@@ -68,6 +52,28 @@ bool whileLoaded(Load* load, const std::function<bool()>& done) {
   }
   return done();
 }
+
+// Three demo servers and a resilient channel over them.
+struct ThreeDemos {
+  ThreeDemos() {
+    std::string target;
+    for (int i = 0; i < 3; ++i) {
+      demos.push_back(startDemo());
+      target += (i ? "," : "") + demos.back()->address();
+    }
+    channel = RPCChannel::create(target, RPCChannelOptions::resilient());
+  }
+  bool ok() const { return channel && demos[0]->ok() && demos[1]->ok() && demos[2]->ok(); }
+  // Starts the i-th again on its port; true once `load` has seen it answer
+  // (bounded).
+  bool restart(int i, Load* load) {
+    demos[i] = startDemo(demos[i]->port());
+    return demos[i]->ok() && whileLoaded(load, [&] { return echoesAnswered(*demos[i]) > 0; });
+  }
+
+  std::vector<std::unique_ptr<DemoProcess>> demos;
+  RPCChannelPtr channel;
+};
 
 // Delay calls that stay outstanding, and how they ended.
 struct Delays {
@@ -124,16 +130,13 @@ TEST(DemoFailoverTest, KillingOneOfThreeFailsOnlyTheCallsWrittenToIt) {
     return held[0] + held[1] + held[2] == 9;
   }));
   ASSERT_GE(held[0], 1);
-  const uint16_t port = demos[0]->port();
   demos[0]->signal(SIGKILL);
   EXPECT_EQ(128 + SIGKILL, demos[0]->waitForExit(30000));
   // The calls written to it fail, and only they; the others keep succeeding.
   EXPECT_TRUE(delays.waitFor(RPCChannel::kErrorConnectionLost, static_cast<int>(held[0])));
   ASSERT_TRUE(load.waitForMore(500));
   // Back on the same port, it is used again.
-  demos[0] = startDemo(port);
-  ASSERT_TRUE(demos[0]->ok());
-  EXPECT_TRUE(whileLoaded(&load, [&] { return echoesAnswered(*demos[0]) > 0; }));
+  EXPECT_TRUE(three.restart(0, &load));
   EXPECT_TRUE(load.stop());
   // Only Echo calls in flight on the killed server may have failed, and only
   // as lost.
@@ -160,12 +163,9 @@ TEST(DemoFailoverTest, RollingRestartOfThreeLosesNoCall) {
   ASSERT_TRUE(load.waitForMore(1000));
   for (int i = 0; i < 3; ++i) {
     SCOPED_TRACE(i);
-    const uint16_t port = demos[i]->port();
     demos[i]->signal(SIGTERM);
     EXPECT_EQ(0, demos[i]->waitForExit(30000));  // drained in time
-    demos[i] = startDemo(port);
-    ASSERT_TRUE(demos[i]->ok());
-    EXPECT_TRUE(whileLoaded(&load, [&] { return echoesAnswered(*demos[i]) > 0; }));
+    EXPECT_TRUE(three.restart(i, &load));
   }
   EXPECT_TRUE(load.stop());
   EXPECT_EQ((std::map<std::string, uint64_t>{}), load.failures());

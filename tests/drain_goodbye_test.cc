@@ -26,16 +26,7 @@ using vantu::testing::rpcRequest;
 using vantu::testing::TestServiceImpl;
 using vantu::testing::textMessage;
 
-struct Server {
-  explicit Server(uint16_t port = 0)
-      : service(std::make_shared<TestServiceImpl>()),
-        server(HttpServer::create(SocketAddress("127.0.0.1", port), 128)) {
-    if (server) server->registerRPCService(service);
-  }
-  uint16_t port() const { return server->localAddress().port(); }
-  std::shared_ptr<TestServiceImpl> service;
-  std::shared_ptr<HttpServer> server;
-};
+using Server = vantu::testing::TestServer<>;
 
 TEST(DrainGoodbyeTest, LateCallsAreAnsweredUnrunAndEveryAnswerSaysClose) {
   Server up;
@@ -80,12 +71,12 @@ TEST(DrainGoodbyeTest, RollingRestartUnderLoadLosesNoCall) {
   for (int i = 0; i < 3; ++i) {
     servers.push_back(std::make_unique<Server>());
     ASSERT_TRUE(servers.back()->server);
-    target += (i ? "," : "") + std::string("127.0.0.1:") + std::to_string(servers.back()->port());
+    target += (i ? "," : "") + servers.back()->target();
   }
   RPCChannelPtr channel = RPCChannel::create(target, RPCChannelOptions::resilient());
   ASSERT_TRUE(channel);
   vantu::testing::CallLoad<relaytest::Text, relaytest::Text> load(
-      channel.get(), relaytest::TestService::descriptor()->FindMethodByName("Echo"), 32);
+      channel.get(), vantu::testing::testMethod("Echo"), 32);
   load.start();
   ASSERT_TRUE(load.waitForMore(1000));
   for (int i = 0; i < 3; ++i) {

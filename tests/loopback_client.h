@@ -125,32 +125,45 @@ class LoopbackClient {
   int last_error_ = 0;
 };
 
-// A listener on loopback whose accept queue is full: connecting to it neither
-// succeeds nor fails until the client gives up (the kernel drops the SYNs).
-class FullAcceptQueue {
+// A port on loopback that is bound and, unless `listening`, refuses every
+// connection; it stays taken until this goes. Used from one thread.
+class BoundPort {
  public:
-  FullAcceptQueue() {
+  explicit BoundPort(bool listening = false) {
     fd_ = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    listen(fd_, 0);
+    if (listening) listen(fd_, 0);
     socklen_t length = sizeof(address);
     getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
     address_ = SocketAddress("127.0.0.1", ntohs(address.sin_port));
-    filler_ = std::make_unique<LoopbackClient>(address_);
   }
-  ~FullAcceptQueue() { ::close(fd_); }
-  FullAcceptQueue(const FullAcceptQueue&) = delete;
-  FullAcceptQueue& operator=(const FullAcceptQueue&) = delete;
+  ~BoundPort() { ::close(fd_); }
+  BoundPort(const BoundPort&) = delete;
+  BoundPort& operator=(const BoundPort&) = delete;
 
   const SocketAddress& address() const { return address_; }
+  uint16_t port() const { return address_.port(); }
 
  private:
   int fd_;
   SocketAddress address_;
-  std::unique_ptr<LoopbackClient> filler_;  // the one connection the queue holds
+};
+
+// A listener on loopback whose accept queue is full: connecting to it neither
+// succeeds nor fails until the client gives up (the kernel drops the SYNs).
+// Used from one thread.
+class FullAcceptQueue {
+ public:
+  FullAcceptQueue() : filler_(listener_.address()) {}
+
+  const SocketAddress& address() const { return listener_.address(); }
+
+ private:
+  BoundPort listener_{true};
+  LoopbackClient filler_;  // the one connection the queue holds
 };
 
 }  // namespace testing

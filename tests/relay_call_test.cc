@@ -4,9 +4,7 @@
 // test's generated code: relay_call is built with neither.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +19,7 @@
 #include "relay/http_server.h"
 #include "relay/reflection.h"
 #include "tests/calc_service.h"
+#include "tests/loopback_client.h"
 #include "tests/test_service.h"
 
 extern char** environ;
@@ -103,22 +102,14 @@ class RelayCallTest : public ::testing::Test {
         new std::shared_ptr<HttpServer>(HttpServer::create(SocketAddress("127.0.0.1", 0), 16));
     ASSERT_TRUE(*without_reflection_);
     (*without_reflection_)->registerRPCService(calc);
-    // A port that refuses connections: bound, never listening.
-    closed_fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ASSERT_EQ(bind(closed_fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(getsockname(closed_fd_, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    closed_port_ = ntohs(address.sin_port);
+    closed_ = new vantu::testing::BoundPort();  // refuses connections: never listening
   }
 
   static void TearDownTestSuite() {
     delete with_reflection_;
     delete without_reflection_;
     waitForDeferredWork();
-    close(closed_fd_);
+    delete closed_;
     delete calc_;  // the last reference: answers what it still holds, to servers long gone
   }
 
@@ -132,7 +123,7 @@ class RelayCallTest : public ::testing::Test {
       for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
                {"@A", a},
                {"@B", b},
-               {"@CLOSED", "127.0.0.1:" + std::to_string(closed_port_)},
+               {"@CLOSED", "127.0.0.1:" + std::to_string(closed_->port())},
                {"@DATA", HSL_SOURCE_DIR "/tests/data/relay_call"}}) {
         const size_t at = arg.find(name);
         if (at != std::string::npos) arg.replace(at, name.size(), value);
@@ -144,8 +135,7 @@ class RelayCallTest : public ::testing::Test {
   static inline std::shared_ptr<CalcService>* calc_ = nullptr;
   static inline std::shared_ptr<HttpServer>* with_reflection_ = nullptr;
   static inline std::shared_ptr<HttpServer>* without_reflection_ = nullptr;
-  static inline int closed_fd_ = -1;
-  static inline uint16_t closed_port_ = 0;
+  static inline vantu::testing::BoundPort* closed_ = nullptr;
 };
 
 const char kCalculator[] =

@@ -27,15 +27,13 @@ namespace {
 
 using relaytest::Text;
 using vantu::testing::ScriptedServer;
+using vantu::testing::testMethod;
 using vantu::testing::TestServiceImpl;
 
-const google::protobuf::MethodDescriptor* method(const char* name) {
-  return relaytest::TestService::descriptor()->FindMethodByName(name);
-}
-
-// The channel's teardown takes two turns of the event thread (the channel,
-// then what it owns), and the connections' a third.
-void waitForTeardown() {
+// Drops `channel` and waits for its teardown, which takes two turns of the
+// event thread (the channel, then what it owns), and the connections' a third.
+void destroy(RPCChannelPtr& channel) {
+  channel.reset();
   for (int i = 0; i < 3; ++i) waitForDeferredWork();
 }
 
@@ -63,7 +61,8 @@ class Outcomes {
       std::lock_guard<std::mutex> lock(mutex_);
       calls_.push_back(std::move(call));
     }
-    channel->CallMethod(method(name), &raw->rpc, &raw->request, &raw->response, raw->done.get());
+    channel->CallMethod(testMethod(name), &raw->rpc, &raw->request, &raw->response,
+                        raw->done.get());
     return raw;
   }
 
@@ -95,34 +94,10 @@ class Outcomes {
   std::map<std::string, std::string> outcomes_;
 };
 
-// An HttpServer with relaytest.TestService on loopback; `port` 0 for any.
-struct Server {
-  explicit Server(uint16_t port = 0, const HttpServerOptions& options = HttpServerOptions())
-      : service(std::make_shared<TestServiceImpl>()),
-        server(HttpServer::create(SocketAddress("127.0.0.1", port), 128, options)) {
-    if (server) server->registerRPCService(service);
-  }
-  uint16_t port() const { return server->localAddress().port(); }
-  std::string target() const { return "127.0.0.1:" + std::to_string(port()); }
-  // Ends every connection at once, as a crash would, and stops listening.
-  void kill() {
-    server->drain(Duration());
-    server.reset();
-    waitForDeferredWork();
-  }
-
-  std::shared_ptr<TestServiceImpl> service;
-  std::shared_ptr<HttpServer> server;
-};
+using Server = vantu::testing::TestServer<>;
 
 // A port on loopback where nothing listens.
-uint16_t closedPort() {
-  Server gone;
-  const uint16_t port = gone.port();
-  gone.server.reset();
-  waitForDeferredWork();
-  return port;
-}
+uint16_t closedPort() { return Server().port(); }
 
 Time in(Duration duration) { return Time::now() + duration; }
 
@@ -171,8 +146,7 @@ TEST(ResilientChannelTest, DefaultOptionsBehaveAsTheSpecifiedChannel) {
     server.join();
     waitForDeferredWork();
     EXPECT_EQ(4u, outcomes.completed());
-    channel.reset();
-    waitForTeardown();
+    destroy(channel);
     return Run{server.bytes, outcomes.waitFor(5)};
   };
   const Run specified = run(false);
@@ -200,8 +174,7 @@ TEST(ResilientChannelTest, DeadlineTravelsWithTheCallAndEndsItWithNobodyWaiting)
             outcomes.waitFor(1));
   outcomes.start(channel.get(), "Echo", "", "2", in(Duration::seconds(60)));
   EXPECT_EQ("ok: ", outcomes.waitFor(2)["2"]);
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
   server.join();
   // The remaining budget in milliseconds, after the specified head: no more
   // than the deadline allows, and (the bound only guards against a stall of
@@ -240,8 +213,7 @@ TEST(ResilientChannelTest, AnAnswerThatSaysCloseEndsTheUseOfItsConnection) {
   // The second call went out on a new connection, which this server never
   // takes up (the kernel completes it all the same).
   EXPECT_EQ("failed: " + RPCChannel::kErrorDeadlineExceeded, outcomes.waitFor(2)["2"]);
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
 }
 
 TEST(ResilientChannelTest, EachWayACallFailsHasItsOwnText) {
@@ -275,8 +247,7 @@ TEST(ResilientChannelTest, EachWayACallFailsHasItsOwnText) {
   EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, outcomes.waitFor(2)["lost"]);
   // Waiting for a server when the channel goes.
   outcomes.start(channel.get(), "Echo", "", "destroyed");
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
   EXPECT_EQ("failed: Canceled", outcomes.waitFor(3)["destroyed"]);
 }
 
@@ -353,7 +324,7 @@ TEST(ResilientChannelTest, CallsOnADeadChannelDoNotPileUp) {
   int refused = 0;
   for (int i = 0; i < 200000; ++i) {
     spare->Reset();
-    channel->CallMethod(method("Echo"), spare.get(), &request, &response, nullptr);
+    channel->CallMethod(testMethod("Echo"), spare.get(), &request, &response, nullptr);
     // Refused calls complete inside CallMethod; the others wait.
     if (spare->Failed()) {
       ASSERT_EQ(RPCChannel::kErrorTooManyPending, spare->ErrorText());
@@ -365,8 +336,7 @@ TEST(ResilientChannelTest, CallsOnADeadChannelDoNotPileUp) {
   }
   EXPECT_EQ(1000u, waiting.size());
   EXPECT_EQ(199000, refused);
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
   for (auto& rpc : waiting) EXPECT_EQ("Canceled", rpc->ErrorText());
 }
 
@@ -395,8 +365,7 @@ TEST(ResilientChannelTest, AServerThatBreaksOffFailsTheCallsWrittenToIt) {
     const auto results = outcomes.waitFor(2);
     EXPECT_EQ(c.first, results.at("1"));
     EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, results.at("2"));
-    channel.reset();
-    waitForTeardown();
+    destroy(channel);
   }
 }
 
@@ -411,8 +380,7 @@ TEST(ResilientChannelTest, ConnectingNeverBlocksTheCaller) {
   Outcomes outcomes;
   outcomes.start(channel.get(), "Echo", "", "1");
   EXPECT_EQ("failed: " + RPCChannel::kErrorUnreachable, outcomes.waitFor(1)["1"]);
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
 }
 
 TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
@@ -459,8 +427,7 @@ TEST(ResilientChannelTest, ADnsTargetFollowsTheAnswerOfItsResolver) {
   outcomes.waitFor(issued);
   EXPECT_EQ(before, first.service->calls.load());
   for (const auto& entry : outcomes.waitFor(issued)) EXPECT_EQ("ok: ", entry.second);
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
   std::lock_guard<std::mutex> lock(answer->mutex);
   EXPECT_FALSE(answer->wrong_question) << "asked on the event thread, or for another name";
 }
@@ -482,7 +449,7 @@ TEST(ResilientChannelTest, DeadlinesAndCancelsRaceAnswersFromManyThreads) {
         Text request, response;
         request.set_text(std::to_string(t) + "/" + std::to_string(i));
         if (i % 3 == 0) rpc.setDeadline(in(Duration::milliseconds(1)));
-        channel->CallMethod(method(i % 3 == 2 ? "Echo" : "Hold"), &rpc, &request, &response,
+        channel->CallMethod(testMethod(i % 3 == 2 ? "Echo" : "Hold"), &rpc, &request, &response,
                             nullptr);
         if (i % 3 == 0) {
           rpc.wait();
@@ -503,8 +470,7 @@ TEST(ResilientChannelTest, DeadlinesAndCancelsRaceAnswersFromManyThreads) {
   }
   for (auto& thread : callers) thread.join();
   EXPECT_EQ(kThreads * kCallsPerThread / 3, good.load());
-  channel.reset();
-  waitForTeardown();
+  destroy(channel);
 }
 
 }  // namespace

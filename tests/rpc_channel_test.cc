@@ -88,12 +88,9 @@ using relaytest::Text;
 using vantu::testing::EventThreadBlocker;
 using vantu::testing::LoopbackClient;
 using vantu::testing::ScriptedServer;
+using vantu::testing::testMethod;
 using vantu::testing::TestServiceImpl;
 using vantu::testing::textMessage;
-
-const google::protobuf::MethodDescriptor* method(const char* name) {
-  return relaytest::TestService::descriptor()->FindMethodByName(name);
-}
 
 // Records which done closures ran, in order, and what each saw of its
 // controller when it ran ("1 failed: Canceled"): the channel must complete
@@ -184,7 +181,7 @@ class RpcChannelTest : public ::testing::Test {
     RPC rpc;
     Text request, response;
     request.set_text(text);
-    channel_->CallMethod(method("Echo"), &rpc, &request, &response, nullptr);
+    channel_->CallMethod(testMethod("Echo"), &rpc, &request, &response, nullptr);
     rpc.wait();
     return rpc.Failed() ? "failed: " + rpc.ErrorText() : response.text();
   }
@@ -261,8 +258,8 @@ TEST_F(RpcChannelTest, CallsCompletingInReverseOrderEachGetTheirReply) {
   requests[1].set_text("two");
   Completions completions;
   auto done0 = completions.newDone(0), done1 = completions.newDone(1);
-  channel_->CallMethod(method("Hold"), &rpcs[0], &requests[0], &responses[0], done0.get());
-  channel_->CallMethod(method("Hold"), &rpcs[1], &requests[1], &responses[1], done1.get());
+  channel_->CallMethod(testMethod("Hold"), &rpcs[0], &requests[0], &responses[0], done0.get());
+  channel_->CallMethod(testMethod("Hold"), &rpcs[1], &requests[1], &responses[1], done1.get());
   ASSERT_TRUE(service_->waitHeld(2));
   service_->complete(1);  // from this thread, not the event thread
   EXPECT_EQ(Entries{"1"}, completions.waitFor(1));
@@ -282,13 +279,13 @@ TEST_F(RpcChannelTest, CanceledCallsAreNeitherSentNorAnsweredLate) {
   auto done = completions.newDone(1, &before);
   {
     EventThreadBlocker blocker;
-    channel_->CallMethod(method("Echo"), &before, &request, &response, done.get());
+    channel_->CallMethod(testMethod("Echo"), &before, &request, &response, done.get());
     before.StartCancel();
     EXPECT_EQ(Entries{"1 failed: Canceled"}, completions.waitFor());
   }
   // Canceled once sent: its late answer is ignored.
   request.set_text("late");
-  channel_->CallMethod(method("Hold"), &after, &request, &response, nullptr);
+  channel_->CallMethod(testMethod("Hold"), &after, &request, &response, nullptr);
   ASSERT_TRUE(service_->waitHeld(1));
   after.StartCancel();
   service_->complete(0);
@@ -306,7 +303,8 @@ TEST_F(RpcChannelTest, DestroyingTheChannelCancelsPendingCallsInIdOrder) {
   std::vector<std::unique_ptr<google::protobuf::Closure>> dones;
   for (int i = 0; i < kCalls; ++i) {
     dones.push_back(completions.newDone(i, &rpcs[i]));
-    channel_->CallMethod(method("Hold"), &rpcs[i], &requests[i], &responses[i], dones.back().get());
+    channel_->CallMethod(testMethod("Hold"), &rpcs[i], &requests[i], &responses[i],
+                         dones.back().get());
   }
   ASSERT_TRUE(service_->waitHeld(kCalls));
   channel_.reset();
@@ -356,7 +354,7 @@ TEST_F(RpcChannelTest, CancelWhileTheChannelIsTornDownStillCompletesTheCall) {
     Text request, response;
     Completions completions;
     auto done = completions.newDone(1, rpc.get());
-    channel->CallMethod(method("Hold"), rpc.get(), &request, &response,
+    channel->CallMethod(testMethod("Hold"), rpc.get(), &request, &response,
                         c.with_done ? done.get() : nullptr);
     ASSERT_TRUE(service_->waitHeld(++held));
     auto blocker = dropChannelAndHoldBeforeHandlerDies(std::move(channel));
@@ -399,7 +397,7 @@ TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
         std::unique_ptr<EventThreadBlocker> blocker;
         if (way == kCanceledBeforeItIsWritten) blocker = std::make_unique<EventThreadBlocker>();
         TrackAllocations track;
-        channel_->CallMethod(method(way == kCanceledAfterItIsWritten ? "Hold" : "Echo"), &rpc,
+        channel_->CallMethod(testMethod(way == kCanceledAfterItIsWritten ? "Hold" : "Echo"), &rpc,
                              &request, &response, nullptr);
         if (blocker) rpc.StartCancel();
       }
@@ -420,7 +418,7 @@ TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
   Text request, response;
   {
     TrackAllocations track;
-    channel_->CallMethod(method("Hold"), &rpc, &request, &response, nullptr);
+    channel_->CallMethod(testMethod("Hold"), &rpc, &request, &response, nullptr);
   }
   channel_.reset();
   waitForChannelTeardown();
@@ -431,7 +429,7 @@ TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
 TEST_F(RpcChannelTest, ServerDestroyedWhileAServiceHoldsACall) {
   RPC rpc;
   Text request, response;
-  channel_->CallMethod(method("Hold"), &rpc, &request, &response, nullptr);
+  channel_->CallMethod(testMethod("Hold"), &rpc, &request, &response, nullptr);
   ASSERT_TRUE(service_->waitHeld(1));
   server_.reset();
   waitForDeferredWork();
@@ -454,7 +452,7 @@ TEST_F(RpcChannelTest, DoneClosureMayIssueTheNextCall) {
     int remaining = 3;
     void next() {
       rpc.Reset();
-      channel->CallMethod(method("Echo"), &rpc, &request, &response, this);
+      channel->CallMethod(testMethod("Echo"), &rpc, &request, &response, this);
     }
     void Run() override {
       if (rpc.Failed() || --remaining == 0) return finished.setDone();
@@ -478,7 +476,8 @@ TEST_F(RpcChannelTest, CallsFromSeveralThreadsAndCompletionsFromSeveralThreads) 
         RPC rpc;
         Text request, response;
         request.set_text(std::to_string(t) + "/" + std::to_string(i));
-        channel_->CallMethod(method(i % 2 ? "Echo" : "Hold"), &rpc, &request, &response, nullptr);
+        channel_->CallMethod(testMethod(i % 2 ? "Echo" : "Hold"), &rpc, &request, &response,
+                             nullptr);
         if (i % 2 == 0) {
           // Nobody completes held calls: cancel them from here.
           EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
@@ -499,7 +498,7 @@ TEST_F(RpcChannelTest, AnswersCompletedOnManyThreadsNeverInterleave) {
   Text requests[kCalls], responses[kCalls];
   for (int i = 0; i < kCalls; ++i) {
     requests[i].set_text(std::string(1000 + i * 37, static_cast<char>('a' + i % 26)));
-    channel_->CallMethod(method("Hold"), &rpcs[i], &requests[i], &responses[i], nullptr);
+    channel_->CallMethod(testMethod("Hold"), &rpcs[i], &requests[i], &responses[i], nullptr);
   }
   ASSERT_TRUE(service_->waitHeld(kCalls));
   std::vector<std::thread> completers;
@@ -546,7 +545,7 @@ TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
   RPC rpcs[6];
   Text responses[6];
   for (int i = 0; i < 6; ++i) {
-    channel->CallMethod(method("Echo"), &rpcs[i], &request, &responses[i], nullptr);
+    channel->CallMethod(testMethod("Echo"), &rpcs[i], &request, &responses[i], nullptr);
     ASSERT_TRUE(completes(rpcs[i])) << "call " << i + 1;
   }
   EXPECT_EQ("body", responses[0].text());
@@ -570,19 +569,19 @@ TEST(RpcChannelClientTest, WritesRequestsByteForByte) {
   request.set_text("q");
   RPC rpcs[4];
   Text responses[4];
-  channel->CallMethod(method("Echo"), &rpcs[0], &request, &responses[0], nullptr);
+  channel->CallMethod(testMethod("Echo"), &rpcs[0], &request, &responses[0], nullptr);
   // A call on a canceled controller takes no id and is never completed.
   RPC canceled;
   canceled.StartCancel();
   Completions completions;
   auto done = completions.newDone(9);
-  channel->CallMethod(method("Echo"), &canceled, &request, &responses[0], done.get());
-  channel->CallMethod(method("Echo"), &rpcs[1], &request, &responses[1], nullptr);
+  channel->CallMethod(testMethod("Echo"), &canceled, &request, &responses[0], done.get());
+  channel->CallMethod(testMethod("Echo"), &rpcs[1], &request, &responses[1], nullptr);
   // Ids from 2^31 on go out as negative numbers and are matched on the way
   // back; after 4294967295 comes 0.
   RPCChannelTestPeer::setNextId(channel.get(), 4294967295u);
-  channel->CallMethod(method("Echo"), &rpcs[2], &request, &responses[2], nullptr);
-  channel->CallMethod(method("Square"), &rpcs[3], &request, &responses[3], nullptr);
+  channel->CallMethod(testMethod("Echo"), &rpcs[2], &request, &responses[2], nullptr);
+  channel->CallMethod(testMethod("Square"), &rpcs[3], &request, &responses[3], nullptr);
   // Answers come in order: once the last call is done, so are the others.
   ASSERT_TRUE(completes(rpcs[3]));
   for (RPC& rpc : rpcs) {
@@ -616,12 +615,12 @@ TEST(RpcChannelClientTest, MalformedAnswerStreamEndsTheConnection) {
   ASSERT_TRUE(channel);
   Text request, response;
   RPC first, second;
-  channel->CallMethod(method("Echo"), &first, &request, &response, nullptr);
+  channel->CallMethod(testMethod("Echo"), &first, &request, &response, nullptr);
   ASSERT_TRUE(completes(first));
   waitForDeferredWork();  // the shutdown follows the answer in the same callback
   Completions completions;
   auto done = completions.newDone(2, &second);
-  channel->CallMethod(method("Echo"), &second, &request, &response, done.get());
+  channel->CallMethod(testMethod("Echo"), &second, &request, &response, done.get());
   waitForDeferredWork();  // its write has been tried
   EXPECT_EQ(Entries{}, completions.waitFor());
   channel.reset();
@@ -641,7 +640,7 @@ TEST(RpcChannelClientTest, PeerEndingItsOutputAfterACompleteAnswerGetsNothingBac
   ASSERT_TRUE(channel);
   Text request, response;
   RPC rpc;
-  channel->CallMethod(method("Echo"), &rpc, &request, &response, nullptr);
+  channel->CallMethod(testMethod("Echo"), &rpc, &request, &response, nullptr);
   ASSERT_TRUE(completes(rpc));
   server.join();  // returns once the client closed, with the channel still alive
   EXPECT_TRUE(server.saw_end);

@@ -139,25 +139,16 @@ class CancellableService : public relaytest::TestService {
   int cancelled_ VANTU_GUARDED_BY(mutex_) = 0;
 };
 
-struct Server {
-  explicit Server(bool cancel_abandoned_calls) : service(std::make_shared<CancellableService>()) {
+// A server that cancels abandoned calls when `cancel_abandoned_calls`.
+struct Server : vantu::testing::TestServer<CancellableService> {
+  explicit Server(bool cancel_abandoned_calls)
+      : TestServer(0, withCancel(cancel_abandoned_calls)) {}
+  static HttpServerOptions withCancel(bool cancel) {
     HttpServerOptions options;
-    options.cancel_abandoned_calls = cancel_abandoned_calls;
-    server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
-    if (server) server->registerRPCService(service);
+    options.cancel_abandoned_calls = cancel;
+    return options;
   }
-  ~Server() {
-    server.reset();
-    waitForDeferredWork();
-  }
-  uint16_t port() const { return server->localAddress().port(); }
-  std::shared_ptr<CancellableService> service;
-  std::shared_ptr<HttpServer> server;
 };
-
-const google::protobuf::MethodDescriptor* method(const char* name) {
-  return relaytest::TestService::descriptor()->FindMethodByName(name);
-}
 
 TEST(RpcDeadlineTest, TheServerSeesTheDeadlineTheCallerSent) {
   Server server(false);
@@ -169,7 +160,7 @@ TEST(RpcDeadlineTest, TheServerSeesTheDeadlineTheCallerSent) {
   RPC with;
   const Time before = Time::now();
   with.setDeadline(before + Duration::seconds(5));
-  channel->CallMethod(method("Echo"), &with, &request, &response, nullptr);
+  channel->CallMethod(vantu::testing::testMethod("Echo"), &with, &request, &response, nullptr);
   with.wait();
   const Time after = Time::now();
   EXPECT_FALSE(with.Failed()) << with.ErrorText();

@@ -7,11 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "common/event_thread.h"
 #include "common/mutex.h"
 #include "common/time.h"
+#include "relay/http_server.h"
 #include "test_services.pb.h"
 
 namespace vantu {
@@ -120,6 +123,42 @@ class TestServiceImpl : public relaytest::TestService {
   Mutex mutex_;
   ConditionVariable held_changed_;
   std::vector<Held> held_ VANTU_GUARDED_BY(mutex_);
+};
+
+// A method of relaytest.TestService by name.
+inline const google::protobuf::MethodDescriptor* testMethod(const char* name) {
+  return relaytest::TestService::descriptor()->FindMethodByName(name);
+}
+
+// An HttpServer on loopback serving a new `Service` (relaytest.TestService);
+// `port` 0 for any. The test thread owns it; it waits for the server's
+// deferred teardown when it goes.
+template <class Service = TestServiceImpl>
+struct TestServer {
+  explicit TestServer(uint16_t port = 0,
+                      const relay::HttpServerOptions& options = relay::HttpServerOptions())
+      : service(std::make_shared<Service>()),
+        server(relay::HttpServer::create(SocketAddress("127.0.0.1", port), 128, options)) {
+    if (server) server->registerRPCService(service);
+  }
+  ~TestServer() {
+    server.reset();
+    waitForDeferredWork();
+  }
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
+
+  uint16_t port() const { return server->localAddress().port(); }
+  std::string target() const { return "127.0.0.1:" + std::to_string(port()); }
+  // Ends every connection at once, as a crash would, and stops listening.
+  void kill() {
+    server->drain(Duration());
+    server.reset();
+    waitForDeferredWork();
+  }
+
+  std::shared_ptr<Service> service;
+  std::shared_ptr<relay::HttpServer> server;
 };
 
 // relaytest.Text with `text`, serialized.
