@@ -72,8 +72,10 @@ class OwnedContainer final : public OwnedBytes {
 
 template <class Container>
 std::unique_ptr<OwnedBytes> OwnedBytes::take(Container&& bytes) {
-  using Plain = std::remove_reference_t<Container>;
-  return std::make_unique<OwnedContainer<Plain>>(std::move(bytes));
+  // Only a container handed over (an rvalue) may be taken: its bytes are sent
+  // where they lie.
+  static_assert(!std::is_lvalue_reference_v<Container>, "OwnedBytes::take needs an rvalue");
+  return std::make_unique<OwnedContainer<Container>>(std::forward<Container>(bytes));
 }
 
 // The passive end of a link: its producer calls it. Owned by the container

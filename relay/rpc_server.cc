@@ -42,7 +42,7 @@ void sendResponse(const HttpConnectionHandlerWeakPtr& connection, const HttpResp
 
 // Writes the failure form of an RPC answer. Error texts travel in a header
 // line, so CR and LF become blanks: no service text can add header lines.
-void sendRPCError(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr& response,
+void sendRPCError(const HttpConnectionHandlerWeakPtr& connection, const HttpResponsePtr& response,
                   uint32_t id, const std::string& error_text) {
   std::string text = error_text;
   for (char& c : text) {
@@ -53,7 +53,7 @@ void sendRPCError(HttpConnectionHandlerWeakPtr connection, const HttpResponsePtr
   response->setHeaderF(RPCChannel::kHeaderId, "%d", id);
   response->setHeader(RPCChannel::kHeaderFailed, "1");
   response->setHeader(RPCChannel::kHeaderError, text);
-  sendResponse(std::move(connection), response);
+  sendResponse(connection, response);
 }
 
 std::string typeUrl(const google::protobuf::Message& message) {
