@@ -7,23 +7,15 @@
 #include <string>
 
 #include "tests/demo_process.h"
+#include "tests/shell_output.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
-using vantu::testing::DemoProcess;
+using vantu::testing::shellOutput;
 
-std::string runCommand(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
+using vantu::testing::DemoProcess;
 
 TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
   DemoProcess demo(DEMO_SERVER_PATH, 0);
@@ -62,7 +54,7 @@ TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
   ASSERT_NE(nullptr, file);
   fputs(script.c_str(), file);
   fclose(file);
-  const std::string out = runCommand("python3 " + path + " 2>&1");
+  const std::string out = shellOutput("python3 " + path + " 2>&1");
   unlink(path.c_str());
   unsigned first = 0, second = 0, third = 0;
   ASSERT_EQ(3, sscanf(out.c_str(), "%u %u %u", &first, &second, &third)) << out;

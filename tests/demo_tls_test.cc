@@ -13,29 +13,19 @@
 #include <vector>
 
 #include "tests/demo_process.h"
+#include "tests/shell_output.h"
 #include "tests/test_certs.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
+using vantu::testing::shellOutput;
+
 using vantu::testing::cert;
 using vantu::testing::DemoProcess;
 using vantu::testing::eventually;
 using vantu::testing::testCertDir;
-
-// Runs a shell command; its standard output, and its exit status in *status.
-std::string run(const std::string& command, int* status = nullptr) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, n);
-  const int result = pclose(pipe);
-  if (status != nullptr) *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-  return output;
-}
 
 std::unique_ptr<DemoProcess> startTlsDemo(const std::string& chain, const std::string& key,
                                           const std::string& client_ca = "") {
@@ -50,8 +40,9 @@ std::unique_ptr<DemoProcess> startTlsDemo(const std::string& chain, const std::s
 }
 
 std::string curl(const std::string& arguments, int* status) {
-  return run("curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + arguments + " 2>/dev/null",
-             status);
+  return shellOutput(
+      "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + arguments + " 2>/dev/null",
+      status);
 }
 
 TEST(DemoTlsTest, ServesHttpsToCurlAndPythonAndNothingInClear) {
@@ -97,8 +88,8 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
 print(b"HTTP/1.1" in got)
 )";
   EXPECT_EQ("HTTP/1.1 200 OK True\nFalse\n",
-            run("python3 -W ignore " + script + " " + std::to_string(demo->port()) + " " +
-                cert("ca.pem")));
+            shellOutput("python3 -W ignore " + script + " " + std::to_string(demo->port()) + " " +
+                        cert("ca.pem")));
 }
 
 TEST(DemoTlsTest, ClientCaFlagRequiresAndShowsTheClientCertificate) {

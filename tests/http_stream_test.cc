@@ -17,11 +17,14 @@
 #include "relay/rpc.h"
 #include "test_services.pb.h"
 #include "tests/loopback_client.h"
+#include "tests/shell_output.h"
 #include "tests/test_service.h"
 
 namespace vantu {
 namespace relay {
 namespace {
+
+using vantu::testing::shellOutput;
 
 using vantu::testing::LoopbackClient;
 
@@ -277,23 +280,12 @@ void serveCounting(HttpServer* server, int pieces) {
                                 });
 }
 
-std::string runCommand(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
-
 TEST_F(StreamServerTest, StreamReadsAsChunkedByCurlAndPython) {
   serveCounting(server_.get(), 100);
   std::string expected;
   for (int i = 0; i < 100; ++i) expected += "piece " + std::to_string(i) + "\n";
   const std::string url = "http://127.0.0.1:" + std::to_string(port()) + "/count";
-  EXPECT_EQ(expected, runCommand("curl -sS -N --max-time 30 " + url));
+  EXPECT_EQ(expected, shellOutput("curl -sS -N --max-time 30 " + url));
   const std::string python =
       "import http.client,sys\n"
       "c=http.client.HTTPConnection('127.0.0.1'," +
@@ -307,7 +299,7 @@ TEST_F(StreamServerTest, StreamReadsAsChunkedByCurlAndPython) {
       // The connection stays usable: a second answer on it.
       "c.request('GET','/count')\n"
       "sys.stdout.write(c.getresponse().read().decode())\n";
-  EXPECT_EQ(expected + expected, runCommand("python3 -c \"" + python + "\""));
+  EXPECT_EQ(expected + expected, shellOutput("python3 -c \"" + python + "\""));
 }
 
 TEST_F(StreamServerTest, Http10ClientGetsTheStreamEndedByTheClose) {

@@ -23,28 +23,18 @@
 #include "relay/rpc.h"
 #include "test_service.h"
 #include "test_services.pb.h"
+#include "tests/shell_output.h"
 #include "tests/test_certs.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
+using vantu::testing::shellOutput;
+
 using vantu::testing::LoopbackClient;
 
 using vantu::testing::cert;
-
-// Runs a shell command; its standard output, and its exit status in *status.
-std::string run(const std::string& command, int* status = nullptr) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, n);
-  const int result = pclose(pipe);
-  if (status != nullptr) *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-  return output;
-}
 
 std::string join(const std::vector<std::string>& parts) {
   std::string text;
@@ -177,7 +167,7 @@ TEST(TlsTest, ClientsNobodyHereWroteGetAnswersOverTls) {
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
     int status = -1;
-    EXPECT_EQ(test.expected, run(test.command, &status));
+    EXPECT_EQ(test.expected, shellOutput(test.command, &status));
     EXPECT_EQ(0, status);
   }
 }
@@ -234,8 +224,8 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
   // Resumption checked over TLS 1.2, where the session is known once the
   // handshake ends (a TLS 1.3 ticket arrives after it).
   EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
-            run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
-                " " + cert("ca.pem")));
+            shellOutput("python3 -W ignore " + path + " " +
+                        std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
 }
 
 // Over TLS a request's url says "https://", whichever reader the server uses;
@@ -252,13 +242,13 @@ TEST(TlsTest, RequestUrlsOverTlsSayHttps) {
     const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
     int status = -1;
     EXPECT_EQ("https://127.0.0.1:" + port + "/url?a=1",
-              run(curl + url(server, "/url?a=1"), &status));
+              shellOutput(curl + url(server, "/url?a=1"), &status));
     EXPECT_EQ(0, status);
     EXPECT_EQ("https://localhost:" + port + "/url",
-              run(curl + "https://localhost:" + port + "/url", &status));
-    EXPECT_EQ(
-        "http://elsewhere.test/url",
-        run(curl + "--request-target http://elsewhere.test/url " + url(server, "/x"), &status));
+              shellOutput(curl + "https://localhost:" + port + "/url", &status));
+    EXPECT_EQ("http://elsewhere.test/url",
+              shellOutput(curl + "--request-target http://elsewhere.test/url " + url(server, "/x"),
+                          &status));
   }
 }
 
@@ -269,14 +259,14 @@ TEST(TlsTest, MutualTlsRequiresAndReportsTheClientCertificate) {
   ASSERT_TRUE(server);
   const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
   int status = 0;
-  EXPECT_EQ("", run(curl + url(server, "/who") + " 2>/dev/null", &status));
+  EXPECT_EQ("", shellOutput(curl + url(server, "/who") + " 2>/dev/null", &status));
   EXPECT_NE(0, status) << "answered without a client certificate";
   EXPECT_EQ(
       "tls=1 version=TLSv1.3 subject=CN=test-client,O=relay tests "
       "sans=URI:spiffe://test/client,DNS:client.test address=yes",
-      run(curl + "--cert " + cert("client.pem") + " --key " + cert("client-key.pem") + " " +
-              url(server, "/who"),
-          &status));
+      shellOutput(curl + "--cert " + cert("client.pem") + " --key " + cert("client-key.pem") + " " +
+                      url(server, "/who"),
+                  &status));
   EXPECT_EQ(0, status);
 }
 
@@ -350,9 +340,9 @@ TEST(TlsTest, PlaintextAndStalledClientsAreClosedNotLeaked) {
   }
   EXPECT_TRUE(waitNoConnections(server));
   int status = -1;
-  EXPECT_EQ("Hello, world!\n",
-            run("curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + url(server, "/hello"),
-                &status));
+  EXPECT_EQ("Hello, world!\n", shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") +
+                                               " " + url(server, "/hello"),
+                                           &status));
 }
 
 TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
@@ -385,15 +375,15 @@ TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
   ASSERT_TRUE(install("wrong-name"));
   EXPECT_TRUE(server->reloadTlsCertificates());
   int status = -1;
-  EXPECT_EQ("Hello, world!\n", run(as_wrong_name, &status));
-  run(curl + url(server, "/hello") + " 2>/dev/null", &status);
+  EXPECT_EQ("Hello, world!\n", shellOutput(as_wrong_name, &status));
+  shellOutput(curl + url(server, "/hello") + " 2>/dev/null", &status);
   EXPECT_NE(0, status) << "a new connection still got the old certificate";
   // The connection made before the reload keeps its session.
   EXPECT_EQ("ok: tls=1 version=TLSv1.3 subject= sans= address=yes", callEcho(channel.get()));
 
   std::ofstream(chain) << "not a certificate\n";
   EXPECT_FALSE(server->reloadTlsCertificates());
-  EXPECT_EQ("Hello, world!\n", run(as_wrong_name, &status)) << "the old files were dropped";
+  EXPECT_EQ("Hello, world!\n", shellOutput(as_wrong_name, &status)) << "the old files were dropped";
   setLogSink(nullptr);
   bool logged = false;
   for (const LogRecord& record : records) {
@@ -459,9 +449,9 @@ print(sent < total, answers == sent)
 )";
   const std::string path = vantu::testing::testCertDir() + "/slow_reader.py";
   std::ofstream(path) << script;
-  EXPECT_EQ("True True\n",
-            run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) +
-                " " + cert("ca.pem") + " 4000"));
+  EXPECT_EQ("True True\n", shellOutput("python3 -W ignore " + path + " " +
+                                       std::to_string(server->localAddress().port()) + " " +
+                                       cert("ca.pem") + " 4000"));
 }
 
 // A reader that takes its answers slowly while its requests keep coming: the
@@ -509,11 +499,12 @@ os._exit(0)
   const std::string path = vantu::testing::testCertDir() + "/slow_queued_reader.py";
   std::ofstream(path) << script;
   const size_t read_limit = size_t{64} * 1024 * 1024;
-  const size_t read = std::strtoull(
-      run("python3 -W ignore " + path + " " + std::to_string(server->localAddress().port()) + " " +
-          cert("ca.pem") + " 2000 " + std::to_string(read_limit))
-          .c_str(),
-      nullptr, 10);
+  const size_t read =
+      std::strtoull(shellOutput("python3 -W ignore " + path + " " +
+                                std::to_string(server->localAddress().port()) + " " +
+                                cert("ca.pem") + " 2000 " + std::to_string(read_limit))
+                        .c_str(),
+                    nullptr, 10);
   ASSERT_GE(read, read_limit) << "the reader did not get its bytes";
   ASSERT_TRUE(waitNoConnections(server));
   // Ahead of the reader: the output bound (1 MiB), the answers to one read
