@@ -106,6 +106,27 @@ class StreamServerTest : public ::testing::Test {
   }
   uint16_t port() const { return server_->localAddress().port(); }
 
+  // Serves /n/... with its own path, each answer held until its done (kept
+  // in *dones) runs, and pipelines `count` of them on *client, which waits
+  // until every handler has run. The answers expected, in request order.
+  std::string pipelineHeldAnswers(int count, DoneList* dones, LoopbackClient* client) {
+    server_->registerAsyncHandler(
+        "/n/.*", [dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                         std::function<void()> done) {
+          setText(response, request->url.path());
+          dones->add(std::move(done));
+        });
+    std::string requests;
+    std::string expected;
+    for (int i = 0; i < count; ++i) {
+      requests += get("/n/" + std::to_string(i));
+      expected += plain("/n/" + std::to_string(i));
+    }
+    EXPECT_TRUE(client->write(requests));
+    EXPECT_TRUE(dones->waitFor(count));
+    return expected;
+  }
+
   std::shared_ptr<HttpServer> server_;
 };
 
@@ -131,23 +152,11 @@ TEST_F(StreamServerTest, AnswerFromAnotherThreadBetweenTwoPlainOnesKeepsRequestO
 }
 
 TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
-  DoneList dones;
-  server_->registerAsyncHandler(
-      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                        std::function<void()> done) {
-        setText(response, request->url.path());
-        dones.add(std::move(done));
-      });
   constexpr int kCount = 5;
+  DoneList dones;
   LoopbackClient client(port());
-  std::string requests;
-  std::string expected;
-  for (int i = 0; i < kCount; ++i) {
-    requests += get("/n/" + std::to_string(i));
-    expected += plain("/n/" + std::to_string(i));
-  }
-  ASSERT_TRUE(client.write(requests));
-  ASSERT_TRUE(dones.waitFor(kCount));
+  const std::string expected = pipelineHeldAnswers(kCount, &dones, &client);
+  ASSERT_FALSE(HasFailure());
   // The last first: nothing may go out before the first is done.
   for (int i = kCount - 1; i > 0; --i) dones.at(i)();
   EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook the first";
@@ -156,23 +165,11 @@ TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
 }
 
 TEST_F(StreamServerTest, DoneFromManyThreadsAtOnceWritesEachAnswerOnceInOrder) {
-  DoneList dones;
-  server_->registerAsyncHandler(
-      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                        std::function<void()> done) {
-        setText(response, request->url.path());
-        dones.add(std::move(done));
-      });
   constexpr int kCount = 32;
+  DoneList dones;
   LoopbackClient client(port());
-  std::string requests;
-  std::string expected;
-  for (int i = 0; i < kCount; ++i) {
-    requests += get("/n/" + std::to_string(i));
-    expected += plain("/n/" + std::to_string(i));
-  }
-  ASSERT_TRUE(client.write(requests));
-  ASSERT_TRUE(dones.waitFor(kCount));
+  const std::string expected = pipelineHeldAnswers(kCount, &dones, &client);
+  ASSERT_FALSE(HasFailure());
   // Every done runs twice, from two threads, all of them released at once.
   std::atomic<bool> go{false};
   std::vector<std::thread> threads;
