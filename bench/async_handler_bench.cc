@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/three_variant_table.h"
 #include "common/event_thread.h"
 #include "common/logging.h"
 #include "relay/http_server.h"
@@ -98,49 +99,12 @@ BENCHMARK(BM_ServeRequest)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 
-// Keeps the medians' CPU times, by variant, for the side-by-side table.
-class MedianCollector : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred || run.aggregate_name != "median") continue;
-      cpu_ns_[std::atoi(run.run_name.args.c_str())] = run.GetAdjustedCPUTime();
-    }
-  }
-  const std::map<int, double>& cpuNs() const { return cpu_ns_; }
-
- private:
-  std::map<int, double> cpu_ns_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  vantu::setLogSink([](const vantu::LogRecord&) {});
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  MedianCollector reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  std::map<int, double> ns = reporter.cpuNs();
-  if (ns.size() != 3) {
-    std::fprintf(stderr, "async_handler_bench: %zu of the 3 variants ran\n", ns.size());
-    return 1;
-  }
-  std::printf(
-      "\n== Answering later: one GET /hello through a server connection, ns per request\n"
-      "   (median of 5, CPU time of the event thread; target: async at most +10%%)\n");
-  std::printf("%-22s %-24s %-24s\n", kVariantNames[0], kVariantNames[1], kVariantNames[2]);
-  char cells[3][64];
-  for (int i = 0; i < 3; ++i) {
-    if (i == 0) {
-      std::snprintf(cells[i], sizeof(cells[i]), "%.0f", ns[i]);
-    } else {
-      std::snprintf(cells[i], sizeof(cells[i]), "%.0f (%+.0f, %+.1f%%)", ns[i], ns[i] - ns[0],
-                    100 * (ns[i] - ns[0]) / ns[0]);
-    }
-  }
-  std::printf("%-22s %-24s %-24s\n", cells[0], cells[1], cells[2]);
-  return 0;
+  return vantu::bench::runThreeVariants(
+      argc, argv, "async_handler_bench",
+      "== Answering later: one GET /hello through a server connection, ns per request\n"
+      "   (median of 5, CPU time of the event thread; target: async at most +10%)\n",
+      kVariantNames);
 }
