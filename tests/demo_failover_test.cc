@@ -14,6 +14,7 @@
 #include "relay/rpc.h"
 #include "tests/call_load.h"
 #include "tests/demo_process.h"
+#include "tests/shell_output.h"
 
 namespace vantu {
 namespace relay {
@@ -185,8 +186,9 @@ TEST(DemoFailoverTest, CallsWhoseCallerGaveUpFreeTheServer) {
   EXPECT_TRUE(eventually([&] { return inFlight(*demo) == 0; }));
   channel.reset();
   // relay_call's --timeout-ms is its call's deadline, which the server hears.
-  EXPECT_EQ(1, vantu::testing::runToEnd({RELAY_CALL_PATH, "--timeout-ms", "300", demo->address(),
-                                         "demo.EchoService.Delay", "{\"delayMs\":60000}"}));
+  EXPECT_EQ(1, vantu::testing::runProcess({RELAY_CALL_PATH, "--timeout-ms", "300", demo->address(),
+                                           "demo.EchoService.Delay", "{\"delayMs\":60000}"})
+                   .exit_code);
   EXPECT_TRUE(eventually([&] { return inFlight(*demo) == 0; }));
   EXPECT_EQ(6, metricValue(fetchMetrics(demo->port()), "relay_rpcs_total",
                            {"method=\"Delay\"", "outcome=\"failed\""}));

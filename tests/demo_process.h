@@ -105,25 +105,6 @@ class DemoProcess {
   uint16_t port_ = 0;
 };
 
-// Runs `argv` (argv[0] the binary) to its end, its output discarded; its
-// exit status, or -1 when it could not run.
-inline int runToEnd(std::vector<std::string> argv) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  std::vector<char*> args;
-  for (std::string& arg : argv) args.push_back(&arg[0]);
-  args.push_back(nullptr);
-  pid_t pid;
-  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return -1;
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // Asks `done` every few milliseconds, for up to 30 s, until it holds: for
 // what another process does, which nothing here is told of. False if it
 // never held.

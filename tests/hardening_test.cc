@@ -17,6 +17,7 @@
 #include "common/time.h"
 #include "relay/http_server.h"
 #include "tests/loopback_client.h"
+#include "tests/shell_output.h"
 #include "tests/test_service.h"
 
 namespace vantu {
@@ -556,22 +557,13 @@ TEST_F(HardeningTest, CurlChunkedUploadArrivesWhole) {
   start(HttpServerOptions::hardened());
   std::string payload;
   for (int i = 0; i < 20000; ++i) payload += "line " + std::to_string(i) + "\n";
-  char path[] = "/tmp/hardening_upload_XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(static_cast<ssize_t>(payload.size()), write(fd, payload.data(), payload.size()));
-  close(fd);
   // The server's 100 Continue lets curl send at once.
-  const std::string command =
-      "curl -sS --max-time 30 -T - http://127.0.0.1:" + std::to_string(port_) + "/echo < " + path;
-  FILE* curl = popen(command.c_str(), "r");
-  ASSERT_NE(nullptr, curl);
-  std::string answer;
-  char buffer[65536];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), curl)) > 0) answer.append(buffer, n);
-  EXPECT_EQ(0, pclose(curl));
-  unlink(path);
+  const vantu::testing::ProcessOutcome curl =
+      vantu::testing::runProcess({"curl", "-sS", "--max-time", "30", "-T", "-",
+                                  "http://127.0.0.1:" + std::to_string(port_) + "/echo"},
+                                 payload);
+  EXPECT_EQ(0, curl.exit_code) << curl.err;
+  const std::string& answer = curl.out;
   EXPECT_EQ("len=" + std::to_string(payload.size()) + ":" + payload, answer);
 }
 

@@ -2,16 +2,8 @@
 // servers in this process. calc.Calculator exists only as .proto files that
 // this test compiles at run time, and relaytest.TestService only in this
 // test's generated code: relay_call is built with neither.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,9 +12,8 @@
 #include "relay/reflection.h"
 #include "tests/calc_service.h"
 #include "tests/loopback_client.h"
+#include "tests/shell_output.h"
 #include "tests/test_service.h"
-
-extern char** environ;
 
 namespace vantu {
 namespace relay {
@@ -31,58 +22,7 @@ namespace {
 using vantu::testing::CalcService;
 using vantu::testing::TestServiceImpl;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-struct Outcome {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
-};
-
-// Runs relay_call with `args` and `input` on its standard input.
-Outcome runRelayCall(const std::vector<std::string>& args, const std::string& input) {
-  Outcome run;
-  char dir[] = "/tmp/relay_call_test.XXXXXX";
-  if (mkdtemp(dir) == nullptr) {
-    ADD_FAILURE() << "mkdtemp: " << strerror(errno);
-    return run;
-  }
-  const std::string in = std::string(dir) + "/in", out = std::string(dir) + "/out",
-                    err = std::string(dir) + "/err";
-  std::ofstream(in, std::ios::binary) << input;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(RELAY_CALL_PATH));
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid;
-  const int spawned = posix_spawn(&pid, RELAY_CALL_PATH, &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) {
-    ADD_FAILURE() << "cannot run " << RELAY_CALL_PATH << ": " << strerror(spawned);
-  } else {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = readFile(out);
-    run.err = readFile(err);
-  }
-  unlink(in.c_str());
-  unlink(out.c_str());
-  unlink(err.c_str());
-  rmdir(dir);
-  return run;
-}
+using Outcome = vantu::testing::ProcessOutcome;
 
 class RelayCallTest : public ::testing::Test {
  protected:
@@ -129,7 +69,8 @@ class RelayCallTest : public ::testing::Test {
         if (at != std::string::npos) arg.replace(at, name.size(), value);
       }
     }
-    return runRelayCall(args, input);
+    args.insert(args.begin(), RELAY_CALL_PATH);
+    return vantu::testing::runProcess(args, input);
   }
 
   static inline std::shared_ptr<CalcService>* calc_ = nullptr;
