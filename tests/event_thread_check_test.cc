@@ -8,8 +8,8 @@
 
 #include "common/event_thread.h"
 #include "common/logging.h"
-#include "common/mutex.h"
 #include "relay/http_server.h"
+#include "tests/log_capture.h"
 
 namespace vantu {
 namespace {
@@ -22,28 +22,10 @@ constexpr bool kChecked = true;
 
 void eventThreadOnly() { VANTU_DCHECK_ON_EVENT_THREAD("tests/event_thread_check_test"); }
 
-// Collects the records written while it lives.
-class Records {
- public:
-  Records() {
-    setLogSink([this](const LogRecord& record) {
-      MutexLock lock(mutex_);
-      records_.push_back(record);
-    });
-  }
-  ~Records() { setLogSink(nullptr); }
-  std::vector<LogRecord> take() {
-    MutexLock lock(mutex_);
-    return std::move(records_);
-  }
-
- private:
-  Mutex mutex_;
-  std::vector<LogRecord> records_ VANTU_GUARDED_BY(mutex_);
-};
+using vantu::testing::LogCapture;
 
 TEST(EventThreadCheckTest, CallsOffTheEventThreadAreReportedInDebugBuildsOnly) {
-  Records records;
+  LogCapture records;
   runOnEventThreadAndWait(eventThreadOnly);
   EXPECT_TRUE(records.take().empty()) << "a call on the event thread was reported";
 
@@ -64,7 +46,7 @@ TEST(EventThreadCheckTest, ConnectionNotificationsAreChecked) {
   runOnEventThreadAndWait([&] {
     connection = std::make_shared<relay::HttpConnectionHandler>(relay::HttpServerImpl::create());
   });
-  Records records;
+  LogCapture records;
   std::string nothing;
   connection->notifyInputShutdown(&nothing);  // no bytes left: does nothing else
   std::vector<LogRecord> written = records.take();

@@ -15,6 +15,7 @@
 #include "relay/rpc.h"
 #include "test_services.pb.h"
 #include "tests/calc_service.h"
+#include "tests/log_capture.h"
 #include "tests/loopback_client.h"
 #include "tests/test_service.h"
 
@@ -23,6 +24,7 @@ namespace relay {
 namespace {
 
 using vantu::testing::CalcService;
+using vantu::testing::LogCapture;
 using vantu::testing::LoopbackClient;
 using vantu::testing::rpcRequest;
 using vantu::testing::TestServiceImpl;
@@ -66,34 +68,6 @@ std::string describe(const HttpResponse& r) {
   for (const auto& h : r.headers) out += " [" + h.first + "|" + h.second + "]";
   return out + " " + r.body;
 }
-
-// Collects the records of one logger while it lives, with that logger enabled
-// up to `level`; restores the defaults when it goes.
-class LogCapture {
- public:
-  LogCapture(std::string logger, int level) : logger_(std::move(logger)) {
-    setLogSink([this](const LogRecord& r) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (r.logger == logger_)
-        texts_.push_back(std::to_string(r.level) + "|" + r.file + "|" + r.text);
-    });
-    setLogLevel(logger_, level);
-  }
-  ~LogCapture() {
-    setLogLevel(logger_, 2);
-    setLogSink(nullptr);
-  }
-  // "level|file|text" of each record so far, and forgets them.
-  std::vector<std::string> take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(texts_, {});
-  }
-
- private:
-  const std::string logger_;
-  std::mutex mutex_;
-  std::vector<std::string> texts_;
-};
 
 class HttpServerTest : public ::testing::Test {
  protected:
@@ -403,7 +377,7 @@ TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
     ASSERT_TRUE(client.write(get("/hello") + get("/missing")));
     ASSERT_EQ(2u, readResponses(&client, 2).size());
     EXPECT_EQ(std::vector<std::string>{"2|relay/http_server|No handler found for /missing"},
-              log.take());
+              log.takeTexts());
   }
   LogCapture log("http_server", 6);
   ASSERT_TRUE(client.write(get("/hello") + "GET urn: HTTP/1.1\r\n\r\n"));
@@ -414,7 +388,7 @@ TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
                 "5|relay/http_server|This is a standard HTTP request",
                 "2|relay/http_server|No handler found for ",
             }),
-            log.take());
+            log.takeTexts());
 
   // An id of -1 is logged as the unsigned number it becomes.
   ASSERT_TRUE(
@@ -431,7 +405,7 @@ TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
                 "6|relay/http_server|Calling method. Request=text: \"hi\"\n",
                 "6|relay/http_server|text: \"hi\"\n json:{\"text\":\"hi\"}",
             }),
-            log.take());
+            log.takeTexts());
 
   // A binary call: no JSON records.
   ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "3", textMessage("b"))));
@@ -440,7 +414,7 @@ TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
                 "5|relay/http_server|This is a RPC!!! relaytest.TestService Echo 3",
                 "6|relay/http_server|Calling method. Request=text: \"b\"\n",
             }),
-            log.take());
+            log.takeTexts());
 }
 
 TEST_F(HttpServerTest, ReRegisteringAServiceReplacesIt) {

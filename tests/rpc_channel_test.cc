@@ -17,6 +17,7 @@
 #include "relay/rpc.h"
 #include "test_services.pb.h"
 #include "tests/event_thread_blocker.h"
+#include "tests/log_capture.h"
 #include "tests/loopback_client.h"
 #include "tests/scripted_server.h"
 #include "tests/test_service.h"
@@ -656,14 +657,9 @@ TEST(RpcChannelCreateTest, NoServerGivesNullAndSaysSo) {
   const uint16_t port = server->localAddress().port();
   server.reset();
   waitForDeferredWork();
-  std::mutex mutex;
-  std::vector<LogRecord> records;
-  setLogSink([&](const LogRecord& record) {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (record.logger == "rpc") records.push_back(record);
-  });
+  vantu::testing::LogCapture log("rpc", 2);
   EXPECT_FALSE(RPCChannel::create(SocketAddress("127.0.0.1", port)));
-  setLogSink(nullptr);
+  const std::vector<LogRecord> records = log.take();
   ASSERT_EQ(1u, records.size());
   EXPECT_EQ(2, records[0].level);
   EXPECT_EQ("relay/rpc", records[0].file);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/logging.h"
+#include "tests/log_capture.h"
 
 namespace vantu {
 namespace {
@@ -89,8 +90,7 @@ TEST(RPCTest, CancelCallbackRunsAtMostOnceAndOnlyBeforeCompletion) {
 }
 
 TEST(RPCTest, SecondNotifyOnCancelIsReportedAndReplacesTheFirst) {
-  std::vector<LogRecord> records;
-  setLogSink([&records](const LogRecord& r) { records.push_back(r); });
+  vantu::testing::LogCapture log;
   int first_runs = 0, first_deletions = 0, second_runs = 0, second_deletions = 0;
   CountingClosure second(&second_runs, &second_deletions);
   {
@@ -102,7 +102,7 @@ TEST(RPCTest, SecondNotifyOnCancelIsReportedAndReplacesTheFirst) {
     EXPECT_EQ(0, first_runs);
     EXPECT_EQ(1, second_runs);
   }
-  setLogSink(nullptr);
+  const std::vector<LogRecord> records = log.take();
   ASSERT_EQ(1u, records.size());
   EXPECT_EQ(1, records[0].level);
   EXPECT_EQ("check", records[0].logger);

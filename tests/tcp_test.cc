@@ -18,6 +18,7 @@
 #include "net/request_response_connection_handler.h"
 #include "net/tcp_server.h"
 #include "net/tcp_socket.h"
+#include "tests/log_capture.h"
 #include "tests/loopback_client.h"
 
 namespace vantu {
@@ -498,17 +499,11 @@ TEST(TcpSocketTest, AbortWhileConnectingEndsQuietly) {
 TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
   TestServer echo;
   ASSERT_TRUE(echo.initialized);
-  std::vector<LogRecord> records;
-  Mutex mutex;
-  setLogSink([&](const LogRecord& record) {
-    MutexLock lock(mutex);
-    records.push_back(record);
-  });
+  vantu::testing::LogCapture log;
   std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address);
   ASSERT_TRUE(socket);
   socket->link(nullptr, nullptr);
-  setLogSink(nullptr);
-  MutexLock lock(mutex);
+  const std::vector<LogRecord> records = log.take();
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ(485, records[0].line);
   EXPECT_EQ("Check failed other_sink ", records[0].text);
