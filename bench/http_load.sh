@@ -44,62 +44,17 @@ for exe in "$demo" "$floor"; do
 done
 clock_ticks=$(getconf CLK_TCK)
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  for pid in "${pids[@]}"; do
-    wait "$pid" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$(dirname "$0")/lib.sh"
+bench_workspace
 
-# Three distinct free loopback ports: bind port 0 and read back what the kernel chose.
+# Three distinct free loopback ports.
 declare -A port pid log
-read -r 'port[ours]' 'port[nginx]' 'port[floor]' < <(python3 - <<'EOF'
-import socket
-socks = [socket.socket() for _ in range(3)]
-for s in socks:
-    s.bind(("127.0.0.1", 0))
-print(*(s.getsockname()[1] for s in socks))
-EOF
-)
+read -r 'port[ours]' 'port[nginx]' 'port[floor]' < <(free_ports 3)
 log[ours]=$work/demo.log
 log[nginx]=$work/nginx/error.log
 log[floor]=$work/floor.log
 
-mkdir -p "$work/nginx"
-cat >"$work/nginx/nginx.conf" <<EOF
-worker_processes 1;
-daemon off;
-master_process off;
-pid $work/nginx/nginx.pid;
-error_log ${log[nginx]} warn;
-events {
-  worker_connections 1024;
-}
-http {
-  access_log off;
-  client_body_temp_path $work/nginx/body;
-  proxy_temp_path $work/nginx/proxy;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  scgi_temp_path $work/nginx/scgi;
-  keepalive_requests 1000000;
-  keepalive_timeout 75s;
-  server {
-    listen 127.0.0.1:${port[nginx]};
-    location = /hello {
-      default_type text/plain;
-      return 200 "Hello, world!\n";
-    }
-  }
-}
-EOF
+nginx_hello_conf "$work/nginx" "${port[nginx]}" 1024 75s
 
 # wrk scripts. done() prints a machine-readable summary line; defining only
 # done() keeps wrk on its fast path (no Lua call per request or response).
@@ -212,29 +167,6 @@ run_wrk() {
     exit 1
   fi
   echo "$requests $micros"
-}
-
-# CPU clock ticks (user + system, all threads) a process has used so far.
-# Fields 14 and 15 of /proc/PID/stat, counted after the command name, which is
-# in parentheses and may hold blanks.
-cpu_ticks() {
-  local stat
-  stat=$(<"/proc/$1/stat")
-  local -a fields
-  read -ra fields <<<"${stat##*) }"
-  echo $((fields[11] + fields[12]))
-}
-
-# Evaluates the Python expression $1 over a = the numbers that follow; prints
-# "-" when a figure is missing ("-") or a divisor is 0.
-calc() {
-  python3 -c '
-import sys
-try:
-    a = [float(x) for x in sys.argv[2:]]
-    print(eval(sys.argv[1]))
-except (ValueError, ZeroDivisionError):
-    print("-")' "$@"
 }
 
 # Each server must still be alive after the runs: a crash under load shows up

@@ -27,48 +27,12 @@ for exe in "$demo" "$load" "$rpc"; do
   [[ -x "$exe" ]] || { echo "tail_latency: $exe not built" >&2; exit 1; }
 done
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$(dirname "$0")/lib.sh"
+bench_workspace
 
-read -r ours_port nginx_port < <(python3 - <<'EOF'
-import socket
-socks = [socket.socket() for _ in range(2)]
-for s in socks:
-    s.bind(("127.0.0.1", 0))
-print(*(s.getsockname()[1] for s in socks))
-EOF
-)
+read -r ours_port nginx_port < <(free_ports 2)
 
-mkdir -p "$work/nginx"
-cat >"$work/nginx/nginx.conf" <<EOF
-worker_processes 1;
-daemon off;
-master_process off;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log warn;
-events { worker_connections 1024; }
-http {
-  access_log off;
-  client_body_temp_path $work/nginx/body;
-  proxy_temp_path $work/nginx/proxy;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  scgi_temp_path $work/nginx/scgi;
-  keepalive_requests 1000000;
-  keepalive_timeout 75s;
-  server {
-    listen 127.0.0.1:$nginx_port;
-    location = /hello { default_type text/plain; return 200 "Hello, world!\n"; }
-  }
-}
-EOF
+nginx_hello_conf "$work/nginx" "$nginx_port" 1024 75s
 
 taskset -c 0 "$demo" --port "$ours_port" >"$work/demo.log" 2>&1 &
 pids+=($!)

@@ -32,58 +32,18 @@ done
 [[ -x "$demo" ]] || { echo "tls_load: $demo not built" >&2; exit 1; }
 clock_ticks=$(getconf CLK_TCK)
 
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$root/bench/lib.sh"
+bench_workspace
 "$root/scripts/make-test-certs" "$work/certs"
 certs=$work/certs
 ulimit -n "$((idle + 1000))" 2>/dev/null || ulimit -n "$(ulimit -Hn)"
 
 declare -A port pid
-read -r 'port[ours]' 'port[nginx]' < <(python3 -c '
-import socket
-socks = [socket.socket() for _ in range(2)]
-for s in socks: s.bind(("127.0.0.1", 0))
-print(*(s.getsockname()[1] for s in socks))')
+read -r 'port[ours]' 'port[nginx]' < <(free_ports 2)
 
-mkdir -p "$work/nginx"
-cat >"$work/nginx/nginx.conf" <<EOF
-worker_processes 1;
-daemon off;
-master_process off;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log warn;
-worker_rlimit_nofile $((idle + 1000));
-events {
-  worker_connections $((idle + 500));
-}
-http {
-  access_log off;
-  client_body_temp_path $work/nginx/body;
-  proxy_temp_path $work/nginx/proxy;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  scgi_temp_path $work/nginx/scgi;
-  keepalive_requests 1000000;
-  keepalive_timeout 300s;
-  server {
-    listen 127.0.0.1:${port[nginx]} ssl;
-    ssl_certificate $certs/server.pem;
-    ssl_certificate_key $certs/server-key.pem;
-    ssl_protocols TLSv1.3;
-    location = /hello {
-      default_type text/plain;
-      return 200 "Hello, world!\n";
-    }
-  }
-}
-EOF
+nginx_hello_conf "$work/nginx" "${port[nginx]}" "$((idle + 500))" 300s ssl \
+  "ssl_certificate $certs/server.pem;" "ssl_certificate_key $certs/server-key.pem;" \
+  "ssl_protocols TLSv1.3;"
 
 # The demo as it runs by default (hardened), with only TLS 1.3 offered by the
 # client side of every test, as nginx is limited to it.
@@ -107,22 +67,6 @@ for name in ours nginx; do
   $up || { echo "tls_load: $name does not answer over TLS" >&2; cat "$work/demo.log" "$work/nginx/error.log" >&2; exit 1; }
 done
 
-cpu_ticks() {
-  local stat
-  stat=$(<"/proc/$1/stat")
-  local -a fields
-  read -ra fields <<<"${stat##*) }"
-  echo $((fields[11] + fields[12]))
-}
-calc() {
-  python3 -c '
-import sys
-try:
-    a = [float(x) for x in sys.argv[2:]]
-    print(eval(sys.argv[1]))
-except (ValueError, ZeroDivisionError):
-    print("-")' "$@"
-}
 
 cat >"$work/summary.lua" <<'EOF'
 done = function(summary, latency, requests)
