@@ -420,11 +420,11 @@ TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
   waitForDeferredWork();
   server.go();
   // Guards against a stall, not timing checks.
-  ASSERT_TRUE(first.timedWaitRelative(Duration::seconds(60)));
+  ASSERT_TRUE(first.timedWaitRelative(Duration::seconds(30)));
   EXPECT_TRUE(server.answerWritten());
   ASSERT_FALSE(first.Failed()) << first.ErrorText();
   EXPECT_EQ(size_t{8} << 20, first_reply.text().size());
-  ASSERT_TRUE(second.timedWaitRelative(Duration::seconds(60)));
+  ASSERT_TRUE(second.timedWaitRelative(Duration::seconds(30)));
   ASSERT_FALSE(second.Failed()) << second.ErrorText();
   EXPECT_EQ("aa", second_reply.text());
   channel.reset();
