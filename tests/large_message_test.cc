@@ -247,8 +247,10 @@ TEST(LargeMessageTest, ConnectionsDeclaringHugeBodiesDoNotReserveThem) {
       options = HttpServerOptions::hardened();
       options.max_body_bytes = kDeclared;
     }
+    // A backlog that takes them all: a connection beyond it waits a second
+    // for its SYN to be sent again.
     std::shared_ptr<HttpServer> server =
-        HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
+        HttpServer::create(SocketAddress("127.0.0.1", 0), kConnections, options);
     ASSERT_TRUE(server);
     auto received = std::make_shared<ReceivedBytes>();
     server->setObserver(received);
