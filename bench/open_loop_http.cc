@@ -7,12 +7,14 @@
 // carries one request at a time, as wrk does without pipelining.
 //
 //   open_loop_http --port N (--rate R | --peak) [--connections 50]
-//                  [--seconds 5] [--warmup 1] [--path /hello]
+//                  [--seconds 5] [--warmup 1] [--path /hello] [--samples FILE]
 //
 // --peak runs closed-loop instead (each connection sends its next request as
 // soon as the answer is in): the rate the server can sustain. Prints one line:
 //   RESULT rate <target> achieved <req/s> p50 <µs> p99 <µs> p999 <µs> max <µs> errors <n>
-// and exits non-zero when any request failed or went unanswered.
+// and exits non-zero when any request failed or went unanswered. --samples
+// also writes every latency of the window to FILE (native doubles, µs,
+// ascending), so that several runs can be pooled (bench/tail_latency.sh).
 //
 // One thread, epoll with nanosecond time-outs; it should run on a CPU of its
 // own (bench/tail_latency.sh pins it).
@@ -45,6 +47,7 @@ struct Options {
   double seconds = 5;
   double warmup = 1;
   std::string path = "/hello";
+  std::string samples;  // where to write the latencies; empty: nowhere
 };
 
 struct Connection {
@@ -89,7 +92,7 @@ double percentile(const std::vector<double>& sorted, double fraction) {
 int usage() {
   std::fprintf(stderr,
                "usage: open_loop_http --port N (--rate R | --peak) [--connections 50] "
-               "[--seconds 5] [--warmup 1] [--path /hello]\n");
+               "[--seconds 5] [--warmup 1] [--path /hello] [--samples FILE]\n");
   return 2;
 }
 
@@ -117,6 +120,8 @@ int main(int argc, char** argv) {
       options.warmup = std::atof(arg);
     } else if (flag == "--path") {
       options.path = arg;
+    } else if (flag == "--samples") {
+      options.samples = arg;
     } else {
       return usage();
     }
@@ -239,6 +244,15 @@ int main(int argc, char** argv) {
     }
   }
   std::sort(latencies_us.begin(), latencies_us.end());
+  if (!options.samples.empty()) {
+    FILE* out = std::fopen(options.samples.c_str(), "wb");
+    if (out == nullptr || std::fwrite(latencies_us.data(), sizeof(double), latencies_us.size(),
+                                      out) != latencies_us.size()) {
+      std::perror("open_loop_http: --samples");
+      return 1;
+    }
+    std::fclose(out);
+  }
   std::printf("RESULT rate %.0f achieved %.0f p50 %.1f p99 %.1f p999 %.1f max %.1f errors %zu\n",
               options.rate, completed_in_window / options.seconds, percentile(latencies_us, 0.5),
               percentile(latencies_us, 0.99), percentile(latencies_us, 0.999),

@@ -1,5 +1,7 @@
 #include "common/memory_policy.h"
 
+#include <algorithm>
+
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -14,6 +16,24 @@ bool TrimSchedule::due(Clock::time_point now) {
   trimmed_ = true;
   last_ = now;
   return true;
+}
+
+void reserveBodyAhead(std::string* body, uint64_t declared) {
+  body->reserve(static_cast<size_t>(std::min<uint64_t>(declared, kLargestBodyReservedAhead)));
+}
+
+void growBody(std::string* body, size_t needed, uint64_t declared) {
+  uint64_t wanted = uint64_t{kBodyGrowthFactor} * needed;
+  // Past half the declared length, the next step would re-copy most of the
+  // body: the whole of it is taken now instead.
+  if (wanted >= declared / 2) wanted = declared;
+  wanted = std::max<uint64_t>(wanted, needed);
+  // libstdc++ rounds a reserve that less than doubles the capacity up to the
+  // double: a fresh string reserves exactly.
+  std::string grown;
+  grown.reserve(static_cast<size_t>(wanted));
+  grown.append(*body);
+  body->swap(grown);
 }
 
 void releaseFreeMemory() {

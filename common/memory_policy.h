@@ -61,6 +61,28 @@ inline void clearKeepingSmall(std::string* text) {
   }
 }
 
+// A body's buffer is given at most this much ahead of its bytes, on the word
+// of its Content-Length alone: a peer that declares bodies it never sends
+// holds this much per connection, not what it declared.
+constexpr size_t kLargestBodyReservedAhead = size_t{64} * 1024;
+// Once bytes arrive, the buffer grows to this many times what it then holds,
+// or straight to the declared length once that is less than twice as much: a
+// large body is allocated about three times on its way to its full size,
+// re-copying a small part of itself, instead of doubling a dozen times; and
+// what a peer makes the server hold stays within twice this multiple of what
+// it sent.
+constexpr size_t kBodyGrowthFactor = 16;
+
+// Readies the empty `body` of a message whose Content-Length is `declared`.
+void reserveBodyAhead(std::string* body, uint64_t declared);
+// Makes room in `body` for `incoming` more bytes of a body declared `declared`
+// bytes long, within the bounds above. Each growth allocates exactly what it
+// asks for (a plain reserve may double instead).
+void growBody(std::string* body, size_t needed, uint64_t declared);
+inline void growBodyFor(std::string* body, size_t incoming, uint64_t declared) {
+  if (body->size() + incoming > body->capacity()) growBody(body, body->size() + incoming, declared);
+}
+
 // A request is large when it was made of more than kLargeRequestBlocks small
 // allocations (headers, split query pairs) or held more than
 // kLargeRequestBytes (target and body). Once freed, such memory tends to stay

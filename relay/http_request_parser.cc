@@ -22,9 +22,6 @@ namespace {
 
 constexpr char kLogger[] = "http_request_parser";
 constexpr char kSourceFile[] = "relay/http_request_parser";
-// The most a body's buffer is given ahead of its bytes, on the word of its
-// Content-Length.
-constexpr size_t kLargestBodyReservation = size_t{64} * 1024 * 1024;
 
 // The first CR or LF in [from, end), or end: sixteen bytes at a time where
 // SSE2 is there. Each doParse call scans each byte once, so a line of any
@@ -145,6 +142,7 @@ bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage
     if (state_ == kBody) {
       const size_t missing = message_->content_length - message_->body.size();
       const size_t take = std::min(missing, static_cast<size_t>(end - scan));
+      memory_policy::growBodyFor(&message_->body, take, message_->content_length);
       message_->body.append(scan, take);
       scan += take;
       if (message_->body.size() < message_->content_length) return true;
@@ -214,10 +212,10 @@ bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
     if (max_body_bytes_ != 0 && message_->content_length > max_body_bytes_) {
       return refuse(HttpResponse::kRequestEntityTooLarge);
     }
-    // The body's room, once: a body that arrives in many reads is then copied
-    // once, not again at every growth. The length is the peer's word, so
-    // more than kLargestBodyReservation is left to grow as the bytes come.
-    message_->body.reserve(std::min<size_t>(message_->content_length, kLargestBodyReservation));
+    // The body's room, from its declared length: a body that arrives in many
+    // reads is then copied once, not again at every doubling. The length is
+    // only the peer's word, so little is reserved before the bytes come.
+    memory_policy::reserveBodyAhead(&message_->body, message_->content_length);
     return true;
   }
   size_t name_length;

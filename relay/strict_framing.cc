@@ -518,6 +518,7 @@ bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
     if (declared_length_ > 0) {
       state_ = State::kBody;
       body_remaining_ = declared_length_;
+      memory_policy::reserveBodyAhead(&request_->body, declared_length_);
       return true;
     }
   }
@@ -549,14 +550,8 @@ bool StrictRequestParser::processChunkSize(const char* line, size_t length) {
 
 void StrictRequestParser::appendBody(const char* data, size_t length) {
   std::string& body = request_->body;
-  const size_t needed = body.size() + length;
-  if (!chunked_ && needed > body.capacity()) {
-    // Grow geometrically as the bytes arrive, but never past the declared
-    // length: a body that arrives whole is allocated once and exactly, and one
-    // that trickles in never holds more than twice what arrived.
-    body.reserve(static_cast<size_t>(
-        std::min<uint64_t>(declared_length_, std::max(needed, 2 * body.capacity()))));
-  }
+  // A chunked body has no declared length: it grows as a string does.
+  if (!chunked_) memory_policy::growBodyFor(&body, length, declared_length_);
   body.append(data, length);
 }
 

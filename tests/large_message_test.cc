@@ -5,16 +5,28 @@
 // reference and are reserved from their Content-Length; what these tests
 // watch is that every byte still arrives, once, in order, with the right call.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/event_thread.h"
+#include "common/memory_policy.h"
+#include "common/mutex.h"
 #include "common/socket_address.h"
 #include "common/time.h"
 #include "loopback_client.h"
+#include "relay/http_request_parser.h"
 #include "relay/http_server.h"
+#include "relay/http_server_observer.h"
 #include "relay/http_server_options.h"
 #include "relay/rpc.h"
 #include "test_service.h"
@@ -148,6 +160,276 @@ TEST(LargeMessageTest, PipelinedAnswersOfMixedSizesArriveWholeAndInOrder) {
     EXPECT_TRUE(body == letters(size, static_cast<unsigned>(size)));
   }
   EXPECT_TRUE(pending.empty());
+}
+
+TEST(LargeMessageTest, BodyBufferGrowsInFewStepsAndWithinBounds) {
+  // A body arriving in pieces is appended the way both readers do: its
+  // buffer reserved ahead from the declared length, then grown as bytes come.
+  struct Case {
+    uint64_t declared;
+    size_t piece;
+  };
+  const Case cases[] = {
+      {100, 7},
+      {memory_policy::kLargestBodyReservedAhead, 1460},
+      {memory_policy::kLargestBodyReservedAhead + 1, 65536},
+      {size_t{1} << 20, 1460},
+      {size_t{16} << 20, 65536},
+      {size_t{40} << 20, 65536},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(std::to_string(test.declared) + " bytes in pieces of " +
+                 std::to_string(test.piece));
+    const std::string piece(test.piece, 'x');
+    std::string body;
+    memory_policy::reserveBodyAhead(&body, test.declared);
+    // Nothing arrived yet: the declared length alone buys little.
+    EXPECT_LE(body.capacity(), memory_policy::kLargestBodyReservedAhead);
+    int growths = 0;
+    size_t recopied = 0;
+    while (body.size() < test.declared) {
+      const size_t take = std::min<size_t>(test.piece, test.declared - body.size());
+      const size_t capacity = body.capacity();
+      memory_policy::growBodyFor(&body, take, test.declared);
+      if (body.capacity() != capacity) {
+        ++growths;
+        recopied += body.size();
+      }
+      body.append(piece, 0, take);
+      // Never more than a bounded multiple of what arrived, nor past the
+      // declared length (a plain reserve would double it).
+      ASSERT_LE(body.capacity(),
+                std::max<size_t>(memory_policy::kLargestBodyReservedAhead,
+                                 2 * memory_policy::kBodyGrowthFactor * body.size()));
+      ASSERT_LE(body.capacity(), std::max<size_t>(test.declared, std::string().capacity()));
+    }
+    // Growing by doubling would take a dozen steps and copy the body again.
+    EXPECT_LE(growths, 3);
+    EXPECT_LE(recopied,
+              std::max<uint64_t>(memory_policy::kLargestBodyReservedAhead, test.declared / 6));
+  }
+}
+
+// Counts the bytes the server has read.
+class ReceivedBytes : public HttpServerObserver {
+ public:
+  void bytesReceived(size_t bytes) override { total_ += bytes; }
+  size_t total() const { return total_.load(); }
+
+ private:
+  std::atomic<size_t> total_{0};
+};
+
+// The process's address space in kB (VmSize): what a reservation takes, even
+// before it is touched.
+long addressSpaceKb() {
+  FILE* file = std::fopen("/proc/self/status", "r");
+  if (file == nullptr) return -1;
+  char line[256];
+  long kb = -1;
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
+    if (std::strncmp(line, "VmSize:", 7) == 0) kb = std::atol(line + 7);
+  }
+  std::fclose(file);
+  return kb;
+}
+
+TEST(LargeMessageTest, ConnectionsDeclaringHugeBodiesDoNotReserveThem) {
+  // Each connection declares a gigabyte and sends ten bytes of it. Reserving
+  // the declared length (or any large part of it) before the bytes come would
+  // let a few peers take the address space of the process.
+  constexpr int kConnections = 64;
+  constexpr uint64_t kDeclared = uint64_t{1} << 30;
+  for (bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "hardened, body limit raised" : "default server");
+    HttpServerOptions options;
+    if (hardened) {
+      options = HttpServerOptions::hardened();
+      options.max_body_bytes = kDeclared;
+    }
+    // A backlog that takes them all: a connection beyond it waits a second
+    // for its SYN to be sent again.
+    std::shared_ptr<HttpServer> server =
+        HttpServer::create(SocketAddress("127.0.0.1", 0), kConnections, options);
+    ASSERT_TRUE(server);
+    auto received = std::make_shared<ReceivedBytes>();
+    server->setObserver(received);
+    const std::string request =
+        "POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kDeclared) +
+        "\r\n\r\n0123456789";
+    const long before_kb = addressSpaceKb();
+    ASSERT_GT(before_kb, 0);
+    std::vector<std::unique_ptr<LoopbackClient>> clients;
+    for (int i = 0; i < kConnections; ++i) {
+      clients.push_back(std::make_unique<LoopbackClient>(server->localAddress().port()));
+      ASSERT_TRUE(clients.back()->connected());
+      ASSERT_TRUE(clients.back()->write(request));
+    }
+    // Every byte read, and parsed in the same turn of the event thread.
+    const Time give_up = Time::now() + Duration::seconds(30);
+    while (received->total() < kConnections * request.size() && Time::now() < give_up) {
+      waitForDeferredWork();
+    }
+    ASSERT_EQ(kConnections * request.size(), received->total());
+    waitForDeferredWork();
+    const long grown_kb = addressSpaceKb() - before_kb;
+    // A megabyte each would be far more than the bound; a reservation of the
+    // declared length, or of 64 MiB of it, is thousands of times that.
+    EXPECT_LT(grown_kb, kConnections * 1024) << "address space grew by " << grown_kb << " kB";
+    clients.clear();
+    server.reset();
+  }
+}
+
+// A server for one connection that reads the first request, then (told to)
+// writes a large answer to it before it reads anything more, then reads the
+// second request and answers it briefly. Its receive buffer is small, so a
+// client that sent a large second request meanwhile has most of it waiting in
+// its own output while the first answer comes.
+class ReadsAfterAnswering {
+ public:
+  explicit ReadsAfterAnswering(size_t first_answer_size) : answer_size_(first_answer_size) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    int small = 64 * 1024;
+    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    socklen_t length = sizeof(address);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    listen(listener_, 1);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~ReadsAfterAnswering() {
+    go();
+    thread_.join();
+    close(listener_);
+  }
+  uint16_t port() const { return port_; }
+
+  // Waits until the first request was read; false after the guard time.
+  bool waitFirstRequest() {
+    MutexLock lock(mutex_);
+    const Time give_up = Time::now() + Duration::seconds(30);
+    while (!first_read_ && Time::now() < give_up) changed_.timedWaitAbsolute(mutex_, give_up);
+    return first_read_;
+  }
+  // Lets the first answer go.
+  void go() {
+    MutexLock lock(mutex_);
+    go_ = true;
+    changed_.notifyAll();
+  }
+  // The whole first answer was written: the client kept reading.
+  bool answerWritten() {
+    MutexLock lock(mutex_);
+    return answer_written_;
+  }
+
+ private:
+  // Reads until `count` requests are complete; false when the connection ends.
+  bool readRequests(int connection, relay::HttpRequestParser* parser,
+                    std::vector<HttpRequestPtr>* requests, size_t count) {
+    char buffer[65536];
+    while (requests->size() < count) {
+      const ssize_t n = recv(connection, buffer, sizeof(buffer), 0);
+      if (n <= 0) return false;
+      if (!parser->parse(std::string(buffer, n), requests)) return false;
+    }
+    return true;
+  }
+
+  static std::string answer(const HttpRequestPtr& request, size_t size) {
+    relaytest::Text reply;
+    reply.set_text(std::string(size, 'a'));
+    const std::string body = reply.SerializeAsString();
+    return "HTTP/1.1 200 OK\r\nRpc-Id: " + request->headers["Rpc-Id"] +
+           "\r\nRpc-Failed: 0\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+           body;
+  }
+
+  static bool sendAll(int connection, const std::string& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t n = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) return false;  // the guard time passed, or the client went
+      sent += static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+  void serve() {
+    const int connection = accept(listener_, nullptr, nullptr);
+    // A client that stops reading fails the test instead of hanging it.
+    timeval guard{20, 0};
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
+    setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &guard, sizeof(guard));
+    relay::HttpRequestParser parser;
+    std::vector<HttpRequestPtr> requests;
+    const bool first = readRequests(connection, &parser, &requests, 1);
+    {
+      MutexLock lock(mutex_);
+      first_read_ = first;
+      changed_.notifyAll();
+      while (!go_) changed_.wait(mutex_);
+    }
+    if (first && sendAll(connection, answer(requests[0], answer_size_))) {
+      {
+        MutexLock lock(mutex_);
+        answer_written_ = true;
+      }
+      if (readRequests(connection, &parser, &requests, 2)) {
+        sendAll(connection, answer(requests[1], 2));
+      }
+    }
+    // Until the client closes.
+    char buffer[4096];
+    while (recv(connection, buffer, sizeof(buffer), 0) > 0) {
+    }
+    close(connection);
+  }
+
+  const size_t answer_size_;
+  int listener_;
+  uint16_t port_;
+  std::thread thread_;
+  Mutex mutex_;
+  ConditionVariable changed_;
+  bool first_read_ VANTU_GUARDED_BY(mutex_) = false;
+  bool go_ VANTU_GUARDED_BY(mutex_) = false;
+  bool answer_written_ VANTU_GUARDED_BY(mutex_) = false;
+};
+
+TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
+  // The channel's output is far over its mark (a 16 MiB request the server
+  // will not read yet) when an 8 MiB answer comes. The server reads on only
+  // once that answer is out, so a channel that held back its reading while
+  // its output waited would stall both for good.
+  ReadsAfterAnswering server(size_t{8} << 20);
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+  ASSERT_TRUE(channel);
+  relaytest::TestService_Stub stub(channel.get());
+  relaytest::Text first_request, first_reply, second_request, second_reply;
+  first_request.set_text("first");
+  RPC first, second;
+  stub.Echo(&first, &first_request, &first_reply, nullptr);
+  ASSERT_TRUE(server.waitFirstRequest());
+  second_request.set_text(letters(size_t{16} << 20, 1));
+  stub.Echo(&second, &second_request, &second_reply, nullptr);
+  // The second request is in the channel's output before the answer starts.
+  waitForDeferredWork();
+  server.go();
+  // Guards against a stall, not timing checks.
+  ASSERT_TRUE(first.timedWaitRelative(Duration::seconds(30)));
+  EXPECT_TRUE(server.answerWritten());
+  ASSERT_FALSE(first.Failed()) << first.ErrorText();
+  EXPECT_EQ(size_t{8} << 20, first_reply.text().size());
+  ASSERT_TRUE(second.timedWaitRelative(Duration::seconds(30)));
+  ASSERT_FALSE(second.Failed()) << second.ErrorText();
+  EXPECT_EQ("aa", second_reply.text());
+  channel.reset();
 }
 
 }  // namespace
