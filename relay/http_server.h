@@ -319,6 +319,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // The drain's deadline: a stream at the front ends cleanly (its
   // terminating chunk), and the connection closes once that is written.
   void endStreams();
+  // Who is at the other end, made on the first call. Event thread, while the
+  // connection is open.
+  const std::shared_ptr<const PeerInfo>& peerInfo();
 
   // RequestResponseConnectionHandler
   void notifyOutputShutdown() override;

@@ -2,6 +2,7 @@
 
 #include "net/connection_info.h"
 #include "relay/http_message.h"
+#include "relay/http_server.h"
 
 namespace vantu {
 namespace relay {
@@ -22,6 +23,13 @@ std::shared_ptr<const PeerInfo> PeerInfo::of(ConnectionInfo* connection) {
 const PeerInfo& PeerInfo::unknown() {
   static const PeerInfo* const kUnknown = new PeerInfo;
   return *kUnknown;
+}
+
+std::shared_ptr<const PeerInfo> sharedPeerOf(
+    const HttpRequest& request, const std::weak_ptr<HttpConnectionHandler>& connection) {
+  if (request.peer_info) return request.peer_info;
+  std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
+  return handler ? handler->peerInfo() : nullptr;
 }
 
 const PeerInfo& HttpRequest::peer() const { return peer_info ? *peer_info : PeerInfo::unknown(); }
