@@ -167,7 +167,12 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       DrainGoodbye::refuse(*requests[i], response.get());
       sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
-      requests[i]->peer_info = peerInfo();
+      const PeerInfo& peer = *peerInfo();
+      if (peer.tls) {
+        requests[i]->peer_info = peer_;
+      } else {
+        requests[i]->setPeerAddress(peer.address);
+      }
       impl->callRequestHandler(requests[i], response, weak_this_);
     }
     large = large || isLarge(*requests[i]);

@@ -158,7 +158,7 @@ void resetRequest(HttpRequest* request) {
   request->query_components.clear();
   clearKeepingSmall(&request->uri);
   request->minor_version = 1;
-  request->peer_info.reset();
+  request->clearPeer();
 }
 
 // Likewise for responses, whose default has "Connection: keep-alive". The

@@ -32,7 +32,10 @@ std::shared_ptr<const PeerInfo> sharedPeerOf(
   return handler ? handler->peerInfo() : nullptr;
 }
 
-const PeerInfo& HttpRequest::peer() const { return peer_info ? *peer_info : PeerInfo::unknown(); }
+const PeerInfo& HttpRequest::peer() const {
+  if (peer_info) return *peer_info;
+  return has_plain_peer_ ? plain_peer_ : PeerInfo::unknown();
+}
 
 }  // namespace relay
 }  // namespace vantu

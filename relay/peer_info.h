@@ -18,8 +18,10 @@ class HttpRequest;
 // about the other end. Reached as HttpRequest::peer() in URL handlers and
 // RPC::peer() in services.
 //
-// Built once per connection, when its first request arrives, and shared by
-// every request of it; immutable, so any thread may read it.
+// Built once per connection, when its first request arrives. A TLS
+// connection's is shared by every request of it; a plaintext request holds a
+// copy of the address instead (see HttpRequest::peer_info). Immutable, so any
+// thread may read it.
 struct PeerInfo {
   // The client's address and port.
   SocketAddress address;
