@@ -111,7 +111,10 @@ class HeadAssembler {
     if (line == line_->data() && line_->capacity() > memory_policy::kLargestKeptString) {
       takeLineBuffer(begin, length, target);
     } else {
-      target->assign(line + begin, length);
+      // Not assign(): its general replace checks for overlap, which a line
+      // and a request's own uri never have.
+      target->clear();
+      target->append(line + begin, length);
     }
   }
 

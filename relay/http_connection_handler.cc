@@ -167,8 +167,12 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
       DrainGoodbye::refuse(*requests[i], response.get());
       sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
-      if (!peer_) peer_ = PeerInfo::of(connectionInfo());
-      requests[i]->peer_info = peer_;
+      const PeerInfo& peer = *peerInfo();
+      if (peer.tls) {
+        requests[i]->peer_info = peer_;
+      } else {
+        requests[i]->setPeerAddress(peer.address);
+      }
       impl->callRequestHandler(requests[i], response, weak_this_);
     }
     large = large || isLarge(*requests[i]);
@@ -362,6 +366,12 @@ void HttpConnectionHandler::endStreams() {
   closing_ = true;
   deadline_kind_ = Deadline::kNone;
   endOutput();
+}
+
+const std::shared_ptr<const PeerInfo>& HttpConnectionHandler::peerInfo() {
+  VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
+  if (!peer_) peer_ = PeerInfo::of(connectionInfo());
+  return peer_;
 }
 
 void HttpConnectionHandler::leaveRegistry() {

@@ -192,7 +192,11 @@ void HttpResponse::setHeaderF(const std::string& name, const char* format, ...) 
   setHeader(name, value);
 }
 
-void HttpResponse::setContentType(const std::string& type) { setHeader("Content-Type", type); }
+void HttpResponse::setContentType(const std::string& type) {
+  static const char kContentType[] = "Content-Type";
+  message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), kContentType,
+                          sizeof(kContentType) - 1, type.data(), type.size());
+}
 
 void HttpResponse::setTextHtml() { setContentType("text/html"); }
 

@@ -10,12 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "relay/peer_info.h"
 #include "url/gurl.h"
 
 namespace vantu {
 namespace relay {
-
-struct PeerInfo;
 
 // Request methods; the values index the method name table.
 enum HttpMethod : int {
@@ -185,11 +184,32 @@ class HttpRequest : public HttpMessage {
   int minor_version = 1;
 
   // Who sent the request: the peer's address, whether the connection is TLS
-  // and the verified client certificate (see relay/peer_info.h). Set by the
-  // server on every request it reads, shared by the requests of one
-  // connection; PeerInfo::unknown() when unset.
+  // and the verified client certificate (see relay/peer_info.h). Valid as
+  // long as the request, also after its connection closed; PeerInfo::unknown()
+  // for a request the server did not read.
   const PeerInfo& peer() const;
+  // The caller of a TLS connection, shared by the requests of that connection
+  // (or set by whoever makes a request by hand). Null for a request read from
+  // a plaintext connection, whose peer() is its own copy of the address:
+  // such a request shares nothing with its connection, so reading one costs
+  // no reference counting.
   std::shared_ptr<const PeerInfo> peer_info;
+  // Set by the server on the requests of a plaintext connection: the peer's
+  // address, copied into the request.
+  void setPeerAddress(const SocketAddress& address) {
+    plain_peer_.address = address;
+    has_plain_peer_ = true;
+  }
+  // As a new request: no peer known.
+  void clearPeer() {
+    peer_info.reset();
+    has_plain_peer_ = false;
+  }
+
+ private:
+  // What peer() describes for a plaintext request: its address only.
+  PeerInfo plain_peer_;
+  bool has_plain_peer_ = false;
 };
 
 // A response: built by the server for each request, or filled by the client's

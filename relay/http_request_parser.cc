@@ -230,6 +230,7 @@ bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
   if (name_length == 14 && memcmp(data, "Content-Length", 14) == 0) {
     return ParseUInt32(inserted->second, &message_->content_length);
   }
+  if (name_length == 4 && memcmp(data, "Host", 4) == 0) host_value_ = &inserted->second;
   return true;
 }
 
@@ -242,6 +243,7 @@ bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPt
 HttpMessage* HttpRequestParser::createNewMessage() {
   HttpRequest* request = message_pool::newRequestToFill(pool());
   head_.startFields(&request->headers);
+  host_value_ = nullptr;
   return request;
 }
 
@@ -272,8 +274,10 @@ void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
   head_.finishFields(&request->headers);
   // Inserts an empty Host when the request has none.
-  if (!resolveAbsoluteTarget(request))
-    resolveUrlFromHost(request, request->headers["Host"], https_);
+  if (!resolveAbsoluteTarget(request)) {
+    resolveUrlFromHost(request, host_value_ != nullptr ? *host_value_ : request->headers["Host"],
+                       https_);
+  }
 }
 
 bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {

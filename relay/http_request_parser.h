@@ -99,6 +99,10 @@ class HttpMessageParser {
   std::vector<HttpMessage*> completed_;
   // The unfinished line is buffer_; the head's budget is max_header_bytes.
   HeadAssembler head_{&buffer_};
+  // The value of the message in progress's field named exactly "Host", where
+  // it is stored; null until one is. Map nodes stay put, and a second Host
+  // line writes into the same node.
+  const std::string* host_value_ = nullptr;
 
  private:
   // Spends the parser with `status` and returns false.

@@ -319,6 +319,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   // The drain's deadline: a stream at the front ends cleanly (its
   // terminating chunk), and the connection closes once that is written.
   void endStreams();
+  // Who is at the other end, made on the first call. Event thread, while the
+  // connection is open.
+  const std::shared_ptr<const PeerInfo>& peerInfo();
 
   // RequestResponseConnectionHandler
   void notifyOutputShutdown() override;
@@ -379,8 +382,9 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   Time deadline_;
   // While the requests of one read are handled: where their answers gather.
   std::string* gathered_ = nullptr;
-  // Who is at the other end: made when the first request arrives, then
-  // shared by every request (and RPC) of the connection.
+  // Who is at the other end: made when the first request arrives. Shared by
+  // every request of a TLS connection and by every RPC; a plaintext
+  // connection's requests copy its address.
   std::shared_ptr<const PeerInfo> peer_;
   // Answers waiting for their turn; null until a handler answers later or
   // streams. Made and used on the event thread; other threads only reach

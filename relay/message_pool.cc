@@ -158,19 +158,30 @@ void resetRequest(HttpRequest* request) {
   request->query_components.clear();
   clearKeepingSmall(&request->uri);
   request->minor_version = 1;
-  request->peer_info.reset();
+  request->clearPeer();
 }
 
 // Likewise for responses, whose default has "Connection: keep-alive". The
 // node of a Connection header, which nearly every answer has, stays for it.
 void resetResponse(HttpResponse* response, Pool* pool) {
   static const std::string kConnectionName = "Connection";
+  static const char kKeepAlive[] = "keep-alive";
   Headers& headers = response->headers;
-  Headers::node_type connection;
-  if (!headers.empty() && headers.begin()->first == kConnectionName) {
-    connection = headers.extract(headers.begin());
+  // Connection stays where it is, the rest go (names before it are rare:
+  // "Cache-Control", "Access-Control-...").
+  const bool keep_connection = !headers.empty() && headers.begin()->first == kConnectionName &&
+                               isSmall(headers.begin()->first, headers.begin()->second);
+  if (keep_connection) {
+    for (auto it = std::next(headers.begin()); it != headers.end();) {
+      if (hasRoomForNode(*pool)) {
+        giveNode(pool, headers.extract(it++));
+      } else {
+        it = headers.erase(it);
+      }
+    }
+  } else {
+    recycleHeaders(&headers, pool);
   }
-  recycleHeaders(&headers, pool);
   response->content_length = 0;
   clearKeepingSmall(&response->body);
   if (response->content.capacity() > kLargestKeptString) {
@@ -180,10 +191,8 @@ void resetResponse(HttpResponse* response, Pool* pool) {
   }
   response->status_code = HttpResponse::kOk;
   clearKeepingSmall(&response->status_string);
-  static const char kKeepAlive[] = "keep-alive";
-  if (connection && isSmall(connection.key(), connection.mapped())) {
-    assignBytes(&connection.mapped(), kKeepAlive, sizeof(kKeepAlive) - 1);
-    headers.insert(std::move(connection));
+  if (keep_connection) {
+    assignBytes(&headers.begin()->second, kKeepAlive, sizeof(kKeepAlive) - 1);
   } else {
     setHeader(pool, &headers, headers.end(), kConnectionName.data(), kConnectionName.size(),
               kKeepAlive, sizeof(kKeepAlive) - 1);

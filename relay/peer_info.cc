@@ -2,6 +2,7 @@
 
 #include "net/connection_info.h"
 #include "relay/http_message.h"
+#include "relay/http_server.h"
 
 namespace vantu {
 namespace relay {
@@ -24,7 +25,17 @@ const PeerInfo& PeerInfo::unknown() {
   return *kUnknown;
 }
 
-const PeerInfo& HttpRequest::peer() const { return peer_info ? *peer_info : PeerInfo::unknown(); }
+std::shared_ptr<const PeerInfo> sharedPeerOf(
+    const HttpRequest& request, const std::weak_ptr<HttpConnectionHandler>& connection) {
+  if (request.peer_info) return request.peer_info;
+  std::shared_ptr<HttpConnectionHandler> handler = connection.lock();
+  return handler ? handler->peerInfo() : nullptr;
+}
+
+const PeerInfo& HttpRequest::peer() const {
+  if (peer_info) return *peer_info;
+  return has_plain_peer_ ? plain_peer_ : PeerInfo::unknown();
+}
 
 }  // namespace relay
 }  // namespace vantu

@@ -11,13 +11,17 @@ namespace vantu {
 namespace relay {
 
 class ConnectionInfo;
+class HttpConnectionHandler;
+class HttpRequest;
 
 // Who is calling: what the connection a request or an RPC arrived on knows
 // about the other end. Reached as HttpRequest::peer() in URL handlers and
 // RPC::peer() in services.
 //
-// Built once per connection, when its first request arrives, and shared by
-// every request of it; immutable, so any thread may read it.
+// Built once per connection, when its first request arrives. A TLS
+// connection's is shared by every request of it; a plaintext request holds a
+// copy of the address instead (see HttpRequest::peer_info). Immutable, so any
+// thread may read it.
 struct PeerInfo {
   // The client's address and port.
   SocketAddress address;
@@ -39,6 +43,13 @@ struct PeerInfo {
   // in a test): nothing known.
   static const PeerInfo& unknown();
 };
+
+// The caller of `request` as a shared PeerInfo, for what outlives the request
+// (an RPC's controller): the request's own on a TLS connection, else the one
+// of the connection it came on, made there once; null when that connection
+// is gone. Event thread, while the request is dispatched.
+std::shared_ptr<const PeerInfo> sharedPeerOf(
+    const HttpRequest& request, const std::weak_ptr<HttpConnectionHandler>& connection);
 
 }  // namespace relay
 }  // namespace vantu

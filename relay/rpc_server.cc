@@ -170,7 +170,7 @@ void HttpServerImpl::handleRPCs(const HttpRequestPtr& request, const HttpRespons
   info->http_response = response;
   info->id = id;
   info->connection = connection;
-  info->controller->setPeer(request->peer_info);
+  info->controller->setPeer(sharedPeerOf(*request, connection));
   info->method = method;
   info->started = started;
   const std::string& timeout = header(RPCChannel::kHeaderTimeout);

@@ -225,16 +225,14 @@ bool validHost(const char* data, size_t length) {
     p = close + 1;
   } else {
     const char* start = p;
-    while (p < end && *p != ':') {
-      if (*p == '%') {
-        if (end - p < 3 || !is(p[1], kHexByte) || !is(p[2], kHexByte)) return false;
-        p += 3;
-      } else if (is(*p, kHostByte)) {
-        ++p;
-      } else {
-        return false;
-      }
+    for (;;) {
+      while (p < end && is(*p, kHostByte)) ++p;
+      if (p == end || *p != '%') break;
+      if (end - p < 3 || !is(p[1], kHexByte) || !is(p[2], kHexByte)) return false;
+      p += 3;
     }
+    // Stopped at the end, at the port's ":" or at a byte no host holds,
+    // which the check after the host refuses.
     if (p == start) return false;  // a port without a host
   }
   if (p == end) return true;
@@ -423,7 +421,13 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   const size_t value_length = end - value;
   if (!store) return true;
   if (!noteFramingField(line, name_length, value, value_length)) return false;
-  head_.storeHeader(&request_->headers, line, name_length, value, value_length);
+  const message_pool::Headers::iterator stored =
+      head_.storeHeader(&request_->headers, line, name_length, value, value_length);
+  if (host_line_) {
+    // Read where it is stored rather than copied: a second Host is refused.
+    host_ = &stored->second;
+    host_line_ = false;
+  }
   return true;
 }
 
@@ -433,7 +437,7 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
     case 4:
       if (!equalsLower(name, name_length, "host")) return true;
       if (++host_count_ > 1 || !validHost(value, value_length)) return false;
-      host_.assign(value, value_length);
+      host_line_ = true;
       return true;
     case 6:
       if (!equalsLower(name, name_length, "expect")) return true;
@@ -506,7 +510,10 @@ bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
     if (!chunked_seen) return fail(HttpResponse::kBadRequest);  // no coding at all
     chunked_ = true;
   }
-  if (!resolveAbsoluteTarget(request_.get())) resolveUrlFromHost(request_.get(), host_, https_);
+  if (!resolveAbsoluteTarget(request_.get())) {
+    static const std::string* const kNoHost = new std::string;
+    resolveUrlFromHost(request_.get(), host_ != nullptr ? *host_ : *kNoHost, https_);
+  }
   if (chunked_) {
     state_ = State::kChunkSize;
     head_.startHead();
@@ -572,7 +579,7 @@ void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
   head_.startHead();
   body_remaining_ = 0;
   memory_policy::clearKeepingSmall(&transfer_encoding_);
-  memory_policy::clearKeepingSmall(&host_);
+  host_ = nullptr;
   declared_length_ = 0;
   content_length_count_ = 0;
   host_count_ = 0;
@@ -596,7 +603,7 @@ bool StrictRequestParser::fail(HttpResponse::StatusCode status) {
   request_.reset();
   std::string().swap(line_);
   std::string().swap(transfer_encoding_);
-  std::string().swap(host_);
+  host_ = nullptr;
   continue_pending_ = false;
   expect_continue_ = false;
   return false;

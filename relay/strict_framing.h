@@ -160,8 +160,12 @@ class StrictRequestParser final : public RequestReader {
 
   // What the head of the request in progress said about its framing.
   std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","
-  std::string host_;               // the Host value
-  uint64_t declared_length_ = 0;   // the Content-Length value, saturated
+  // The Host value, where it is stored in the request's headers (whose nodes
+  // stay put until the head ends); null without one.
+  const std::string* host_ = nullptr;
+  // The field line at hand is a Host line.
+  bool host_line_ = false;
+  uint64_t declared_length_ = 0;  // the Content-Length value, saturated
   int content_length_count_ = 0;
   int host_count_ = 0;
   bool has_transfer_encoding_ = false;
