@@ -81,7 +81,7 @@ AnswerQueue::~AnswerQueue() {
 }
 
 AnswerQueue::Slot& AnswerQueue::add() {
-  connection_->oweAnswer();
+  ++connection_->answers_owed_;
   Slot& slot = slots_.emplace_back();
   slot.id = next_id_++;
   return slot;
