@@ -209,6 +209,35 @@ TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) 
   EXPECT_EQ("HTTP/1.1 404", other.read(12));
 }
 
+TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/n/1")));
+  ASSERT_TRUE(dones.waitFor(1));
+  std::function<void()> first = dones.at(0);
+  first();
+  EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
+  // The next answer's done may well sit where the first one's did: the
+  // first, run again (from another thread, too), must not complete it.
+  ASSERT_TRUE(client.write(get("/n/2")));
+  ASSERT_TRUE(dones.waitFor(2));
+  EXPECT_FALSE(answerStillWanted(first));
+  EXPECT_TRUE(answerStillWanted(dones.at(1)));
+  first();
+  std::thread(first).join();
+  waitForDeferredWork();
+  EXPECT_FALSE(client.waitReadable(50)) << "a stale done completed the later answer";
+  EXPECT_TRUE(answerStillWanted(dones.at(1)));
+  dones.at(1)();
+  EXPECT_EQ(plain("/n/2"), client.read(plain("/n/2").size()));
+}
+
 TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
   auto service = std::make_shared<vantu::testing::TestServiceImpl>();
   server_->registerRPCService(service);
