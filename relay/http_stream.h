@@ -23,7 +23,13 @@ namespace relay {
 //                    an HTTP/1.1 client; to an HTTP/1.0 client no length and
 //                    "Connection: close", the end of the answer being the
 //                    close of the connection. Content the response already
-//                    holds goes out as the first piece.
+//                    holds goes out as the first piece. The response is
+//                    copied, not kept: changing it afterwards changes
+//                    nothing. The head is written in the stream's turn, as
+//                    the connection writes its other answers' (with a Date
+//                    under strict framing, "Connection: close" while the
+//                    server drains or after a request that ends the
+//                    connection).
 //   write(bytes)     one piece (a chunk); false once nothing more will be
 //                    sent: the client has gone, the server ended the stream,
 //                    or the request was HEAD (which gets the head only).
