@@ -10,10 +10,15 @@
 // is the server's own work per request, and the CPU time is that thread's.
 //
 // Usage: async_handler_bench [Google Benchmark flags]
+//        async_handler_bench --interleaved=ROUNDS   (the variants in turns)
+//        async_handler_bench --count=N --variant=0|1|2   (for callgrind)
 #include <benchmark/benchmark.h>
+#include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -44,52 +49,76 @@ void fill(const HttpResponsePtr& response) {
   response->content.assign(kText.begin(), kText.end());
 }
 
+// A server with the /hello handler of one variant, and a connection of it.
+class Setup {
+ public:
+  explicit Setup(int variant)
+      : server_(HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 16)) {
+    if (!server_) return;
+    switch (variant) {
+      case kPlain:
+        server_->registerHandler("/hello", [](const HttpRequestPtr&,
+                                              const HttpResponsePtr& response) { fill(response); });
+        break;
+      case kAsyncInline:
+        server_->registerAsyncHandler(
+            "/hello",
+            [](const HttpRequestPtr&, const HttpResponsePtr& response, std::function<void()> done) {
+              fill(response);
+              done();
+            });
+        break;
+      case kAsyncAfter:
+        server_->registerAsyncHandler("/hello",
+                                      [this](const HttpRequestPtr&, const HttpResponsePtr& response,
+                                             std::function<void()> done) {
+                                        fill(response);
+                                        pending_ = std::move(done);
+                                      });
+        break;
+    }
+  }
+  ~Setup() {
+    vantu::runOnEventThreadAndWait([this] { connection_.reset(); });
+    server_.reset();
+    vantu::waitForDeferredWork();
+  }
+
+  bool ok() const { return server_ != nullptr; }
+  // Event thread.
+  void connect() {
+    connection_ = std::static_pointer_cast<HttpConnectionHandler>(server_->newConnection());
+  }
+  // One request, answered. Event thread.
+  void serveOne() {
+    data_ = kRequest;
+    connection_->notifyIncomingData(&data_);
+    if (pending_) {
+      std::function<void()> done = std::move(pending_);
+      pending_ = nullptr;
+      done();
+    }
+  }
+
+ private:
+  std::shared_ptr<HttpServer> server_;
+  // Event thread only.
+  std::shared_ptr<HttpConnectionHandler> connection_;
+  std::string data_;
+  std::function<void()> pending_;
+};
+
 void BM_ServeRequest(benchmark::State& state) {
-  std::shared_ptr<HttpServer> server = HttpServer::create(vantu::SocketAddress("127.0.0.1", 0), 16);
-  if (!server) {
+  Setup setup(static_cast<int>(state.range(0)));
+  if (!setup.ok()) {
     state.SkipWithError("cannot listen");
     return;
   }
-  // Event thread only.
-  std::function<void()> pending;
-  switch (state.range(0)) {
-    case kPlain:
-      server->registerHandler(
-          "/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) { fill(response); });
-      break;
-    case kAsyncInline:
-      server->registerAsyncHandler(
-          "/hello",
-          [](const HttpRequestPtr&, const HttpResponsePtr& response, std::function<void()> done) {
-            fill(response);
-            done();
-          });
-      break;
-    case kAsyncAfter:
-      server->registerAsyncHandler(
-          "/hello", [&pending](const HttpRequestPtr&, const HttpResponsePtr& response,
-                               std::function<void()> done) {
-            fill(response);
-            pending = std::move(done);
-          });
-      break;
-  }
   vantu::runOnEventThreadAndWait([&] {
-    auto connection = std::static_pointer_cast<HttpConnectionHandler>(server->newConnection());
-    std::string data;
-    for (auto _ : state) {
-      data = kRequest;
-      connection->notifyIncomingData(&data);
-      if (pending) {
-        std::function<void()> done = std::move(pending);
-        pending = nullptr;
-        done();
-      }
-    }
+    setup.connect();
+    for (auto _ : state) setup.serveOne();
   });
   state.SetItemsProcessed(state.iterations());
-  server.reset();
-  vantu::waitForDeferredWork();
 }
 BENCHMARK(BM_ServeRequest)
     ->Arg(kPlain)
@@ -99,9 +128,110 @@ BENCHMARK(BM_ServeRequest)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 
+// The measured loop of --count: a name of its own, for callgrind's
+// --toggle-collect=serveCount.
+__attribute__((noinline)) void serveCount(Setup* setup, long count) {
+  for (long i = 0; i < count; ++i) setup->serveOne();
+}
+
+// --count=N --variant=V: serves N requests of one variant and nothing else,
+// so that an instruction or allocation count under callgrind divides by N.
+int serveFixed(long count, int variant) {
+  vantu::setLogSink([](const vantu::LogRecord&) {});
+  Setup setup(variant);
+  if (!setup.ok()) return 1;
+  vantu::runOnEventThreadAndWait([&] {
+    setup.connect();
+    // The connection's buffers and queue reach their steady size first.
+    for (int i = 0; i < 100; ++i) setup.serveOne();
+    serveCount(&setup, count);
+  });
+  std::printf("served %ld requests (after 100), variant %s\n", count, kVariantNames[variant]);
+  return 0;
+}
+
+// The CPU time of the calling thread, in ns.
+double threadCpuNs() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+// --interleaved=ROUNDS: the three variants served in turns of a thousand
+// requests, ROUNDS times, so that whatever else the machine runs meanwhile
+// weighs on all three alike; prints each variant's median per turn and the
+// median, over the rounds, of its ratio to the plain handler in that round.
+int serveInterleaved(int rounds) {
+  constexpr int kTurn = 1000;
+  vantu::setLogSink([](const vantu::LogRecord&) {});
+  Setup plain(kPlain);
+  Setup inside(kAsyncInline);
+  Setup after(kAsyncAfter);
+  Setup* setups[] = {&plain, &inside, &after};
+  for (Setup* setup : setups) {
+    if (!setup->ok()) return 1;
+  }
+  std::vector<double> ns[3];
+  std::vector<double> ratio[3];
+  vantu::runOnEventThreadAndWait([&] {
+    for (Setup* setup : setups) {
+      setup->connect();
+      for (int i = 0; i < 100; ++i) setup->serveOne();
+    }
+    for (int round = 0; round < rounds; ++round) {
+      double turn[3];
+      for (int k = 0; k < 3; ++k) {
+        // Each variant goes first in a third of the rounds.
+        const int variant = (round + k) % 3;
+        const double start = threadCpuNs();
+        serveCount(setups[variant], kTurn);
+        turn[variant] = (threadCpuNs() - start) / kTurn;
+      }
+      for (int variant = 0; variant < 3; ++variant) {
+        ns[variant].push_back(turn[variant]);
+        ratio[variant].push_back(turn[variant] / turn[0]);
+      }
+    }
+  });
+  std::printf(
+      "== Answering later, interleaved: %d rounds of %d requests per variant, CPU time\n"
+      "   of the event thread; median ns per request, and median of the per-round ratios\n",
+      rounds, kTurn);
+  std::printf("%-22s %-24s %-24s\n", kVariantNames[0], kVariantNames[1], kVariantNames[2]);
+  char cells[3][64];
+  for (int variant = 0; variant < 3; ++variant) {
+    if (variant == 0) {
+      std::snprintf(cells[variant], sizeof(cells[variant]), "%.0f", median(ns[variant]));
+    } else {
+      std::snprintf(cells[variant], sizeof(cells[variant]), "%.0f (%+.1f%%)", median(ns[variant]),
+                    100 * (median(ratio[variant]) - 1));
+    }
+  }
+  std::printf("%-22s %-24s %-24s\n", cells[0], cells[1], cells[2]);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  long count = 0;
+  int variant = kPlain;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--count=", 8) == 0) count = std::atol(argv[i] + 8);
+    if (std::strncmp(argv[i], "--variant=", 10) == 0) variant = std::atoi(argv[i] + 10);
+    if (std::strncmp(argv[i], "--interleaved=", 14) == 0) {
+      return serveInterleaved(std::max(1, std::atoi(argv[i] + 14)));
+    }
+  }
+  if (count > 0) {
+    if (variant < kPlain || variant > kAsyncAfter) return 2;
+    return serveFixed(count, variant);
+  }
   return vantu::bench::runThreeVariants(
       argc, argv, "async_handler_bench",
       "== Answering later: one GET /hello through a server connection, ns per request\n"

@@ -6,7 +6,8 @@
 #
 # Usage: bench/stream_bench.sh BUILD_DIR
 # Environment: ASYNC_BENCH_MIN_TIME (seconds per repetition; default 0.3),
-# SSE_CLIENTS (default 10000).
+# ASYNC_BENCH_ROUNDS (interleaved turns; default 500), SSE_CLIENTS (default
+# 10000).
 set -euo pipefail
 build=${1:-build-bench}
 errors=$(mktemp)
@@ -17,4 +18,7 @@ if ! output=$("$build/bench/async_handler_bench" \
   exit 1
 fi
 sed -n '/^== /,$p' <<<"$output"
+# The same three in interleaved turns: the ratios to hold on to where the
+# machine is shared.
+"$build/bench/async_handler_bench" --interleaved="${ASYNC_BENCH_ROUNDS:-500}"
 "$build/bench/sse_fanout" "${SSE_CLIENTS:-10000}"

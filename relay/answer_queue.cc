@@ -1,11 +1,15 @@
 #include "relay/answer_queue.h"
 
+#include <type_traits>
 #include <utility>
 
 #include "common/event_thread.h"
 #include "common/event_thread_check.h"
 #include "net/connection_info.h"
 #include "net/tcp_socket.h"
+#include "relay/answer_head.h"
+#include "relay/drain_goodbye.h"
+#include "relay/http_date.h"
 #include "relay/http_server_observer.h"
 #include "relay/http_stream.h"
 
@@ -13,93 +17,147 @@ namespace vantu {
 namespace relay {
 namespace {
 
-// The async answer's done has run: its turn may come (event thread).
-void asyncReady(const std::shared_ptr<AsyncAnswer>& answer) {
-  if (answer->abandoned.load(std::memory_order_acquire)) return;
-  std::shared_ptr<HttpConnectionHandler> connection = answer->connection.lock();
-  if (connection) connection->answerQueue().complete(*answer);
-}
+// The records of AsyncAnswer, made in chunks that are never freed (and so
+// stay reachable for leak checkers, whoever holds a done). Event thread only.
+struct AnswerChunk {
+  static constexpr int kRecords = 32;
+  AnswerChunk* next = nullptr;
+  AsyncAnswer records[kRecords];
+};
+AnswerChunk* g_answer_chunks = nullptr;
+
+static_assert(std::is_trivially_copyable<AsyncDone>::value && sizeof(AsyncDone) <= 16,
+              "a done must fit std::function's in-place storage");
 
 }  // namespace
 
-void AsyncDone::operator()() const {
-  if (answer->done_run.exchange(true, std::memory_order_acq_rel)) return;
-  if (isEventThread()) {
-    asyncReady(answer);
-  } else {
-    std::shared_ptr<AsyncAnswer> ready = answer;
-    defer([ready] { asyncReady(ready); });
+AsyncAnswer* AsyncAnswer::free_ = nullptr;
+
+AsyncAnswer* AsyncAnswer::take(AnswerQueue* queue, uint64_t slot) {
+  if (free_ == nullptr) {
+    auto* chunk = new AnswerChunk;
+    chunk->next = g_answer_chunks;
+    g_answer_chunks = chunk;
+    for (AsyncAnswer& record : chunk->records) {
+      record.next_free_ = free_;
+      free_ = &record;
+    }
   }
+  AsyncAnswer* answer = free_;
+  free_ = answer->next_free_;
+  answer->next_free_ = nullptr;
+  answer->queue_ = queue;
+  answer->slot_ = slot;
+  return answer;
+}
+
+void AsyncAnswer::abandon() {
+  uint64_t unclaimed = state_.load(std::memory_order_relaxed);
+  if ((unclaimed & 1) == 0 &&
+      state_.compare_exchange_strong(unclaimed, unclaimed + 2, std::memory_order_acq_rel)) {
+    // The next generation: no done of this one can claim it any more.
+    toPool();
+    return;
+  }
+  // Its done ran on another thread and is on its way here: ready() lets it
+  // go.
+  queue_ = nullptr;
 }
 
 bool answerStillWanted(const std::function<void()>& done) {
   const AsyncDone* target = done.target<AsyncDone>();
-  return target != nullptr && !target->answer->done_run.load(std::memory_order_acquire) &&
-         !target->answer->abandoned.load(std::memory_order_acquire);
+  return target != nullptr && target->answer->stillWanted(target->generation);
 }
 
 AnswerQueue::AnswerQueue(HttpConnectionHandler* connection) : connection_(connection) {}
 
-AnswerQueue::~AnswerQueue() = default;
+AnswerQueue::~AnswerQueue() {
+  // The connection abandoned its answers when it closed; one that never had
+  // a socket lets their dones go here (on the event thread, as connections
+  // with answers pending die there).
+  for (Slot& slot : slots_) {
+    if (slot.async != nullptr) slot.async->abandon();
+  }
+}
 
-uint64_t AnswerQueue::add(Slot slot) {
+AnswerQueue::Slot& AnswerQueue::add() {
+  ++connection_->answers_owed_;
+  Slot& slot = slots_.emplace_back();
   slot.id = next_id_++;
-  connection_->oweAnswer();
-  slots_.push_back(std::move(slot));
-  return slots_.back().id;
+  return slot;
 }
 
 void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
                                 const HttpAsyncRequestHandler& handler,
                                 const std::string* pattern) {
-  auto answer = std::make_shared<AsyncAnswer>();
-  answer->connection = connection_->weak_this_;
-  answer->response = response;
-  answer->head_request = request->method == kHttpHead;
-  if (connection_->impl_->observer() != nullptr) {
-    answer->pattern = pattern;
-    answer->started = Time::now();
-  }
-  Slot slot;
+  Slot& slot = add();
   slot.response = response;
+  slot.head_request = request->method == kHttpHead;
+  if (connection_->impl_->observer() != nullptr) {
+    slot.pattern = pattern;
+    slot.started = Time::now();
+  }
+  AsyncAnswer* answer = AsyncAnswer::take(this, slot.id);
   slot.async = answer;
-  slot.head_request = answer->head_request;
-  answer->slot = add(std::move(slot));
-  handler(request, response, AsyncDone{std::move(answer)});
+  // `slot` may move once the handler runs: the done may answer at once.
+  handler(request, response, AsyncDone{answer, answer->generation()});
 }
 
-void AnswerQueue::dispatchStream(const HttpRequestPtr& request, const HttpStreamHandler& handler) {
+void AnswerQueue::dispatchStream(const HttpRequestPtr& request, const HttpResponsePtr& response,
+                                 const HttpStreamHandler& handler, const std::string* pattern) {
+  // The connection marked the answer to a request that ends it.
+  const auto connection = response->headers.find("Connection");
+  const bool close_after = connection != response->headers.end() && connection->second == "close";
   HttpStreamPtr stream = HttpStream::create(connection_->weak_this_, request->method == kHttpHead,
-                                            request->minor_version == 0);
-  Slot slot;
+                                            request->minor_version == 0, close_after);
+  Slot& slot = add();
   slot.stream = stream;
-  add(std::move(slot));
+  if (connection_->impl_->observer() != nullptr) {
+    slot.pattern = pattern;
+    slot.started = Time::now();
+  }
   handler(request, stream);
   // Its turn may have come already.
   pump();
 }
 
 void AnswerQueue::pushReady(const HttpResponsePtr& response, bool to_head_request) {
-  Slot slot;
+  Slot& slot = add();
   slot.response = response;
   slot.head_request = to_head_request;
   slot.ready = true;
-  add(std::move(slot));
   pump();
 }
 
-void AnswerQueue::complete(const AsyncAnswer& answer) {
+void AnswerQueue::pushInterim(const char* bytes, size_t size) {
+  Slot& slot = add();
+  slot.interim = bytes;
+  slot.interim_size = size;
+  slot.ready = true;
+  pump();
+}
+
+void AnswerQueue::complete(uint64_t id) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/answer_queue");
-  for (Slot& slot : slots_) {
-    if (slot.id != answer.slot) continue;
-    slot.ready = true;
-    slot.async.reset();
-    break;
-  }
+  // Slots leave from the front only, so the ids of those here run on from
+  // the first's without a gap.
+  if (slots_.empty() || id < slots_.front().id || id - slots_.front().id >= slots_.size()) return;
+  Slot& slot = slots_[id - slots_.front().id];
+  slot.ready = true;
+  slot.async = nullptr;
   HttpServerObserver* observer = connection_->impl_->observer();
-  if (observer != nullptr && answer.pattern != nullptr) {
-    observer->requestAnswered(*answer.pattern, answer.response->status_code,
-                              Time::now() - answer.started);
+  if (observer != nullptr && slot.pattern != nullptr) {
+    observer->requestAnswered(*slot.pattern, slot.response->status_code,
+                              Time::now() - slot.started);
+  }
+  if (slots_.size() == 1 && !pumping_) {
+    // The only answer owed, as on most connections: out at once.
+    HttpResponsePtr response = std::move(slot.response);
+    const bool head_request = slot.head_request;
+    slots_.pop_back();
+    connection_->sendAnswer(response.get(), head_request);
+    connection_->answerSettled();
+    return;
   }
   pump();
 }
@@ -124,7 +182,7 @@ void AnswerQueue::pump() {
           makeLive(stream);
           break;
         }
-        if (!pumpStream(stream)) break;
+        if (!pumpStream(front)) break;
         slots_.erase(slots_.begin());
         ++written;
         streamEnded();
@@ -132,6 +190,14 @@ void AnswerQueue::pump() {
         continue;
       }
       if (!front.ready) break;
+      if (front.interim != nullptr) {
+        const char* bytes = front.interim;
+        const size_t size = front.interim_size;
+        slots_.erase(slots_.begin());
+        ++written;
+        emit(bytes, size);
+        continue;
+      }
       HttpResponsePtr response = std::move(front.response);
       const bool head_request = front.head_request;
       slots_.erase(slots_.begin());
@@ -167,16 +233,24 @@ void AnswerQueue::makeLive(HttpStream* stream) {
   });
 }
 
-bool AnswerQueue::pumpStream(HttpStream* stream) {
+bool AnswerQueue::pumpStream(const Slot& slot) {
+  HttpStream* stream = slot.stream.get();
+  std::unique_ptr<HttpResponse> head;
   std::string out;
   bool ending;
   bool abandoned;
   {
     MutexLock lock(stream->mutex_);
+    head.swap(stream->head_);
     out.swap(stream->out_);
     ending = stream->ending_;
     abandoned = stream->state_ == HttpStream::State::kClosed && !ending;
     stream->pump_scheduled_ = false;
+  }
+  if (head) {
+    std::string text = renderStreamHead(head.get(), slot);
+    text.append(out);
+    out.swap(text);
   }
   if (!out.empty()) {
     emit(out.data(), out.size());
@@ -221,6 +295,24 @@ bool AnswerQueue::pumpStream(HttpStream* stream) {
   if (tell_blocked) stream->tellWritable(false);
   if (tell_writable) stream->tellWritable(true);
   return false;
+}
+
+std::string AnswerQueue::renderStreamHead(HttpResponse* head, const Slot& slot) {
+  if (connection_->drain_.active()) DrainGoodbye::markClosing(head);
+  std::string text;
+  writeAnswerHead(head, connection_->answer_rules_.date ? &httpDate() : nullptr, &text);
+  // The length of a stream is not known: the line that is always written
+  // goes.
+  static const char kLength[] = "\r\nContent-Length: ";
+  const size_t at = text.find(kLength);
+  if (at != std::string::npos) text.erase(at, text.find("\r\n", at + 2) - at);
+  // A stream counts as answered once its head goes out, with the status it
+  // began with and the time it took to begin.
+  HttpServerObserver* observer = connection_->impl_->observer();
+  if (observer != nullptr && slot.pattern != nullptr) {
+    observer->requestAnswered(*slot.pattern, head->status_code, Time::now() - slot.started);
+  }
+  return text;
 }
 
 void AnswerQueue::streamEnded() {
@@ -275,7 +367,7 @@ void AnswerQueue::abandonAll() {
   std::vector<Slot> slots;
   slots.swap(slots_);
   for (Slot& slot : slots) {
-    if (slot.async) slot.async->abandoned.store(true, std::memory_order_release);
+    if (slot.async != nullptr) slot.async->abandon();
     if (slot.stream) slot.stream->close(false);
   }
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/event_thread.h"
 #include "common/mutex.h"
 #include "common/thread_annotations.h"
 #include "common/time.h"
@@ -18,25 +19,81 @@ namespace vantu {
 namespace relay {
 
 // The state behind an async handler's `done`: which answer of which
-// connection it completes. Shared by the callable and the connection's queue;
-// `done_run` and `abandoned` may be touched on any thread.
-struct AsyncAnswer {
-  HttpConnectionHandlerWeakPtr connection;
-  HttpResponsePtr response;
-  uint64_t slot = 0;
-  bool head_request = false;
-  // For the observer: the handler's pattern and when it started, if one was
-  // set then.
-  const std::string* pattern = nullptr;
-  Time started;
-  std::atomic<bool> done_run{false};
-  std::atomic<bool> abandoned{false};
+// connection it completes, and whether it still may.
+//
+// A `done` is this record's address and its generation (AsyncDone), small
+// enough for std::function to hold in place: handing one to a handler
+// allocates nothing. It may be copied, kept and run long after its answer
+// was written or its connection closed; by then its record has moved on to
+// a later generation (and maybe to another answer), and the done does
+// nothing. So records are recycled but never given back to the allocator:
+// the process keeps as many as were ever pending at once (32 bytes each).
+//
+// Taken and given back on the event thread only; `state` is read and
+// changed on any thread.
+class AsyncAnswer {
+ public:
+  AsyncAnswer() = default;
+  AsyncAnswer(const AsyncAnswer&) = delete;
+  AsyncAnswer& operator=(const AsyncAnswer&) = delete;
+
+  // A record for the answer in `slot` of `queue`. Event thread.
+  static AsyncAnswer* take(AnswerQueue* queue, uint64_t slot);
+
+  uint64_t generation() const { return state_.load(std::memory_order_acquire) >> 1; }
+  // Whether a done of `generation` may still complete the answer. Any thread.
+  bool stillWanted(uint64_t generation) const {
+    return state_.load(std::memory_order_acquire) == generation << 1;
+  }
+  // The done of `generation` runs: true for the one run that completes the
+  // answer, false when a done ran before or the answer was abandoned. Any
+  // thread.
+  bool claim(uint64_t generation) {
+    uint64_t expected = generation << 1;
+    return state_.compare_exchange_strong(expected, expected | 1, std::memory_order_acq_rel);
+  }
+  // The claimed answer reaches the event thread: its queue completes it, or
+  // it is let go when its queue abandoned it meanwhile.
+  inline void ready();
+  // Nobody will write the answer: a done that has not run will do nothing;
+  // one on its way to the event thread is let go when it arrives. Event
+  // thread.
+  void abandon();
+
+ private:
+  // Back to the pool, as the next generation. Event thread.
+  void recycle() {
+    // Only the event thread changes the generation: this load sees the last.
+    const uint64_t generation = state_.load(std::memory_order_relaxed) >> 1;
+    state_.store((generation + 1) << 1, std::memory_order_release);
+    toPool();
+  }
+  void toPool() {
+    queue_ = nullptr;
+    next_free_ = free_;
+    free_ = this;
+  }
+
+  // The records not in use. Event thread only.
+  static AsyncAnswer* free_;
+
+  // Generation << 1, plus 1 once a done of that generation ran.
+  std::atomic<uint64_t> state_{0};
+  // Event thread only: the queue and the slot it completes (the queue null
+  // once it abandoned the answer), and the next record while pooled.
+  AnswerQueue* queue_ = nullptr;
+  uint64_t slot_ = 0;
+  AsyncAnswer* next_free_ = nullptr;
+
+  friend class AnswerQueue;
 };
 
-// The callable an async handler gets as `done`.
+// The callable an async handler gets as `done`: trivially copyable, and
+// within std::function's in-place storage.
 struct AsyncDone {
-  std::shared_ptr<AsyncAnswer> answer;
-  void operator()() const;
+  AsyncAnswer* answer;
+  uint64_t generation;
+  inline void operator()() const;
 };
 
 // The answers of one connection that wait for their turn: plain HTTP answers
@@ -64,12 +121,16 @@ class AnswerQueue {
   // Dispatch: answers `request` with `handler`, later.
   void dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
                      const HttpAsyncRequestHandler& handler, const std::string* pattern);
-  void dispatchStream(const HttpRequestPtr& request, const HttpStreamHandler& handler);
+  void dispatchStream(const HttpRequestPtr& request, const HttpResponsePtr& response,
+                      const HttpStreamHandler& handler, const std::string* pattern);
 
   // A plain answer, ready now, behind those that are not.
   void pushReady(const HttpResponsePtr& response, bool to_head_request);
-  // The async answer in `slot` is ready.
-  void complete(const AsyncAnswer& answer);
+  // An interim answer ("100 Continue"), a constant's bytes, in its turn:
+  // after the answers owed before it.
+  void pushInterim(const char* bytes, size_t size);
+  // The async answer in `slot` is ready (its done ran).
+  void complete(uint64_t slot);
   // Writes what is ready from the front, and what the stream at the front
   // has queued.
   void pump();
@@ -94,17 +155,28 @@ class AnswerQueue {
   struct Slot {
     uint64_t id = 0;
     HttpResponsePtr response;            // plain, ready or async
-    std::shared_ptr<AsyncAnswer> async;  // until its done runs
+    AsyncAnswer* async = nullptr;        // until its done runs
     std::shared_ptr<HttpStream> stream;  // a stream's slot
     bool head_request = false;
     bool ready = false;
+    // An interim answer's bytes (a constant), instead of a response.
+    const char* interim = nullptr;
+    size_t interim_size = 0;
+    // For the observer, of an async answer or a stream: its handler's
+    // pattern and when it started, if an observer was set then.
+    const std::string* pattern = nullptr;
+    Time started;
   };
 
-  uint64_t add(Slot slot);
+  // A new slot at the back, owed.
+  Slot& add();
   // The stream at the front: its turn has come.
   void makeLive(HttpStream* stream);
   // Hands the front stream's bytes to the connection; true when it is done.
-  bool pumpStream(HttpStream* stream);
+  bool pumpStream(const Slot& slot);
+  // The stream's head, written as the connection writes other answers'
+  // heads; the observer hears of it.
+  std::string renderStreamHead(HttpResponse* head, const Slot& slot);
   // The front stream ended: RPC answers held meanwhile go out.
   void streamEnded();
   // Writes bytes on the connection, after the answers gathered with them.
@@ -123,6 +195,24 @@ class AnswerQueue {
   Mutex held_mutex_;
   std::string held_ VANTU_GUARDED_BY(held_mutex_);
 };
+
+void AsyncAnswer::ready() {
+  AnswerQueue* queue = queue_;
+  const uint64_t slot = slot_;
+  recycle();
+  if (queue != nullptr) queue->complete(slot);
+}
+
+// Defined here, and inline, as the hot path of every async answer.
+void AsyncDone::operator()() const {
+  if (!answer->claim(generation)) return;
+  if (isEventThread()) {
+    answer->ready();
+  } else {
+    AsyncAnswer* claimed = answer;
+    defer([claimed] { claimed->ready(); });
+  }
+}
 
 }  // namespace relay
 }  // namespace vantu

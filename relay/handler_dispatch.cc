@@ -97,8 +97,8 @@ void HttpServerImpl::callRequestHandler(
         handler->answerQueue().dispatchAsync(request, response, matched->async_callback,
                                              &matched->pattern.pattern());
       } else {
-        handler->answerQueue().dispatchStream(request, matched->stream_callback);
-        if (observer != nullptr) observer->requestAnswered(matched->pattern.pattern(), 200, {});
+        handler->answerQueue().dispatchStream(request, response, matched->stream_callback,
+                                              &matched->pattern.pattern());
       }
       return;
     }

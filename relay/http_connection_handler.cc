@@ -190,8 +190,13 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
   } else if (last_ends_connection) {
     closeAfterAnswers();
   } else if (reader_->takeContinueRequest()) {
-    send(kContinue, sizeof(kContinue) - 1);
-    reportSent(sizeof(kContinue) - 1);
+    if (ordered_ && !ordered_->empty()) {
+      // After the answers still owed before it, not among their bytes.
+      ordered_->pushInterim(kContinue, sizeof(kContinue) - 1);
+    } else {
+      send(kContinue, sizeof(kContinue) - 1);
+      reportSent(sizeof(kContinue) - 1);
+    }
   }
   updateDeadline();
   if (drain_.active()) closeIfDrained(Time::now());
@@ -232,9 +237,10 @@ void HttpConnectionHandler::answerSettled() {
   if (answers_owed_ > 0) return;
   if (closing_ || input_ended_) {
     endOutput();
-  } else {
+  } else if (gathered_ == nullptr) {
+    // (While a read's requests are handled, its end does this.)
     updateDeadline();
-    closeIfDrained(Time::now());
+    if (drain_.active()) closeIfDrained(Time::now());
   }
 }
 
@@ -277,6 +283,11 @@ void HttpConnectionHandler::closeIfDrained(Time now) {
 
 void HttpConnectionHandler::updateDeadline() {
   const HttpServerOptions& options = impl_->options();
+  if (options.header_timeout <= Duration() && options.idle_timeout <= Duration()) {
+    // No timeouts at all, as specified: nothing to wait for.
+    deadline_kind_ = Deadline::kNone;
+    return;
+  }
   Deadline kind = Deadline::kNone;
   Duration timeout;
   if (closing_) {

@@ -37,7 +37,10 @@ class HttpServerObserver {
   virtual void bytesSent(size_t bytes) { (void)bytes; }
   // A plain request was answered: the pattern of the handler that took it
   // ("" when none matched and the answer was 404), the answer's status, and
-  // how long the handler ran. Event thread.
+  // how long the handler ran (an async handler: until its done ran; a
+  // stream: until its head went out, which is when it is told, with the
+  // status the stream began with). An answer abandoned before that, its
+  // client gone, is not told. Event thread.
   virtual void requestAnswered(const std::string& pattern, int status, Duration handler_time) {
     (void)pattern;
     (void)status;

@@ -15,21 +15,25 @@ constexpr char kLastChunk[] = "0\r\n\r\n";
 
 }  // namespace
 
-HttpStream::HttpStream(HttpConnectionHandlerWeakPtr connection, bool head_request, bool http10)
-    : connection_(std::move(connection)), head_request_(head_request), http10_(http10) {}
+HttpStream::HttpStream(HttpConnectionHandlerWeakPtr connection, bool head_request, bool http10,
+                       bool close_after)
+    : connection_(std::move(connection)),
+      head_request_(head_request),
+      http10_(http10),
+      close_after_(close_after) {}
 
 HttpStream::~HttpStream() = default;
 
 HttpStreamPtr HttpStream::create(HttpConnectionHandlerWeakPtr connection, bool head_request,
-                                 bool http10) {
-  return HttpStreamPtr(new HttpStream(std::move(connection), head_request, http10));
+                                 bool http10, bool close_after) {
+  return HttpStreamPtr(new HttpStream(std::move(connection), head_request, http10, close_after));
 }
 
 void HttpStream::start(const HttpResponsePtr& response) {
   MutexLock lock(mutex_);
   if (state_ != State::kNew) return;
   state_ = State::kStarted;
-  appendHead(response.get());
+  makeHead(*response);
   if (!ending_ && !response->content.empty()) {
     // The content already there is the first piece; framed by hand, as the
     // lock is held.
@@ -44,23 +48,14 @@ void HttpStream::start(const HttpResponsePtr& response) {
   schedulePump();
 }
 
-void HttpStream::appendHead(HttpResponse* response) {
-  if (http10_) {
-    response->setHeader("Connection", "close");
-  } else {
-    response->setHeader("Transfer-Encoding", "chunked");
-  }
-  std::string head;
-  response->outputHeader(&head);
-  // The length of a stream is not known: the line that outputHeader always
-  // writes goes.
-  static const char kLength[] = "\r\nContent-Length: ";
-  const size_t at = head.find(kLength);
-  if (at != std::string::npos) {
-    const size_t end = head.find("\r\n", at + 2);
-    head.erase(at, end - at);
-  }
-  out_.append(head);
+void HttpStream::makeHead(const HttpResponse& response) {
+  // The status and headers only: the content, if any, is the first piece.
+  head_ = std::make_unique<HttpResponse>();
+  head_->status_code = response.status_code;
+  head_->status_string = response.status_string;
+  head_->headers = response.headers;
+  if (http10_ || close_after_) head_->setHeader("Connection", "close");
+  if (!http10_) head_->setHeader("Transfer-Encoding", "chunked");
   if (head_request_) {
     // The head is the whole answer to HEAD.
     state_ = State::kFinished;
@@ -79,9 +74,8 @@ bool HttpStream::append(const char* data, size_t size, bool last) {
   {
     MutexLock lock(mutex_);
     if (state_ == State::kNew) {
-      HttpResponse response;
       state_ = State::kStarted;
-      appendHead(&response);
+      makeHead(HttpResponse());
     }
     if (state_ != State::kStarted) {
       schedulePump();
@@ -158,10 +152,7 @@ void HttpStream::close(bool clean) {
     MutexLock lock(mutex_);
     if (state_ == State::kFinished || state_ == State::kClosed) return;
     if (clean) {
-      if (state_ == State::kNew) {
-        HttpResponse response;
-        appendHead(&response);
-      }
+      if (state_ == State::kNew) makeHead(HttpResponse());
       if (!http10_ && !ending_) out_.append(kLastChunk, sizeof(kLastChunk) - 1);
       ending_ = true;
       schedulePump();

@@ -23,7 +23,13 @@ namespace relay {
 //                    an HTTP/1.1 client; to an HTTP/1.0 client no length and
 //                    "Connection: close", the end of the answer being the
 //                    close of the connection. Content the response already
-//                    holds goes out as the first piece.
+//                    holds goes out as the first piece. The response is
+//                    copied, not kept: changing it afterwards changes
+//                    nothing. The head is written in the stream's turn, as
+//                    the connection writes its other answers' (with a Date
+//                    under strict framing, "Connection: close" while the
+//                    server drains or after a request that ends the
+//                    connection).
 //   write(bytes)     one piece (a chunk); false once nothing more will be
 //                    sent: the client has gone, the server ended the stream,
 //                    or the request was HEAD (which gets the head only).
@@ -91,15 +97,18 @@ class HttpStream : public std::enable_shared_from_this<HttpStream> {
   enum class State { kNew, kStarted, kFinished, kClosed };
 
   // For the connection's dispatch: a stream answering a request with
-  // `head_request` (HEAD) and `http10` (HTTP/1.0).
-  HttpStream(HttpConnectionHandlerWeakPtr connection, bool head_request, bool http10);
+  // `head_request` (HEAD) and `http10` (HTTP/1.0), whose connection ends
+  // after it when `close_after`.
+  HttpStream(HttpConnectionHandlerWeakPtr connection, bool head_request, bool http10,
+             bool close_after);
   static HttpStreamPtr create(HttpConnectionHandlerWeakPtr connection, bool head_request,
-                              bool http10);
+                              bool http10, bool close_after);
 
   // Frames and queues; false when closed. Takes mutex_.
   bool append(const char* data, size_t size, bool last);
-  // The head for `response`, framed for this stream. Holds mutex_.
-  void appendHead(HttpResponse* response) VANTU_REQUIRES(mutex_);
+  // The status and headers of `response`, framed for this stream, kept for
+  // the connection to write. Holds mutex_.
+  void makeHead(const HttpResponse& response) VANTU_REQUIRES(mutex_);
   // Has the event thread hand the queued bytes over (see AnswerQueue).
   void schedulePump() VANTU_REQUIRES(mutex_);
   // Ends the stream for a reason other than its writer's finish(), running
@@ -112,10 +121,15 @@ class HttpStream : public std::enable_shared_from_this<HttpStream> {
   const HttpConnectionHandlerWeakPtr connection_;
   const bool head_request_;
   const bool http10_;
+  const bool close_after_;
 
   mutable Mutex mutex_;
   State state_ VANTU_GUARDED_BY(mutex_) = State::kNew;
-  // Framed bytes not yet handed to the connection.
+  // The status and headers until the connection writes them, in its turn
+  // and on its thread, as it writes other answers' (with the Date its
+  // options ask for, and "Connection: close" while the server drains).
+  std::unique_ptr<HttpResponse> head_ VANTU_GUARDED_BY(mutex_);
+  // Framed bytes not yet handed to the connection, which follow the head.
   std::string out_ VANTU_GUARDED_BY(mutex_);
   // The terminating chunk (or the close) is in out_.
   bool ending_ VANTU_GUARDED_BY(mutex_) = false;

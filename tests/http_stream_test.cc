@@ -209,6 +209,35 @@ TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) 
   EXPECT_EQ("HTTP/1.1 404", other.read(12));
 }
 
+TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/n/1")));
+  ASSERT_TRUE(dones.waitFor(1));
+  std::function<void()> first = dones.at(0);
+  first();
+  EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
+  // The next answer's done may well sit where the first one's did: the
+  // first, run again (from another thread, too), must not complete it.
+  ASSERT_TRUE(client.write(get("/n/2")));
+  ASSERT_TRUE(dones.waitFor(2));
+  EXPECT_FALSE(answerStillWanted(first));
+  EXPECT_TRUE(answerStillWanted(dones.at(1)));
+  first();
+  std::thread(first).join();
+  waitForDeferredWork();
+  EXPECT_FALSE(client.waitReadable(50)) << "a stale done completed the later answer";
+  EXPECT_TRUE(answerStillWanted(dones.at(1)));
+  dones.at(1)();
+  EXPECT_EQ(plain("/n/2"), client.read(plain("/n/2").size()));
+}
+
 TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
   auto service = std::make_shared<vantu::testing::TestServiceImpl>();
   server_->registerRPCService(service);
@@ -487,6 +516,275 @@ TEST_F(StreamServerTest, DrainEndsStreamsCleanlyAtItsDeadline) {
   got += client.readToEnd();
   EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
   EXPECT_TRUE(closed.load());
+}
+
+// Holds the stream a handler got, for the test to write when it likes.
+class StreamHolder {
+ public:
+  void set(const HttpStreamPtr& stream) {
+    MutexLock lock(mutex_);
+    stream_ = stream;
+    changed_.notifyAll();
+  }
+  HttpStreamPtr wait() {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (!stream_ && changed_.timedWaitAbsolute(mutex_, deadline)) {
+    }
+    return stream_;
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable changed_;
+  HttpStreamPtr stream_ VANTU_GUARDED_BY(mutex_);
+};
+
+// The header block of an answer (up to the blank line).
+std::string headOf(const std::string& answer) {
+  return answer.substr(0, answer.find("\r\n\r\n") + 2);
+}
+
+TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
+  HttpServerOptions strict;
+  strict.strict_framing = true;
+  struct Case {
+    const char* name;
+    HttpServerOptions options;
+    std::string request;
+    bool date;
+    const char* connection;
+    bool chunked;
+    bool closes;
+  };
+  const Case cases[] = {
+      {"as specified", HttpServerOptions(), get("/s"), false, "keep-alive", true, false},
+      {"strict framing", strict, get("/s"), true, "keep-alive", true, false},
+      {"strict, the request ends the connection", strict,
+       "GET /s HTTP/1.1\r\nHost: test\r\nConnection: close\r\n\r\n", true, "close", true, true},
+      {"strict, HTTP/1.0", strict, get("/s", "1.0"), true, "close", false, true},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    server_.reset();
+    waitForDeferredWork();
+    start(test.options);
+    server_->registerStreamHandler("/s", [](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+      auto response = std::make_shared<HttpResponse>();
+      response->status_code = HttpResponse::kAccepted;
+      response->setContentType("text/plain");
+      stream->start(response);
+      stream->write("hello");
+      stream->finish();
+    });
+    LoopbackClient client(port());
+    ASSERT_TRUE(client.write(test.request));
+    std::string got;
+    readUntil(&client, test.chunked ? "0\r\n\r\n" : "hello", &got);
+    const std::string head = headOf(got);
+    EXPECT_EQ(0u, head.find("HTTP/1.1 202 Accepted\r\n")) << head;
+    EXPECT_NE(std::string::npos,
+              head.find(std::string("\r\nConnection: ") + test.connection + "\r\n"))
+        << head;
+    EXPECT_EQ(test.chunked, head.find("\r\nTransfer-Encoding: chunked\r\n") != std::string::npos)
+        << head;
+    EXPECT_EQ(std::string::npos, head.find("Content-Length")) << head;
+    // "Date: Sun, 06 Nov 1994 08:49:37 GMT", between its neighbours in byte
+    // order, as in every other answer of such a server.
+    const size_t date = head.find("\r\nDate: ");
+    EXPECT_EQ(test.date, date != std::string::npos) << head;
+    if (test.date && date != std::string::npos) {
+      EXPECT_EQ(" GMT\r\n", head.substr(date + 8 + 29 - 4, 6)) << head;
+      EXPECT_LT(head.find("Content-Type"), date) << head;
+      EXPECT_GT(head.find("\r\nTransfer-Encoding"), date) << head;
+    }
+    const std::string body = got.substr(head.size() + 2);
+    EXPECT_EQ(test.chunked ? "5\r\nhello\r\n0\r\n\r\n" : "hello", body);
+    if (test.closes) {
+      EXPECT_EQ("", client.readToEnd()) << "the connection stays open";
+    } else {
+      // The connection goes on: the next answer on it.
+      ASSERT_TRUE(client.write(get("/none")));
+      EXPECT_EQ("HTTP/1.1 404", client.read(12));
+    }
+  }
+}
+
+TEST_F(StreamServerTest, StreamBegunWhileTheServerDrainsSaysConnectionClose) {
+  StreamHolder holder;
+  server_->registerStreamHandler(
+      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s")));
+  HttpStreamPtr stream = holder.wait();
+  ASSERT_TRUE(stream);
+  // A connection with nothing owed closes as the drain begins, so once this
+  // one has ended, the other connection knows it drains.
+  LoopbackClient idle(port());
+  std::atomic<bool> drained{false};
+  std::thread drain([&] { drained = server_->drain(Duration::seconds(20)); });
+  EXPECT_EQ("", idle.readToEnd());
+  auto response = std::make_shared<HttpResponse>();
+  setText(response, "");
+  stream->start(response);
+  stream->write("bye");
+  stream->finish();
+  // Its head says goodbye, and the connection closes once the client is
+  // quiet.
+  const std::string got = client.readToEnd();
+  drain.join();
+  EXPECT_EQ(
+      "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/plain\r\n"
+      "Transfer-Encoding: chunked\r\n\r\n3\r\nbye\r\n0\r\n\r\n",
+      got);
+  EXPECT_TRUE(drained.load());
+}
+
+TEST_F(StreamServerTest, DrainDeadlineEndsAnHttp10StreamWithTheClose) {
+  std::atomic<bool> closed{false};
+  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onClose([&closed] { closed = true; });
+    stream->write("hello");
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s", "1.0")));
+  std::string got;
+  readUntil(&client, "hello", &got);
+  EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
+  got += client.readToEnd();
+  EXPECT_EQ("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhello", got);
+  EXPECT_TRUE(closed.load());
+}
+
+TEST_F(StreamServerTest, StreamThatKeepsWritingOutlivesTheIdleTimeout) {
+  HttpServerOptions options;
+  options.idle_timeout = Duration::milliseconds(500);
+  server_.reset();
+  start(options);
+  constexpr int kPieces = 60;
+  server_->registerStreamHandler("/s", [](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    std::thread([stream] {
+      // Three times the idle timeout in all, a piece every 25 ms.
+      for (int i = 0; i < kPieces; ++i) {
+        if (!stream->write("p")) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+      }
+      stream->finish();
+    }).detach();
+  });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s")));
+  std::string got;
+  readUntil(&client, "0\r\n\r\n", &got);
+  std::string pieces;
+  for (int i = 0; i < kPieces; ++i) pieces += "1\r\np\r\n";
+  EXPECT_EQ(pieces + "0\r\n\r\n", got.substr(got.find("\r\n\r\n") + 4));
+}
+
+// Records what the observer hears of plain requests. Any thread.
+class AnswerLog : public HttpServerObserver {
+ public:
+  void requestAnswered(const std::string& pattern, int status, Duration) override {
+    MutexLock lock(mutex_);
+    answers_.push_back(pattern + " " + std::to_string(status));
+  }
+  std::vector<std::string> answers() const {
+    MutexLock lock(mutex_);
+    return answers_;
+  }
+
+ private:
+  mutable Mutex mutex_;
+  std::vector<std::string> answers_ VANTU_GUARDED_BY(mutex_);
+};
+
+TEST_F(StreamServerTest, ObserverHearsOfAStreamWithTheStatusItBeganWith) {
+  auto log = std::make_shared<AnswerLog>();
+  server_->setObserver(log);
+  StreamHolder holder;
+  server_->registerStreamHandler(
+      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+  server_->registerStreamHandler("/gone", [](const HttpRequestPtr&, const HttpStreamPtr&) {});
+  {
+    // Abandoned before it began: never answered.
+    LoopbackClient client(port());
+    ASSERT_TRUE(client.write(get("/gone")));
+  }
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/s")));
+  HttpStreamPtr stream = holder.wait();
+  ASSERT_TRUE(stream);
+  waitForDeferredWork();
+  EXPECT_TRUE(log->answers().empty()) << "told before the stream began";
+  auto response = std::make_shared<HttpResponse>();
+  response->status_code = HttpResponse::kPartialContent;
+  stream->start(response);
+  stream->write("x");
+  std::string got;
+  readUntil(&client, "1\r\nx\r\n", &got);
+  stream->finish();
+  waitForDeferredWork();
+  EXPECT_EQ(std::vector<std::string>{"/s 206"}, log->answers());
+}
+
+TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
+  HttpServerOptions options;
+  options.strict_framing = true;
+  const std::string post =
+      "POST /plain HTTP/1.1\r\nHost: test\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n";
+  const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+  for (const bool stream_first : {false, true}) {
+    SCOPED_TRACE(stream_first ? "behind a stream" : "behind an async answer");
+    server_.reset();
+    waitForDeferredWork();
+    start(options);
+    DoneList dones;
+    server_->registerAsyncHandler("/later",
+                                  [&dones](const HttpRequestPtr&, const HttpResponsePtr& response,
+                                           std::function<void()> done) {
+                                    setText(response, "late");
+                                    dones.add(std::move(done));
+                                  });
+    StreamHolder holder;
+    server_->registerStreamHandler(
+        "/stream",
+        [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+    server_->registerHandler("/plain",
+                             [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
+                               setText(response, request->body);
+                             });
+    LoopbackClient client(port());
+    std::string earlier;
+    if (stream_first) {
+      ASSERT_TRUE(client.write(get("/stream")));
+      HttpStreamPtr stream = holder.wait();
+      ASSERT_TRUE(stream);
+      stream->write("one");
+      std::string got;
+      readUntil(&client, "3\r\none\r\n", &got);
+      ASSERT_TRUE(client.write(post));
+      EXPECT_FALSE(client.waitReadable(50)) << "the interim answer split the stream";
+      stream->write("two");
+      stream->finish();
+      earlier = "3\r\ntwo\r\n0\r\n\r\n";
+    } else {
+      ASSERT_TRUE(client.write(get("/later") + post));
+      ASSERT_TRUE(dones.waitFor(1));
+      EXPECT_FALSE(client.waitReadable(50)) << "the interim answer overtook the answer owed";
+      dones.at(0)();
+      earlier =
+          "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 4\r\n"
+          "Content-Type: text/plain\r\nDate: ";
+    }
+    std::string got;
+    readUntil(&client, kContinue, &got);
+    ASSERT_EQ(0u, got.find(earlier)) << got;
+    EXPECT_EQ(got.size() - kContinue.size(), got.find(kContinue)) << got;
+    ASSERT_TRUE(client.write("ok"));
+    got.clear();
+    readUntil(&client, "\r\n\r\nok", &got);
+    EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
+  }
 }
 
 }  // namespace
