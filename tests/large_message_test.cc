@@ -30,6 +30,7 @@
 #include "relay/http_server_options.h"
 #include "relay/rpc.h"
 #include "test_service.h"
+#include "tests/scripted_server.h"
 
 namespace vantu {
 namespace relay {
@@ -289,17 +290,7 @@ TEST(LargeMessageTest, ConnectionsDeclaringHugeBodiesDoNotReserveThem) {
 class ReadsAfterAnswering {
  public:
   explicit ReadsAfterAnswering(size_t first_answer_size) : answer_size_(first_answer_size) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    int small = 64 * 1024;
-    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    listen(listener_, 1);
+    listener_ = vantu::testing::listenOnLoopback(&port_, 64 * 1024);
     thread_ = std::thread([this] { serve(); });
   }
   ~ReadsAfterAnswering() {

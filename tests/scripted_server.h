@@ -17,6 +17,25 @@
 namespace vantu {
 namespace testing {
 
+// A socket listening on a free loopback port for one connection; its port in
+// *port. A small `receive_buffer` (bytes; 0 keeps the default) makes a
+// client's large writes wait in the client's own output.
+inline int listenOnLoopback(uint16_t* port, int receive_buffer = 0) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  if (receive_buffer > 0) {
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  socklen_t length = sizeof(address);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  *port = ntohs(address.sin_port);
+  listen(listener, 1);
+  return listener;
+}
+
 // A server for one connection that answers the i-th request it parses with the
 // i-th scripted answer; "{id}" in an answer stands for the request's Rpc-Id.
 // After the last answer it can half-close (end its output); either way it
@@ -25,15 +44,7 @@ class ScriptedServer {
  public:
   explicit ScriptedServer(std::vector<std::string> script, bool half_close_after_script = false)
       : script_(std::move(script)), half_close_(half_close_after_script) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    listen(listener_, 1);
+    listener_ = listenOnLoopback(&port_);
     thread_ = std::thread([this] { serve(); });
   }
   ~ScriptedServer() {
