@@ -484,40 +484,6 @@ TEST_F(StreamServerTest, WriterThatDoesNotWaitLosesTheStream) {
   EXPECT_LT(accepted.load(), size_t{8} * 1024 * 1024);
 }
 
-TEST_F(StreamServerTest, IdleStreamEndsCleanlyAfterTheIdleTimeout) {
-  HttpServerOptions options;
-  options.idle_timeout = Duration::milliseconds(200);
-  server_.reset();
-  start(options);
-  std::atomic<bool> closed{false};
-  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
-    stream->onClose([&closed] { closed = true; });
-    stream->write("hello");
-  });
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/s")));
-  std::string got;
-  readUntil(&client, "0\r\n\r\n", &got);
-  EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
-  EXPECT_TRUE(eventually([&] { return closed.load(); }));
-}
-
-TEST_F(StreamServerTest, DrainEndsStreamsCleanlyAtItsDeadline) {
-  std::atomic<bool> closed{false};
-  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
-    stream->onClose([&closed] { closed = true; });
-    stream->write("hello");
-  });
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/s")));
-  std::string got;
-  readUntil(&client, "hello", &got);
-  EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
-  got += client.readToEnd();
-  EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
-  EXPECT_TRUE(closed.load());
-}
-
 // Holds the stream a handler got, for the test to write when it likes.
 class StreamHolder {
  public:
@@ -640,27 +606,50 @@ TEST_F(StreamServerTest, StreamBegunWhileTheServerDrainsSaysConnectionClose) {
   EXPECT_TRUE(drained.load());
 }
 
-TEST_F(StreamServerTest, DrainDeadlineEndsAnHttp10StreamWithTheClose) {
-  std::atomic<bool> closed{false};
-  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
-    stream->onClose([&closed] { closed = true; });
-    stream->write("hello");
-  });
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/s", "1.0")));
-  std::string got;
-  readUntil(&client, "hello", &got);
-  EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
-  got += client.readToEnd();
-  EXPECT_EQ("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhello", got);
-  EXPECT_TRUE(closed.load());
+TEST_F(StreamServerTest, DrainDeadlineEndsALiveStreamCleanly) {
+  // HTTP/1.1 gets the terminating chunk, HTTP/1.0 the close that ends its body.
+  const struct {
+    const char* version;
+    std::string answer;
+  } cases[] = {
+      {"1.1",
+       "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nTransfer-Encoding: chunked\r\n\r\n"
+       "5\r\nhello\r\n0\r\n\r\n"},
+      {"1.0", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhello"},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.version);
+    server_.reset();
+    waitForDeferredWork();
+    start(HttpServerOptions());
+    std::atomic<bool> closed{false};
+    server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+      stream->onClose([&closed] { closed = true; });
+      stream->write("hello");
+    });
+    LoopbackClient client(port());
+    ASSERT_TRUE(client.write(get("/s", test.version)));
+    std::string got;
+    readUntil(&client, "hello", &got);
+    EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
+    got += client.readToEnd();
+    EXPECT_EQ(test.answer, got);
+    EXPECT_TRUE(closed.load());
+  }
 }
 
-TEST_F(StreamServerTest, StreamThatKeepsWritingOutlivesTheIdleTimeout) {
+// A stream counts as busy for the idle timeout only while it writes: one that
+// stopped is ended cleanly, one that keeps writing outlives the timeout.
+TEST_F(StreamServerTest, IdleTimeoutEndsOnlyAStreamThatStoppedWriting) {
   HttpServerOptions options;
   options.idle_timeout = Duration::milliseconds(500);
   server_.reset();
   start(options);
+  std::atomic<bool> closed{false};
+  server_->registerStreamHandler("/idle", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+    stream->onClose([&closed] { closed = true; });
+    stream->write("hello");
+  });
   constexpr int kPieces = 60;
   server_->registerStreamHandler("/s", [](const HttpRequestPtr&, const HttpStreamPtr& stream) {
     std::thread([stream] {
@@ -672,10 +661,15 @@ TEST_F(StreamServerTest, StreamThatKeepsWritingOutlivesTheIdleTimeout) {
       stream->finish();
     }).detach();
   });
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/s")));
+  LoopbackClient idle(port()), writing(port());
+  ASSERT_TRUE(idle.write(get("/idle")));
+  ASSERT_TRUE(writing.write(get("/s")));
   std::string got;
-  readUntil(&client, "0\r\n\r\n", &got);
+  readUntil(&idle, "0\r\n\r\n", &got);
+  EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
+  EXPECT_TRUE(eventually([&] { return closed.load(); }));
+  got.clear();
+  readUntil(&writing, "0\r\n\r\n", &got);
   std::string pieces;
   for (int i = 0; i < kPieces; ++i) pieces += "1\r\np\r\n";
   EXPECT_EQ(pieces + "0\r\n\r\n", got.substr(got.find("\r\n\r\n") + 4));
