@@ -284,7 +284,7 @@ void HttpConnectionHandler::closeIfDrained(Time now) {
 void HttpConnectionHandler::updateDeadline() {
   const HttpServerOptions& options = impl_->options();
   if (options.header_timeout <= Duration() && options.idle_timeout <= Duration()) {
-    // No timeouts at all, as specified: nothing to wait for.
+    // A server without timeouts (the default) has nothing to wait for.
     deadline_kind_ = Deadline::kNone;
     return;
   }

@@ -524,7 +524,7 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
     bool closes;
   };
   const Case cases[] = {
-      {"as specified", HttpServerOptions(), get("/s"), false, "keep-alive", true, false},
+      {"default options", HttpServerOptions(), get("/s"), false, "keep-alive", true, false},
       {"strict framing", strict, get("/s"), true, "keep-alive", true, false},
       {"strict, the request ends the connection", strict,
        "GET /s HTTP/1.1\r\nHost: test\r\nConnection: close\r\n\r\n", true, "close", true, true},
