@@ -37,7 +37,8 @@ inline void forEachLine(const message_pool::Headers& headers, const std::string*
 
 }  // namespace
 
-void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out) {
+void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
+                     bool with_length) {
   std::string& status_string = response->status_string;
   if (status_string.empty()) status_string = HttpResponse::getStatusString(response->status_code);
   // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL.
@@ -45,13 +46,16 @@ void writeAnswerHead(HttpResponse* response, const std::string* date, std::strin
   const char* number_end =
       std::to_chars(number, number + sizeof(number), static_cast<int>(response->status_code)).ptr;
   const size_t phrase_length = strnlen(status_string.data(), status_string.size());
-  char length[16];
-  const char* length_end =
-      std::to_chars(length, length + sizeof(length), static_cast<int>(response->content.size()))
-          .ptr;
-  static const char kContentLength[] = "Content-Length";
-  message_pool::setHeader(message_pool::threadPool(), &response->headers, response->headers.end(),
-                          kContentLength, sizeof(kContentLength) - 1, length, length_end - length);
+  if (with_length) {
+    char length[16];
+    const char* length_end =
+        std::to_chars(length, length + sizeof(length), static_cast<int>(response->content.size()))
+            .ptr;
+    static const char kContentLength[] = "Content-Length";
+    message_pool::setHeader(message_pool::threadPool(), &response->headers, response->headers.end(),
+                            kContentLength, sizeof(kContentLength) - 1, length,
+                            length_end - length);
+  }
   size_t size = 9 + (number_end - number) + 1 + phrase_length + 2 + 2;
   forEachLine(response->headers, date, [&size](std::string_view name, std::string_view value) {
     size += name.size() + value.size() + 4;

@@ -16,8 +16,13 @@ namespace relay {
 // With `date`, the text carries "Date: <date>" among the headers in its byte
 // order place, in place of any Date the response holds, without storing it in
 // the response: the answers of a server that dates them then cost no header
-// insert and no release of it. Any thread; the caller owns both objects.
-void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out);
+// insert and no release of it.
+//
+// With `with_length` false (a streamed answer, whose length is not known),
+// no Content-Length is stored or written; the caller removes any the response
+// holds. Any thread; the caller owns both objects.
+void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
+                     bool with_length = true);
 
 }  // namespace relay
 }  // namespace vantu

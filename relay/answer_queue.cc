@@ -299,13 +299,11 @@ bool AnswerQueue::pumpStream(const Slot& slot) {
 
 std::string AnswerQueue::renderStreamHead(HttpResponse* head, const Slot& slot) {
   if (connection_->drain_.active()) DrainGoodbye::markClosing(head);
+  // The length of a stream is not known.
+  head->headers.erase("Content-Length");
   std::string text;
-  writeAnswerHead(head, connection_->answer_rules_.date ? &httpDate() : nullptr, &text);
-  // The length of a stream is not known: the line that is always written
-  // goes.
-  static const char kLength[] = "\r\nContent-Length: ";
-  const size_t at = text.find(kLength);
-  if (at != std::string::npos) text.erase(at, text.find("\r\n", at + 2) - at);
+  writeAnswerHead(head, connection_->answer_rules_.date ? &httpDate() : nullptr, &text,
+                  /*with_length=*/false);
   // A stream counts as answered once its head goes out, with the status it
   // began with and the time it took to begin.
   HttpServerObserver* observer = connection_->impl_->observer();
