@@ -247,6 +247,16 @@ class ThreadBio {
 
 }  // namespace
 
+void TlsTransport::prepareCall() {
+  // SSL_get_error can only tell a healthy connection from a broken one when
+  // the thread's error queue was empty before the call: it says "failed"
+  // whenever ERR_peek_error finds anything. Emptying the queue costs about
+  // 800 instructions even when it is empty (twice a request), so it is
+  // emptied only when that same test would find something.
+  if (ERR_peek_error() != 0) ERR_clear_error();
+  bindBio();
+}
+
 void TlsTransport::bindBio() {
   static thread_local ThreadBio shared(bioMethod());
   BIO* bio = shared.get();
@@ -329,8 +339,7 @@ void TlsTransport::setInput(const char* data, size_t size) {
 
 TlsTransport::Result TlsTransport::handshake() {
   if (established_) return Result::kOk;
-  ERR_clear_error();
-  bindBio();
+  prepareCall();
   const int ret = SSL_do_handshake(ssl_);
   if (ret == 1) {
     established_ = true;
@@ -340,8 +349,7 @@ TlsTransport::Result TlsTransport::handshake() {
 }
 
 TlsTransport::Result TlsTransport::read(char* out, size_t size, size_t* got) {
-  ERR_clear_error();
-  bindBio();
+  prepareCall();
   const int ret = SSL_read(ssl_, out, static_cast<int>(std::min(size, size_t{INT_MAX})));
   if (ret > 0) {
     *got = static_cast<size_t>(ret);
@@ -354,8 +362,7 @@ bool TlsTransport::drained() const { return input_size_ == 0 && SSL_pending(ssl_
 
 bool TlsTransport::write(const char* data, size_t size) {
   while (size > 0) {
-    ERR_clear_error();
-    bindBio();
+    prepareCall();
     const int ret = SSL_write(ssl_, data, static_cast<int>(std::min(size, size_t{INT_MAX})));
     if (ret <= 0) {
       failure(ret, "TLS write failed");
@@ -370,8 +377,7 @@ bool TlsTransport::write(const char* data, size_t size) {
 void TlsTransport::close() {
   if (!established_ || closed_) return;
   closed_ = true;
-  ERR_clear_error();
-  bindBio();
+  prepareCall();
   SSL_shutdown(ssl_);
   ERR_clear_error();
 }

@@ -128,6 +128,9 @@ class TlsTransport {
 
  private:
   TlsTransport(struct ssl_st* ssl, struct evbuffer* wire, bool server);
+  // Before each OpenSSL call that may fail: an empty error queue, and
+  // bindBio().
+  void prepareCall();
   // Points this thread's shared BIO at this transport, first making it the
   // BIO of ssl_ if it is not (a transport made on another thread).
   void bindBio();

@@ -4,8 +4,10 @@
 
 #include "net/tls_transport.h"
 
+#include <dlfcn.h>
 #include <event2/buffer.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <stdlib.h>
 
 #include <memory>
@@ -222,6 +224,41 @@ TEST(TlsTransportTest, InterleavedTransportsKeepTheirOwnBytes) {
   EXPECT_FALSE(first.server->error().empty());
   EXPECT_EQ(0u, evbuffer_get_length(first.serverWire()));
   EXPECT_EQ(before, evbuffer_get_length(second.serverWire()));
+}
+
+// Queues an error on this thread's OpenSSL queue, as another user of OpenSSL
+// in the process might leave one, or empties it. (Looked up at run time: the
+// tests do not link libcrypto themselves.)
+void leaveOpenSslError() {
+  auto error_new = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "ERR_new"));
+  auto error_set =
+      reinterpret_cast<void (*)(int, int, const char*, ...)>(dlsym(RTLD_DEFAULT, "ERR_set_error"));
+  ASSERT_TRUE(error_new && error_set);
+  error_new();
+  error_set(ERR_LIB_USER, 1, nullptr);
+}
+void clearOpenSslErrors() {
+  auto clear = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "ERR_clear_error"));
+  ASSERT_TRUE(clear);
+  clear();
+}
+
+// Someone else's OpenSSL failure, left queued on this thread, is not this
+// connection's: each step still says what became of it.
+TEST(TlsTransportTest, AnErrorLeftOnTheThreadIsNotTheConnections) {
+  Pair pair("127.0.0.1");
+  leaveOpenSslError();
+  ASSERT_TRUE(pair.handshake(4096)) << pair.client->error() << pair.server->error();
+  char plain[64];
+  size_t got = 0;
+  leaveOpenSslError();
+  pair.server->setInput(nullptr, 0);
+  EXPECT_EQ(TlsTransport::Result::kWantMore, pair.server->read(plain, sizeof(plain), &got));
+  leaveOpenSslError();
+  EXPECT_TRUE(pair.server->write("answer", 6)) << pair.server->error();
+  pair.deliver(pair.serverWire(), pair.client.get(), 4096, &pair.to_client);
+  EXPECT_EQ("answer", pair.to_client);
+  clearOpenSslErrors();
 }
 
 }  // namespace
