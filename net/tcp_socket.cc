@@ -518,13 +518,14 @@ void TcpSocket::handshakeDone() {
 bool TcpSocket::encryptOutput() {
   if (evbuffer_get_length(output_) > 0) lendWire();
   while (evbuffer_get_length(output_) > 0) {
-    // A large piece is encrypted where it lies; small ones are gathered into
-    // full records first.
+    // A large piece is encrypted where it lies, and so is a small one that
+    // is all there is (the usual answer); small ones followed by more are
+    // gathered into full records first.
     evbuffer_iovec chain;
     evbuffer_peek(output_, -1, nullptr, &chain, 1);
     const char* data = static_cast<const char*>(chain.iov_base);
     size_t size = chain.iov_len;
-    if (size < kRecordSize) {
+    if (size < kRecordSize && size < evbuffer_get_length(output_)) {
       const ev_ssize_t copied = evbuffer_copyout(output_, recordBuffer(), kRecordSize);
       if (copied <= 0) return false;
       data = recordBuffer();
