@@ -574,7 +574,10 @@ print(ok, same == rounds * count)
 )";
   const std::string path = vantu::testing::testCertDir() + "/idle_rounds.py";
   std::ofstream(path) << script;
-  for (bool tls : {false, true}) {
+  // TLS first, so that OpenSSL is set up before the event thread starts:
+  // exit handlers run in reverse order, and OpenSSL's must run after the
+  // event thread stopped, or that thread's OpenSSL state is never freed.
+  for (bool tls : {true, false}) {
     SCOPED_TRACE(tls ? "TLS" : "plaintext");
     HttpServerOptions options;
     if (tls) options.tls = serverTls("server", false);
