@@ -34,8 +34,10 @@ class ConnectionInfo {
  public:
   // The remote address; not valid once the connection has ended.
   virtual SocketAddress peerAddress() const = 0;
-  // Null on a plaintext connection (and until a TLS handshake completed).
-  virtual const TlsSessionInfo* tlsSession() = 0;
+  // What a TLS handshake established, into *session; false on a plaintext
+  // connection (and until a TLS handshake completed). Read afresh on each
+  // call: callers that need it often keep their copy.
+  virtual bool tlsSession(TlsSessionInfo* session) const = 0;
   // Bytes handed to the connection and not yet taken by the kernel.
   virtual size_t unsentOutput() const { return 0; }
   // Asks for one notifyOutputDrained (see RequestResponseConnectionHandler)

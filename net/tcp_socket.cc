@@ -49,6 +49,44 @@ char* recordBuffer() {
   return buffer;
 }
 
+// TLS sockets borrow the evbuffer their records wait in from this thread's
+// pool while there are records to send, and give it back once they are sent:
+// an idle TLS connection keeps no second buffer. Event thread only.
+constexpr size_t kPooledWires = 16;
+class WirePool {
+ public:
+  WirePool() = default;
+  WirePool(const WirePool&) = delete;
+  WirePool& operator=(const WirePool&) = delete;
+  ~WirePool() {
+    for (size_t i = 0; i < count_; ++i) evbuffer_free(wires_[i]);
+    gone_ = true;
+  }
+  struct evbuffer* take() {
+    return count_ > 0 ? wires_[--count_] : evbuffer_new();
+  }
+  void giveBack(struct evbuffer* wire) {
+    evbuffer_drain(wire, evbuffer_get_length(wire));
+    if (gone_ || count_ == kPooledWires) {
+      evbuffer_free(wire);
+    } else {
+      wires_[count_++] = wire;
+    }
+  }
+
+ private:
+  struct evbuffer* wires_[kPooledWires];
+  size_t count_ = 0;
+  // A socket finished after this thread's pool: its wire is freed instead.
+  static thread_local bool gone_;
+};
+thread_local bool WirePool::gone_ = false;
+
+WirePool& wirePool() {
+  static thread_local WirePool pool;
+  return pool;
+}
+
 timeval toTimeval(Duration duration) {
   const int64_t us = duration.toMicroseconds();
   return {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
@@ -117,22 +155,20 @@ TcpSocket::TcpSocket(int fd, std::function<void()> on_close, bool owns_itself)
 
 TcpSocket::~TcpSocket() {
   // Whatever the kernel takes at once still goes out; no one is told anything.
-  if (state_ == kOpen && (!tls_ || (!handshaking_ && encryptOutput()))) flush(false);
+  if (state_ == kOpen && (!tls_ || (!handshaking_ && encryptOutput())) && wire_ != nullptr) {
+    flush(false);
+  }
   finish(false);
 }
 
 bool TcpSocket::useTls(std::shared_ptr<const TlsContext> context, const std::string& server_name,
                        Duration handshake_timeout) {
   if (state_ != kNew || tls_ || !context || output_ == nullptr) return false;
-  struct evbuffer* wire = evbuffer_new();
-  if (wire == nullptr) return false;
-  tls_ = context->isServer() ? TlsTransport::newServer(std::move(context), wire)
-                             : TlsTransport::newClient(std::move(context), server_name, wire);
-  if (!tls_) {
-    evbuffer_free(wire);
-    return false;
-  }
-  wire_ = wire;
+  tls_ = context->isServer() ? TlsTransport::newServer(std::move(context), nullptr)
+                             : TlsTransport::newClient(std::move(context), server_name, nullptr);
+  if (!tls_) return false;
+  // Lent while records wait to be sent (lendWire).
+  wire_ = nullptr;
   handshake_timeout_ = handshake_timeout;
   if (handshake_timeout_ == Duration() && !tls_->isServerSide()) {
     handshake_timeout_ = kDefaultClientHandshakeTimeout;
@@ -140,9 +176,10 @@ bool TcpSocket::useTls(std::shared_ptr<const TlsContext> context, const std::str
   return true;
 }
 
-const TlsSessionInfo* TcpSocket::tlsSession() {
-  if (!tls_ || !tls_->established()) return nullptr;
-  return &tls_->session();
+bool TcpSocket::tlsSession(TlsSessionInfo* session) const {
+  if (!tls_ || !tls_->established()) return false;
+  *session = tls_->session();
+  return true;
 }
 
 void TcpSocket::link(char_stream::PushStreamSource* other_source,
@@ -233,13 +270,28 @@ void TcpSocket::startHandshake() {
   const timeval timeout = toTimeval(handshake_timeout_);
   event_add(read_event_, handshake_timeout_ > Duration() ? &timeout : nullptr);
   // A client's first flight goes out now; a server's waits for the client's.
+  lendWire();
   tls_->setInput(nullptr, 0);
   if (tls_->handshake() == TlsTransport::Result::kFailed) {
     tls_error_ = tls_->error();
     fail();
     return;
   }
-  if (evbuffer_get_length(wire_) > 0) flush(true);
+  if (evbuffer_get_length(wire_) > 0 && flush(true) != kFlushed) return;
+  giveBackWireIfSent();
+}
+
+void TcpSocket::lendWire() {
+  if (wire_ != nullptr) return;
+  wire_ = wirePool().take();
+  tls_->setWire(wire_);
+}
+
+void TcpSocket::giveBackWireIfSent() {
+  if (!tls_ || wire_ == nullptr || evbuffer_get_length(wire_) > 0) return;
+  tls_->setWire(nullptr);
+  wirePool().giveBack(wire_);
+  wire_ = nullptr;
 }
 
 void TcpSocket::finishConnecting(short what) {
@@ -385,7 +437,7 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
     VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << tls_error_;
     // The alert that says why, if the kernel takes it at once.
     evbuffer_iovec chain;
-    if (evbuffer_peek(wire_, -1, nullptr, &chain, 1) >= 1) {
+    if (wire_ != nullptr && evbuffer_peek(wire_, -1, nullptr, &chain, 1) >= 1) {
       (void)::send(fd_, chain.iov_base, chain.iov_len, MSG_NOSIGNAL | MSG_DONTWAIT);
     }
   }
@@ -399,6 +451,8 @@ bool TcpSocket::takePiece(const char* data, size_t size) {
 }
 
 bool TcpSocket::takeTlsPiece(const char* data, size_t size, bool* eof, bool* failed) {
+  // Reading may answer too: the handshake's next flight, an alert.
+  lendWire();
   tls_->setInput(data, size);
   if (handshaking_) {
     const TlsTransport::Result result = tls_->handshake();
@@ -462,14 +516,16 @@ void TcpSocket::handshakeDone() {
 }
 
 bool TcpSocket::encryptOutput() {
+  if (evbuffer_get_length(output_) > 0) lendWire();
   while (evbuffer_get_length(output_) > 0) {
-    // A large piece is encrypted where it lies; small ones are gathered into
-    // full records first.
+    // A large piece is encrypted where it lies, and so is a small one that
+    // is all there is (the usual answer); small ones followed by more are
+    // gathered into full records first.
     evbuffer_iovec chain;
     evbuffer_peek(output_, -1, nullptr, &chain, 1);
     const char* data = static_cast<const char*>(chain.iov_base);
     size_t size = chain.iov_len;
-    if (size < kRecordSize) {
+    if (size < kRecordSize && size < evbuffer_get_length(output_)) {
       const ev_ssize_t copied = evbuffer_copyout(output_, recordBuffer(), kRecordSize);
       if (copied <= 0) return false;
       data = recordBuffer();
@@ -531,13 +587,17 @@ void TcpSocket::makeProgress(bool flush_even_if_waiting) {
       return;
     }
     // close_notify goes out before the write side is shut.
-    if (ending) tls_->close();
+    if (ending) {
+      lendWire();
+      tls_->close();
+    }
   }
-  if (evbuffer_get_length(wire_) > 0) {
+  if (wire_ != nullptr && evbuffer_get_length(wire_) > 0) {
     // While waiting for the kernel to drain, only the write event flushes.
     if (write_waiting_ && !flush_even_if_waiting) return;
     if (flush(true) != kFlushed) return;
   }
+  giveBackWireIfSent();
   // What the handler wrote during the handshake leaves after it.
   if (handshaking_ && evbuffer_get_length(output_) > 0) return;
   if (ending) shutdownOutput();
@@ -650,7 +710,7 @@ void TcpSocket::finish(bool notify_close) {
   fd_ = -1;
   tls_.reset();
   handshaking_ = false;
-  if (wire_ != output_ && wire_ != nullptr) evbuffer_free(wire_);
+  if (wire_ != output_ && wire_ != nullptr) wirePool().giveBack(wire_);
   wire_ = nullptr;
   if (output_ != nullptr) evbuffer_free(output_);
   output_ = nullptr;

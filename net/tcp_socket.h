@@ -126,7 +126,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
 
   // ConnectionInfo. Event thread.
   SocketAddress peerAddress() const override;
-  const TlsSessionInfo* tlsSession() override;
+  bool tlsSession(TlsSessionInfo* session) const override;
   size_t unsentOutput() const override { return pendingOutput(); }
   void watchOutputDrain() override { drain_watched_ = true; }
 
@@ -170,6 +170,11 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // Moves what the handler wrote, encrypted, onto the wire. False on a
   // failure.
   bool encryptOutput();
+  // TLS: borrows a wire from this thread's pool for the records to come,
+  // unless one is lent already; gives it back once everything on it was
+  // sent.
+  void lendWire();
+  void giveBackWireIfSent();
   // Bytes not yet sent, before and after encryption.
   size_t pendingOutput() const;
   void pauseReading();
@@ -218,7 +223,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   struct event* write_event_ = nullptr;
   struct evbuffer* output_ = nullptr;
   // What goes out to the kernel: output_ itself, or with TLS the records
-  // made from it.
+  // made from it (null while none wait: see lendWire).
   struct evbuffer* wire_ = nullptr;
   std::unique_ptr<TlsTransport> tls_;
   Duration handshake_timeout_;

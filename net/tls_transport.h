@@ -25,6 +25,8 @@ namespace relay {
 // a server's context leaves the open connections on the old one.
 //
 // Made on any thread; used by any number of connections on the event thread.
+// Each connection's OpenSSL state holds a reference of its own to the
+// context underneath, so it may outlive this object.
 class TlsContext {
  public:
   // A server's: `certificate_chain_file` and `private_key_file` in PEM; with
@@ -59,9 +61,14 @@ class TlsContext {
 // One TLS connection's state machine, with no socket of its own: the bytes
 // read from the network are handed to it (setInput), and every byte it
 // produces for the network (handshake messages, records, alerts) is appended
-// to the evbuffer given at construction, which the owner sends. So the
-// owner keeps doing its own reads and writes and the bounds, timeouts and
-// half-closes that go with them; only the bytes change.
+// to its wire, an evbuffer the owner lends it and sends. So the owner keeps
+// doing its own reads and writes and the bounds, timeouts and half-closes
+// that go with them; only the bytes change.
+//
+// Kept small, since an idle connection keeps one: no BIO of its own (the
+// transports of a thread share one, pointed at the caller on every call),
+// and what the session established is read from OpenSSL when asked, not
+// copied.
 //
 // Owned by one TcpSocket (or a test); event thread only (one thread at a
 // time), like its owner.
@@ -74,7 +81,8 @@ class TlsTransport {
     kFailed,    // a protocol or verification failure: error() says why
   };
 
-  // `wire` receives the bytes to send; it must outlive this object.
+  // `wire` receives the bytes to send until setWire() lends another; it
+  // may be null when a wire is lent before the first call that writes.
   // `server_name` (client only): sent as SNI when it is a name, and the
   // name (or IP address) the server's certificate must carry.
   static std::unique_ptr<TlsTransport> newServer(std::shared_ptr<const TlsContext> context,
@@ -86,6 +94,14 @@ class TlsTransport {
   TlsTransport(const TlsTransport&) = delete;
   TlsTransport& operator=(const TlsTransport&) = delete;
 
+  // Where the bytes to send go from now on: an evbuffer that stays valid
+  // until the next setWire() or the destructor. Every call below except
+  // drained() and session() may write to it (an alert, a key update's
+  // answer), so a wire must be lent during them; without one they fail.
+  void setWire(struct evbuffer* wire) { wire_ = wire; }
+  struct evbuffer* wire() const {
+    return wire_;
+  }
   // Bytes read from the network, consumed by the calls that follow; they
   // must stay valid until handshake() or read() asks for more (kWantMore).
   // OpenSSL keeps a partial record itself, so all of them are always used.
@@ -107,12 +123,17 @@ class TlsTransport {
   void close();
   // Why the last kFailed (or write's false) happened.
   const std::string& error() const { return error_; }
-  // Filled once, the first time it is asked after the handshake.
-  const TlsSessionInfo& session();
+  // What the handshake established; empty before it ended.
+  TlsSessionInfo session() const;
 
  private:
-  TlsTransport(std::shared_ptr<const TlsContext> context, struct ssl_st* ssl, struct evbuffer* wire,
-               bool server);
+  TlsTransport(struct ssl_st* ssl, struct evbuffer* wire, bool server);
+  // Before each OpenSSL call that may fail: an empty error queue, and
+  // bindBio().
+  void prepareCall();
+  // Points this thread's shared BIO at this transport, first making it the
+  // BIO of ssl_ if it is not (a transport made on another thread).
+  void bindBio();
   // Reads OpenSSL's failure into error_ after `call` returned `ret`.
   Result failure(int ret, const char* what);
   static int bioRead(struct bio_st* bio, char* data, int size);
@@ -120,16 +141,14 @@ class TlsTransport {
   static long bioControl(struct bio_st* bio, int command, long number, void* pointer);
   static struct bio_method_st* bioMethod();
 
-  const std::shared_ptr<const TlsContext> context_;
   struct ssl_st* const ssl_;
-  struct evbuffer* const wire_;
-  const bool server_;
+  struct evbuffer* wire_;
   const char* input_ = nullptr;
   size_t input_size_ = 0;
+  const bool server_;
   bool established_ = false;
   bool closed_ = false;
   std::string error_;
-  std::unique_ptr<TlsSessionInfo> session_;
 };
 
 }  // namespace relay

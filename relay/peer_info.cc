@@ -1,5 +1,7 @@
 #include "relay/peer_info.h"
 
+#include <utility>
+
 #include "net/connection_info.h"
 #include "relay/http_message.h"
 #include "relay/http_server.h"
@@ -11,11 +13,12 @@ std::shared_ptr<const PeerInfo> PeerInfo::of(ConnectionInfo* connection) {
   auto peer = std::make_shared<PeerInfo>();
   if (connection == nullptr) return peer;
   peer->address = connection->peerAddress();
-  if (const TlsSessionInfo* session = connection->tlsSession()) {
+  TlsSessionInfo session;
+  if (connection->tlsSession(&session)) {
     peer->tls = true;
-    peer->tls_version = session->version;
-    peer->client_subject = session->peer_subject;
-    peer->client_sans = session->peer_sans;
+    peer->tls_version = std::move(session.version);
+    peer->client_subject = std::move(session.peer_subject);
+    peer->client_sans = std::move(session.peer_sans);
   }
   return peer;
 }

@@ -4,12 +4,16 @@
 
 #include "net/tls_transport.h"
 
+#include <dlfcn.h>
 #include <event2/buffer.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <stdlib.h>
 
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/test_certs.h"
 
@@ -159,6 +163,102 @@ TEST(TlsTransportTest, FailuresSayWhy) {
   EXPECT_EQ(TlsTransport::Result::kFailed,
             pair.deliver(pair.clientWire(), pair.server.get(), 4096, &ignored));
   EXPECT_EQ("TLS handshake failed: http request", pair.server->error());
+}
+
+// The transports of a thread share one BIO, pointed at the caller on each
+// call. Handshakes and records of several connections, interleaved flight by
+// flight, must each reach their own wire and input, also for a transport
+// made on another thread; and one that has no wire lent must fail, not write
+// into another's.
+TEST(TlsTransportTest, InterleavedTransportsKeepTheirOwnBytes) {
+  std::unique_ptr<Pair> made_elsewhere;
+  // Made and started on a thread that is gone by the time it goes on here:
+  // the server asked last there, so that thread's BIO was left pointing at it.
+  std::thread([&made_elsewhere] {
+    made_elsewhere.reset(new Pair("127.0.0.1"));
+    made_elsewhere->client->setInput(nullptr, 0);
+    made_elsewhere->client->handshake();
+    made_elsewhere->server->setInput(nullptr, 0);
+    made_elsewhere->server->handshake();
+  }).join();
+  Pair first("127.0.0.1");
+  Pair second("localhost", true);
+  const std::vector<Pair*> pairs = {&first, made_elsewhere.get(), &second};
+  for (Pair* pair : pairs) {
+    pair->client->setInput(nullptr, 0);
+    pair->client->handshake();
+  }
+  for (int flight = 0; flight < 4; ++flight) {
+    for (Pair* pair : pairs) {
+      pair->deliver(pair->clientWire(), pair->server.get(), 4096, &pair->to_server);
+      pair->deliver(pair->serverWire(), pair->client.get(), 4096, &pair->to_client);
+    }
+  }
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    SCOPED_TRACE("pair " + std::to_string(i));
+    ASSERT_TRUE(pairs[i]->client->established()) << pairs[i]->client->error();
+    ASSERT_TRUE(pairs[i]->server->established()) << pairs[i]->server->error();
+  }
+  for (int round = 0; round < 3; ++round) {
+    for (size_t i = 0; i < pairs.size(); ++i) {
+      const std::string up = "up " + std::to_string(round) + " " + std::to_string(i) + ";";
+      const std::string down = "down " + std::to_string(round) + " " + std::to_string(i) + ";";
+      ASSERT_TRUE(pairs[i]->client->write(up.data(), up.size()));
+      ASSERT_TRUE(pairs[i]->server->write(down.data(), down.size()));
+    }
+    for (Pair* pair : pairs) {
+      pair->deliver(pair->clientWire(), pair->server.get(), 7, &pair->to_server);
+      pair->deliver(pair->serverWire(), pair->client.get(), 7, &pair->to_client);
+    }
+  }
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    SCOPED_TRACE("pair " + std::to_string(i));
+    const std::string n = " " + std::to_string(i) + ";";
+    EXPECT_EQ("up 0" + n + "up 1" + n + "up 2" + n, pairs[i]->to_server);
+    EXPECT_EQ("down 0" + n + "down 1" + n + "down 2" + n, pairs[i]->to_client);
+  }
+  // Records with nowhere to go are a failure, and nothing lands elsewhere.
+  const size_t before = evbuffer_get_length(second.serverWire());
+  first.server->setWire(nullptr);
+  EXPECT_FALSE(first.server->write("lost", 4));
+  EXPECT_FALSE(first.server->error().empty());
+  EXPECT_EQ(0u, evbuffer_get_length(first.serverWire()));
+  EXPECT_EQ(before, evbuffer_get_length(second.serverWire()));
+}
+
+// Queues an error on this thread's OpenSSL queue, as another user of OpenSSL
+// in the process might leave one, or empties it. (Looked up at run time: the
+// tests do not link libcrypto themselves.)
+void leaveOpenSslError() {
+  auto error_new = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "ERR_new"));
+  auto error_set =
+      reinterpret_cast<void (*)(int, int, const char*, ...)>(dlsym(RTLD_DEFAULT, "ERR_set_error"));
+  ASSERT_TRUE(error_new && error_set);
+  error_new();
+  error_set(ERR_LIB_USER, 1, nullptr);
+}
+void clearOpenSslErrors() {
+  auto clear = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "ERR_clear_error"));
+  ASSERT_TRUE(clear);
+  clear();
+}
+
+// Someone else's OpenSSL failure, left queued on this thread, is not this
+// connection's: each step still says what became of it.
+TEST(TlsTransportTest, AnErrorLeftOnTheThreadIsNotTheConnections) {
+  Pair pair("127.0.0.1");
+  leaveOpenSslError();
+  ASSERT_TRUE(pair.handshake(4096)) << pair.client->error() << pair.server->error();
+  char plain[64];
+  size_t got = 0;
+  leaveOpenSslError();
+  pair.server->setInput(nullptr, 0);
+  EXPECT_EQ(TlsTransport::Result::kWantMore, pair.server->read(plain, sizeof(plain), &got));
+  leaveOpenSslError();
+  EXPECT_TRUE(pair.server->write("answer", 6)) << pair.server->error();
+  pair.deliver(pair.serverWire(), pair.client.get(), 4096, &pair.to_client);
+  EXPECT_EQ("answer", pair.to_client);
+  clearOpenSslErrors();
 }
 
 }  // namespace
