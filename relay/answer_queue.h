@@ -38,7 +38,15 @@ class AsyncAnswer {
   AsyncAnswer& operator=(const AsyncAnswer&) = delete;
 
   // A record for the answer in `slot` of `queue`. Event thread.
-  static AsyncAnswer* take(AnswerQueue* queue, uint64_t slot);
+  static AsyncAnswer* take(AnswerQueue* queue, uint64_t slot) {
+    if (free_ == nullptr) makeMore();
+    AsyncAnswer* answer = free_;
+    free_ = answer->next_free_;
+    answer->next_free_ = nullptr;
+    answer->queue_ = queue;
+    answer->slot_ = slot;
+    return answer;
+  }
 
   uint64_t generation() const { return state_.load(std::memory_order_acquire) >> 1; }
   // Whether a done of `generation` may still complete the answer. Any thread.
@@ -73,6 +81,9 @@ class AsyncAnswer {
     next_free_ = free_;
     free_ = this;
   }
+
+  // Fills the pool. Event thread.
+  static void makeMore();
 
   // The records not in use. Event thread only.
   static AsyncAnswer* free_;
@@ -116,7 +127,7 @@ class AnswerQueue {
   AnswerQueue(const AnswerQueue&) = delete;
   AnswerQueue& operator=(const AnswerQueue&) = delete;
 
-  bool empty() const { return slots_.empty(); }
+  bool empty() const { return slots_.empty() && lone_.id == 0; }
 
   // Dispatch: answers `request` with `handler`, later.
   void dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
@@ -168,8 +179,26 @@ class AnswerQueue {
     Time started;
   };
 
+  // The async answer owed while nothing else is, as on most connections:
+  // it waits here rather than in a slot, until its done runs (then it goes
+  // out at once) or another answer is queued behind it (then it takes the
+  // first slot). While its handler runs, the response is the caller's; once
+  // the handler returned without running done, the answer holds it too.
+  struct LoneAnswer {
+    uint64_t id = 0;  // 0: none
+    AsyncAnswer* async = nullptr;
+    HttpResponse* response = nullptr;
+    const HttpResponsePtr* caller_response = nullptr;  // while its handler runs
+    HttpResponsePtr held_response;                     // after
+    bool head_request = false;
+    const std::string* pattern = nullptr;
+    Time started;
+  };
+
   // A new slot at the back, owed.
   Slot& add();
+  // The lone answer, if any, takes the first slot.
+  void queueLone();
   // The stream at the front: its turn has come.
   void makeLive(HttpStream* stream);
   // Hands the front stream's bytes to the connection; true when it is done.
@@ -187,6 +216,7 @@ class AnswerQueue {
 
   // Event thread only.
   std::vector<Slot> slots_;
+  LoneAnswer lone_;
   uint64_t next_id_ = 1;
   bool pumping_ = false;
   bool repump_ = false;
