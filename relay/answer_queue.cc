@@ -43,19 +43,6 @@ void AsyncAnswer::makeMore() {
   }
 }
 
-void AsyncAnswer::abandon() {
-  uint64_t unclaimed = state_.load(std::memory_order_relaxed);
-  if ((unclaimed & 1) == 0 &&
-      state_.compare_exchange_strong(unclaimed, unclaimed + 2, std::memory_order_acq_rel)) {
-    // The next generation: no done of this one can claim it any more.
-    toPool();
-    return;
-  }
-  // Its done ran on another thread and is on its way here: ready() lets it
-  // go.
-  queue_ = nullptr;
-}
-
 bool answerStillWanted(const std::function<void()>& done) {
   const AsyncDone* target = done.target<AsyncDone>();
   return target != nullptr && target->answer->stillWanted(target->generation);
@@ -120,6 +107,7 @@ void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpRespons
     lone_.response = response.get();
     lone_.caller_response = &response;
     lone_.head_request = head_request;
+    lone_.pattern = nullptr;
     if (observed) {
       lone_.pattern = pattern;
       lone_.started = Time::now();
@@ -173,14 +161,16 @@ void AnswerQueue::complete(uint64_t id) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/answer_queue");
   HttpServerObserver* observer = connection_->impl_->observer();
   if (id == lone_.id) {
-    // Nothing owed before it: out at once.
-    LoneAnswer answer = std::move(lone_);
-    lone_ = LoneAnswer();
-    if (observer != nullptr && answer.pattern != nullptr) {
-      observer->requestAnswered(*answer.pattern, answer.response->status_code,
-                                Time::now() - answer.started);
+    // Nothing owed before it: out at once. (The lone answer's other fields
+    // mean nothing once its id is 0.)
+    lone_.id = 0;
+    lone_.caller_response = nullptr;
+    const HttpResponsePtr held = std::move(lone_.held_response);
+    if (observer != nullptr && lone_.pattern != nullptr) {
+      observer->requestAnswered(*lone_.pattern, lone_.response->status_code,
+                                Time::now() - lone_.started);
     }
-    connection_->sendAnswer(answer.response, answer.head_request);
+    connection_->sendAnswer(lone_.response, lone_.head_request);
     connection_->answerSettled();
     return;
   }
