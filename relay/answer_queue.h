@@ -29,8 +29,13 @@ namespace relay {
 // nothing. So records are recycled but never given back to the allocator:
 // the process keeps as many as were ever pending at once (32 bytes each).
 //
-// Taken and given back on the event thread only; `state` is read and
-// changed on any thread.
+// Only the event thread completes an answer, and only it changes the
+// generation: a done run on another thread goes there first. So deciding
+// which run of a done completes the answer takes no read-modify-write, and
+// a done run inside its handler costs a load and a store.
+//
+// Taken, completed and given back on the event thread only; the generation
+// is read on any thread.
 class AsyncAnswer {
  public:
   AsyncAnswer() = default;
@@ -48,35 +53,24 @@ class AsyncAnswer {
     return answer;
   }
 
-  uint64_t generation() const { return state_.load(std::memory_order_acquire) >> 1; }
+  uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
   // Whether a done of `generation` may still complete the answer. Any thread.
   bool stillWanted(uint64_t generation) const {
-    return state_.load(std::memory_order_acquire) == generation << 1;
+    return generation_.load(std::memory_order_acquire) == generation;
   }
-  // The done of `generation` runs: true for the one run that completes the
-  // answer, false when a done ran before or the answer was abandoned. Any
-  // thread.
-  bool claim(uint64_t generation) {
-    uint64_t expected = generation << 1;
-    return state_.compare_exchange_strong(expected, expected | 1, std::memory_order_acq_rel);
-  }
-  // The claimed answer reaches the event thread: its queue completes it, or
-  // it is let go when its queue abandoned it meanwhile.
+  // A done of the current generation ran: the record goes back to the pool
+  // (no done of this generation will do anything any more) and its queue
+  // completes the answer. Event thread.
   inline void ready();
-  // Nobody will write the answer: a done that has not run will do nothing;
-  // one on its way to the event thread is let go when it arrives. Event
-  // thread.
-  void abandon();
+  // Nobody will write the answer: no done of this generation will do
+  // anything. Event thread.
+  void abandon() { recycle(); }
 
  private:
   // Back to the pool, as the next generation. Event thread.
   void recycle() {
     // Only the event thread changes the generation: this load sees the last.
-    const uint64_t generation = state_.load(std::memory_order_relaxed) >> 1;
-    state_.store((generation + 1) << 1, std::memory_order_release);
-    toPool();
-  }
-  void toPool() {
+    generation_.store(generation_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     queue_ = nullptr;
     next_free_ = free_;
     free_ = this;
@@ -88,10 +82,10 @@ class AsyncAnswer {
   // The records not in use. Event thread only.
   static AsyncAnswer* free_;
 
-  // Generation << 1, plus 1 once a done of that generation ran.
-  std::atomic<uint64_t> state_{0};
-  // Event thread only: the queue and the slot it completes (the queue null
-  // once it abandoned the answer), and the next record while pooled.
+  // Changed on the event thread only, read on any.
+  std::atomic<uint64_t> generation_{0};
+  // Event thread only: the queue and the slot it completes, and the next
+  // record while pooled.
   AnswerQueue* queue_ = nullptr;
   uint64_t slot_ = 0;
   AsyncAnswer* next_free_ = nullptr;
@@ -235,13 +229,14 @@ void AsyncAnswer::ready() {
 
 // Defined here, and inline, as the hot path of every async answer.
 void AsyncDone::operator()() const {
-  if (!answer->claim(generation)) return;
   if (isEventThread()) {
-    answer->ready();
-  } else {
-    AsyncAnswer* claimed = answer;
-    defer([claimed] { claimed->ready(); });
+    if (answer->stillWanted(generation)) answer->ready();
+    return;
   }
+  // Completed where answers are completed; by then another run of this done
+  // (or the connection's close) may have made it a no-op.
+  const AsyncDone self = *this;
+  defer([self] { self(); });
 }
 
 }  // namespace relay
