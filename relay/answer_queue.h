@@ -29,13 +29,15 @@ namespace relay {
 // nothing. So records are recycled but never given back to the allocator:
 // the process keeps as many as were ever pending at once (32 bytes each).
 //
-// Only the event thread completes an answer, and only it changes the
-// generation: a done run on another thread goes there first. So deciding
-// which run of a done completes the answer takes no read-modify-write, and
-// a done run inside its handler costs a load and a store.
+// Only the event thread completes an answer and changes the generation. A
+// done run there completes it with a load and a store: no read-modify-write.
+// A done run on another thread claims the answer (a compare-and-swap, so
+// that one run of many wins and the answer is no longer wanted from then on)
+// and goes to the event thread, which completes it unless it was abandoned
+// or completed there meanwhile.
 //
-// Taken, completed and given back on the event thread only; the generation
-// is read on any thread.
+// Taken, completed and given back on the event thread only; `state_` is read
+// on any thread and claimed on any thread.
 class AsyncAnswer {
  public:
   AsyncAnswer() = default;
@@ -53,24 +55,38 @@ class AsyncAnswer {
     return answer;
   }
 
-  uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
+  uint64_t generation() const { return state_.load(std::memory_order_acquire) >> 1; }
   // Whether a done of `generation` may still complete the answer. Any thread.
   bool stillWanted(uint64_t generation) const {
-    return generation_.load(std::memory_order_acquire) == generation;
+    return state_.load(std::memory_order_acquire) == generation << 1;
   }
-  // A done of the current generation ran: the record goes back to the pool
-  // (no done of this generation will do anything any more) and its queue
-  // completes the answer. Event thread.
+  // A done of `generation` runs on another thread: true for the one run
+  // that takes the answer to the event thread. Any thread.
+  bool claim(uint64_t generation) {
+    uint64_t expected = generation << 1;
+    return state_.compare_exchange_strong(expected, expected | 1, std::memory_order_acq_rel);
+  }
+  // Whether the claim of `generation` still stands (nothing abandoned or
+  // completed the answer since). Event thread.
+  bool claimed(uint64_t generation) const {
+    return state_.load(std::memory_order_relaxed) == (generation << 1 | 1);
+  }
+  // The done of the current generation ran, here or (claimed) elsewhere: the
+  // record goes back to the pool and its queue completes the answer. Event
+  // thread.
   inline void ready();
   // Nobody will write the answer: no done of this generation will do
-  // anything. Event thread.
+  // anything, claimed or not. Event thread.
   void abandon() { recycle(); }
 
  private:
   // Back to the pool, as the next generation. Event thread.
   void recycle() {
-    // Only the event thread changes the generation: this load sees the last.
-    generation_.store(generation_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    // Only the event thread changes the generation (a claim on another thread
+    // only sets the low bit), so this load sees the last; a claim that comes
+    // in between is overwritten, and its run finds its claim gone.
+    const uint64_t generation = state_.load(std::memory_order_relaxed) >> 1;
+    state_.store((generation + 1) << 1, std::memory_order_release);
     queue_ = nullptr;
     next_free_ = free_;
     free_ = this;
@@ -82,8 +98,9 @@ class AsyncAnswer {
   // The records not in use. Event thread only.
   static AsyncAnswer* free_;
 
-  // Changed on the event thread only, read on any.
-  std::atomic<uint64_t> generation_{0};
+  // Generation << 1, plus 1 once a done of that generation ran on another
+  // thread and is on its way to the event thread.
+  std::atomic<uint64_t> state_{0};
   // Event thread only: the queue and the slot it completes, and the next
   // record while pooled.
   AnswerQueue* queue_ = nullptr;
@@ -233,10 +250,11 @@ void AsyncDone::operator()() const {
     if (answer->stillWanted(generation)) answer->ready();
     return;
   }
-  // Completed where answers are completed; by then another run of this done
-  // (or the connection's close) may have made it a no-op.
+  if (!answer->claim(generation)) return;
   const AsyncDone self = *this;
-  defer([self] { self(); });
+  defer([self] {
+    if (self.answer->claimed(self.generation)) self.answer->ready();
+  });
 }
 
 }  // namespace relay

@@ -317,6 +317,38 @@ TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
   EXPECT_EQ(plain("/n/2"), client.read(plain("/n/2").size()));
 }
 
+// A done run on another thread is spent at once, though its answer is
+// written only when the event thread gets to it: the handler's other threads
+// see it as no longer wanted, and their runs of it do nothing.
+TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/n/1")));
+  ASSERT_TRUE(dones.waitFor(1));
+  // The event thread waits until released.
+  std::atomic<bool> holding{false};
+  std::atomic<bool> release{false};
+  defer([&] {
+    holding = true;
+    eventually([&] { return release.load(); });
+  });
+  ASSERT_TRUE(eventually([&] { return holding.load(); }));
+  std::function<void()> done = dones.at(0);
+  EXPECT_TRUE(answerStillWanted(done));
+  done();
+  EXPECT_FALSE(answerStillWanted(done));
+  std::thread(done).join();
+  release = true;
+  EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
+  EXPECT_FALSE(client.waitReadable(50)) << "the answer was written twice";
+}
+
 TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
   auto service = std::make_shared<vantu::testing::TestServiceImpl>();
   server_->registerRPCService(service);
