@@ -33,35 +33,14 @@ static_assert(std::is_trivially_copyable<AsyncDone>::value && sizeof(AsyncDone) 
 
 AsyncAnswer* AsyncAnswer::free_ = nullptr;
 
-AsyncAnswer* AsyncAnswer::take(AnswerQueue* queue, uint64_t slot) {
-  if (free_ == nullptr) {
-    auto* chunk = new AnswerChunk;
-    chunk->next = g_answer_chunks;
-    g_answer_chunks = chunk;
-    for (AsyncAnswer& record : chunk->records) {
-      record.next_free_ = free_;
-      free_ = &record;
-    }
+void AsyncAnswer::makeMore() {
+  auto* chunk = new AnswerChunk;
+  chunk->next = g_answer_chunks;
+  g_answer_chunks = chunk;
+  for (AsyncAnswer& record : chunk->records) {
+    record.next_free_ = free_;
+    free_ = &record;
   }
-  AsyncAnswer* answer = free_;
-  free_ = answer->next_free_;
-  answer->next_free_ = nullptr;
-  answer->queue_ = queue;
-  answer->slot_ = slot;
-  return answer;
-}
-
-void AsyncAnswer::abandon() {
-  uint64_t unclaimed = state_.load(std::memory_order_relaxed);
-  if ((unclaimed & 1) == 0 &&
-      state_.compare_exchange_strong(unclaimed, unclaimed + 2, std::memory_order_acq_rel)) {
-    // The next generation: no done of this one can claim it any more.
-    toPool();
-    return;
-  }
-  // Its done ran on another thread and is on its way here: ready() lets it
-  // go.
-  queue_ = nullptr;
 }
 
 bool answerStillWanted(const std::function<void()>& done) {
@@ -75,32 +54,73 @@ AnswerQueue::~AnswerQueue() {
   // The connection abandoned its answers when it closed; one that never had
   // a socket lets their dones go here (on the event thread, as connections
   // with answers pending die there).
+  if (lone_.id != 0) lone_.async->abandon();
   for (Slot& slot : slots_) {
     if (slot.async != nullptr) slot.async->abandon();
   }
 }
 
 AnswerQueue::Slot& AnswerQueue::add() {
+  // Behind the lone answer.
+  if (lone_.id != 0) queueLone();
   ++connection_->answers_owed_;
   Slot& slot = slots_.emplace_back();
   slot.id = next_id_++;
   return slot;
 }
 
+void AnswerQueue::queueLone() {
+  // Owed since its dispatch, and first in line: nothing was queued while it
+  // waited alone.
+  Slot& slot = slots_.emplace_back();
+  slot.id = lone_.id;
+  slot.response = lone_.held_response ? std::move(lone_.held_response) : *lone_.caller_response;
+  slot.async = lone_.async;
+  slot.head_request = lone_.head_request;
+  slot.pattern = lone_.pattern;
+  slot.started = lone_.started;
+  lone_ = LoneAnswer();
+}
+
 void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
                                 const HttpAsyncRequestHandler& handler,
                                 const std::string* pattern) {
-  Slot& slot = add();
-  slot.response = response;
-  slot.head_request = request->method == kHttpHead;
-  if (connection_->impl_->observer() != nullptr) {
-    slot.pattern = pattern;
-    slot.started = Time::now();
+  const bool head_request = request->method == kHttpHead;
+  const bool observed = connection_->impl_->observer() != nullptr;
+  AsyncAnswer* answer;
+  if (!empty() || pumping_) {
+    // Behind other answers: it waits in line from the start.
+    Slot& slot = add();
+    slot.response = response;
+    slot.head_request = head_request;
+    if (observed) {
+      slot.pattern = pattern;
+      slot.started = Time::now();
+    }
+    answer = AsyncAnswer::take(this, slot.id);
+    slot.async = answer;
+  } else {
+    ++connection_->answers_owed_;
+    lone_.id = next_id_++;
+    answer = AsyncAnswer::take(this, lone_.id);
+    lone_.async = answer;
+    lone_.response = response.get();
+    lone_.caller_response = &response;
+    lone_.head_request = head_request;
+    lone_.pattern = nullptr;
+    if (observed) {
+      lone_.pattern = pattern;
+      lone_.started = Time::now();
+    }
   }
-  AsyncAnswer* answer = AsyncAnswer::take(this, slot.id);
-  slot.async = answer;
-  // `slot` may move once the handler runs: the done may answer at once.
+  // A slot may move once the handler runs: the done may answer at once.
   handler(request, response, AsyncDone{answer, answer->generation()});
+  // Still owed alone (not answered inside, nor queued behind, nor
+  // abandoned): it keeps the response.
+  if (lone_.caller_response == &response) {
+    lone_.caller_response = nullptr;
+    lone_.held_response = response;
+  }
 }
 
 void AnswerQueue::dispatchStream(const HttpRequestPtr& request, const HttpResponsePtr& response,
@@ -139,13 +159,27 @@ void AnswerQueue::pushInterim(const char* bytes, size_t size) {
 
 void AnswerQueue::complete(uint64_t id) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/answer_queue");
+  HttpServerObserver* observer = connection_->impl_->observer();
+  if (id == lone_.id) {
+    // Nothing owed before it: out at once. (The lone answer's other fields
+    // mean nothing once its id is 0.)
+    lone_.id = 0;
+    lone_.caller_response = nullptr;
+    const HttpResponsePtr held = std::move(lone_.held_response);
+    if (observer != nullptr && lone_.pattern != nullptr) {
+      observer->requestAnswered(*lone_.pattern, lone_.response->status_code,
+                                Time::now() - lone_.started);
+    }
+    connection_->sendAnswer(lone_.response, lone_.head_request);
+    connection_->answerSettled();
+    return;
+  }
   // Slots leave from the front only, so the ids of those here run on from
   // the first's without a gap.
   if (slots_.empty() || id < slots_.front().id || id - slots_.front().id >= slots_.size()) return;
   Slot& slot = slots_[id - slots_.front().id];
   slot.ready = true;
   slot.async = nullptr;
-  HttpServerObserver* observer = connection_->impl_->observer();
   if (observer != nullptr && slot.pattern != nullptr) {
     observer->requestAnswered(*slot.pattern, slot.response->status_code,
                               Time::now() - slot.started);
@@ -362,6 +396,10 @@ void AnswerQueue::endLiveStream() {
 }
 
 void AnswerQueue::abandonAll() {
+  if (lone_.id != 0) {
+    lone_.async->abandon();
+    lone_ = LoneAnswer();
+  }
   std::vector<Slot> slots;
   slots.swap(slots_);
   for (Slot& slot : slots) {

@@ -29,8 +29,15 @@ namespace relay {
 // nothing. So records are recycled but never given back to the allocator:
 // the process keeps as many as were ever pending at once (32 bytes each).
 //
-// Taken and given back on the event thread only; `state` is read and
-// changed on any thread.
+// Only the event thread completes an answer and changes the generation. A
+// done run there completes it with a load and a store: no read-modify-write.
+// A done run on another thread claims the answer (a compare-and-swap, so
+// that one run of many wins and the answer is no longer wanted from then on)
+// and goes to the event thread, which completes it unless it was abandoned
+// or completed there meanwhile.
+//
+// Taken, completed and given back on the event thread only; `state_` is read
+// on any thread and claimed on any thread.
 class AsyncAnswer {
  public:
   AsyncAnswer() = default;
@@ -38,49 +45,64 @@ class AsyncAnswer {
   AsyncAnswer& operator=(const AsyncAnswer&) = delete;
 
   // A record for the answer in `slot` of `queue`. Event thread.
-  static AsyncAnswer* take(AnswerQueue* queue, uint64_t slot);
+  static AsyncAnswer* take(AnswerQueue* queue, uint64_t slot) {
+    if (free_ == nullptr) makeMore();
+    AsyncAnswer* answer = free_;
+    free_ = answer->next_free_;
+    answer->next_free_ = nullptr;
+    answer->queue_ = queue;
+    answer->slot_ = slot;
+    return answer;
+  }
 
   uint64_t generation() const { return state_.load(std::memory_order_acquire) >> 1; }
   // Whether a done of `generation` may still complete the answer. Any thread.
   bool stillWanted(uint64_t generation) const {
     return state_.load(std::memory_order_acquire) == generation << 1;
   }
-  // The done of `generation` runs: true for the one run that completes the
-  // answer, false when a done ran before or the answer was abandoned. Any
-  // thread.
+  // A done of `generation` runs on another thread: true for the one run
+  // that takes the answer to the event thread. Any thread.
   bool claim(uint64_t generation) {
     uint64_t expected = generation << 1;
     return state_.compare_exchange_strong(expected, expected | 1, std::memory_order_acq_rel);
   }
-  // The claimed answer reaches the event thread: its queue completes it, or
-  // it is let go when its queue abandoned it meanwhile.
-  inline void ready();
-  // Nobody will write the answer: a done that has not run will do nothing;
-  // one on its way to the event thread is let go when it arrives. Event
+  // Whether the claim of `generation` still stands (nothing abandoned or
+  // completed the answer since). Event thread.
+  bool claimed(uint64_t generation) const {
+    return state_.load(std::memory_order_relaxed) == (generation << 1 | 1);
+  }
+  // The done of the current generation ran, here or (claimed) elsewhere: the
+  // record goes back to the pool and its queue completes the answer. Event
   // thread.
-  void abandon();
+  inline void ready();
+  // Nobody will write the answer: no done of this generation will do
+  // anything, claimed or not. Event thread.
+  void abandon() { recycle(); }
 
  private:
   // Back to the pool, as the next generation. Event thread.
   void recycle() {
-    // Only the event thread changes the generation: this load sees the last.
+    // Only the event thread changes the generation (a claim on another thread
+    // only sets the low bit), so this load sees the last; a claim that comes
+    // in between is overwritten, and its run finds its claim gone.
     const uint64_t generation = state_.load(std::memory_order_relaxed) >> 1;
     state_.store((generation + 1) << 1, std::memory_order_release);
-    toPool();
-  }
-  void toPool() {
     queue_ = nullptr;
     next_free_ = free_;
     free_ = this;
   }
 
+  // Fills the pool. Event thread.
+  static void makeMore();
+
   // The records not in use. Event thread only.
   static AsyncAnswer* free_;
 
-  // Generation << 1, plus 1 once a done of that generation ran.
+  // Generation << 1, plus 1 once a done of that generation ran on another
+  // thread and is on its way to the event thread.
   std::atomic<uint64_t> state_{0};
-  // Event thread only: the queue and the slot it completes (the queue null
-  // once it abandoned the answer), and the next record while pooled.
+  // Event thread only: the queue and the slot it completes, and the next
+  // record while pooled.
   AnswerQueue* queue_ = nullptr;
   uint64_t slot_ = 0;
   AsyncAnswer* next_free_ = nullptr;
@@ -116,7 +138,7 @@ class AnswerQueue {
   AnswerQueue(const AnswerQueue&) = delete;
   AnswerQueue& operator=(const AnswerQueue&) = delete;
 
-  bool empty() const { return slots_.empty(); }
+  bool empty() const { return slots_.empty() && lone_.id == 0; }
 
   // Dispatch: answers `request` with `handler`, later.
   void dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
@@ -168,8 +190,26 @@ class AnswerQueue {
     Time started;
   };
 
+  // The async answer owed while nothing else is, as on most connections:
+  // it waits here rather than in a slot, until its done runs (then it goes
+  // out at once) or another answer is queued behind it (then it takes the
+  // first slot). While its handler runs, the response is the caller's; once
+  // the handler returned without running done, the answer holds it too.
+  struct LoneAnswer {
+    uint64_t id = 0;  // 0: none
+    AsyncAnswer* async = nullptr;
+    HttpResponse* response = nullptr;
+    const HttpResponsePtr* caller_response = nullptr;  // while its handler runs
+    HttpResponsePtr held_response;                     // after
+    bool head_request = false;
+    const std::string* pattern = nullptr;
+    Time started;
+  };
+
   // A new slot at the back, owed.
   Slot& add();
+  // The lone answer, if any, takes the first slot.
+  void queueLone();
   // The stream at the front: its turn has come.
   void makeLive(HttpStream* stream);
   // Hands the front stream's bytes to the connection; true when it is done.
@@ -187,6 +227,7 @@ class AnswerQueue {
 
   // Event thread only.
   std::vector<Slot> slots_;
+  LoneAnswer lone_;
   uint64_t next_id_ = 1;
   bool pumping_ = false;
   bool repump_ = false;
@@ -205,13 +246,15 @@ void AsyncAnswer::ready() {
 
 // Defined here, and inline, as the hot path of every async answer.
 void AsyncDone::operator()() const {
-  if (!answer->claim(generation)) return;
   if (isEventThread()) {
-    answer->ready();
-  } else {
-    AsyncAnswer* claimed = answer;
-    defer([claimed] { claimed->ready(); });
+    if (answer->stillWanted(generation)) answer->ready();
+    return;
   }
+  if (!answer->claim(generation)) return;
+  const AsyncDone self = *this;
+  defer([self] {
+    if (self.answer->claimed(self.generation)) self.answer->ready();
+  });
 }
 
 }  // namespace relay

@@ -164,6 +164,85 @@ TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
+// Async answers run their done inside the handler ('n'), or are held and
+// done later from the test's thread, last first ('h'), among plain answers
+// ('p'), all pipelined in one write: whichever way each async answer waits
+// (alone, or in line behind or before others), the bytes go out in request
+// order, each once, and nothing behind a held answer overtakes it.
+TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) {
+  DoneList dones;
+  const auto serve = [this, &dones] {
+    server_->registerAsyncHandler("/n/.*",
+                                  [](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                                     std::function<void()> done) {
+                                    setText(response, request->url.path());
+                                    done();
+                                    done();  // a second run does nothing
+                                  });
+    server_->registerAsyncHandler(
+        "/h/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                          std::function<void()> done) {
+          setText(response, request->url.path());
+          dones.add(std::move(done));
+        });
+    server_->registerHandler("/p/.*",
+                             [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
+                               setText(response, request->url.path());
+                             });
+  };
+  serve();
+  const char* const kCases[] = {"n", "h", "nn", "hh", "nhp", "hn", "hp", "phn", "nhhp", "hnph"};
+  size_t held_before = 0;
+  for (const std::string kinds : kCases) {
+    SCOPED_TRACE(kinds);
+    LoopbackClient client(port());
+    std::string requests;
+    std::string expected;
+    std::string before_held;  // what may go out before any held done runs
+    size_t held = 0;
+    for (size_t i = 0; i < kinds.size(); ++i) {
+      const std::string path = "/" + kinds.substr(i, 1) + "/" + std::to_string(i);
+      requests += get(path);
+      expected += plain(path);
+      if (kinds[i] == 'h') ++held;
+      if (held == 0) before_held = expected;
+    }
+    ASSERT_TRUE(client.write(requests));
+    if (held == 0) {
+      EXPECT_EQ(expected, client.read(expected.size()));
+    } else {
+      ASSERT_TRUE(dones.waitFor(held_before + held));
+      EXPECT_EQ(before_held, client.read(before_held.size()));
+      EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook a held one";
+      for (size_t i = held; i > 0; --i) dones.at(held_before + i - 1)();
+      EXPECT_EQ(expected.substr(before_held.size()),
+                client.read(expected.size() - before_held.size()));
+    }
+    EXPECT_FALSE(client.waitReadable(50)) << "an answer was written twice";
+    held_before += held;
+  }
+  // On a server that ends a connection when asked, it ends once the last
+  // answer is out, whether that was answered inside its handler or later.
+  HttpServerOptions strict;
+  strict.strict_framing = true;
+  start(strict);
+  serve();
+  for (const std::string kind : {"n", "h"}) {
+    SCOPED_TRACE("close after " + kind);
+    LoopbackClient client(port());
+    ASSERT_TRUE(
+        client.write("GET /" + kind + "/end HTTP/1.1\r\nHost: test\r\nConnection: close\r\n\r\n"));
+    if (kind == "h") {
+      ASSERT_TRUE(dones.waitFor(held_before + 1));
+      dones.at(held_before++)();
+    }
+    const std::string answer = client.readToEnd();
+    EXPECT_TRUE(client.peerClosed());
+    EXPECT_NE(std::string::npos, answer.find("Connection: close\r\n")) << answer;
+    EXPECT_EQ("/" + kind + "/end", answer.substr(answer.size() - 6));
+  }
+}
+
 TEST_F(StreamServerTest, DoneFromManyThreadsAtOnceWritesEachAnswerOnceInOrder) {
   constexpr int kCount = 32;
   DoneList dones;
@@ -236,6 +315,38 @@ TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
   EXPECT_TRUE(answerStillWanted(dones.at(1)));
   dones.at(1)();
   EXPECT_EQ(plain("/n/2"), client.read(plain("/n/2").size()));
+}
+
+// A done run on another thread is spent at once, though its answer is
+// written only when the event thread gets to it: the handler's other threads
+// see it as no longer wanted, and their runs of it do nothing.
+TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  LoopbackClient client(port());
+  ASSERT_TRUE(client.write(get("/n/1")));
+  ASSERT_TRUE(dones.waitFor(1));
+  // The event thread waits until released.
+  std::atomic<bool> holding{false};
+  std::atomic<bool> release{false};
+  defer([&] {
+    holding = true;
+    eventually([&] { return release.load(); });
+  });
+  ASSERT_TRUE(eventually([&] { return holding.load(); }));
+  std::function<void()> done = dones.at(0);
+  EXPECT_TRUE(answerStillWanted(done));
+  done();
+  EXPECT_FALSE(answerStillWanted(done));
+  std::thread(done).join();
+  release = true;
+  EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
+  EXPECT_FALSE(client.waitReadable(50)) << "the answer was written twice";
 }
 
 TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
