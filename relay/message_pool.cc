@@ -103,9 +103,16 @@ struct BlockAllocator {
   }
 };
 
-// Assigns without the general replace's overlap checks: reused strings are
-// short and never alias what is copied in.
+// Assigns without the general replace's bookkeeping. A recycled node mostly gets the
+// name it had (the last node given back is the first taken, and answers and
+// requests repeat their fields), and a field the value it had: text of the
+// same size is copied over in place. (It may be the very text: a field set
+// to its own value.) Text of another size never aliases the string.
 inline void assignBytes(std::string* text, const char* data, size_t size) {
+  if (text->size() == size) {
+    if (size != 0) memmove(&(*text)[0], data, size);
+    return;
+  }
   text->clear();
   text->append(data, size);
 }
