@@ -113,8 +113,16 @@ void writeAnswerHead(HttpResponse* response, const std::string* date, std::strin
     phrase_length = strlen(phrase);
   }
   char number[16];
-  const char* number_end =
-      std::to_chars(number, number + sizeof(number), static_cast<int>(response->status_code)).ptr;
+  const char* number_end;
+  const int code = response->status_code;
+  if (code >= 100 && code <= 999) {  // every status the table knows
+    number[0] = static_cast<char>('0' + code / 100);
+    number[1] = static_cast<char>('0' + code / 10 % 10);
+    number[2] = static_cast<char>('0' + code % 10);
+    number_end = number + 3;
+  } else {
+    number_end = std::to_chars(number, number + sizeof(number), code).ptr;
+  }
   // The lines the server writes itself, in byte order of their names
   // ("Content-Length" before "Date"). Written where they belong among the
   // response's fields rather than stored in them: no map insertion, and no
