@@ -259,6 +259,10 @@ bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPt
 
 HttpMessage* HttpRequestParser::createNewMessage() {
   HttpRequest* request = message_pool::newRequestToFill(pool());
+  // The url a recycled request kept waits here until its head ends: until
+  // then the request in progress has the default url, as a new one does.
+  recycled_url_ = std::move(request->url);
+  request->url = GURL();
   head_.startFields(&request->headers);
   host_value_ = nullptr;
   return request;
@@ -290,6 +294,8 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
 void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
   head_.finishFields(&request->headers);
+  // Back for resolveUrlFromHost, which keeps it when it is already the url.
+  request->url = std::move(recycled_url_);
   // Inserts an empty Host when the request has none.
   if (!resolveAbsoluteTarget(request)) {
     resolveUrlFromHost(request, host_value_ != nullptr ? *host_value_ : request->headers["Host"],
