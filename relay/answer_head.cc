@@ -1,6 +1,7 @@
 #include "relay/answer_head.h"
 
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -10,64 +11,147 @@ namespace vantu {
 namespace relay {
 namespace {
 
-// Calls visit(name, value) for every header line of the text, in byte order of
-// the names, with `date` (when given) in place of the response's own Date.
-template <typename Visit>
-inline void forEachLine(const message_pool::Headers& headers, const std::string* date,
-                        Visit visit) {
-  if (date == nullptr) {
-    for (const auto& header : headers) visit(header.first, header.second);
-    return;
+// A header line of the text: one of the response's fields, or one the server
+// writes itself in place of any field of that name the response holds.
+struct HeadLine {
+  // Plain pointers and sizes, so that a list of them costs nothing until
+  // filled.
+  const char* name;
+  size_t name_length;
+  const char* value;
+  size_t value_length;
+
+  std::string_view nameView() const { return std::string_view(name, name_length); }
+  std::string_view valueView() const { return std::string_view(value, value_length); }
+};
+
+inline uint64_t loadBigEndian(const char* p) {
+  uint64_t word;
+  memcpy(&word, p, sizeof(word));
+  return __builtin_bswap64(word);
+}
+
+// Byte order of names, as std::string compares them, eight bytes at a time:
+// the names are short, and a call to memcmp would cost more than they do.
+inline int compareNames(std::string_view name, std::string_view own) {
+  const size_t common = name.size() < own.size() ? name.size() : own.size();
+  size_t i = 0;
+  for (; i + 8 <= common; i += 8) {
+    const uint64_t a = loadBigEndian(name.data() + i);
+    const uint64_t b = loadBigEndian(own.data() + i);
+    if (a != b) return a < b ? -1 : 1;
   }
-  static constexpr std::string_view kDate = "Date";
-  bool date_due = true;
+  for (; i < common; ++i) {
+    const unsigned char a = static_cast<unsigned char>(name[i]);
+    const unsigned char b = static_cast<unsigned char>(own[i]);
+    if (a != b) return a < b ? -1 : 1;
+  }
+  if (name.size() == own.size()) return 0;
+  return name.size() < own.size() ? -1 : 1;
+}
+
+// Copies the short pieces of a head (names, values: mostly 2 to 16 bytes)
+// with fixed-size moves, which the compiler inlines, rather than a call.
+inline char* put(char* at, const char* data, size_t length) {
+  if (length >= 8 && length <= 16) {
+    memcpy(at, data, 8);
+    memcpy(at + length - 8, data + length - 8, 8);
+  } else if (length >= 4 && length < 8) {
+    memcpy(at, data, 4);
+    memcpy(at + length - 4, data + length - 4, 4);
+  } else {
+    memcpy(at, data, length);
+  }
+  return at + length;
+}
+
+// Calls visit(name, value) for every header line of the text, in byte order
+// of the names: the response's fields with the own lines (sorted by name)
+// merged in, each in place of the field of its name.
+template <typename Visit>
+inline void forEachLine(const message_pool::Headers& headers, const HeadLine* own, size_t own_count,
+                        Visit visit) {
+  size_t next = 0;
   for (const auto& header : headers) {
-    if (date_due) {
-      const int order = std::string_view(header.first).compare(kDate);
-      if (order >= 0) {
-        visit(kDate, std::string_view(*date));
-        date_due = false;
-        if (order == 0) continue;
+    const std::string_view name(header.first);
+    bool replaced = false;
+    while (next < own_count) {
+      const int order = compareNames(name, own[next].nameView());
+      if (order < 0) break;
+      visit(own[next].nameView(), own[next].valueView());
+      ++next;
+      if (order == 0) {
+        replaced = true;
+        break;
       }
     }
-    visit(std::string_view(header.first), std::string_view(header.second));
+    if (!replaced) visit(name, std::string_view(header.second));
   }
-  if (date_due) visit(kDate, std::string_view(*date));
+  for (; next < own_count; ++next) visit(own[next].nameView(), own[next].valueView());
 }
+
+// The lines of a head of at most kMaxListed of them are listed once, with
+// their size, and then written from the list; longer heads are walked twice.
+constexpr size_t kMaxListed = 32;
 
 }  // namespace
 
 void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
                      bool with_length) {
-  std::string& status_string = response->status_string;
-  if (status_string.empty()) status_string = HttpResponse::getStatusString(response->status_code);
-  // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL.
+  // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL. An empty
+  // reason phrase is the table's, written without being stored.
+  const char* phrase;
+  size_t phrase_length;
+  if (!response->status_string.empty()) {
+    phrase = response->status_string.data();
+    phrase_length = strnlen(phrase, response->status_string.size());
+  } else if (response->status_code == HttpResponse::kOk) {
+    phrase = "OK";  // nearly every answer's
+    phrase_length = 2;
+  } else {
+    phrase = HttpResponse::getStatusString(response->status_code);
+    phrase_length = strlen(phrase);
+  }
   char number[16];
-  const char* number_end =
-      std::to_chars(number, number + sizeof(number), static_cast<int>(response->status_code)).ptr;
-  const size_t phrase_length = strnlen(status_string.data(), status_string.size());
+  const char* number_end;
+  const int code = response->status_code;
+  if (code >= 100 && code <= 999) {  // every status the table knows
+    number[0] = static_cast<char>('0' + code / 100);
+    number[1] = static_cast<char>('0' + code / 10 % 10);
+    number[2] = static_cast<char>('0' + code % 10);
+    number_end = number + 3;
+  } else {
+    number_end = std::to_chars(number, number + sizeof(number), code).ptr;
+  }
+  // The lines the server writes itself, in byte order of their names
+  // ("Content-Length" before "Date"). Written where they belong among the
+  // response's fields rather than stored in them: no map insertion, and no
+  // node to take out again when the response is recycled.
+  HeadLine own[2];
+  size_t own_count = 0;
+  char length[16];
   if (with_length) {
-    char length[16];
+    // The size of content formatted as "%d".
     const char* length_end =
         std::to_chars(length, length + sizeof(length), static_cast<int>(response->content.size()))
             .ptr;
-    static const char kContentLength[] = "Content-Length";
-    message_pool::setHeader(message_pool::threadPool(), &response->headers, response->headers.end(),
-                            kContentLength, sizeof(kContentLength) - 1, length,
-                            length_end - length);
+    own[own_count++] = {"Content-Length", 14, length, static_cast<size_t>(length_end - length)};
   }
+  if (date != nullptr) own[own_count++] = {"Date", 4, date->data(), date->size()};
   size_t size = 9 + (number_end - number) + 1 + phrase_length + 2 + 2;
-  forEachLine(response->headers, date, [&size](std::string_view name, std::string_view value) {
-    size += name.size() + value.size() + 4;
-  });
+  HeadLine listed[kMaxListed];
+  size_t listed_count = 0;
+  const bool listing = response->headers.size() + own_count <= kMaxListed;
+  forEachLine(response->headers, own, own_count,
+              [&](std::string_view name, std::string_view value) {
+                size += name.size() + value.size() + 4;
+                if (listing)
+                  listed[listed_count++] = {name.data(), name.size(), value.data(), value.size()};
+              });
   // Sized once and filled in place: no growth, no per-piece bookkeeping (and
   // a kept buffer that held an answer of the same size is not even resized).
   out->resize(size);
   char* at = &(*out)[0];
-  auto put = [&at](const char* data, size_t length) {
-    memcpy(at, data, length);
-    at += length;
-  };
   // The separators byte by byte: a call to memcpy per two bytes would cost
   // more than the bytes.
   auto put2 = [&at](char first, char second) {
@@ -75,17 +159,22 @@ void writeAnswerHead(HttpResponse* response, const std::string* date, std::strin
     at[1] = second;
     at += 2;
   };
-  put("HTTP/1.1 ", 9);
-  put(number, number_end - number);
-  *at++ = ' ';
-  put(status_string.data(), phrase_length);
-  put2('\r', '\n');
-  forEachLine(response->headers, date, [&](std::string_view name, std::string_view value) {
-    put(name.data(), name.size());
+  auto line = [&](std::string_view name, std::string_view value) {
+    at = put(at, name.data(), name.size());
     put2(':', ' ');
-    put(value.data(), value.size());
+    at = put(at, value.data(), value.size());
     put2('\r', '\n');
-  });
+  };
+  at = put(at, "HTTP/1.1 ", 9);
+  at = put(at, number, number_end - number);
+  *at++ = ' ';
+  at = put(at, phrase, phrase_length);
+  put2('\r', '\n');
+  if (listing) {
+    for (size_t i = 0; i < listed_count; ++i) line(listed[i].nameView(), listed[i].valueView());
+  } else {
+    forEachLine(response->headers, own, own_count, line);
+  }
   put2('\r', '\n');
 }
 

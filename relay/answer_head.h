@@ -9,18 +9,19 @@ namespace vantu {
 namespace relay {
 
 // Replaces *out with the status line and header block of `response`, ended
-// by the blank line, exactly as HttpResponse::outputHeader writes them; it changes
-// the response as outputHeader does (status_string filled from the table when
-// empty, "Content-Length" stored).
+// by the blank line: the bytes HttpResponse::outputHeader writes. Unlike
+// outputHeader it stores nothing in the response: the reason phrase of an
+// empty status_string is taken from the table, and "Content-Length: <size of
+// content>" is written in its byte order place among the headers, in place
+// of any Content-Length the response holds, without being stored. A server's
+// answers then cost no header insert and no release of it.
 //
-// With `date`, the text carries "Date: <date>" among the headers in its byte
-// order place, in place of any Date the response holds, without storing it in
-// the response: the answers of a server that dates them then cost no header
-// insert and no release of it.
+// With `date`, the text carries "Date: <date>" likewise, in place of any Date
+// the response holds.
 //
 // With `with_length` false (a streamed answer, whose length is not known),
-// no Content-Length is stored or written; the caller removes any the response
-// holds. Any thread; the caller owns both objects.
+// no Content-Length is written of its own; the caller removes any the
+// response holds. Any thread; the caller owns both objects.
 void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
                      bool with_length = true);
 

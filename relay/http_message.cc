@@ -200,7 +200,18 @@ void HttpResponse::setContentType(const std::string& type) {
 
 void HttpResponse::setTextHtml() { setContentType("text/html"); }
 
-void HttpResponse::outputHeader(std::string* out) { writeAnswerHead(this, nullptr, out); }
+void HttpResponse::outputHeader(std::string* out) {
+  // The head is written from the response as it is; outputHeader also
+  // leaves the phrase and the length stored in it.
+  if (status_string.empty()) status_string = getStatusString(status_code);
+  char length[16];
+  const char* length_end =
+      std::to_chars(length, length + sizeof(length), static_cast<int>(content.size())).ptr;
+  static const char kContentLength[] = "Content-Length";
+  message_pool::setHeader(message_pool::threadPool(), &headers, headers.end(), kContentLength,
+                          sizeof(kContentLength) - 1, length, length_end - length);
+  writeAnswerHead(this, nullptr, out);
+}
 
 }  // namespace relay
 }  // namespace vantu

@@ -43,38 +43,46 @@ inline const char* findLineEnd(const char* from, const char* end) {
 }
 
 // The URL of a request: from its target alone (host null), or from "http://"
-// (or "https://"), its Host and its target. Building one is the dearest step of a request, and
-// the requests of a connection mostly repeat their URL (RPCs always post to "/"
-// on the same host), so the last one built on this thread is kept; a copy
-// shares its text.
-GURL makeUrl(const std::string* host, const std::string& target, bool https = false) {
-  // Long URLs are neither kept nor looked for, so that one of them cannot pin
-  // its memory.
-  constexpr size_t kLongestKept = 2048;
-  struct Last {
-    bool had_host = false;
-    bool https = false;
-    std::string host;
-    std::string target;
-    GURL url;
-  };
-  VANTU_FAST_THREAD_LOCAL Last last;  // one thread-local look-up, not four
-  Last& kept = last;
-  const char* const scheme = https ? "https" : "http";
+// (or "https://"), its Host and its target. Building one is the dearest step
+// of a request, and the requests of a connection mostly repeat their URL
+// (RPCs always post to "/" on the same host), so the last one built on this
+// thread is kept; a copy shares its text.
+struct LastUrl {
+  bool had_host = false;
+  bool https = false;
+  std::string host;
+  std::string target;
+  GURL url;
+};
+
+// Long URLs are neither kept nor looked for, so that one of them cannot pin
+// its memory.
+constexpr size_t kLongestKeptUrl = 2048;
+
+// The URL for `target` (and `host`), built now or kept from the last
+// request; null when it is too long to keep, and so was not built.
+const GURL* keptUrl(const std::string* host, const std::string& target, bool https) {
+  VANTU_FAST_THREAD_LOCAL LastUrl last;  // one thread-local look-up, not four
+  LastUrl& kept = last;
   const size_t size = target.size() + (host != nullptr ? host->size() : 0);
-  if (size > kLongestKept) {
-    return host != nullptr ? GURL::fromParts(scheme, *host, target) : GURL(target);
-  }
+  if (size > kLongestKeptUrl) return nullptr;
   if (target.empty() || kept.had_host != (host != nullptr) || kept.https != https ||
       target != kept.target || (host != nullptr && *host != kept.host)) {
     kept.target.clear();  // should what follows throw, nothing stale is kept
+    const char* const scheme = https ? "https" : "http";
     kept.url = host != nullptr ? GURL::fromParts(scheme, *host, target) : GURL(target);
     kept.had_host = host != nullptr;
     kept.https = https;
     if (host != nullptr) kept.host = *host;
     kept.target = target;
   }
-  return kept.url;
+  return &kept.url;
+}
+
+// The URL of a request-target alone.
+GURL makeUrl(const std::string& target) {
+  if (const GURL* kept = keptUrl(nullptr, target, false)) return *kept;
+  return GURL(target);
 }
 
 // Appends the pointers to *out as shared pointers of the concrete type, whose
@@ -97,7 +105,7 @@ bool resolveAbsoluteTarget(HttpRequest* request) {
   // A target that starts with "/" has no scheme and so can never be an
   // absolute URL.
   if (!request->uri.empty() && request->uri[0] == '/') return false;
-  GURL url = makeUrl(nullptr, request->uri);
+  GURL url = makeUrl(request->uri);
   if (!url.is_valid()) return false;
   request->url = std::move(url);
   request->query_components.assignFrom(request->url);
@@ -105,7 +113,16 @@ bool resolveAbsoluteTarget(HttpRequest* request) {
 }
 
 void resolveUrlFromHost(HttpRequest* request, const std::string& host, bool https) {
-  request->url = makeUrl(&host, request->uri, https);
+  const GURL* kept = keptUrl(&host, request->uri, https);
+  if (kept == nullptr) {
+    const char* const scheme = https ? "https" : "http";
+    request->url = GURL::fromParts(scheme, host, request->uri);
+  } else if (kept->shared_spec() == nullptr || request->url.shared_spec() != kept->shared_spec()) {
+    // A recycled request may still hold this very URL (see
+    // message_pool::newRequestToFill): a URL's text is never changed, so
+    // sharing it means being a copy of it.
+    request->url = *kept;
+  }
   request->query_components.assignFrom(request->url);
 }
 
@@ -242,6 +259,10 @@ bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPt
 
 HttpMessage* HttpRequestParser::createNewMessage() {
   HttpRequest* request = message_pool::newRequestToFill(pool());
+  // The url a recycled request kept waits here until its head ends: until
+  // then the request in progress has the default url, as a new one does.
+  recycled_url_ = std::move(request->url);
+  request->url = GURL();
   head_.startFields(&request->headers);
   host_value_ = nullptr;
   return request;
@@ -273,6 +294,8 @@ bool HttpRequestParser::processInitialLine(const std::string& line) {
 void HttpRequestParser::finalizeHeader() {
   HttpRequest* request = this->request();
   head_.finishFields(&request->headers);
+  // Back for resolveUrlFromHost, which keeps it when it is already the url.
+  request->url = std::move(recycled_url_);
   // Inserts an empty Host when the request has none.
   if (!resolveAbsoluteTarget(request)) {
     resolveUrlFromHost(request, host_value_ != nullptr ? *host_value_ : request->headers["Host"],

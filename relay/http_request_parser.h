@@ -146,6 +146,9 @@ class HttpRequestParser : public HttpMessageParser {
   HttpRequest* request() { return static_cast<HttpRequest*>(message_.get()); }
 
   bool https_ = false;
+  // The url the request in progress had in its last use (see
+  // message_pool::newRequestToFill), set aside until its head ends.
+  GURL recycled_url_;
 };
 
 // Reads responses: the status line; the rest is the shared framing. The RPC

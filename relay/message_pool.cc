@@ -17,6 +17,8 @@ using memory_policy::kLargestKeptString;
 // Bounds: what one thread keeps at most.
 constexpr size_t kMaxMessages = memory_policy::kMaxPooledMessages;
 constexpr size_t kMaxNodes = memory_policy::kMaxPooledHeaderNodes;
+// The longest url a pooled request keeps for its next use.
+constexpr size_t kLongestKeptUrl = 2048;
 
 // Control blocks of the shared pointers adopt() makes: one size serves all.
 constexpr size_t kBlockSize = 64;
@@ -103,9 +105,16 @@ struct BlockAllocator {
   }
 };
 
-// Assigns without the general replace's overlap checks: reused strings are
-// short and never alias what is copied in.
+// Assigns without the general replace's bookkeeping. A recycled node mostly gets the
+// name it had (the last node given back is the first taken, and answers and
+// requests repeat their fields), and a field the value it had: text of the
+// same size is copied over in place. (It may be the very text: a field set
+// to its own value.) Text of another size never aliases the string.
 inline void assignBytes(std::string* text, const char* data, size_t size) {
+  if (text->size() == size) {
+    if (size != 0) memmove(&(*text)[0], data, size);
+    return;
+  }
   text->clear();
   text->append(data, size);
 }
@@ -153,7 +162,11 @@ bool keepsFields(const Headers& headers, const Pool& pool) {
 void resetRequest(HttpRequest* request) {
   request->content_length = 0;
   clearKeepingSmall(&request->body);
-  request->url = GURL();
+  // A short url stays for newRequestToFill, whose reader sets it again: the
+  // next request of a connection mostly has the same one, and keeping it
+  // spares dropping and taking a share of its text. newRequest clears it.
+  const std::shared_ptr<const std::string>& spec = request->url.shared_spec();
+  if (spec != nullptr && spec->size() > kLongestKeptUrl) request->url = GURL();
   request->method = kHttpUnknown;
   request->query_components.clear();
   clearKeepingSmall(&request->uri);
@@ -248,6 +261,7 @@ HttpRequest* newRequest(Pool* pool) {
   HttpRequest* request = takeRequest(pool);
   if (request == nullptr) return new HttpRequest;
   recycleHeaders(&request->headers, pool);
+  request->url = GURL();
   return request;
 }
 

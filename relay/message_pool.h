@@ -34,9 +34,11 @@ Pool* threadPool();
 // A request as its default constructor makes it, owned by the caller.
 HttpRequest* newRequest(Pool* pool = threadPool());
 // A request for a reader to fill, owned by the caller: as newRequest makes it,
-// except that its headers may still hold fields of the request it was before.
-// The reader stores the new request's fields through a HeaderRefill and calls
-// its finish() before anyone else sees the request.
+// except that its headers and its url may still hold those of the request it
+// was before. The reader stores the new request's fields through a
+// HeaderRefill and calls its finish(), and sets its url
+// (resolveAbsoluteTarget, resolveUrlFromHost), before anyone else sees the
+// request.
 HttpRequest* newRequestToFill(Pool* pool = threadPool());
 // A response as its default constructor makes it, owned by the caller.
 HttpResponse* newResponse(Pool* pool = threadPool());

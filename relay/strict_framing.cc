@@ -2,6 +2,10 @@
 
 #include <arpa/inet.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -104,6 +108,26 @@ bool validTarget(const char* data, size_t length) {
     if ((anyBelow(word, 0x21) | anyEqual(word, 0x7f) | (word & kHighBits)) != 0) return false;
   }
   return all(data + i, length - i, kTargetByte);
+}
+
+// The first byte c in [data, data + length), or null: memchr's answer,
+// sixteen bytes at a time inline where SSE2 is there. The lines of a head are
+// short, and a call to memchr costs more than scanning them.
+inline const char* findByte(const char* data, size_t length, char c) {
+  const char* p = data;
+  const char* const end = data + length;
+#if defined(__SSE2__)
+  const __m128i wanted = _mm_set1_epi8(c);
+  for (; end - p >= 16; p += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const int found = _mm_movemask_epi8(_mm_cmpeq_epi8(block, wanted));
+    if (found != 0) return p + __builtin_ctz(found);
+  }
+#endif
+  for (; p < end; ++p) {
+    if (*p == c) return p;
+  }
+  return nullptr;
 }
 
 inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
@@ -315,7 +339,7 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   const size_t available = end - p;
   // How many more bytes this line may take, its LF included.
   const size_t room = head_.room();
-  const char* lf = static_cast<const char*>(memchr(p, '\n', std::min(available, room)));
+  const char* lf = findByte(p, std::min(available, room), '\n');
   if (lf == nullptr) {
     if (available > room) {
       return failByLimit(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
@@ -363,12 +387,12 @@ bool StrictRequestParser::processLine(const char* line, size_t length,
 
 bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
   const char* const end = line + length;
-  const char* method_end = static_cast<const char*>(memchr(line, ' ', length));
+  const char* method_end = findByte(line, length, ' ');
   if (method_end == nullptr || method_end == line || !all(line, method_end - line, kTokenByte)) {
     return fail(HttpResponse::kBadRequest);
   }
   const char* target = method_end + 1;
-  const char* target_end = static_cast<const char*>(memchr(target, ' ', end - target));
+  const char* target_end = findByte(target, end - target, ' ');
   if (target_end == nullptr || target_end == target || !validTarget(target, target_end - target)) {
     return fail(HttpResponse::kBadRequest);
   }
@@ -409,7 +433,7 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   // A line starting with a blank is obs-fold, or whitespace before the first
   // field; both hide a line from readers that do not unfold.
   if (isBlank(*line)) return false;
-  const char* colon = static_cast<const char*>(memchr(line, ':', length));
+  const char* colon = findByte(line, length, ':');
   if (colon == nullptr || colon == line) return false;
   const size_t name_length = colon - line;
   if (!all(line, name_length, kTokenByte)) return false;

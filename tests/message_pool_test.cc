@@ -107,6 +107,39 @@ TEST(MessagePoolTest, RecycledResponseEqualsANewOne) {
   }
 }
 
+TEST(MessagePoolTest, RecycledNodesTakeTheNewNameAndValue) {
+  Pool* pool = threadPool();
+  // A node given back is the next one taken: the new field lands in the old
+  // field's strings, of the same size or not.
+  struct Case {
+    const char* old_name;
+    const char* old_value;
+    const char* name;
+    const char* value;
+  } cases[] = {
+      {"X-A", "1", "X-B", "2"},  // both the same size
+      {"X-A", "1", "X-A", "1"},  // the very same field
+      {"X-Long-Name", "v", "X-B", "value"},
+      {"X-B", "value", "X-Long-Name", "v"},
+      {"X-A", "", "X-B", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.old_name) + " -> " + c.name);
+    HttpResponse* used = newResponse(pool);
+    used->setHeader(c.old_name, c.old_value);
+    adopt(used).reset();
+    HttpResponse* recycled = newResponse(pool);
+    recycled->setHeader(c.name, c.value);
+    HttpResponse fresh;
+    fresh.setHeader(c.name, c.value);
+    EXPECT_EQ(describe(fresh), describe(*recycled));
+    // A field set to its own value keeps it.
+    recycled->setHeader(c.name, recycled->headers[c.name]);
+    EXPECT_EQ(c.value, recycled->headers[c.name]);
+    adopt(recycled);
+  }
+}
+
 TEST(MessagePoolTest, RecyclingKeepsSmallBuffersAndFreesLargeOnes) {
   Pool* pool = threadPool();
   for (size_t size : {size_t{100}, memory_policy::kLargestKeptString + 1}) {

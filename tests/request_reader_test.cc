@@ -153,6 +153,43 @@ TEST(RequestReaderTest, ContinueIsAskedForOncePerRequest) {
   EXPECT_FALSE(reader->takeContinueRequest());
 }
 
+// Requests of one connection, each given back before the next is read, so
+// that the next is made from its memory: each has the url and query of its
+// own target and Host, whether the last one had the same or another.
+TEST(RequestReaderTest, RecycledRequestsGetTheirOwnUrl) {
+  const struct {
+    const char* target;
+    const char* host;
+    const char* url;
+    const char* query_a;
+  } kRequests[] = {
+      {"/a", "h", "http://h/a", ""},
+      {"/a", "h", "http://h/a", ""},
+      {"/b", "h", "http://h/b", ""},
+      {"/b", "h2:81", "http://h2:81/b", ""},
+      {"http://x/y?a=abs", "h", "http://x/y?a=abs", "abs"},
+      {"/b", "h2:81", "http://h2:81/b", ""},
+      {"/a?a=1", "h", "http://h/a?a=1", "1"},
+      {"/a?a=2", "h", "http://h/a?a=2", "2"},
+      {"/a", "h", "http://h/a", ""},
+  };
+  for (bool strict : {false, true}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    std::unique_ptr<RequestReader> reader = newRequestReader(strict, RequestLimits());
+    for (const auto& r : kRequests) {
+      SCOPED_TRACE(std::string(r.target) + " on " + r.host);
+      std::vector<HttpRequestPtr> requests;
+      ASSERT_TRUE(reader->parse(
+          std::string("GET ") + r.target + " HTTP/1.1\r\nHost: " + r.host + "\r\n\r\n", &requests));
+      ASSERT_EQ(1u, requests.size());
+      EXPECT_EQ(r.url, requests[0]->url.spec());
+      EXPECT_TRUE(requests[0]->url.is_valid());
+      EXPECT_EQ(r.query_a, requests[0]->getStringQueryComponent("a", 0));
+      EXPECT_EQ(*r.query_a != '\0' ? 1u : 0u, requests[0]->query_components.size());
+    }
+  }
+}
+
 }  // namespace
 }  // namespace relay
 }  // namespace vantu

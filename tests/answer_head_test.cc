@@ -1,0 +1,127 @@
+#include "relay/answer_head.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "relay/message_pool.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+const std::string kDate = "Tue, 24 Nov 2026 11:48:47 GMT";
+
+// What the head must say, written the plain way: the fields with the
+// server's own lines stored over them, then every entry of the map in order.
+std::string expectedHead(const HttpResponse& response, const std::string* date, bool with_length) {
+  std::map<std::string, std::string> fields = response.headers;
+  if (with_length) fields["Content-Length"] = std::to_string(response.content.size());
+  if (date != nullptr) fields["Date"] = *date;
+  std::string phrase = response.status_string;
+  if (phrase.empty()) phrase = HttpResponse::getStatusString(response.status_code);
+  phrase.resize(strnlen(phrase.data(), phrase.size()));  // written up to a NUL
+  std::string text = "HTTP/1.1 " + std::to_string(response.status_code) + " " + phrase + "\r\n";
+  for (const auto& field : fields) text += field.first + ": " + field.second + "\r\n";
+  return text + "\r\n";
+}
+
+// Names on either side of, and equal to, the two the server writes itself,
+// sharing long prefixes with them (the comparison goes eight bytes at a
+// time), in other letter cases, and with bytes above 127 (compared unsigned).
+const char* const kNearNames[] = {
+    "",
+    "C",
+    "Connection",
+    "Content-",
+    "Content-Lengt",
+    "Content-Length",
+    "Content-Length0",
+    "Content-Lengti",
+    "Content-Lengtg",
+    "Content-length",
+    "Content-Type",
+    "Content-Lengths-And-More",
+    "D",
+    "Dat",
+    "Date",
+    "Date-",
+    "Datf",
+    "Dat\x7f",
+    "Dat\xc3\xa9",
+    "Daa",
+    "date",
+    "X-Id",
+    "\xff",
+};
+
+TEST(AnswerHeadTest, OwnLinesLandInByteOrderInPlaceOfFieldsOfTheirName) {
+  for (const char* name : kNearNames) {
+    for (int with_date = 0; with_date < 2; ++with_date) {
+      for (int with_length = 0; with_length < 2; ++with_length) {
+        SCOPED_TRACE(testing::Message()
+                     << "field \"" << name << "\" date " << with_date << " length " << with_length);
+        HttpResponse response;
+        response.setHeader(name, "theirs");
+        response.setContentType("text/plain");
+        response.content = {'h', 'i'};
+        const std::map<std::string, std::string> before = response.headers;
+        const std::string* date = with_date ? &kDate : nullptr;
+        const std::string expected = expectedHead(response, date, with_length);
+        std::string head = "left over from an earlier answer";
+        writeAnswerHead(&response, date, &head, with_length);
+        EXPECT_EQ(expected, head);
+        // Written, not stored: the response is as the handler left it.
+        EXPECT_EQ(before, response.headers);
+        EXPECT_EQ("", response.status_string);
+      }
+    }
+  }
+}
+
+TEST(AnswerHeadTest, RandomFieldSetsGiveThePlainWaysBytes) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  const size_t near_count = sizeof(kNearNames) / sizeof(kNearNames[0]);
+  for (int round = 0; round < 2000; ++round) {
+    HttpResponse response;
+    // Up to 40 fields: past 32 lines the head is written another way.
+    const int fields = random() % 41;
+    for (int i = 0; i < fields; ++i) {
+      std::string name = kNearNames[random() % near_count];
+      if (random() % 2) name += static_cast<char>('!' + random() % 94);
+      response.setHeader(name, std::string(random() % 20, 'v'));
+    }
+    response.content.resize(random() % 100000);
+    response.status_code = static_cast<HttpResponse::StatusCode>(100 + random() % 500);
+    const std::string kPhrases[] = {"", "", "Fine", std::string("Cut\0here", 8)};
+    response.status_string = kPhrases[random() % 4];
+    const std::string* date = random() % 2 ? &kDate : nullptr;
+    const bool with_length = random() % 4 != 0;
+    const std::string expected = expectedHead(response, date, with_length);
+    std::string head;
+    writeAnswerHead(&response, date, &head, with_length);
+    ASSERT_EQ(expected, head) << "round " << round;
+  }
+}
+
+TEST(AnswerHeadTest, OutputHeaderStillStoresThePhraseAndTheLength) {
+  HttpResponse response;
+  response.status_code = HttpResponse::kNotFound;
+  response.setHeader("Content-Length", "999");
+  response.content = {'a', 'b', 'c'};
+  std::string head;
+  response.outputHeader(&head);
+  EXPECT_EQ("HTTP/1.1 404 Not Found\r\nConnection: keep-alive\r\nContent-Length: 3\r\n\r\n", head);
+  EXPECT_EQ("Not Found", response.status_string);
+  EXPECT_EQ("3", response.headers["Content-Length"]);
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
