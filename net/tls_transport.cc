@@ -297,8 +297,8 @@ long TlsTransport::bioControl(BIO*, int command, long, void*) {
   return command == BIO_CTRL_FLUSH ? 1 : 0;
 }
 
-std::unique_ptr<TlsTransport> TlsTransport::newServer(std::shared_ptr<const TlsContext> context,
-                                                      struct evbuffer* wire) {
+std::unique_ptr<TlsTransport> TlsTransport::newServer(
+    const std::shared_ptr<const TlsContext>& context, struct evbuffer* wire) {
   if (!context) return nullptr;
   SSL* ssl = SSL_new(context->get());
   if (ssl == nullptr) return nullptr;
@@ -306,9 +306,9 @@ std::unique_ptr<TlsTransport> TlsTransport::newServer(std::shared_ptr<const TlsC
   return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire, true));
 }
 
-std::unique_ptr<TlsTransport> TlsTransport::newClient(std::shared_ptr<const TlsContext> context,
-                                                      const std::string& server_name,
-                                                      struct evbuffer* wire) {
+std::unique_ptr<TlsTransport> TlsTransport::newClient(
+    const std::shared_ptr<const TlsContext>& context, const std::string& server_name,
+    struct evbuffer* wire) {
   if (!context) return nullptr;
   SSL* ssl = SSL_new(context->get());
   if (ssl == nullptr) return nullptr;

@@ -85,9 +85,9 @@ class TlsTransport {
   // may be null when a wire is lent before the first call that writes.
   // `server_name` (client only): sent as SNI when it is a name, and the
   // name (or IP address) the server's certificate must carry.
-  static std::unique_ptr<TlsTransport> newServer(std::shared_ptr<const TlsContext> context,
+  static std::unique_ptr<TlsTransport> newServer(const std::shared_ptr<const TlsContext>& context,
                                                  struct evbuffer* wire);
-  static std::unique_ptr<TlsTransport> newClient(std::shared_ptr<const TlsContext> context,
+  static std::unique_ptr<TlsTransport> newClient(const std::shared_ptr<const TlsContext>& context,
                                                  const std::string& server_name,
                                                  struct evbuffer* wire);
   ~TlsTransport();

@@ -74,7 +74,11 @@ void AnswerQueue::queueLone() {
   // waited alone.
   Slot& slot = slots_.emplace_back();
   slot.id = lone_.id;
-  slot.response = lone_.held_response ? std::move(lone_.held_response) : *lone_.caller_response;
+  if (lone_.held_response) {
+    slot.response = std::move(lone_.held_response);
+  } else {
+    slot.response = *lone_.caller_response;
+  }
   slot.async = lone_.async;
   slot.head_request = lone_.head_request;
   slot.pattern = lone_.pattern;
