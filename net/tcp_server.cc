@@ -67,7 +67,7 @@ void TcpServer::connectionCallback(int fd) {
   socket->setSendTimeout(accepted->send_timeout);
   // Without its TLS state the connection could only speak in clear: it ends
   // before it starts.
-  if (tls && !socket->useTls(std::move(tls), std::string(), accepted->handshake_timeout)) {
+  if (tls && !socket->useTls(tls, std::string(), accepted->handshake_timeout)) {
     socket->abortStream();
   }
   socket->link(handler->streamSource(), handler->streamSink());

@@ -161,11 +161,11 @@ TcpSocket::~TcpSocket() {
   finish(false);
 }
 
-bool TcpSocket::useTls(std::shared_ptr<const TlsContext> context, const std::string& server_name,
-                       Duration handshake_timeout) {
+bool TcpSocket::useTls(const std::shared_ptr<const TlsContext>& context,
+                       const std::string& server_name, Duration handshake_timeout) {
   if (state_ != kNew || tls_ || !context || output_ == nullptr) return false;
-  tls_ = context->isServer() ? TlsTransport::newServer(std::move(context), nullptr)
-                             : TlsTransport::newClient(std::move(context), server_name, nullptr);
+  tls_ = context->isServer() ? TlsTransport::newServer(context, nullptr)
+                             : TlsTransport::newClient(context, server_name, nullptr);
   if (!tls_) return false;
   // Lent while records wait to be sent (lendWire).
   wire_ = nullptr;

@@ -114,7 +114,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   // name. `handshake_timeout`: how long the handshake may take from the
   // moment the connection is up (zero: no limit). Call before link; false
   // when no TLS state could be made.
-  bool useTls(std::shared_ptr<const TlsContext> context, const std::string& server_name,
+  bool useTls(const std::shared_ptr<const TlsContext>& context, const std::string& server_name,
               Duration handshake_timeout);
   // Why the TLS handshake or stream failed; empty if it did not. Event
   // thread.
