@@ -349,6 +349,67 @@ TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
   EXPECT_FALSE(client.waitReadable(50)) << "the answer was written twice";
 }
 
+// A done run elsewhere, whose client leaves before the event thread gets to
+// it: the record its answer had goes back to the pool once, and the answers
+// that take it next are each completed by their own done only.
+TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextAnswers) {
+  DoneList dones;
+  server_->registerAsyncHandler(
+      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                        std::function<void()> done) {
+        setText(response, request->url.path());
+        dones.add(std::move(done));
+      });
+  // Runs the first done on another thread while the event thread waits for
+  // it: the reset handled next in the same turn of the loop abandons the
+  // answer before the done's hand-over reaches the event thread.
+  std::atomic<bool> claimed_while_wanted{false};
+  server_->registerHandler("/run-first",
+                           [&](const HttpRequestPtr&, const HttpResponsePtr& response) {
+                             std::function<void()> first = dones.at(0);
+                             claimed_while_wanted = answerStillWanted(first);
+                             std::thread(first).join();
+                             setText(response, "ran");
+                           });
+  LoopbackClient runner(port());
+  {
+    LoopbackClient leaving(port());
+    ASSERT_TRUE(leaving.write(get("/n/1")));
+    ASSERT_TRUE(dones.waitFor(1));
+    // A turn of the loop that reads the runner, so that the kernel lists it
+    // before the leaving client when both are ready next.
+    ASSERT_TRUE(runner.write(get("/none")));
+    std::string not_found;
+    EXPECT_EQ(0u, readUntil(&runner, "\r\n\r\n", &not_found).find("HTTP/1.1 404"));
+    // With the event thread held, the runner's request and then the reset
+    // reach the server, so that one turn of the loop sees both in that order.
+    std::atomic<bool> holding{false};
+    std::atomic<bool> release{false};
+    defer([&] {
+      holding = true;
+      eventually([&] { return release.load(); });
+    });
+    ASSERT_TRUE(eventually([&] { return holding.load(); }));
+    ASSERT_TRUE(runner.write(get("/run-first")));
+    leaving.abort();
+    release = true;
+  }
+  EXPECT_EQ(plain("ran"), runner.read(plain("ran").size()));
+  waitForDeferredWork();
+  ASSERT_TRUE(claimed_while_wanted.load()) << "the client's leaving was seen first";
+  // Two answers held at once take two records.
+  LoopbackClient next(port());
+  ASSERT_TRUE(next.write(get("/n/2") + get("/n/3")));
+  ASSERT_TRUE(dones.waitFor(3));
+  std::function<void()> second = dones.at(1);
+  std::function<void()> third = dones.at(2);
+  ASSERT_TRUE(runOnEventThreadAndWait(second));
+  EXPECT_TRUE(answerStillWanted(third)) << "one done completed another answer";
+  EXPECT_EQ(plain("/n/2"), next.read(plain("/n/2").size()));
+  third();
+  EXPECT_EQ(plain("/n/3"), next.read(plain("/n/3").size()));
+}
+
 TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStream) {
   auto service = std::make_shared<vantu::testing::TestServiceImpl>();
   server_->registerRPCService(service);
