@@ -371,6 +371,9 @@ TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextA
                              std::thread(first).join();
                              setText(response, "ran");
                            });
+  // Outlive the block: the event thread reads them after it.
+  std::atomic<bool> holding{false};
+  std::atomic<bool> release{false};
   LoopbackClient runner(port());
   {
     LoopbackClient leaving(port());
@@ -383,8 +386,6 @@ TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextA
     EXPECT_EQ(0u, readUntil(&runner, "\r\n\r\n", &not_found).find("HTTP/1.1 404"));
     // With the event thread held, the runner's request and then the reset
     // reach the server, so that one turn of the loop sees both in that order.
-    std::atomic<bool> holding{false};
-    std::atomic<bool> release{false};
     defer([&] {
       holding = true;
       eventually([&] { return release.load(); });
