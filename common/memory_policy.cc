@@ -1,6 +1,7 @@
 #include "common/memory_policy.h"
 
 #include <algorithm>
+#include <mutex>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -18,7 +19,20 @@ bool TrimSchedule::due(Clock::time_point now) {
   return true;
 }
 
+void keepLargeBuffers() {
+#ifdef __GLIBC__
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // The trim threshold first: setting either one fixes both (glibc stops
+    // adapting them), and the mmap threshold is then set explicitly.
+    mallopt(M_TRIM_THRESHOLD, static_cast<int>(kKeptHeapTop));
+    mallopt(M_MMAP_THRESHOLD, static_cast<int>(kLargestHeapBlock));
+  });
+#endif
+}
+
 void reserveBodyAhead(std::string* body, uint64_t declared) {
+  if (declared > kLargeRequestBytes) keepLargeBuffers();
   body->reserve(static_cast<size_t>(std::min<uint64_t>(declared, kLargestBodyReservedAhead)));
 }
 

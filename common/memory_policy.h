@@ -73,7 +73,22 @@ constexpr size_t kLargestBodyReservedAhead = size_t{64} * 1024;
 // it sent.
 constexpr size_t kBodyGrowthFactor = 16;
 
-// Readies the empty `body` of a message whose Content-Length is `declared`.
+// Large bodies, and the messages decoded from them, are allocated and freed
+// whole on every call. Left to its own thresholds, glibc puts such blocks at
+// the top of a heap and gives them back to the system the moment they are all
+// free (a trim above twice its adaptive mmap threshold), so the next call
+// faults every page in again: about twice the cost of the call's own copies.
+// Once a body of more than kLargeRequestBytes is declared, the process's
+// thresholds are set, once, so that blocks up to kLargestHeapBlock come from
+// the heap and up to kKeptHeapTop of free memory stays at its top between
+// calls. What stays is bounded by that, and releaseFreeMemory() still gives
+// it back after large requests.
+constexpr size_t kLargestHeapBlock = size_t{32} << 20;
+constexpr size_t kKeptHeapTop = size_t{64} << 20;
+void keepLargeBuffers();
+
+// Readies the empty `body` of a message whose Content-Length is `declared`
+// (and sets the thresholds above when it is large).
 void reserveBodyAhead(std::string* body, uint64_t declared);
 // Makes room in `body` for `incoming` more bytes of a body declared `declared`
 // bytes long, within the bounds above. Each growth allocates exactly what it

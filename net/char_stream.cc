@@ -155,6 +155,13 @@ void PullStreamSink::deliver(const char* data, size_t size) {
     notifyReadable();
     return;
   }
+  const size_t used = reader_->onReadableBytes(data, size);
+  if (used != Reader::kInString) {
+    // A reader never uses more than it was given; should one say so, the
+    // bytes are still not read twice.
+    if (used < size) append(data + used, size - used);
+    return;
+  }
   staging_in_use = true;
   staging.assign(data, size);
   reader_->onReadable(&staging);

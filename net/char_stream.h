@@ -197,6 +197,14 @@ class PullStreamSink : public BufferProducer {
     // `data`: every byte received and not consumed yet. Erase what was used
     // (or everything); what is left stays at the front for the next call.
     virtual void onReadable(std::string* data) = 0;
+    // The bytes of one read where they lie, offered instead of onReadable
+    // while nothing is kept from before; valid only during the call. The
+    // reader uses what it can and returns how many bytes that was: the rest
+    // is kept and comes back through onReadable with what arrives next.
+    // kInString (the default) declines: they come through onReadable, in a
+    // buffer the thread keeps.
+    static constexpr size_t kInString = ~size_t{0};
+    virtual size_t onReadableBytes(const char* /*data*/, size_t /*size*/) { return kInString; }
     // The peer ended its output; `data` as above. True keeps the connection
     // open for output until the reader ends it (closes its push source);
     // false closes it once what was sent is flushed.
@@ -226,9 +234,10 @@ class PullStreamSink : public BufferProducer {
   void append(const char* data, size_t size);
   void notifyReadable();
   // append + notifyReadable, without making this sink a buffer when it had
-  // nothing kept: the bytes are handed over in a buffer the thread keeps, and
-  // only what the reader leaves is copied here. A read then costs no
-  // allocation.
+  // nothing kept: the bytes are offered where they lie (onReadableBytes), or
+  // for a reader that declines, handed over in a buffer the thread keeps; only
+  // what the reader leaves is copied here. A read then costs no allocation,
+  // and no copy for a reader that takes bytes where they lie.
   void deliver(const char* data, size_t size);
   bool notifyInputEnd();
   void notifyOutputEnd();

@@ -46,9 +46,18 @@ void RequestResponseConnectionHandler::notifyClosed() {}
 
 void RequestResponseConnectionHandler::notifyOutputDrained() {}
 
+size_t RequestResponseConnectionHandler::notifyIncomingBytes(const char*, size_t) {
+  return kIncomingInString;
+}
+
 void RequestResponseConnectionHandler::onReadable(std::string* data) {
   VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
   notifyIncomingData(data);
+}
+
+size_t RequestResponseConnectionHandler::onReadableBytes(const char* data, size_t size) {
+  VANTU_DCHECK_ON_EVENT_THREAD("net/request_response_connection_handler");
+  return notifyIncomingBytes(data, size);
 }
 
 bool RequestResponseConnectionHandler::onInputEnd(std::string* data) {

@@ -98,10 +98,19 @@ class RequestResponseConnectionHandler
   // `data` holds every byte received and not consumed yet; erase what was
   // used. What is left stays at the front of `data` for the next call.
   virtual void notifyIncomingData(std::string* data) = 0;
+  // The bytes of one read where they lie (valid only during the call),
+  // offered instead of notifyIncomingData while nothing was kept from before:
+  // a handler that reads them in place saves copying each read into a
+  // string. Returns how many bytes were used; the rest is kept and comes back
+  // at the front of notifyIncomingData's `data`. The default,
+  // kIncomingInString, declines: the bytes come through notifyIncomingData.
+  static constexpr size_t kIncomingInString = char_stream::PullStreamSink::Reader::kInString;
+  virtual size_t notifyIncomingBytes(const char* data, size_t size);
 
  private:
   // char_stream::PullStreamSink::Reader
   void onReadable(std::string* data) override;
+  size_t onReadableBytes(const char* data, size_t size) override;
   bool onInputEnd(std::string* data) override;
   void onOutputEnd() override;
   void onClosed() override;

@@ -133,19 +133,22 @@ void HttpConnectionHandler::endOutput() {
 }
 
 void HttpConnectionHandler::notifyIncomingData(std::string* data) {
+  notifyIncomingBytes(data->data(), data->size());
+  data->clear();
+}
+
+size_t HttpConnectionHandler::notifyIncomingBytes(const char* data, size_t size) {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
   std::shared_ptr<HttpServerImpl> impl = impl_;
-  if (closing_) {
-    // After the request that ends the connection, or an error, or while
-    // draining, nothing more is read as a request.
-    data->clear();
-    return;
-  }
-  if (HttpServerObserver* observer = impl->observer()) observer->bytesReceived(data->size());
+  // After the request that ends the connection, or an error, or while
+  // draining, nothing more is read as a request.
+  if (closing_) return size;
+  if (HttpServerObserver* observer = impl->observer()) observer->bytesReceived(size);
   // Kept from chunk to chunk (empty in between) so that it costs no allocation.
   std::vector<HttpRequestPtr>& requests = requests_;
-  const bool parsed = reader_->parse(*data, &requests);
-  data->clear();
+  // Read where the bytes lie: a body is copied once, from the socket's read
+  // buffer into its place.
+  const bool parsed = reader_->parseBytes(data, size, &requests);
   const bool last_ends_connection = parsed && reader_->closing();
   // A head still in progress after a completed request is the next one's:
   // its time runs from now.
@@ -200,6 +203,7 @@ void HttpConnectionHandler::notifyIncomingData(std::string* data) {
   }
   updateDeadline();
   if (drain_.active()) closeIfDrained(Time::now());
+  return size;
 }
 
 void HttpConnectionHandler::refuse(HttpResponse::StatusCode status, bool close, bool by_limit) {

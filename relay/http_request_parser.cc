@@ -145,11 +145,16 @@ bool HttpMessageParser::refuse(HttpResponse::StatusCode status) {
 }
 
 bool HttpMessageParser::doParse(const std::string& data, std::vector<HttpMessage*>* messages) {
+  return doParse(data.data(), data.size(), messages);
+}
+
+bool HttpMessageParser::doParse(const char* data, size_t size,
+                                std::vector<HttpMessage*>* messages) {
   if (spent_) return false;
   HeadAssembler::Scope scope(&head_);
   if (!message_) message_.reset(createNewMessage());
-  const char* scan = data.data();
-  const char* const end = scan + data.size();
+  const char* scan = data;
+  const char* const end = scan + size;
   if (skip_line_feed_ && scan < end) {
     skip_line_feed_ = false;
     if (*scan == '\n') ++scan;
@@ -252,7 +257,12 @@ bool HttpMessageParser::processHeaderLine(const char* data, size_t size) {
 }
 
 bool HttpRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
-  const bool result = doParse(data, &completed_);
+  return parse(data.data(), data.size(), requests);
+}
+
+bool HttpRequestParser::parse(const char* data, size_t size,
+                              std::vector<HttpRequestPtr>* requests) {
+  const bool result = doParse(data, size, &completed_);
   adoptAll(&completed_, requests);
   return result;
 }
@@ -304,7 +314,12 @@ void HttpRequestParser::finalizeHeader() {
 }
 
 bool HttpResponseParser::parse(const std::string& data, std::vector<HttpResponsePtr>* responses) {
-  const bool result = doParse(data, &completed_);
+  return parse(data.data(), data.size(), responses);
+}
+
+bool HttpResponseParser::parse(const char* data, size_t size,
+                               std::vector<HttpResponsePtr>* responses) {
+  const bool result = doParse(data, size, &completed_);
   adoptAll(&completed_, responses);
   return result;
 }

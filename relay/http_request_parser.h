@@ -52,6 +52,9 @@ class HttpMessageParser {
   // messages completed before it are in *messages, the rest of the chunk is
   // dropped, and a later call continues from the state before that line.
   bool doParse(const std::string& data, std::vector<HttpMessage*>* messages);
+  // The same, for bytes wherever they lie: nothing is kept from them but
+  // what a message or an unfinished line takes.
+  bool doParse(const char* data, size_t size, std::vector<HttpMessage*>* messages);
 
   // One complete line, without its line end.
   bool processLine(const char* data, size_t length);
@@ -132,6 +135,7 @@ class HttpRequestParser : public HttpMessageParser {
   // before a rejected line) to *requests, which is never cleared. False means
   // the peer sent something that is not acceptable HTTP.
   bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests);
+  bool parse(const char* data, size_t size, std::vector<HttpRequestPtr>* requests);
 
   // The connection is TLS: a url built from the Host header starts with
   // "https://" rather than "http://".
@@ -160,6 +164,7 @@ class HttpResponseParser : public HttpMessageParser {
 
   // As HttpRequestParser::parse, for responses.
   bool parse(const std::string& data, std::vector<HttpResponsePtr>* responses);
+  bool parse(const char* data, size_t size, std::vector<HttpResponsePtr>* responses);
 
  protected:
   HttpMessage* createNewMessage() override;

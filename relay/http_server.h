@@ -327,6 +327,7 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   void notifyOutputShutdown() override;
   void notifyInputShutdown(std::string* data) override;
   void notifyIncomingData(std::string* data) override;
+  size_t notifyIncomingBytes(const char* data, size_t size) override;
   bool holdOpenAfterInputEnd() override;
   void notifyClosed() override;
   void notifyOutputDrained() override;

@@ -20,6 +20,9 @@ class DefaultRequestReader final : public RequestReader {
   bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests) override {
     return parser_.parse(data, requests);
   }
+  bool parseBytes(const char* data, size_t size, std::vector<HttpRequestPtr>* requests) override {
+    return parser_.parse(data, size, requests);
+  }
   HttpResponse::StatusCode errorStatus() const override { return parser_.errorStatus(); }
   // Only a limit spends the parser: a malformed line alone does not end the
   // connection.

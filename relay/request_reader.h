@@ -40,6 +40,9 @@ class RequestReader {
   // request it completes, in stream order, also those completed before a
   // fault. False when the stream broke the reader's rules.
   virtual bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests) = 0;
+  // The same for bytes wherever they lie (a socket's read buffer, reused
+  // after the call): nothing may point into them afterwards.
+  virtual bool parseBytes(const char* data, size_t size, std::vector<HttpRequestPtr>* requests) = 0;
 
   // After a false parse: the status the fault is answered with.
   virtual HttpResponse::StatusCode errorStatus() const = 0;

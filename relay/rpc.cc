@@ -389,11 +389,18 @@ void RPCChannel::RPCHandler::handleResponse(const HttpResponsePtr& response) {
 }
 
 void RPCChannel::RPCHandler::notifyIncomingData(std::string* data) {
-  std::vector<HttpResponsePtr> responses;
-  const bool parsed = parser_.parse(*data, &responses);
+  notifyIncomingBytes(data->data(), data->size());
   data->clear();
+}
+
+size_t RPCChannel::RPCHandler::notifyIncomingBytes(const char* data, size_t size) {
+  // Read where the bytes lie: a reply's body is copied once, from the
+  // socket's read buffer into its place.
+  std::vector<HttpResponsePtr> responses;
+  const bool parsed = parser_.parse(data, size, &responses);
   for (const HttpResponsePtr& response : responses) handleResponse(response);
   if (!parsed) shutdown();
+  return size;
 }
 
 void RPCChannel::RPCHandler::notifyInputShutdown(std::string* data) {

@@ -187,6 +187,7 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
     void notifyOutputShutdown() override;
     void notifyInputShutdown(std::string* data) override;
     void notifyIncomingData(std::string* data) override;
+    size_t notifyIncomingBytes(const char* data, size_t size) override;
 
    private:
     friend class RPCChannelTestPeer;  // sets the next id: ids wrap only after 2^32 calls

@@ -115,9 +115,14 @@ void RPCConnection::connected(bool ok) {
 }
 
 void RPCConnection::notifyIncomingData(std::string* data) {
-  std::vector<HttpResponsePtr> answers;
-  const bool parsed = parser_.parse(*data, &answers);
+  notifyIncomingBytes(data->data(), data->size());
   data->clear();
+}
+
+size_t RPCConnection::notifyIncomingBytes(const char* data, size_t size) {
+  // Read where the bytes lie, as RPCChannel's handler does.
+  std::vector<HttpResponsePtr> answers;
+  const bool parsed = parser_.parse(data, size, &answers);
   if (!answers.empty()) {
     answered_ = true;
     for (const HttpResponsePtr& answer : answers) {
@@ -130,6 +135,7 @@ void RPCConnection::notifyIncomingData(std::string* data) {
   }
   // What follows an answer that cannot be read cannot be matched to a call.
   if (!parsed && state_ != State::kClosed) abort();
+  return size;
 }
 
 void RPCConnection::notifyInputShutdown(std::string*) {

@@ -83,6 +83,7 @@ class RPCConnection : public RequestResponseConnectionHandler {
 
   // RequestResponseConnectionHandler
   void notifyIncomingData(std::string* data) override;
+  size_t notifyIncomingBytes(const char* data, size_t size) override;
   void notifyInputShutdown(std::string* data) override;
   void notifyClosed() override;
 

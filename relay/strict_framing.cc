@@ -283,10 +283,15 @@ StrictRequestParser::StrictRequestParser(const RequestLimits& limits, bool https
 StrictRequestParser::~StrictRequestParser() = default;
 
 bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
+  return parseBytes(data.data(), data.size(), requests);
+}
+
+bool StrictRequestParser::parseBytes(const char* data, size_t size,
+                                     std::vector<HttpRequestPtr>* requests) {
   if (state_ == State::kFailed) return false;
   HeadAssembler::Scope scope(&head_);
-  const char* p = data.data();
-  const char* const end = p + data.size();
+  const char* p = data;
+  const char* const end = p + size;
   while (p < end) {
     switch (state_) {
       case State::kClosed:

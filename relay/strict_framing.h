@@ -86,6 +86,8 @@ class StrictRequestParser final : public RequestReader {
   // appended too. A spent parser appends nothing: false after a fault, true
   // after a request that ends the connection.
   bool parse(const std::string& data, std::vector<HttpRequestPtr>* requests) override;
+  // The same, reading the bytes where they lie.
+  bool parseBytes(const char* data, size_t size, std::vector<HttpRequestPtr>* requests) override;
   // The status the fault is answered with (400, 413, 414, 501 or 505); 400
   // before any fault.
   HttpResponse::StatusCode errorStatus() const override;

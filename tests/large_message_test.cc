@@ -6,16 +6,20 @@
 // watch is that every byte still arrives, once, in order, with the right call.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/event_thread.h"
@@ -114,9 +118,11 @@ TEST(LargeMessageTest, CallsOfMegabytesInFlightBothWaysComeBackWhole) {
   }
 }
 
-// Reads one answer: its head up to the blank line, then as many bytes as its
-// Content-Length says. Empty when the connection ends first.
-std::string readAnswerBody(LoopbackClient* client, std::string* pending) {
+// Reads one answer: its head up to the blank line (into *head, if given),
+// then as many bytes as its Content-Length says. Empty when the connection
+// ends first.
+std::string readAnswerBody(LoopbackClient* client, std::string* pending,
+                           std::string* head_out = nullptr) {
   size_t end;
   while ((end = pending->find("\r\n\r\n")) == std::string::npos) {
     std::string more = client->read(1);
@@ -125,6 +131,7 @@ std::string readAnswerBody(LoopbackClient* client, std::string* pending) {
   }
   const std::string head = pending->substr(0, end);
   pending->erase(0, end + 4);
+  if (head_out != nullptr) *head_out = head;
   const size_t at = head.find("Content-Length: ");
   if (at == std::string::npos) return std::string();
   const size_t length = std::strtoul(head.c_str() + at + 16, nullptr, 10);
@@ -421,6 +428,274 @@ TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
   ASSERT_FALSE(second.Failed()) << second.ErrorText();
   EXPECT_EQ("aa", second_reply.text());
   channel.reset();
+}
+
+// The head of an RPC request for relaytest.TestService's `method`, as any
+// client may write it.
+std::string rpcHead(const std::string& method, const std::string& id, size_t body_size) {
+  return "POST / HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(body_size) +
+         "\r\nRpc-Id: " + id + "\r\nRpc-Service: relaytest.TestService\r\nRpc-Method: " + method +
+         "\r\n\r\n";
+}
+
+std::string textMessage(const std::string& text) {
+  relaytest::Text message;
+  message.set_text(text);
+  return message.SerializeAsString();
+}
+
+// The value of header `name` in an answer's head; empty when absent.
+std::string headerValue(const std::string& head, const std::string& name) {
+  const std::string key = "\r\n" + name + ": ";
+  const size_t at = head.find(key);
+  if (at == std::string::npos) return std::string();
+  const size_t from = at + key.size();
+  return head.substr(from, head.find("\r\n", from) - from);
+}
+
+// A server of relaytest.TestService that counts what it read, read by each
+// of the two readers.
+struct CountingServer {
+  CountingServer(bool strict, uint64_t max_body_bytes) {
+    HttpServerOptions options;
+    if (strict) options = HttpServerOptions::hardened();
+    options.max_body_bytes = max_body_bytes;
+    server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
+    if (!server) return;
+    server->registerRPCService(service);
+    server->setObserver(received);
+  }
+  ~CountingServer() {
+    // Completes what is still held while the server is gone.
+    server.reset();
+  }
+
+  // Writes `bytes` and waits until the server has read them, so that each
+  // piece arrives in a read of its own; false when it does not within the
+  // guard time.
+  bool writePiece(LoopbackClient* client, const std::string& bytes) {
+    if (!client->write(bytes)) return false;
+    sent += bytes.size();
+    const Time give_up = Time::now() + Duration::seconds(30);
+    while (received->total() < sent && Time::now() < give_up) waitForDeferredWork();
+    return received->total() == sent;
+  }
+
+  std::shared_ptr<TestServiceImpl> service = std::make_shared<TestServiceImpl>();
+  std::shared_ptr<ReceivedBytes> received = std::make_shared<ReceivedBytes>();
+  std::shared_ptr<HttpServer> server;
+  size_t sent = 0;
+};
+
+std::unique_ptr<LoopbackClient> noDelayClient(uint16_t port) {
+  auto client = std::make_unique<LoopbackClient>(port);
+  // Each small piece leaves at once, not after the server's delayed ACK.
+  const int one = 1;
+  setsockopt(client->fd(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+  return client;
+}
+
+TEST(LargeMessageTest, BodiesSplitAnywhereAcrossReadsDecodeByteForByte) {
+  // Two pipelined calls, each body about 300 kB, delivered in reads cut at
+  // the awkward places: inside the blank line that ends a head, right after
+  // it, one byte at a time into the body, and with the end of one body and
+  // the head of the next in one read. Bytes are read where the socket put
+  // them; any byte kept by reference instead of copied, dropped or taken
+  // twice changes an answer.
+  const std::string first_body = textMessage(letters(300000, 1));
+  const std::string second_body = textMessage(letters(299999, 2));
+  const std::string first = rpcHead("Echo", "41", first_body.size()) + first_body;
+  const std::string second = rpcHead("Echo", "-7", second_body.size()) + second_body;
+  const std::string stream = first + second;
+  const size_t head_end = first.size() - first_body.size();
+  const size_t body_end = first.size();
+  struct Plan {
+    const char* name;
+    std::vector<size_t> cuts;  // offsets into the stream where a read ends
+  };
+  std::vector<Plan> plans = {
+      {"in one read", {}},
+      {"inside the blank line", {head_end - 3, head_end - 1, head_end}},
+      {"the head alone, then the body", {head_end}},
+      {"a body byte with the head", {head_end + 1}},
+      {"the end of a body with the next head", {body_end - 1, body_end + 40}},
+      {"the next head cut inside its blank line",
+       {body_end, stream.size() - second_body.size() - 2}},
+  };
+  Plan bytewise{"one byte at a time into the body, then in pieces", {head_end - 2}};
+  for (size_t at = head_end - 1; at < head_end + 64; ++at) bytewise.cuts.push_back(at);
+  for (size_t at = head_end + 1000; at < stream.size(); at += 7919) bytewise.cuts.push_back(at);
+  plans.push_back(bytewise);
+  for (bool strict : {false, true}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    for (const Plan& plan : plans) {
+      SCOPED_TRACE(plan.name);
+      CountingServer counting(strict, uint64_t{32} << 20);
+      ASSERT_TRUE(counting.server);
+      std::unique_ptr<LoopbackClient> client =
+          noDelayClient(counting.server->localAddress().port());
+      ASSERT_TRUE(client->connected());
+      size_t from = 0;
+      std::vector<size_t> cuts = plan.cuts;
+      cuts.push_back(stream.size());
+      for (size_t cut : cuts) {
+        ASSERT_TRUE(counting.writePiece(client.get(), stream.substr(from, cut - from)));
+        from = cut;
+      }
+      std::string pending;
+      for (const auto& [id, body] : {std::pair<std::string, std::string>{"41", first_body},
+                                     std::pair<std::string, std::string>{"-7", second_body}}) {
+        SCOPED_TRACE("call " + id);
+        std::string head;
+        const std::string answer = readAnswerBody(client.get(), &pending, &head);
+        EXPECT_EQ(id, headerValue(head, "Rpc-Id"));
+        EXPECT_EQ("0", headerValue(head, "Rpc-Failed"));
+        EXPECT_EQ(body.size(), answer.size());
+        EXPECT_TRUE(answer == body);
+      }
+      EXPECT_EQ(2, counting.service->calls.load());
+    }
+  }
+}
+
+TEST(LargeMessageTest, PipelinedLargeCallsAreAnsweredEachWithItsOwnId) {
+  // Large calls written back to back in one go, held by the service and
+  // completed from the test thread in an order of its own: every answer must
+  // carry its call's id and that call's bytes.
+  const std::vector<std::pair<std::string, size_t>> calls = {
+      {"7", 70000}, {"-1", size_t{1} << 20}, {"-2147483648", 5}, {"12", size_t{3} << 20},
+      {"0", 0},     {"99", 200000},
+  };
+  const size_t order[] = {3, 0, 5, 1, 4, 2};
+  for (bool strict : {false, true}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    CountingServer counting(strict, uint64_t{32} << 20);
+    ASSERT_TRUE(counting.server);
+    std::unique_ptr<LoopbackClient> client = noDelayClient(counting.server->localAddress().port());
+    ASSERT_TRUE(client->connected());
+    std::string stream;
+    std::map<std::string, std::string> bodies;
+    for (size_t i = 0; i < calls.size(); ++i) {
+      const std::string body = textMessage(letters(calls[i].second, static_cast<unsigned>(i)));
+      bodies[calls[i].first] = body;
+      stream += rpcHead("Hold", calls[i].first, body.size()) + body;
+    }
+    ASSERT_TRUE(client->write(stream));
+    ASSERT_TRUE(counting.service->waitHeld(calls.size()));
+    for (size_t index : order) counting.service->complete(index);
+    std::string pending;
+    for (size_t index : order) {
+      const std::string& id = calls[index].first;
+      SCOPED_TRACE("call " + id);
+      std::string head;
+      const std::string answer = readAnswerBody(client.get(), &pending, &head);
+      // Completed on this thread one after another: they leave in that order.
+      ASSERT_EQ(id, headerValue(head, "Rpc-Id"));
+      EXPECT_EQ("0", headerValue(head, "Rpc-Failed"));
+      EXPECT_EQ(bodies[id].size(), answer.size());
+      EXPECT_TRUE(answer == bodies[id]);
+    }
+  }
+}
+
+TEST(LargeMessageTest, BodyLimitStillRefusesAfterBodiesReadInPieces) {
+  // A call just under the limit arrives in pieces and is answered; the next
+  // request goes over the limit and is answered 413, and the connection
+  // closes: by its Content-Length with either reader, and by the sizes of
+  // its chunks with the strict reader (the default one reads no chunks).
+  constexpr uint64_t kLimit = uint64_t{1} << 20;
+  const std::string body = textMessage(letters(kLimit - 100, 3));
+  ASSERT_LE(body.size(), kLimit);
+  const std::string call = rpcHead("Echo", "5", body.size()) + body;
+  const std::string chunk(600000, 'c');
+  const std::string chunk_size = "927c0";  // 600000 in hex
+  struct Case {
+    const char* name;
+    bool strict;
+    std::vector<std::string> over;  // the request over the limit, in pieces
+  };
+  const Case cases[] = {
+      {"default reader, Content-Length",
+       false,
+       {"POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kLimit + 1) +
+        "\r\n\r\n"}},
+      {"strict reader, Content-Length",
+       true,
+       {"POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kLimit + 1) +
+        "\r\n\r\n"}},
+      {"strict reader, chunks",
+       true,
+       {"POST /upload HTTP/1.1\r\nHost: test\r\nTransfer-Encoding: chunked\r\n\r\n",
+        chunk_size + "\r\n" + chunk.substr(0, 1000), chunk.substr(1000) + "\r\n",
+        chunk_size + "\r\n"}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    CountingServer counting(test.strict, kLimit);
+    ASSERT_TRUE(counting.server);
+    std::unique_ptr<LoopbackClient> client = noDelayClient(counting.server->localAddress().port());
+    ASSERT_TRUE(client->connected());
+    for (size_t from = 0; from < call.size(); from += 65536) {
+      ASSERT_TRUE(counting.writePiece(client.get(), call.substr(from, 65536)));
+    }
+    std::string pending;
+    std::string head;
+    EXPECT_TRUE(readAnswerBody(client.get(), &pending, &head) == body);
+    EXPECT_EQ("5", headerValue(head, "Rpc-Id"));
+    for (const std::string& piece : test.over) ASSERT_TRUE(client->write(piece));
+    head.clear();
+    readAnswerBody(client.get(), &pending, &head);
+    EXPECT_EQ(0u, head.find("HTTP/1.1 413 ")) << head;
+    EXPECT_EQ("close", headerValue(head, "Connection"));
+    client->readToEnd();
+    EXPECT_TRUE(client->peerClosed());
+  }
+}
+
+TEST(LargeMessageTest, BytesParsedWhereTheyLieAreCopiedBeforeTheirBufferIsReused) {
+  // A reader given bytes where they lie (the socket's read buffer, reused
+  // for the next read) must keep nothing that points into them: each piece
+  // is handed over in one buffer that is overwritten after the call, and the
+  // messages must come out as from the whole stream at once.
+  const std::string request_body = letters(5000, 4);
+  const std::string requests =
+      "POST /a HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(request_body.size()) +
+      "\r\n\r\n" + request_body + "GET /b?x=1 HTTP/1.1\r\nHost: h\r\n\r\n";
+  const std::string responses =
+      "HTTP/1.1 200 OK\r\nRpc-Id: 3\r\nContent-Length: " + std::to_string(request_body.size()) +
+      "\r\n\r\n" + request_body + "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+  const size_t pieces[] = {1, 2, 3, 17, 1460, 4096, 100000};
+  for (size_t piece : pieces) {
+    SCOPED_TRACE("pieces of " + std::to_string(piece));
+    std::vector<char> buffer(piece);
+    HttpRequestParser request_parser;
+    std::vector<HttpRequestPtr> got_requests;
+    for (size_t from = 0; from < requests.size(); from += piece) {
+      const size_t size = std::min(piece, requests.size() - from);
+      std::memcpy(buffer.data(), requests.data() + from, size);
+      ASSERT_TRUE(request_parser.parse(buffer.data(), size, &got_requests));
+      std::fill(buffer.begin(), buffer.end(), '\r');
+    }
+    ASSERT_EQ(2u, got_requests.size());
+    EXPECT_EQ("/a", got_requests[0]->uri);
+    EXPECT_TRUE(got_requests[0]->body == request_body);
+    EXPECT_EQ("h", got_requests[0]->headers["Host"]);
+    EXPECT_EQ("/b?x=1", got_requests[1]->uri);
+    EXPECT_EQ("http://h/b?x=1", got_requests[1]->url.spec());
+
+    HttpResponseParser response_parser;
+    std::vector<HttpResponsePtr> got_responses;
+    for (size_t from = 0; from < responses.size(); from += piece) {
+      const size_t size = std::min(piece, responses.size() - from);
+      std::memcpy(buffer.data(), responses.data() + from, size);
+      ASSERT_TRUE(response_parser.parse(buffer.data(), size, &got_responses));
+      std::fill(buffer.begin(), buffer.end(), '\n');
+    }
+    ASSERT_EQ(2u, got_responses.size());
+    EXPECT_EQ("3", got_responses[0]->headers["Rpc-Id"]);
+    EXPECT_TRUE(got_responses[0]->body == request_body);
+    EXPECT_TRUE(got_responses[1]->body.empty());
+  }
 }
 
 }  // namespace
