@@ -51,7 +51,7 @@ struct Options {
   double seconds = 5;
   double warmup = 1;
   std::string path = "/hello";
-  std::string samples;  // where to write the latencies; empty: nowhere
+  std::string samples;   // where to write the latencies; empty: nowhere
   std::string timeline;  // where to write (due, latency) pairs, in due order
 };
 
