@@ -8,6 +8,7 @@
 //
 //   open_loop_http --port N (--rate R | --peak) [--connections 50]
 //                  [--seconds 5] [--warmup 1] [--path /hello] [--samples FILE]
+//                  [--timeline FILE]
 //
 // --peak runs closed-loop instead (each connection sends its next request as
 // soon as the answer is in): the rate the server can sustain. Prints one line:
@@ -15,6 +16,9 @@
 // and exits non-zero when any request failed or went unanswered. --samples
 // also writes every latency of the window to FILE (native doubles, µs,
 // ascending), so that several runs can be pooled (bench/tail_latency.sh).
+// --timeline writes "due latency" lines (µs from the start of the window, in
+// due order) to FILE as text: where in the run the slow answers lie, and
+// whether they come back at a period (a timer, a sweep) or at random.
 //
 // One thread, epoll with nanosecond time-outs; it should run on a CPU of its
 // own (bench/tail_latency.sh pins it).
@@ -47,7 +51,8 @@ struct Options {
   double seconds = 5;
   double warmup = 1;
   std::string path = "/hello";
-  std::string samples;  // where to write the latencies; empty: nowhere
+  std::string samples;   // where to write the latencies; empty: nowhere
+  std::string timeline;  // where to write (due, latency) pairs, in due order
 };
 
 struct Connection {
@@ -92,7 +97,7 @@ double percentile(const std::vector<double>& sorted, double fraction) {
 int usage() {
   std::fprintf(stderr,
                "usage: open_loop_http --port N (--rate R | --peak) [--connections 50] "
-               "[--seconds 5] [--warmup 1] [--path /hello] [--samples FILE]\n");
+               "[--seconds 5] [--warmup 1] [--path /hello] [--samples FILE] [--timeline FILE]\n");
   return 2;
 }
 
@@ -122,6 +127,8 @@ int main(int argc, char** argv) {
       options.path = arg;
     } else if (flag == "--samples") {
       options.samples = arg;
+    } else if (flag == "--timeline") {
+      options.timeline = arg;
     } else {
       return usage();
     }
@@ -167,6 +174,9 @@ int main(int argc, char** argv) {
   }
 
   std::vector<double> latencies_us;
+  // (due time from the start of the window, latency), both in µs, in the
+  // order the answers came in: where in the run the slow answers lie.
+  std::vector<std::pair<double, double>> timeline_us;
   latencies_us.reserve(
       static_cast<size_t>((options.peak ? 200000 : options.rate) * (options.seconds + 1)));
   size_t completed_in_window = 0;
@@ -238,6 +248,11 @@ int main(int argc, char** argv) {
       if (c.sent_due >= from && c.sent_due < until) {
         ++completed_in_window;
         latencies_us.push_back(std::chrono::duration<double, std::micro>(now - c.sent_due).count());
+        if (!options.timeline.empty()) {
+          timeline_us.emplace_back(
+              std::chrono::duration<double, std::micro>(c.sent_due - from).count(),
+              latencies_us.back());
+        }
       }
       if (options.peak) c.due = now;
       sendDue(c, now);
@@ -251,6 +266,16 @@ int main(int argc, char** argv) {
       std::perror("open_loop_http: --samples");
       return 1;
     }
+    std::fclose(out);
+  }
+  if (!options.timeline.empty()) {
+    std::sort(timeline_us.begin(), timeline_us.end());
+    FILE* out = std::fopen(options.timeline.c_str(), "w");
+    if (out == nullptr) {
+      std::perror("open_loop_http: --timeline");
+      return 1;
+    }
+    for (const auto& [due, latency] : timeline_us) std::fprintf(out, "%.1f %.1f\n", due, latency);
     std::fclose(out);
   }
   std::printf("RESULT rate %.0f achieved %.0f p50 %.1f p99 %.1f p999 %.1f max %.1f errors %zu\n",

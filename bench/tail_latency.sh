@@ -66,6 +66,7 @@ field() { awk -v name="$2" '{ for (i = 1; i < NF; i++) if ($i == name) print $(i
 # order, round after round, and each side's latencies are pooled over its
 # rounds. Peaks: two closed-loop runs each, alternating, the higher of each.
 port_of() { if [[ $1 == ours ]]; then echo "$ours_port"; else echo "$nginx_port"; fi; }
+pid_of() { if [[ $1 == ours ]]; then echo "${pids[0]}"; else echo "${pids[1]}"; fi; }
 declare -A peak=([ours]=0 [nginx]=0)
 for side in ours nginx nginx ours; do
   got=$(field "$(run_load "$(port_of "$side")" --peak)" achieved)
@@ -82,20 +83,29 @@ echo "   peaks, closed loop (better of two): ours ${peak[ours]} req/s, nginx ${p
   "common rate $common req/s"
 status=0
 errors=0
+# Server CPU ticks spent in the common-rate runs, per side: at a rate both
+# share, the server that needs more CPU per request runs nearer its limit and
+# keeps a backlog longer after any preemption.
+declare -A common_ticks=([ours]=0 [nginx]=0)
 for round in $(seq "$rounds"); do
   order="ours nginx"
   ((round % 2 == 0)) && order="nginx ours"
   for side in $order; do
     for kind in half common; do
+      before=$(cpu_ticks "$(pid_of "$side")")
       result=$(run_load "$(port_of "$side")" --rate "${rate[$side-$kind]}" \
         --samples "$work/$side-$kind-$round") || status=1
+      if [[ $kind == common ]]; then
+        common_ticks[$side]=$((common_ticks[$side] + $(cpu_ticks "$(pid_of "$side")") - before))
+      fi
       # No result line at all counts as a failed run.
       failed=$(field "$result" errors)
       errors=$((errors + ${failed:-1}))
     done
   done
 done
-python3 - "$work" "$rounds" "${rate[ours-half]}" "${rate[nginx-half]}" "$common" "$errors" <<'EOF'
+python3 - "$work" "$rounds" "${rate[ours-half]}" "${rate[nginx-half]}" "$common" "$errors" \
+  "${common_ticks[ours]}" "${common_ticks[nginx]}" "$(getconf CLK_TCK)" "$seconds" "$warmup" <<'EOF'
 import array, math, os, sys
 work, rounds = sys.argv[1], int(sys.argv[2])
 rates = {"ours-half": sys.argv[3], "nginx-half": sys.argv[4],
@@ -122,6 +132,11 @@ for key in ("ours-half", "nginx-half", "ours-common", "nginx-common"):
         " ".join("%.0f" % pct(run, .99) for run in per_round)))
 print("p99 at the common rate, ours / nginx, pooled: %.2f; errors: %s" % (
     pct(pooled["ours-common"], .99) / pct(pooled["nginx-common"], .99), sys.argv[6]))
+# Over every request of those runs, warm-up included.
+tick_us = 1e6 / float(sys.argv[9])
+sent = float(sys.argv[5]) * (float(sys.argv[10]) + float(sys.argv[11])) * rounds
+print("server CPU per request at the common rate (µs): ours %.2f, nginx %.2f" % (
+    int(sys.argv[7]) * tick_us / sent, int(sys.argv[8]) * tick_us / sent))
 EOF
 [[ $errors -eq 0 ]] || status=1
 

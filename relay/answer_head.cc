@@ -94,10 +94,10 @@ inline void forEachLine(const message_pool::Headers& headers, const HeadLine* ow
 // their size, and then written from the list; longer heads are walked twice.
 constexpr size_t kMaxListed = 32;
 
-}  // namespace
-
-void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
-                     bool with_length) {
+// The head of `response`, written over *out from `start` on; *out ends with
+// it.
+void writeHeadAt(HttpResponse* response, const std::string* date, std::string* out, size_t start,
+                 bool with_length) {
   // "HTTP/1.1 %d %s\r\n" written in place: %s stops at a NUL. An empty
   // reason phrase is the table's, written without being stored.
   const char* phrase;
@@ -150,8 +150,8 @@ void writeAnswerHead(HttpResponse* response, const std::string* date, std::strin
               });
   // Sized once and filled in place: no growth, no per-piece bookkeeping (and
   // a kept buffer that held an answer of the same size is not even resized).
-  out->resize(size);
-  char* at = &(*out)[0];
+  out->resize(start + size);
+  char* at = &(*out)[start];
   // The separators byte by byte: a call to memcpy per two bytes would cost
   // more than the bytes.
   auto put2 = [&at](char first, char second) {
@@ -176,6 +176,18 @@ void writeAnswerHead(HttpResponse* response, const std::string* date, std::strin
     forEachLine(response->headers, own, own_count, line);
   }
   put2('\r', '\n');
+}
+
+}  // namespace
+
+void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
+                     bool with_length) {
+  writeHeadAt(response, date, out, 0, with_length);
+}
+
+void appendAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
+                      bool with_length) {
+  writeHeadAt(response, date, out, out->size(), with_length);
 }
 
 }  // namespace relay

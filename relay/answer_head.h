@@ -25,6 +25,12 @@ namespace relay {
 void writeAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
                      bool with_length = true);
 
+// writeAnswerHead, but appending to *out instead of replacing it: a
+// connection that gathers the answers of one read writes each head where it
+// goes, rather than into a buffer of its own first and copying it over.
+void appendAnswerHead(HttpResponse* response, const std::string* date, std::string* out,
+                      bool with_length = true);
+
 }  // namespace relay
 }  // namespace vantu
 

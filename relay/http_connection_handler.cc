@@ -62,11 +62,30 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
   const std::string* date = answer_rules_.date ? &httpDate() : nullptr;
   if (drain_.active()) DrainGoodbye::markClosing(response);
-  // Each thread renders its answers' heads into one buffer, kept.
-  VANTU_FAST_THREAD_LOCAL std::string header;
-  writeAnswerHead(response, date, &header);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
   const size_t content_size = with_content ? response->content.size() : 0;
+  auto gatherContent = [&] {
+    if (content_size > memory_policy::kLargestGatheredContent) {
+      // Not copied at all: the socket sends the content where it lies and
+      // frees it once sent. The answer's content is spent.
+      sendGathered();
+      sendOwned(std::move(response->content));
+      reportSent(content_size);
+    } else if (content_size > 0) {
+      gathered_->append(response->content.data(), content_size);
+    }
+  };
+  // The common case: an answer made while the event thread reads, gathered
+  // with the others of the read. Its head is written where it goes. Only the
+  // event thread gathers, so only it may look at gathered_.
+  if (isEventThread() && gathered_ != nullptr && !streaming_.load(std::memory_order_relaxed)) {
+    appendAnswerHead(response, date, gathered_);
+    gatherContent();
+    return;
+  }
+  // Each thread renders its other answers' heads into one buffer, kept.
+  VANTU_FAST_THREAD_LOCAL std::string header;
+  writeAnswerHead(response, date, &header);
   // While a stream's body is on the wire, other answers wait for its end.
   // Other threads look under the push lock, which the event thread takes to
   // begin a stream.
@@ -83,17 +102,9 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
              ordered_->hold(header, response->content.data(), content_size)) {
     // Held, to go out after the stream.
   } else if (gathered_ != nullptr) {
-    // Only the event thread gathers, so only it may look at gathered_.
+    // A stream began but holds nothing more: gathered like the others.
     gathered_->append(header);
-    if (content_size > memory_policy::kLargestGatheredContent) {
-      // Not copied at all: the socket sends the content where it lies and
-      // frees it once sent. The answer's content is spent.
-      sendGathered();
-      sendOwned(std::move(response->content));
-      reportSent(content_size);
-    } else if (content_size > 0) {
-      gathered_->append(response->content.data(), content_size);
-    }
+    gatherContent();
   } else {
     send(header);
     if (with_content) send(response->content.data(), content_size);

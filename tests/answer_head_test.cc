@@ -110,6 +110,35 @@ TEST(AnswerHeadTest, RandomFieldSetsGiveThePlainWaysBytes) {
   }
 }
 
+// A connection gathers the answers of one read into one buffer, each head
+// written after what is there: it must keep every byte before it (a wrong
+// start overwrites the previous answer) and add the very bytes
+// writeAnswerHead makes, over kept buffers shorter and longer than the head.
+TEST(AnswerHeadTest, AppendedHeadFollowsWhatIsGatheredUnchanged) {
+  const std::string kGathered[] = {"", "X", "HTTP/1.1 200 OK\r\n\r\nearlier answer",
+                                   std::string(5000, 'g')};
+  for (const std::string& gathered : kGathered) {
+    for (int with_date = 0; with_date < 2; ++with_date) {
+      SCOPED_TRACE(testing::Message()
+                   << "gathered " << gathered.size() << " bytes, date " << with_date);
+      HttpResponse response;
+      response.setContentType("text/plain");
+      response.setHeader("X-Id", "7");
+      response.content = {'o', 'k'};
+      const std::string* date = with_date ? &kDate : nullptr;
+      std::string alone = "a longer buffer left over from an earlier answer, kept for reuse";
+      writeAnswerHead(&response, date, &alone);
+      std::string out = gathered;
+      appendAnswerHead(&response, date, &out);
+      EXPECT_EQ(gathered + expectedHead(response, date, true), out);
+      EXPECT_EQ(expectedHead(response, date, true), alone);
+      // Twice in a row: the second head starts where the first ended.
+      appendAnswerHead(&response, date, &out);
+      EXPECT_EQ(gathered + alone + alone, out);
+    }
+  }
+}
+
 TEST(AnswerHeadTest, OutputHeaderStillStoresThePhraseAndTheLength) {
   HttpResponse response;
   response.status_code = HttpResponse::kNotFound;
