@@ -303,7 +303,7 @@ std::unique_ptr<TlsTransport> TlsTransport::newServer(
   SSL* ssl = SSL_new(context->get());
   if (ssl == nullptr) return nullptr;
   SSL_set_accept_state(ssl);
-  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire, true));
+  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire));
 }
 
 std::unique_ptr<TlsTransport> TlsTransport::newClient(
@@ -324,11 +324,17 @@ std::unique_ptr<TlsTransport> TlsTransport::newClient(
     X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     SSL_set1_host(ssl, server_name.c_str());
   }
-  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire, false));
+  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire));
 }
 
-TlsTransport::TlsTransport(SSL* ssl, struct evbuffer* wire, bool server)
-    : ssl_(ssl), wire_(wire), server_(server) {}
+TlsTransport::TlsTransport(SSL* ssl, struct evbuffer* wire) : ssl_(ssl), wire_(wire) {}
+
+bool TlsTransport::isServerSide() const { return SSL_is_server(ssl_) == 1; }
+
+const std::string& TlsTransport::error() const {
+  static const std::string* const kNone = new std::string;
+  return error_ ? *error_ : *kNone;
+}
 
 TlsTransport::~TlsTransport() { SSL_free(ssl_); }
 
@@ -396,7 +402,7 @@ TlsTransport::Result TlsTransport::failure(int ret, const char* what) {
   } else if (why.empty()) {
     why = code == SSL_ERROR_SYSCALL ? "connection closed" : "protocol error";
   }
-  error_ = std::string(what) + ": " + why;
+  error_ = std::make_unique<std::string>(std::string(what) + ": " + why);
   return Result::kFailed;
 }
 
