@@ -97,6 +97,21 @@ TcpSocket* live_head = nullptr;
 
 bool isNull(const void* pointer) { return pointer == nullptr; }
 
+// A client's on_close, as a listener.
+class CloseFunction final : public TcpSocket::CloseListener {
+ public:
+  explicit CloseFunction(std::function<void()> fn) : fn_(std::move(fn)) {}
+  void connectionClosed() override { fn_(); }
+
+ private:
+  const std::function<void()> fn_;
+};
+
+std::shared_ptr<TcpSocket::CloseListener> listenerOf(std::function<void()> on_close) {
+  if (!on_close) return nullptr;
+  return std::make_shared<CloseFunction>(std::move(on_close));
+}
+
 }  // namespace
 
 std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
@@ -110,7 +125,7 @@ std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
     return nullptr;
   }
   internal::disableNagle(fd);
-  return std::shared_ptr<TcpSocket>(new TcpSocket(fd, std::move(on_close), false),
+  return std::shared_ptr<TcpSocket>(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
 }
 
@@ -126,19 +141,20 @@ std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Dura
   do {
     result = ::connect(fd, address.sockaddr(), address.length());
   } while (result != 0 && errno == EINTR);
-  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), false),
+  const int error = result != 0 && errno != EINPROGRESS ? errno : 0;
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
-  socket->connecting_ = true;
-  socket->on_connected_ = std::move(on_connected);
-  socket->connect_timeout_ = timeout;
+  socket->connect_ = std::make_unique<ConnectWait>();
+  socket->connect_->on_connected = std::move(on_connected);
+  socket->connect_->timeout = timeout;
   // Done at once (loopback may be that quick) or under way: the write event
   // tells which. Refused at once: reported from the event thread all the same.
-  if (result != 0 && errno != EINPROGRESS) socket->connect_error_ = errno;
+  socket->connect_->error = error;
   return socket;
 }
 
 std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
-                                            std::function<void()> on_close) {
+                                            std::shared_ptr<CloseListener> on_close) {
   internal::disableNagle(fd);
   std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), true),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
@@ -146,8 +162,14 @@ std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
   return socket;
 }
 
-TcpSocket::TcpSocket(int fd, std::function<void()> on_close, bool owns_itself)
-    : owns_itself_(owns_itself), fd_(fd), on_close_(std::move(on_close)), output_(evbuffer_new()) {
+TcpSocket::TcpSocket(int fd, std::shared_ptr<CloseListener> on_close, bool owns_itself)
+    : fd_(fd),
+      owns_itself_(owns_itself),
+      held_open_(false),
+      closed_notified_(false),
+      drain_watched_(false),
+      on_close_(std::move(on_close)),
+      output_(evbuffer_new()) {
   wire_ = output_;
   sink_.setWriter(this);
   source_.setConnectionInfo(this);
@@ -174,6 +196,15 @@ bool TcpSocket::useTls(const std::shared_ptr<const TlsContext>& context,
     handshake_timeout_ = kDefaultClientHandshakeTimeout;
   }
   return true;
+}
+
+const std::string& TcpSocket::tlsError() const {
+  static const std::string* const kNone = new std::string;
+  return tls_error_ ? *tls_error_ : *kNone;
+}
+
+void TcpSocket::setTlsError(const std::string& error) {
+  tls_error_ = std::make_unique<std::string>(error);
 }
 
 bool TcpSocket::tlsSession(TlsSessionInfo* session) const {
@@ -246,13 +277,13 @@ void TcpSocket::start() {
   if (live_head != nullptr) live_head->live_prev_ = this;
   live_head = this;
   if (owns_itself_) self_ = shared_from_this();
-  if (connecting_) {
+  if (connect_ != nullptr && connect_->connecting) {
     state_ = kConnecting;
-    if (aborting_ || connect_error_ != 0) {
+    if (aborting_ || connect_->error != 0) {
       event_active(write_event_, EV_WRITE, 0);
       return;
     }
-    const int64_t us = connect_timeout_.toMicroseconds();
+    const int64_t us = connect_->timeout.toMicroseconds();
     timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
     event_add(write_event_, us > 0 ? &timeout : nullptr);
     return;
@@ -273,7 +304,7 @@ void TcpSocket::startHandshake() {
   lendWire();
   tls_->setInput(nullptr, 0);
   if (tls_->handshake() == TlsTransport::Result::kFailed) {
-    tls_error_ = tls_->error();
+    setTlsError(tls_->error());
     fail();
     return;
   }
@@ -295,14 +326,14 @@ void TcpSocket::giveBackWireIfSent() {
 }
 
 void TcpSocket::finishConnecting(short what) {
-  std::function<void(bool)> on_connected = std::move(on_connected_);
-  on_connected_ = nullptr;
-  connecting_ = false;
+  std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+  connect_->on_connected = nullptr;
+  connect_->connecting = false;
+  int error = connect_->error;
   if (aborting_) {
     finish(true);
     return;
   }
-  int error = connect_error_;
   if (error == 0 && (what & EV_TIMEOUT)) error = ETIMEDOUT;
   if (error == 0) {
     socklen_t length = sizeof(error);
@@ -318,10 +349,11 @@ void TcpSocket::finishConnecting(short what) {
   state_ = kOpen;
   if (tls_) {
     // Up once the handshake is done.
-    on_connected_ = std::move(on_connected);
+    connect_->on_connected = std::move(on_connected);
     startHandshake();
     return;
   }
+  connect_.reset();
   if (on_connected) on_connected(true);
   if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_)) {
     activateWrite();
@@ -364,7 +396,7 @@ void TcpSocket::handleRead(short what) {
   if (state_ == kClosed) return;
   if (what & EV_TIMEOUT) {
     if (handshaking_ && state_ == kOpen) {
-      tls_error_ = "TLS handshake timed out";
+      setTlsError("TLS handshake timed out");
       fail();
       return;
     }
@@ -421,7 +453,7 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
     }
     if (n == 0) {
       if (tls && handshaking_) {
-        tls_error_ = "TLS handshake failed: the peer closed the connection";
+        setTlsError("TLS handshake failed: the peer closed the connection");
         *failed = true;
       } else {
         *eof = true;
@@ -433,8 +465,8 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
     }
     break;
   }
-  if (tls && *failed && !tls_error_.empty()) {
-    VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << tls_error_;
+  if (tls && *failed && tls_error_) {
+    VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << *tls_error_;
     // The alert that says why, if the kernel takes it at once.
     evbuffer_iovec chain;
     if (wire_ != nullptr && evbuffer_peek(wire_, -1, nullptr, &chain, 1) >= 1) {
@@ -457,7 +489,7 @@ bool TcpSocket::takeTlsPiece(const char* data, size_t size, bool* eof, bool* fai
   if (handshaking_) {
     const TlsTransport::Result result = tls_->handshake();
     if (result == TlsTransport::Result::kFailed) {
-      tls_error_ = tls_->error();
+      setTlsError(tls_->error());
       *failed = true;
       return false;
     }
@@ -496,7 +528,7 @@ void TcpSocket::deliverTls(bool* eof, bool* failed) {
         *eof = true;
         return;
       case TlsTransport::Result::kFailed:
-        tls_error_ = tls_->error();
+        setTlsError(tls_->error());
         *failed = true;
         return;
     }
@@ -507,10 +539,10 @@ void TcpSocket::handshakeDone() {
   handshaking_ = false;
   // The handshake's time limit no longer applies.
   event_add(read_event_, nullptr);
-  if (on_connected_) {
-    std::function<void(bool)> on_connected = std::move(on_connected_);
-    on_connected_ = nullptr;
-    on_connected(true);
+  if (connect_ != nullptr) {
+    std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+    connect_.reset();
+    if (on_connected) on_connected(true);
   }
   if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_)) activateWrite();
 }
@@ -532,7 +564,7 @@ bool TcpSocket::encryptOutput() {
       size = static_cast<size_t>(copied);
     }
     if (!tls_->write(data, size)) {
-      tls_error_ = tls_->error();
+      setTlsError(tls_->error());
       return false;
     }
     evbuffer_drain(output_, size);
@@ -677,10 +709,10 @@ void TcpSocket::shutdownOutput() {
 }
 
 void TcpSocket::fail() {
-  if (on_connected_) {
+  if (connect_ != nullptr && connect_->on_connected) {
     // A client whose TLS handshake failed: the connection never came up.
-    std::function<void(bool)> on_connected = std::move(on_connected_);
-    on_connected_ = nullptr;
+    std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+    connect_.reset();
     on_connected(false);
     finish(true);
     return;
@@ -726,9 +758,8 @@ void TcpSocket::finish(bool notify_close) {
   // From here on the handler's sends are no-ops and it hears nothing more.
   source_.unlink();
   sink_.unlink();
-  std::function<void()> on_close = std::move(on_close_);
-  on_close_ = nullptr;
-  if (notify_close && started && on_close) on_close();
+  std::shared_ptr<CloseListener> on_close = std::move(on_close_);
+  if (notify_close && started && on_close) on_close->connectionClosed();
   peer_.reset();
   // Last: it may be the final reference, whose deleter queues our deletion.
   self_.reset();
