@@ -7,8 +7,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
@@ -94,6 +96,18 @@ timeval toTimeval(Duration duration) {
 
 // Event thread only: the sockets that have started and not finished.
 TcpSocket* live_head = nullptr;
+
+// Event thread only: the sockets that asked to flush in this turn of the
+// loop, and the one event that runs them all. An idle connection keeps no
+// write event of its own.
+std::vector<std::weak_ptr<TcpSocket>>* flush_queue = nullptr;
+struct event* flush_event = nullptr;
+
+// An idle TLS socket keeps no output buffer either: its output_ is this
+// shared, empty one, in which a write lies only until outputAdded, right
+// after it, moves it into a buffer lent from the pool; the buffer goes back
+// once encrypted. Made by the first useTls (any thread), then constant.
+std::atomic<struct evbuffer*> idle_output{nullptr};
 
 bool isNull(const void* pointer) { return pointer == nullptr; }
 
@@ -189,8 +203,14 @@ bool TcpSocket::useTls(const std::shared_ptr<const TlsContext>& context,
   tls_ = context->isServer() ? TlsTransport::newServer(context, nullptr)
                              : TlsTransport::newClient(context, server_name, nullptr);
   if (!tls_) return false;
-  // Lent while records wait to be sent (lendWire).
+  // Lent while records wait to be sent (lendWire), and output while a write
+  // waits to be encrypted (outputAdded).
   wire_ = nullptr;
+  static struct evbuffer* const idle = evbuffer_new();
+  if (idle == nullptr) return false;
+  idle_output.store(idle, std::memory_order_relaxed);
+  evbuffer_free(output_);
+  output_ = idle;
   handshake_timeout_ = handshake_timeout;
   if (handshake_timeout_ == Duration() && !tls_->isServerSide()) {
     handshake_timeout_ = kDefaultClientHandshakeTimeout;
@@ -272,7 +292,6 @@ void TcpSocket::start() {
   static std::once_flag hook_once;
   std::call_once(hook_once, [] { atEventThreadStop(&TcpSocket::closeAllOpen); });
   read_event_ = event_new(base, fd_, EV_READ | EV_PERSIST, &TcpSocket::onReadable, this);
-  write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
   live_next_ = live_head;
   if (live_head != nullptr) live_head->live_prev_ = this;
   live_head = this;
@@ -280,12 +299,12 @@ void TcpSocket::start() {
   if (connect_ != nullptr && connect_->connecting) {
     state_ = kConnecting;
     if (aborting_ || connect_->error != 0) {
-      event_active(write_event_, EV_WRITE, 0);
+      event_active(writeEvent(), EV_WRITE, 0);
       return;
     }
     const int64_t us = connect_->timeout.toMicroseconds();
     timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
-    event_add(write_event_, us > 0 ? &timeout : nullptr);
+    event_add(writeEvent(), us > 0 ? &timeout : nullptr);
     return;
   }
   event_add(read_event_, nullptr);
@@ -569,6 +588,10 @@ bool TcpSocket::encryptOutput() {
     }
     evbuffer_drain(output_, size);
   }
+  if (output_ != idle_output.load(std::memory_order_relaxed)) {
+    wirePool().giveBack(output_);
+    output_ = idle_output.load(std::memory_order_relaxed);
+  }
   return true;
 }
 
@@ -677,7 +700,7 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
     // With a send timeout, every call that got here made progress (or is
     // the first to wait), so the clock starts again.
     const bool timed = send_timeout_ > Duration();
-    if ((!write_waiting_ || timed) && write_event_ != nullptr) {
+    if ((!write_waiting_ || timed) && state_ != kClosed && writeEvent() != nullptr) {
       const int64_t us = send_timeout_.toMicroseconds();
       timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
       event_add(write_event_, timed ? &timeout : nullptr);
@@ -744,7 +767,9 @@ void TcpSocket::finish(bool notify_close) {
   handshaking_ = false;
   if (wire_ != output_ && wire_ != nullptr) wirePool().giveBack(wire_);
   wire_ = nullptr;
-  if (output_ != nullptr) evbuffer_free(output_);
+  if (output_ != nullptr && output_ != idle_output.load(std::memory_order_relaxed)) {
+    evbuffer_free(output_);
+  }
   output_ = nullptr;
   // Process exit and the destructor end connections that were never told;
   // a handler hears of the end once, whether or not the socket started.
@@ -765,12 +790,37 @@ void TcpSocket::finish(bool notify_close) {
   self_.reset();
 }
 
+struct event* TcpSocket::writeEvent() {
+  struct event_base* base = eventThreadBase();
+  if (write_event_ == nullptr && fd_ >= 0 && base != nullptr) {
+    write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
+  }
+  return write_event_;
+}
+
 void TcpSocket::activateWrite() {
   if (state_ != kOpen || write_activated_) return;
   write_activated_ = true;
   // Runs handleWrite later in this loop turn: the sends made meanwhile leave
   // together, and no epoll change is needed.
-  event_active(write_event_, EV_WRITE, 0);
+  if (flush_event == nullptr) {
+    flush_queue = new std::vector<std::weak_ptr<TcpSocket>>;
+    flush_event = event_new(eventThreadBase(), -1, 0, &TcpSocket::runFlushes, nullptr);
+  }
+  if (flush_queue->empty()) event_active(flush_event, EV_WRITE, 0);
+  flush_queue->push_back(weak_from_this());
+}
+
+void TcpSocket::runFlushes(int, short, void*) {
+  // Swapped out first: flushing may queue sockets for the next turn.
+  static std::vector<std::weak_ptr<TcpSocket>>* running = new std::vector<std::weak_ptr<TcpSocket>>;
+  running->swap(*flush_queue);
+  for (const std::weak_ptr<TcpSocket>& weak : *running) {
+    // A socket whose last owner let go waits for its deletion: nobody wants
+    // it flushed.
+    if (std::shared_ptr<TcpSocket> socket = weak.lock()) socket->handleWrite();
+  }
+  running->clear();
 }
 
 void TcpSocket::writeBytes(const char* data, size_t size) {
@@ -804,6 +854,12 @@ void TcpSocket::writeOwned(std::unique_ptr<char_stream::OwnedBytes> bytes) {
 }
 
 void TcpSocket::outputAdded() {
+  if (output_ == idle_output.load(std::memory_order_relaxed)) {
+    // A TLS socket's write, in the shared buffer: into one of its own.
+    struct evbuffer* own = wirePool().take();
+    evbuffer_add_buffer(own, output_);
+    output_ = own;
+  }
   // Answers completed on other threads count against the bound too.
   if (pendingOutput() > kOutputHighWater) pauseReading();
   if (!in_read_callback_) activateWrite();
@@ -826,7 +882,7 @@ void TcpSocket::abortStream() {
   if (state_ == kNew) return;  // start() finds it aborting
   if (state_ == kConnecting) {
     // Ends where the outcome would have been reported, in a later turn.
-    event_active(write_event_, EV_WRITE, 0);
+    event_active(writeEvent(), EV_WRITE, 0);
     return;
   }
   // Closed from handleWrite, never inside the caller's frame: the handler

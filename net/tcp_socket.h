@@ -162,6 +162,12 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   void finishConnecting(short what);
   static void onReadable(int fd, short what, void* arg);
   static void onWritable(int fd, short what, void* arg);
+  // The thread's flush event: runs handleWrite for each socket that asked
+  // (activateWrite) in this turn of the loop.
+  static void runFlushes(int fd, short what, void* arg);
+  // The write event, made when first needed: a connect to wait for, or
+  // output the kernel would not take.
+  struct event* writeEvent();
   void handleRead(short what);
   void handleWrite();
   // Reads what the kernel has (up to a bound) and hands it to the handler;
@@ -240,7 +246,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   bool reading_paused_ = false;  // backpressure: too much output waiting
   bool in_read_callback_ = false;
   bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
-  bool write_activated_ = false;  // write_event_ made active: flush in this loop turn
+  bool write_activated_ = false;  // queued for the flush event: flush in this loop turn
   // Set once or twice in a connection's life: bits (initialized by the
   // constructor).
   const bool owns_itself_ : 1;  // constant after construction
@@ -253,7 +259,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   std::unique_ptr<ConnectWait> connect_;
   std::shared_ptr<TcpSocket> self_;  // while the connection lasts, if owns_itself_
   struct event* read_event_ = nullptr;
-  struct event* write_event_ = nullptr;
+  struct event* write_event_ = nullptr;  // null until writeEvent()
   struct evbuffer* output_ = nullptr;
   // What goes out to the kernel: output_ itself, or with TLS the records
   // made from it (null while none wait: see lendWire).
