@@ -10,8 +10,13 @@
 namespace vantu {
 namespace relay {
 
-// The count of accepted connections that are still open.
-struct TcpServer::Accepted {
+// The count of accepted connections that are still open, told by each as it
+// closes.
+struct TcpServer::Accepted final : public TcpSocket::CloseListener {
+  void connectionClosed() override {
+    if (open-- == max && server != nullptr) server->resumeAccepting();
+  }
+
   size_t open = 0;
   size_t max = 0;
   Duration send_timeout;
@@ -59,11 +64,7 @@ void TcpServer::connectionCallback(int fd) {
   }
   std::shared_ptr<Accepted> accepted = accepted_;
   if (++accepted->open == accepted->max) pauseAccepting();
-  std::shared_ptr<TcpSocket> socket = TcpSocket::adopt(fd, handler, [accepted] {
-    if (accepted->open-- == accepted->max && accepted->server != nullptr) {
-      accepted->server->resumeAccepting();
-    }
-  });
+  std::shared_ptr<TcpSocket> socket = TcpSocket::adopt(fd, handler, accepted);
   socket->setSendTimeout(accepted->send_timeout);
   // Without its TLS state the connection could only speak in clear: it ends
   // before it starts.

@@ -7,8 +7,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
@@ -95,7 +97,34 @@ timeval toTimeval(Duration duration) {
 // Event thread only: the sockets that have started and not finished.
 TcpSocket* live_head = nullptr;
 
+// Event thread only: the sockets that asked to flush in this turn of the
+// loop, and the one event that runs them all. An idle connection keeps no
+// write event of its own.
+std::vector<std::weak_ptr<TcpSocket>>* flush_queue = nullptr;
+struct event* flush_event = nullptr;
+
+// An idle TLS socket keeps no output buffer either: its output_ is this
+// shared, empty one, in which a write lies only until outputAdded, right
+// after it, moves it into a buffer lent from the pool; the buffer goes back
+// once encrypted. Made by the first useTls (any thread), then constant.
+std::atomic<struct evbuffer*> idle_output{nullptr};
+
 bool isNull(const void* pointer) { return pointer == nullptr; }
+
+// A client's on_close, as a listener.
+class CloseFunction final : public TcpSocket::CloseListener {
+ public:
+  explicit CloseFunction(std::function<void()> fn) : fn_(std::move(fn)) {}
+  void connectionClosed() override { fn_(); }
+
+ private:
+  const std::function<void()> fn_;
+};
+
+std::shared_ptr<TcpSocket::CloseListener> listenerOf(std::function<void()> on_close) {
+  if (!on_close) return nullptr;
+  return std::make_shared<CloseFunction>(std::move(on_close));
+}
 
 }  // namespace
 
@@ -110,7 +139,7 @@ std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
     return nullptr;
   }
   internal::disableNagle(fd);
-  return std::shared_ptr<TcpSocket>(new TcpSocket(fd, std::move(on_close), false),
+  return std::shared_ptr<TcpSocket>(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
 }
 
@@ -126,19 +155,20 @@ std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Dura
   do {
     result = ::connect(fd, address.sockaddr(), address.length());
   } while (result != 0 && errno == EINTR);
-  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), false),
+  const int error = result != 0 && errno != EINPROGRESS ? errno : 0;
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
-  socket->connecting_ = true;
-  socket->on_connected_ = std::move(on_connected);
-  socket->connect_timeout_ = timeout;
+  socket->connect_ = std::make_unique<ConnectWait>();
+  socket->connect_->on_connected = std::move(on_connected);
+  socket->connect_->timeout = timeout;
   // Done at once (loopback may be that quick) or under way: the write event
   // tells which. Refused at once: reported from the event thread all the same.
-  if (result != 0 && errno != EINPROGRESS) socket->connect_error_ = errno;
+  socket->connect_->error = error;
   return socket;
 }
 
 std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
-                                            std::function<void()> on_close) {
+                                            std::shared_ptr<CloseListener> on_close) {
   internal::disableNagle(fd);
   std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), true),
                                     LibEventThreadDeferredDeleter<TcpSocket>());
@@ -146,8 +176,14 @@ std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
   return socket;
 }
 
-TcpSocket::TcpSocket(int fd, std::function<void()> on_close, bool owns_itself)
-    : owns_itself_(owns_itself), fd_(fd), on_close_(std::move(on_close)), output_(evbuffer_new()) {
+TcpSocket::TcpSocket(int fd, std::shared_ptr<CloseListener> on_close, bool owns_itself)
+    : fd_(fd),
+      owns_itself_(owns_itself),
+      held_open_(false),
+      closed_notified_(false),
+      drain_watched_(false),
+      on_close_(std::move(on_close)),
+      output_(evbuffer_new()) {
   wire_ = output_;
   sink_.setWriter(this);
   source_.setConnectionInfo(this);
@@ -167,13 +203,28 @@ bool TcpSocket::useTls(const std::shared_ptr<const TlsContext>& context,
   tls_ = context->isServer() ? TlsTransport::newServer(context, nullptr)
                              : TlsTransport::newClient(context, server_name, nullptr);
   if (!tls_) return false;
-  // Lent while records wait to be sent (lendWire).
+  // Lent while records wait to be sent (lendWire), and output while a write
+  // waits to be encrypted (outputAdded).
   wire_ = nullptr;
+  static struct evbuffer* const idle = evbuffer_new();
+  if (idle == nullptr) return false;
+  idle_output.store(idle, std::memory_order_relaxed);
+  evbuffer_free(output_);
+  output_ = idle;
   handshake_timeout_ = handshake_timeout;
   if (handshake_timeout_ == Duration() && !tls_->isServerSide()) {
     handshake_timeout_ = kDefaultClientHandshakeTimeout;
   }
   return true;
+}
+
+const std::string& TcpSocket::tlsError() const {
+  static const std::string* const kNone = new std::string;
+  return tls_error_ ? *tls_error_ : *kNone;
+}
+
+void TcpSocket::setTlsError(const std::string& error) {
+  tls_error_ = std::make_unique<std::string>(error);
 }
 
 bool TcpSocket::tlsSession(TlsSessionInfo* session) const {
@@ -241,20 +292,19 @@ void TcpSocket::start() {
   static std::once_flag hook_once;
   std::call_once(hook_once, [] { atEventThreadStop(&TcpSocket::closeAllOpen); });
   read_event_ = event_new(base, fd_, EV_READ | EV_PERSIST, &TcpSocket::onReadable, this);
-  write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
   live_next_ = live_head;
   if (live_head != nullptr) live_head->live_prev_ = this;
   live_head = this;
   if (owns_itself_) self_ = shared_from_this();
-  if (connecting_) {
+  if (connect_ != nullptr && connect_->connecting) {
     state_ = kConnecting;
-    if (aborting_ || connect_error_ != 0) {
-      event_active(write_event_, EV_WRITE, 0);
+    if (aborting_ || connect_->error != 0) {
+      event_active(writeEvent(), EV_WRITE, 0);
       return;
     }
-    const int64_t us = connect_timeout_.toMicroseconds();
+    const int64_t us = connect_->timeout.toMicroseconds();
     timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
-    event_add(write_event_, us > 0 ? &timeout : nullptr);
+    event_add(writeEvent(), us > 0 ? &timeout : nullptr);
     return;
   }
   event_add(read_event_, nullptr);
@@ -273,7 +323,7 @@ void TcpSocket::startHandshake() {
   lendWire();
   tls_->setInput(nullptr, 0);
   if (tls_->handshake() == TlsTransport::Result::kFailed) {
-    tls_error_ = tls_->error();
+    setTlsError(tls_->error());
     fail();
     return;
   }
@@ -295,14 +345,14 @@ void TcpSocket::giveBackWireIfSent() {
 }
 
 void TcpSocket::finishConnecting(short what) {
-  std::function<void(bool)> on_connected = std::move(on_connected_);
-  on_connected_ = nullptr;
-  connecting_ = false;
+  std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+  connect_->on_connected = nullptr;
+  connect_->connecting = false;
+  int error = connect_->error;
   if (aborting_) {
     finish(true);
     return;
   }
-  int error = connect_error_;
   if (error == 0 && (what & EV_TIMEOUT)) error = ETIMEDOUT;
   if (error == 0) {
     socklen_t length = sizeof(error);
@@ -318,10 +368,11 @@ void TcpSocket::finishConnecting(short what) {
   state_ = kOpen;
   if (tls_) {
     // Up once the handshake is done.
-    on_connected_ = std::move(on_connected);
+    connect_->on_connected = std::move(on_connected);
     startHandshake();
     return;
   }
+  connect_.reset();
   if (on_connected) on_connected(true);
   if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_ || aborting_)) {
     activateWrite();
@@ -364,7 +415,7 @@ void TcpSocket::handleRead(short what) {
   if (state_ == kClosed) return;
   if (what & EV_TIMEOUT) {
     if (handshaking_ && state_ == kOpen) {
-      tls_error_ = "TLS handshake timed out";
+      setTlsError("TLS handshake timed out");
       fail();
       return;
     }
@@ -421,7 +472,7 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
     }
     if (n == 0) {
       if (tls && handshaking_) {
-        tls_error_ = "TLS handshake failed: the peer closed the connection";
+        setTlsError("TLS handshake failed: the peer closed the connection");
         *failed = true;
       } else {
         *eof = true;
@@ -433,8 +484,8 @@ size_t TcpSocket::readAvailable(bool* eof, bool* failed) {
     }
     break;
   }
-  if (tls && *failed && !tls_error_.empty()) {
-    VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << tls_error_;
+  if (tls && *failed && tls_error_) {
+    VANTU_LOG(3, "net", "net/tcp_socket") << peerAddress().toString() << ": " << *tls_error_;
     // The alert that says why, if the kernel takes it at once.
     evbuffer_iovec chain;
     if (wire_ != nullptr && evbuffer_peek(wire_, -1, nullptr, &chain, 1) >= 1) {
@@ -457,7 +508,7 @@ bool TcpSocket::takeTlsPiece(const char* data, size_t size, bool* eof, bool* fai
   if (handshaking_) {
     const TlsTransport::Result result = tls_->handshake();
     if (result == TlsTransport::Result::kFailed) {
-      tls_error_ = tls_->error();
+      setTlsError(tls_->error());
       *failed = true;
       return false;
     }
@@ -496,7 +547,7 @@ void TcpSocket::deliverTls(bool* eof, bool* failed) {
         *eof = true;
         return;
       case TlsTransport::Result::kFailed:
-        tls_error_ = tls_->error();
+        setTlsError(tls_->error());
         *failed = true;
         return;
     }
@@ -507,10 +558,10 @@ void TcpSocket::handshakeDone() {
   handshaking_ = false;
   // The handshake's time limit no longer applies.
   event_add(read_event_, nullptr);
-  if (on_connected_) {
-    std::function<void(bool)> on_connected = std::move(on_connected_);
-    on_connected_ = nullptr;
-    on_connected(true);
+  if (connect_ != nullptr) {
+    std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+    connect_.reset();
+    if (on_connected) on_connected(true);
   }
   if (state_ == kOpen && (evbuffer_get_length(output_) > 0 || output_closing_)) activateWrite();
 }
@@ -532,10 +583,14 @@ bool TcpSocket::encryptOutput() {
       size = static_cast<size_t>(copied);
     }
     if (!tls_->write(data, size)) {
-      tls_error_ = tls_->error();
+      setTlsError(tls_->error());
       return false;
     }
     evbuffer_drain(output_, size);
+  }
+  if (output_ != idle_output.load(std::memory_order_relaxed)) {
+    wirePool().giveBack(output_);
+    output_ = idle_output.load(std::memory_order_relaxed);
   }
   return true;
 }
@@ -645,7 +700,7 @@ TcpSocket::FlushResult TcpSocket::flush(bool notify_failure) {
     // With a send timeout, every call that got here made progress (or is
     // the first to wait), so the clock starts again.
     const bool timed = send_timeout_ > Duration();
-    if ((!write_waiting_ || timed) && write_event_ != nullptr) {
+    if ((!write_waiting_ || timed) && state_ != kClosed && writeEvent() != nullptr) {
       const int64_t us = send_timeout_.toMicroseconds();
       timeval timeout = {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
       event_add(write_event_, timed ? &timeout : nullptr);
@@ -677,10 +732,10 @@ void TcpSocket::shutdownOutput() {
 }
 
 void TcpSocket::fail() {
-  if (on_connected_) {
+  if (connect_ != nullptr && connect_->on_connected) {
     // A client whose TLS handshake failed: the connection never came up.
-    std::function<void(bool)> on_connected = std::move(on_connected_);
-    on_connected_ = nullptr;
+    std::function<void(bool)> on_connected = std::move(connect_->on_connected);
+    connect_.reset();
     on_connected(false);
     finish(true);
     return;
@@ -712,7 +767,9 @@ void TcpSocket::finish(bool notify_close) {
   handshaking_ = false;
   if (wire_ != output_ && wire_ != nullptr) wirePool().giveBack(wire_);
   wire_ = nullptr;
-  if (output_ != nullptr) evbuffer_free(output_);
+  if (output_ != nullptr && output_ != idle_output.load(std::memory_order_relaxed)) {
+    evbuffer_free(output_);
+  }
   output_ = nullptr;
   // Process exit and the destructor end connections that were never told;
   // a handler hears of the end once, whether or not the socket started.
@@ -726,12 +783,19 @@ void TcpSocket::finish(bool notify_close) {
   // From here on the handler's sends are no-ops and it hears nothing more.
   source_.unlink();
   sink_.unlink();
-  std::function<void()> on_close = std::move(on_close_);
-  on_close_ = nullptr;
-  if (notify_close && started && on_close) on_close();
+  std::shared_ptr<CloseListener> on_close = std::move(on_close_);
+  if (notify_close && started && on_close) on_close->connectionClosed();
   peer_.reset();
   // Last: it may be the final reference, whose deleter queues our deletion.
   self_.reset();
+}
+
+struct event* TcpSocket::writeEvent() {
+  struct event_base* base = eventThreadBase();
+  if (write_event_ == nullptr && fd_ >= 0 && base != nullptr) {
+    write_event_ = event_new(base, fd_, EV_WRITE | EV_PERSIST, &TcpSocket::onWritable, this);
+  }
+  return write_event_;
 }
 
 void TcpSocket::activateWrite() {
@@ -739,7 +803,24 @@ void TcpSocket::activateWrite() {
   write_activated_ = true;
   // Runs handleWrite later in this loop turn: the sends made meanwhile leave
   // together, and no epoll change is needed.
-  event_active(write_event_, EV_WRITE, 0);
+  if (flush_event == nullptr) {
+    flush_queue = new std::vector<std::weak_ptr<TcpSocket>>;
+    flush_event = event_new(eventThreadBase(), -1, 0, &TcpSocket::runFlushes, nullptr);
+  }
+  if (flush_queue->empty()) event_active(flush_event, EV_WRITE, 0);
+  flush_queue->push_back(weak_from_this());
+}
+
+void TcpSocket::runFlushes(int, short, void*) {
+  // Swapped out first: flushing may queue sockets for the next turn.
+  static std::vector<std::weak_ptr<TcpSocket>>* running = new std::vector<std::weak_ptr<TcpSocket>>;
+  running->swap(*flush_queue);
+  for (const std::weak_ptr<TcpSocket>& weak : *running) {
+    // A socket whose last owner let go waits for its deletion: nobody wants
+    // it flushed.
+    if (std::shared_ptr<TcpSocket> socket = weak.lock()) socket->handleWrite();
+  }
+  running->clear();
 }
 
 void TcpSocket::writeBytes(const char* data, size_t size) {
@@ -773,6 +854,12 @@ void TcpSocket::writeOwned(std::unique_ptr<char_stream::OwnedBytes> bytes) {
 }
 
 void TcpSocket::outputAdded() {
+  if (output_ == idle_output.load(std::memory_order_relaxed)) {
+    // A TLS socket's write, in the shared buffer: into one of its own.
+    struct evbuffer* own = wirePool().take();
+    evbuffer_add_buffer(own, output_);
+    output_ = own;
+  }
   // Answers completed on other threads count against the bound too.
   if (pendingOutput() > kOutputHighWater) pauseReading();
   if (!in_read_callback_) activateWrite();
@@ -795,7 +882,7 @@ void TcpSocket::abortStream() {
   if (state_ == kNew) return;  // start() finds it aborting
   if (state_ == kConnecting) {
     // Ends where the outcome would have been reported, in a later turn.
-    event_active(write_event_, EV_WRITE, 0);
+    event_active(writeEvent(), EV_WRITE, 0);
     return;
   }
   // Closed from handleWrite, never inside the caller's frame: the handler

@@ -1,8 +1,10 @@
 #ifndef NET_TCP_SOCKET_H_
 #define NET_TCP_SOCKET_H_
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "common/socket_address.h"
 #include "common/time.h"
@@ -67,6 +69,15 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
                   public ConnectionInfo,
                   private char_stream::PushStreamSink::Writer {
  public:
+  // Told once, on the event thread, when a connection ends (not when the
+  // socket is destroyed while still open). Shared: a server's listener
+  // hears every connection it accepted.
+  class CloseListener {
+   public:
+    virtual ~CloseListener() = default;
+    virtual void connectionClosed() = 0;
+  };
+
   // Unsent output above which the socket stops reading from the peer; it
   // reads again below half of it.
   static constexpr size_t kOutputHighWater = size_t{1024} * 1024;
@@ -118,7 +129,7 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
               Duration handshake_timeout);
   // Why the TLS handshake or stream failed; empty if it did not. Event
   // thread.
-  const std::string& tlsError() const { return tls_error_; }
+  const std::string& tlsError() const;
 
   // The local and the remote address; not valid once the connection has ended
   // or if the kernel will not say. Event thread, or before link.
@@ -132,16 +143,16 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
 
  private:
   friend class TcpServer;
-  enum State { kNew, kConnecting, kOpen, kLingering, kClosed };
+  enum State : uint8_t { kNew, kConnecting, kOpen, kLingering, kClosed };
   enum FlushResult { kFlushed, kBlocked, kFailed };
 
-  TcpSocket(int fd, std::function<void()> on_close, bool owns_itself);
+  TcpSocket(int fd, std::shared_ptr<CloseListener> on_close, bool owns_itself);
 
   // For TcpServer: wraps an accepted, non-blocking `fd`. The socket owns
   // itself once linked, and keeps `peer` alive until the connection ends;
   // `on_close` runs on the event thread then.
   static std::shared_ptr<TcpSocket> adopt(int fd, std::shared_ptr<void> peer,
-                                          std::function<void()> on_close);
+                                          std::shared_ptr<CloseListener> on_close);
 
   // Event thread: registers the events and starts reading (or waiting for
   // the connection to come up).
@@ -151,6 +162,12 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   void finishConnecting(short what);
   static void onReadable(int fd, short what, void* arg);
   static void onWritable(int fd, short what, void* arg);
+  // The thread's flush event: runs handleWrite for each socket that asked
+  // (activateWrite) in this turn of the loop.
+  static void runFlushes(int fd, short what, void* arg);
+  // The write event, made when first needed: a connect to wait for, or
+  // output the kernel would not take.
+  struct event* writeEvent();
   void handleRead(short what);
   void handleWrite();
   // Reads what the kernel has (up to a bound) and hands it to the handler;
@@ -202,44 +219,55 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   void endOfStream() override;
   void abortStream() override;
 
-  // Constant after construction.
-  const bool owns_itself_;
+  // While connect() waits for the connection, and then for a client's TLS
+  // handshake: whom to tell, the time allowed, and the errno of a connect
+  // that failed at once (reported from the event thread like any other
+  // outcome). Accepted connections never have one.
+  struct ConnectWait {
+    std::function<void(bool)> on_connected;
+    Duration timeout;
+    int error = 0;
+    bool connecting = true;
+  };
+
+  // Sets tlsError().
+  void setTlsError(const std::string& error);
 
   // Event thread only (the constructor and link run before start; the queue
-  // that carries start to the event thread orders them).
+  // that carries start to the event thread orders them). Kept small, since
+  // an idle connection keeps all of it: what is used only while connecting,
+  // or after a failure, lives elsewhere until then.
   int fd_;
-  std::function<void()> on_close_;
+  State state_ = kNew;
+  bool handshaking_ = false;
+  bool input_ended_ = false;     // the peer closed its side (or we stopped reading)
+  bool output_closing_ = false;  // the handler ended its output
+  bool aborting_ = false;        // the handler aborted: close at the next turn
+  bool reading_paused_ = false;  // backpressure: too much output waiting
+  bool in_read_callback_ = false;
+  bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
+  bool write_activated_ = false;  // queued for the flush event: flush in this loop turn
+  // Set once or twice in a connection's life: bits (initialized by the
+  // constructor).
+  const bool owns_itself_ : 1;  // constant after construction
+  bool held_open_ : 1;          // input ended, and the handler keeps the output open
+  bool closed_notified_ : 1;
+  bool drain_watched_ : 1;  // the handler waits to hear that output drained
+  std::shared_ptr<CloseListener> on_close_;
   std::shared_ptr<void> peer_;
   Duration send_timeout_;
-  // While connecting (connect() only): whom to tell, the time allowed, and
-  // the errno of a connect that failed at once (reported from the event
-  // thread like any other outcome).
-  std::function<void(bool)> on_connected_;
-  Duration connect_timeout_;
-  bool connecting_ = false;
-  int connect_error_ = 0;
+  std::unique_ptr<ConnectWait> connect_;
   std::shared_ptr<TcpSocket> self_;  // while the connection lasts, if owns_itself_
   struct event* read_event_ = nullptr;
-  struct event* write_event_ = nullptr;
+  struct event* write_event_ = nullptr;  // null until writeEvent()
   struct evbuffer* output_ = nullptr;
   // What goes out to the kernel: output_ itself, or with TLS the records
   // made from it (null while none wait: see lendWire).
   struct evbuffer* wire_ = nullptr;
   std::unique_ptr<TlsTransport> tls_;
   Duration handshake_timeout_;
-  bool handshaking_ = false;
-  std::string tls_error_;
-  State state_ = kNew;
-  bool input_ended_ = false;     // the peer closed its side (or we stopped reading)
-  bool held_open_ = false;       // ...and the handler keeps the output open meanwhile
-  bool output_closing_ = false;  // the handler ended its output
-  bool aborting_ = false;        // the handler aborted: close at the next turn
-  bool reading_paused_ = false;  // backpressure: too much output waiting
-  bool closed_notified_ = false;
-  bool in_read_callback_ = false;
-  bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
-  bool write_activated_ = false;  // write_event_ made active: flush in this loop turn
-  bool drain_watched_ = false;    // the handler waits to hear that output drained
+  // Why TLS failed; null until it does.
+  std::unique_ptr<std::string> tls_error_;
   // The list of open sockets that process exit closes.
   TcpSocket* live_prev_ = nullptr;
   TcpSocket* live_next_ = nullptr;

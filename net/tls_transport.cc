@@ -6,10 +6,14 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
+#include "common/event_thread.h"
 #include "common/socket_address.h"
 
 namespace vantu {
@@ -41,7 +45,31 @@ std::string takeOpenSslError() {
   return text;
 }
 
+// OpenSSL frees a thread's own state (its error queue, its random generator:
+// about 10 kB) as the thread ends, unless its exit handler ran before, which
+// it does when OpenSSL was first used after the event thread started: exit
+// handlers run in reverse order, and the event thread stops in one of its
+// own. So an exit handler that runs before OpenSSL's frees the event
+// thread's share while OpenSSL can still do it.
+std::atomic<bool> event_thread_used_openssl{false};
+
+void freeEventThreadState() {
+  if (event_thread_used_openssl.load(std::memory_order_acquire)) {
+    runOnEventThreadAndWait([] { OPENSSL_thread_stop(); });
+  }
+}
+
+void freeEventThreadStateAtExit() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // OpenSSL's exit handler first, so that this one runs before it.
+    OPENSSL_init_ssl(0, nullptr);
+    atexit(freeEventThreadState);
+  });
+}
+
 SSL_CTX* newContext(bool server) {
+  freeEventThreadStateAtExit();
   SSL_CTX* context = SSL_CTX_new(server ? TLS_server_method() : TLS_client_method());
   if (context == nullptr) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -235,6 +263,7 @@ class ThreadBio {
  public:
   explicit ThreadBio(BIO_METHOD* method) : bio_(BIO_new(method)) {
     if (bio_ != nullptr) BIO_set_init(bio_, 1);
+    if (isEventThread()) event_thread_used_openssl.store(true, std::memory_order_release);
   }
   ~ThreadBio() { BIO_free(bio_); }
   ThreadBio(const ThreadBio&) = delete;
@@ -303,7 +332,7 @@ std::unique_ptr<TlsTransport> TlsTransport::newServer(
   SSL* ssl = SSL_new(context->get());
   if (ssl == nullptr) return nullptr;
   SSL_set_accept_state(ssl);
-  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire, true));
+  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire));
 }
 
 std::unique_ptr<TlsTransport> TlsTransport::newClient(
@@ -324,11 +353,17 @@ std::unique_ptr<TlsTransport> TlsTransport::newClient(
     X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     SSL_set1_host(ssl, server_name.c_str());
   }
-  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire, false));
+  return std::unique_ptr<TlsTransport>(new TlsTransport(ssl, wire));
 }
 
-TlsTransport::TlsTransport(SSL* ssl, struct evbuffer* wire, bool server)
-    : ssl_(ssl), wire_(wire), server_(server) {}
+TlsTransport::TlsTransport(SSL* ssl, struct evbuffer* wire) : ssl_(ssl), wire_(wire) {}
+
+bool TlsTransport::isServerSide() const { return SSL_is_server(ssl_) == 1; }
+
+const std::string& TlsTransport::error() const {
+  static const std::string* const kNone = new std::string;
+  return error_ ? *error_ : *kNone;
+}
 
 TlsTransport::~TlsTransport() { SSL_free(ssl_); }
 
@@ -396,7 +431,7 @@ TlsTransport::Result TlsTransport::failure(int ret, const char* what) {
   } else if (why.empty()) {
     why = code == SSL_ERROR_SYSCALL ? "connection closed" : "protocol error";
   }
-  error_ = std::string(what) + ": " + why;
+  error_ = std::make_unique<std::string>(std::string(what) + ": " + why);
   return Result::kFailed;
 }
 

@@ -109,7 +109,7 @@ class TlsTransport {
   // Advances the handshake with the input given.
   Result handshake();
   bool established() const { return established_; }
-  bool isServerSide() const { return server_; }
+  bool isServerSide() const;
   // Decrypts into `out` (at most `size` bytes, one record at most);
   // *got is set on kOk.
   Result read(char* out, size_t size, size_t* got);
@@ -122,12 +122,12 @@ class TlsTransport {
   // Appends close_notify to the wire, once; nothing before the handshake.
   void close();
   // Why the last kFailed (or write's false) happened.
-  const std::string& error() const { return error_; }
+  const std::string& error() const;
   // What the handshake established; empty before it ended.
   TlsSessionInfo session() const;
 
  private:
-  TlsTransport(struct ssl_st* ssl, struct evbuffer* wire, bool server);
+  TlsTransport(struct ssl_st* ssl, struct evbuffer* wire);
   // Before each OpenSSL call that may fail: an empty error queue, and
   // bindBio().
   void prepareCall();
@@ -145,10 +145,10 @@ class TlsTransport {
   struct evbuffer* wire_;
   const char* input_ = nullptr;
   size_t input_size_ = 0;
-  const bool server_;
   bool established_ = false;
   bool closed_ = false;
-  std::string error_;
+  // Null until a failure.
+  std::unique_ptr<std::string> error_;
 };
 
 }  // namespace relay

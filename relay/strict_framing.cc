@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "common/memory_policy.h"
+#include "relay/head_assembler.h"
 #include "relay/http_line_match.h"
 #include "relay/message_pool.h"
 
@@ -275,12 +276,123 @@ constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
-StrictRequestParser::StrictRequestParser(const RequestLimits& limits, bool https)
-    : limits_(limits), https_(https) {
-  head_.setBudget(limits.max_header_bytes);
+struct StrictRequestParser::Progress {
+  Progress() = default;
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // As a new request's, keeping small buffers (a spent parser's, given back).
+  void clear() {
+    head.clearLine();
+    head.startHead();
+    body_remaining = 0;
+    request.reset();
+    memory_policy::clearKeepingSmall(&transfer_encoding);
+    host = nullptr;
+    host_line = false;
+    declared_length = 0;
+    content_length_count = 0;
+    host_count = 0;
+    has_transfer_encoding = false;
+    chunked = false;
+    connection_close = false;
+    connection_keep_alive = false;
+    expect_continue = false;
+  }
+
+  // The unfinished line of the previous chunks, CR included.
+  std::string line;
+  // Counts each block (head, trailers, chunk-size line) against
+  // max_header_bytes, a line's bytes with its CR LF.
+  HeadAssembler head{&line};
+  // Content-Length: body bytes still missing; chunked: data bytes left in the
+  // current chunk.
+  uint64_t body_remaining = 0;
+  // The request in progress; null until its request line is read.
+  HttpRequestPtr request;
+
+  // What the head of the request in progress said about its framing.
+  std::string transfer_encoding;  // every Transfer-Encoding value, joined by ","
+  // The Host value, where it is stored in the request's headers (whose nodes
+  // stay put until the head ends); null without one.
+  const std::string* host = nullptr;
+  // The field line at hand is a Host line.
+  bool host_line = false;
+  uint64_t declared_length = 0;  // the Content-Length value, saturated
+  int content_length_count = 0;
+  int host_count = 0;
+  bool has_transfer_encoding = false;
+  bool chunked = false;
+  bool connection_close = false;
+  bool connection_keep_alive = false;
+  bool expect_continue = false;
+};
+
+// The Progress objects given back on one thread, for the next request read
+// there. Few are needed at once: one per connection whose request is being
+// read in this turn of the loop, or that stopped in the middle of one. Each
+// thread has its own (progressPool()).
+class StrictProgressPool {
+ public:
+  using Progress = StrictRequestParser::Progress;
+  StrictProgressPool() = default;
+  StrictProgressPool(const StrictProgressPool&) = delete;
+  StrictProgressPool& operator=(const StrictProgressPool&) = delete;
+  ~StrictProgressPool() {
+    for (size_t i = 0; i < count_; ++i) delete items_[i];
+  }
+  Progress* take() { return count_ > 0 ? items_[--count_] : new Progress; }
+  void giveBack(Progress* progress) {
+    if (count_ == kCapacity) {
+      delete progress;
+    } else {
+      items_[count_++] = progress;
+    }
+  }
+
+ private:
+  static constexpr size_t kCapacity = 32;
+  Progress* items_[kCapacity];
+  size_t count_ = 0;
+};
+
+namespace {
+
+StrictProgressPool& progressPool() {
+  static thread_local StrictProgressPool pool;
+  return pool;
 }
 
-StrictRequestParser::~StrictRequestParser() = default;
+}  // namespace
+
+StrictRequestParser::StrictRequestParser(const RequestLimits& limits, bool https)
+    : limits_(limits), https_(https) {}
+
+// Not given back to a pool: the thread that destroys a parser may be past
+// its own pool's end.
+StrictRequestParser::~StrictRequestParser() { delete progress_; }
+
+void StrictRequestParser::borrowProgress() {
+  progress_ = progressPool().take();
+  progress_->head.setBudget(limits_.max_header_bytes);
+}
+
+void StrictRequestParser::returnProgressIfIdle() {
+  switch (state_) {
+    case State::kRequestLine:
+      // Between requests, unless the next one has begun.
+      if (!progress_->line.empty()) return;
+      break;
+    case State::kClosed:
+    case State::kFailed:
+      progress_->clear();
+      break;
+    default:
+      return;
+  }
+  progressPool().giveBack(progress_);
+  progress_ = nullptr;
+}
 
 bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequestPtr>* requests) {
   return parseBytes(data.data(), data.size(), requests);
@@ -289,9 +401,23 @@ bool StrictRequestParser::parse(const std::string& data, std::vector<HttpRequest
 bool StrictRequestParser::parseBytes(const char* data, size_t size,
                                      std::vector<HttpRequestPtr>* requests) {
   if (state_ == State::kFailed) return false;
-  HeadAssembler::Scope scope(&head_);
-  const char* p = data;
-  const char* const end = p + size;
+  if (state_ == State::kClosed || size == 0) return true;
+  if (progress_ == nullptr) borrowProgress();
+  bool parsed;
+  {
+    HeadAssembler::Scope scope(&progress_->head);
+    parsed = readChunk(data, data + size, requests);
+  }
+  if (parsed && progress_->expect_continue && bodyInProgress()) {
+    progress_->expect_continue = false;
+    continue_pending_ = true;
+  }
+  returnProgressIfIdle();
+  return parsed;
+}
+
+bool StrictRequestParser::readChunk(const char* p, const char* const end,
+                                    std::vector<HttpRequestPtr>* requests) {
   while (p < end) {
     switch (state_) {
       case State::kClosed:
@@ -300,12 +426,12 @@ bool StrictRequestParser::parseBytes(const char* data, size_t size,
         return false;
       case State::kBody:
       case State::kChunkData: {
-        const size_t take =
-            static_cast<size_t>(std::min<uint64_t>(body_remaining_, static_cast<size_t>(end - p)));
+        const size_t take = static_cast<size_t>(
+            std::min<uint64_t>(progress_->body_remaining, static_cast<size_t>(end - p)));
         appendBody(p, take);
         p += take;
-        body_remaining_ -= take;
-        if (body_remaining_ == 0) {
+        progress_->body_remaining -= take;
+        if (progress_->body_remaining == 0) {
           if (state_ == State::kBody) {
             deliver(requests);
           } else {
@@ -321,7 +447,7 @@ bool StrictRequestParser::parseBytes(const char* data, size_t size,
       case State::kChunkDataLf:
         if (*p++ != '\n') return fail(HttpResponse::kBadRequest);
         state_ = State::kChunkSize;
-        head_.startHead();
+        progress_->head.startHead();
         break;
       case State::kRequestLine:
       case State::kHeaders:
@@ -331,10 +457,6 @@ bool StrictRequestParser::parseBytes(const char* data, size_t size,
         break;
     }
   }
-  if (expect_continue_ && bodyInProgress()) {
-    expect_continue_ = false;
-    continue_pending_ = true;
-  }
   return true;
 }
 
@@ -343,25 +465,25 @@ bool StrictRequestParser::takeLine(const char** data, const char* end,
   const char* p = *data;
   const size_t available = end - p;
   // How many more bytes this line may take, its LF included.
-  const size_t room = head_.room();
+  const size_t room = progress_->head.room();
   const char* lf = findByte(p, std::min(available, room), '\n');
   if (lf == nullptr) {
     if (available > room) {
       return failByLimit(state_ == State::kRequestLine ? HttpResponse::kRequestUriTooLarge
                                                        : HttpResponse::kBadRequest);
     }
-    head_.keep(p, available);
+    progress_->head.keep(p, available);
     *data = end;
     return true;
   }
   *data = lf + 1;
   size_t length = lf - p;
-  const char* line = head_.complete(p, &length);
-  head_.countLine(length + 1);
+  const char* line = progress_->head.complete(p, &length);
+  progress_->head.countLine(length + 1);
   // Only CR LF ends a line; a CR anywhere else is refused by the checks of each
   // kind of line, none of which lets a control byte through.
   bool accepted = length > 0 && line[length - 1] == '\r' && processLine(line, length - 1, requests);
-  head_.clearLine();
+  progress_->head.clearLine();
   return accepted || fail(HttpResponse::kBadRequest);
 }
 
@@ -370,7 +492,7 @@ bool StrictRequestParser::processLine(const char* line, size_t length,
   switch (state_) {
     case State::kRequestLine:
       if (length == 0) {  // an empty line before the request line
-        head_.startHead();
+        progress_->head.startHead();
         return true;
       }
       return processRequestLine(line, length);
@@ -425,11 +547,11 @@ bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
     if (q == target_end || *q != ':') return fail(HttpResponse::kBadRequest);
   }
 
-  request_ = message_pool::adopt(message_pool::newRequestToFill(head_.pool()));
-  head_.startFields(&request_->headers);
-  request_->method = method;
-  head_.takeTarget(line, target - line, target_length, &request_->uri);
-  request_->minor_version = version[7] - '0';
+  progress_->request = message_pool::adopt(message_pool::newRequestToFill(progress_->head.pool()));
+  progress_->head.startFields(&progress_->request->headers);
+  progress_->request->method = method;
+  progress_->head.takeTarget(line, target - line, target_length, &progress_->request->uri);
+  progress_->request->minor_version = version[7] - '0';
   state_ = State::kHeaders;
   return true;
 }
@@ -450,12 +572,12 @@ bool StrictRequestParser::processFieldLine(const char* line, size_t length, bool
   const size_t value_length = end - value;
   if (!store) return true;
   if (!noteFramingField(line, name_length, value, value_length)) return false;
-  const message_pool::Headers::iterator stored =
-      head_.storeHeader(&request_->headers, line, name_length, value, value_length);
-  if (host_line_) {
+  const message_pool::Headers::iterator stored = progress_->head.storeHeader(
+      &progress_->request->headers, line, name_length, value, value_length);
+  if (progress_->host_line) {
     // Read where it is stored rather than copied: a second Host is refused.
-    host_ = &stored->second;
-    host_line_ = false;
+    progress_->host = &stored->second;
+    progress_->host_line = false;
   }
   return true;
 }
@@ -465,41 +587,41 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
   switch (name_length) {
     case 4:
       if (!equalsLower(name, name_length, "host")) return true;
-      if (++host_count_ > 1 || !validHost(value, value_length)) return false;
-      host_line_ = true;
+      if (++progress_->host_count > 1 || !validHost(value, value_length)) return false;
+      progress_->host_line = true;
       return true;
     case 6:
       if (!equalsLower(name, name_length, "expect")) return true;
       return forEachListElement(value, value_length, [this](const char* expectation, size_t n) {
-        if (equalsLower(expectation, n, "100-continue")) expect_continue_ = true;
+        if (equalsLower(expectation, n, "100-continue")) progress_->expect_continue = true;
         return true;
       });
     case 10:
       if (!equalsLower(name, name_length, "connection")) return true;
       return forEachListElement(value, value_length, [this](const char* option, size_t length) {
-        if (equalsLower(option, length, "close")) connection_close_ = true;
-        if (equalsLower(option, length, "keep-alive")) connection_keep_alive_ = true;
+        if (equalsLower(option, length, "close")) progress_->connection_close = true;
+        if (equalsLower(option, length, "keep-alive")) progress_->connection_keep_alive = true;
         return true;
       });
     case 14: {
       if (!equalsLower(name, name_length, "content-length")) return true;
       // One Content-Length of digits only: a list ("5, 5"), a second line or
       // anything else is read differently by different parsers.
-      if (++content_length_count_ > 1 || value_length == 0) return false;
+      if (++progress_->content_length_count > 1 || value_length == 0) return false;
       uint64_t length = 0;
       for (size_t i = 0; i < value_length; ++i) {
         if (!isDigit(value[i])) return false;
         // Saturates: any value past the largest body is answered 413 alike.
         if (length <= kLargestBody) length = length * 10 + (value[i] - '0');
       }
-      declared_length_ = length;
+      progress_->declared_length = length;
       return true;
     }
     case 17:
       if (!equalsLower(name, name_length, "transfer-encoding")) return true;
-      has_transfer_encoding_ = true;
-      if (!transfer_encoding_.empty()) transfer_encoding_.push_back(',');
-      transfer_encoding_.append(value, value_length);
+      progress_->has_transfer_encoding = true;
+      if (!progress_->transfer_encoding.empty()) progress_->transfer_encoding.push_back(',');
+      progress_->transfer_encoding.append(value, value_length);
       return true;
     default:
       return true;
@@ -507,54 +629,58 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
 }
 
 bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {
-  head_.finishFields(&request_->headers);
-  const bool http11 = request_->minor_version == 1;
-  if (http11 && host_count_ != 1) return fail(HttpResponse::kBadRequest);
-  if (!http11) expect_continue_ = false;  // a 1.0 client does not wait for 100
-  if (has_transfer_encoding_) {
-    if (content_length_count_ > 0 || !http11) return fail(HttpResponse::kBadRequest);
+  progress_->head.finishFields(&progress_->request->headers);
+  const bool http11 = progress_->request->minor_version == 1;
+  if (http11 && progress_->host_count != 1) return fail(HttpResponse::kBadRequest);
+  if (!http11) progress_->expect_continue = false;  // a 1.0 client does not wait for 100
+  if (progress_->has_transfer_encoding) {
+    if (progress_->content_length_count > 0 || !http11) return fail(HttpResponse::kBadRequest);
     bool chunked_seen = false;
     bool chunked_last = false;
     bool other_seen = false;
-    bool well_formed = forEachListElement(
-        transfer_encoding_.data(), transfer_encoding_.size(), [&](const char* coding, size_t n) {
-          const char* end = coding + n;
-          const char* name_end = coding;
-          while (name_end < end && is(*name_end, kTokenByte)) ++name_end;
-          if (name_end == coding || !validParameters(name_end, end)) return false;
-          chunked_last = equalsLower(coding, name_end - coding, "chunked");
-          if (chunked_last) {
-            // chunked takes no parameters, and twice would be read as once by
-            // some and as twice by others.
-            if (chunked_seen || name_end != end) return false;
-            chunked_seen = true;
-          } else {
-            other_seen = true;
-          }
-          return true;
-        });
+    bool well_formed =
+        forEachListElement(progress_->transfer_encoding.data(), progress_->transfer_encoding.size(),
+                           [&](const char* coding, size_t n) {
+                             const char* end = coding + n;
+                             const char* name_end = coding;
+                             while (name_end < end && is(*name_end, kTokenByte)) ++name_end;
+                             if (name_end == coding || !validParameters(name_end, end))
+                               return false;
+                             chunked_last = equalsLower(coding, name_end - coding, "chunked");
+                             if (chunked_last) {
+                               // chunked takes no parameters, and twice would be read as once by
+                               // some and as twice by others.
+                               if (chunked_seen || name_end != end) return false;
+                               chunked_seen = true;
+                             } else {
+                               other_seen = true;
+                             }
+                             return true;
+                           });
     // Unless chunked comes last, no reader can tell where the body ends.
     if (!well_formed || (chunked_seen && !chunked_last)) return fail(HttpResponse::kBadRequest);
     if (other_seen) return fail(HttpResponse::kNotImplemented);
     if (!chunked_seen) return fail(HttpResponse::kBadRequest);  // no coding at all
-    chunked_ = true;
+    progress_->chunked = true;
   }
-  if (!resolveAbsoluteTarget(request_.get())) {
+  if (!resolveAbsoluteTarget(progress_->request.get())) {
     static const std::string* const kNoHost = new std::string;
-    resolveUrlFromHost(request_.get(), host_ != nullptr ? *host_ : *kNoHost, https_);
+    resolveUrlFromHost(progress_->request.get(),
+                       progress_->host != nullptr ? *progress_->host : *kNoHost, https_);
   }
-  if (chunked_) {
+  if (progress_->chunked) {
     state_ = State::kChunkSize;
-    head_.startHead();
+    progress_->head.startHead();
     return true;
   }
-  if (content_length_count_ > 0) {
-    if (declared_length_ > bodyCap()) return failByLimit(HttpResponse::kRequestEntityTooLarge);
-    request_->content_length = static_cast<uint32_t>(declared_length_);
-    if (declared_length_ > 0) {
+  if (progress_->content_length_count > 0) {
+    if (progress_->declared_length > bodyCap())
+      return failByLimit(HttpResponse::kRequestEntityTooLarge);
+    progress_->request->content_length = static_cast<uint32_t>(progress_->declared_length);
+    if (progress_->declared_length > 0) {
       state_ = State::kBody;
-      body_remaining_ = declared_length_;
-      memory_policy::reserveBodyAhead(&request_->body, declared_length_);
+      progress_->body_remaining = progress_->declared_length;
+      memory_policy::reserveBodyAhead(&progress_->request->body, progress_->declared_length);
       return true;
     }
   }
@@ -572,50 +698,50 @@ bool StrictRequestParser::processChunkSize(const char* line, size_t length) {
     ++p;
   }
   if (p == line || !validParameters(p, end)) return false;
-  if (size > bodyCap() - request_->body.size())
+  if (size > bodyCap() - progress_->request->body.size())
     return failByLimit(HttpResponse::kRequestEntityTooLarge);
-  head_.startHead();
+  progress_->head.startHead();
   if (size == 0) {
     state_ = State::kTrailers;
   } else {
     state_ = State::kChunkData;
-    body_remaining_ = size;
+    progress_->body_remaining = size;
   }
   return true;
 }
 
 void StrictRequestParser::appendBody(const char* data, size_t length) {
-  std::string& body = request_->body;
+  std::string& body = progress_->request->body;
   // A chunked body has no declared length: it grows as a string does.
-  if (!chunked_) memory_policy::growBodyFor(&body, length, declared_length_);
+  if (!progress_->chunked) memory_policy::growBodyFor(&body, length, progress_->declared_length);
   body.append(data, length);
 }
 
 void StrictRequestParser::deliver(std::vector<HttpRequestPtr>* requests) {
-  if (chunked_) request_->content_length = static_cast<uint32_t>(request_->body.size());
-  const bool closing =
-      connection_close_ || (request_->minor_version == 0 && !connection_keep_alive_);
-  requests->push_back(std::move(request_));
-  request_.reset();
-  expect_continue_ = false;
+  if (progress_->chunked)
+    progress_->request->content_length = static_cast<uint32_t>(progress_->request->body.size());
+  const bool closing = progress_->connection_close || (progress_->request->minor_version == 0 &&
+                                                       !progress_->connection_keep_alive);
+  requests->push_back(std::move(progress_->request));
+  progress_->request.reset();
+  progress_->expect_continue = false;
   if (closing) {
+    // Spent: the rest is cleared as the parser gives its Progress back.
     state_ = State::kClosed;
-    head_.clearLine();
-    std::string().swap(transfer_encoding_);
     return;
   }
   state_ = State::kRequestLine;
-  head_.startHead();
-  body_remaining_ = 0;
-  memory_policy::clearKeepingSmall(&transfer_encoding_);
-  host_ = nullptr;
-  declared_length_ = 0;
-  content_length_count_ = 0;
-  host_count_ = 0;
-  has_transfer_encoding_ = false;
-  chunked_ = false;
-  connection_close_ = false;
-  connection_keep_alive_ = false;
+  progress_->head.startHead();
+  progress_->body_remaining = 0;
+  memory_policy::clearKeepingSmall(&progress_->transfer_encoding);
+  progress_->host = nullptr;
+  progress_->declared_length = 0;
+  progress_->content_length_count = 0;
+  progress_->host_count = 0;
+  progress_->has_transfer_encoding = false;
+  progress_->chunked = false;
+  progress_->connection_close = false;
+  progress_->connection_keep_alive = false;
 }
 
 bool StrictRequestParser::failByLimit(HttpResponse::StatusCode status) {
@@ -629,12 +755,9 @@ bool StrictRequestParser::fail(HttpResponse::StatusCode status) {
     state_ = State::kFailed;
     error_status_ = status;
   }
-  request_.reset();
-  std::string().swap(line_);
-  std::string().swap(transfer_encoding_);
-  host_ = nullptr;
+  // What the request in progress held goes as the parser gives its Progress
+  // back, at the end of this chunk.
   continue_pending_ = false;
-  expect_continue_ = false;
   return false;
 }
 
@@ -657,7 +780,8 @@ bool StrictRequestParser::closing() const { return state_ == State::kClosed; }
 bool StrictRequestParser::headInProgress() const {
   if (state_ == State::kHeaders) return true;
   // A lone CR may still be the start of an empty line, which is skipped.
-  return state_ == State::kRequestLine && !line_.empty() && line_ != "\r";
+  return state_ == State::kRequestLine && progress_ != nullptr && !progress_->line.empty() &&
+         progress_->line != "\r";
 }
 
 bool StrictRequestParser::bodyInProgress() const {

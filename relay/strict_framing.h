@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "relay/head_assembler.h"
 #include "relay/http_message.h"
 #include "relay/http_request_parser.h"
 #include "relay/request_reader.h"
 
 namespace vantu {
 namespace relay {
+
+class StrictProgressPool;
 
 // Reads requests the way RFC 9112 does, so that this server and any proxy in
 // front of it agree on where every request ends. A server uses it instead of
@@ -141,42 +142,33 @@ class StrictRequestParser final : public RequestReader {
   // The largest body the limits let through.
   uint64_t bodyCap() const;
 
+  // What one request in progress needs, from the first byte of its request
+  // line to the end of its body: the unfinished line, the head's budget and
+  // header storage, the request, and what its head said about framing.
+  // Borrowed from this thread's pool when bytes of a request arrive and given
+  // back once the request is delivered (or the parser is spent), so that a
+  // connection idle between requests keeps none of it.
+  struct Progress;
+  friend class StrictProgressPool;
+  // Reads the bytes of one chunk; false on a fault.
+  bool readChunk(const char* p, const char* end, std::vector<HttpRequestPtr>* requests);
+  // Takes a clean Progress from this thread's pool (or makes one).
+  void borrowProgress();
+  // Gives it back, clean, unless a request is under way.
+  void returnProgressIfIdle();
+
   // Constant after construction.
   const RequestLimits limits_;
   const bool https_;
 
   // Event thread only, like the whole parser.
   State state_ = State::kRequestLine;
-  HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
-  // The unfinished line of the previous chunks, CR included.
-  std::string line_;
-  // Counts each block (head, trailers, chunk-size line) against
-  // max_header_bytes, a line's bytes with its CR LF.
-  HeadAssembler head_{&line_};
-  // Content-Length: body bytes still missing; chunked: data bytes left in the
-  // current chunk.
-  uint64_t body_remaining_ = 0;
-  // The request in progress; null between requests.
-  HttpRequestPtr request_;
   bool refused_by_limit_ = false;
-
-  // What the head of the request in progress said about its framing.
-  std::string transfer_encoding_;  // every Transfer-Encoding value, joined by ","
-  // The Host value, where it is stored in the request's headers (whose nodes
-  // stay put until the head ends); null without one.
-  const std::string* host_ = nullptr;
-  // The field line at hand is a Host line.
-  bool host_line_ = false;
-  uint64_t declared_length_ = 0;  // the Content-Length value, saturated
-  int content_length_count_ = 0;
-  int host_count_ = 0;
-  bool has_transfer_encoding_ = false;
-  bool chunked_ = false;
-  bool connection_close_ = false;
-  bool connection_keep_alive_ = false;
-  bool expect_continue_ = false;
   // An interim 100 Continue is owed to the caller (takeContinueRequest).
   bool continue_pending_ = false;
+  HttpResponse::StatusCode error_status_ = HttpResponse::kBadRequest;
+  // Held while a request is read (see Progress); null between requests.
+  Progress* progress_ = nullptr;
 };
 
 }  // namespace relay

@@ -346,6 +346,83 @@ TEST(StrictRequestParserTest, ReportsProgressAndContinueRequests) {
   EXPECT_FALSE(parser.closing());
 }
 
+// What a parser keeps while it reads a request is lent to it by its thread
+// and taken back between requests. Many connections reading at once, a byte
+// each in turn, must each get their own; one spent by a fault, or by a
+// request that closes, must not lend its leftovers to the next parser; a
+// parser whose state went back reads its next request right however split.
+TEST(StrictRequestParserTest, ConnectionsReadingAtOnceKeepTheirOwnRequests) {
+  // More parsers than the thread keeps spare, each with a request of its own.
+  constexpr int kParsers = 40;
+  std::vector<std::unique_ptr<StrictRequestParser>> parsers;
+  std::vector<std::string> streams;
+  std::vector<std::vector<HttpRequestPtr>> got(kParsers);
+  for (int i = 0; i < kParsers; ++i) {
+    parsers.push_back(std::make_unique<StrictRequestParser>(RequestLimits{256, 64}));
+    const std::string n = std::to_string(i);
+    std::string stream = "POST /p" + n + " HTTP/1.1\r\nHost: h" + n + "\r\nX-N: " + n + "\r\n";
+    stream += i % 2 == 0 ? "Content-Length: " + std::to_string(n.size()) + "\r\n\r\n" + n
+                         : "Transfer-Encoding: chunked\r\n\r\n" + std::to_string(n.size()) +
+                               "\r\n" + n + "\r\n0\r\n\r\n";
+    // A second request on the same connection, read after the first one's
+    // state went back.
+    stream += "GET /again" + n + " HTTP/1.1\r\nHost: h" + n + "\r\n\r\n";
+    streams.push_back(stream);
+  }
+  for (size_t at = 0;; ++at) {
+    bool any = false;
+    for (int i = 0; i < kParsers; ++i) {
+      if (at >= streams[i].size()) continue;
+      any = true;
+      ASSERT_TRUE(parsers[i]->parse(streams[i].substr(at, 1), &got[i])) << i << " at " << at;
+    }
+    if (!any) break;
+  }
+  for (int i = 0; i < kParsers; ++i) {
+    SCOPED_TRACE(i);
+    const std::string n = std::to_string(i);
+    ASSERT_EQ(2u, got[i].size());
+    EXPECT_EQ("POST /p" + n + " " + n + ", GET /again" + n, summarize(got[i]));
+    EXPECT_EQ("h" + n, got[i][0]->headers["Host"]);
+    EXPECT_EQ(n, got[i][0]->headers["X-N"]);
+    EXPECT_EQ("http://h" + n + "/again" + n, got[i][1]->url.possibly_invalid_spec());
+    EXPECT_EQ(0u, got[i][1]->headers.count("X-N"));
+    EXPECT_FALSE(parsers[i]->headInProgress());
+  }
+
+  // Spent in the middle of a head that counted framing fields and a Host,
+  // or after a request that closes: whatever parser reads next on this
+  // thread starts clean (a leftover count would refuse its one Host or
+  // Content-Length; a leftover line, budget or close would misread it).
+  const std::vector<std::string> spenders = {
+      "POST /x HTTP/1.1\r\nHost: a\r\nContent-Length: 1\r\nTransfer-Encoding: chunked\r\nBad "
+      "Line\r\n",
+      "GET /x HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\nGET /y HTTP/1.1\r\nHo",
+      "GET /" + std::string(300, 'a'),
+      "POST /x HTTP/1.1\r\nHost: a\r\nExpect: 100-continue\r\nContent-Length: 99\r\n\r\n",
+  };
+  for (const std::string& spender : spenders) {
+    SCOPED_TRACE(spender.substr(0, 40));
+    StrictRequestParser spent(RequestLimits{256, 64});
+    std::vector<HttpRequestPtr> ignored;
+    spent.parse(spender, &ignored);
+    spent.parse("Z", &ignored);
+    const std::string next =
+        "POST /n HTTP/1.1\r\nHost: b\r\nContent-Length: 2\r\n\r\nokGET /m HTTP/1.1\r\nHost: "
+        "b\r\n\r\n";
+    for (size_t split = 1; split < next.size(); split += 7) {
+      SCOPED_TRACE(split);
+      StrictRequestParser parser(RequestLimits{256, 64});
+      std::vector<HttpRequestPtr> requests;
+      ASSERT_TRUE(parser.parse(next.substr(0, split), &requests));
+      ASSERT_TRUE(parser.parse(next.substr(split), &requests));
+      EXPECT_EQ("POST /n ok, GET /m", summarize(requests));
+      EXPECT_FALSE(parser.closing());
+      EXPECT_FALSE(parser.takeContinueRequest());
+    }
+  }
+}
+
 }  // namespace
 }  // namespace relay
 }  // namespace vantu

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -685,6 +686,103 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
     HttpRequestPtr again = message_pool::adopt(message_pool::newRequest());
     EXPECT_FALSE(again->peer().address.isValid());
   });
+}
+
+// Answers written outside their connection's read, many in one callback:
+// twenty clients park a request each, and the last to arrive completes them
+// all, each with an answer of its own. Idle connections keep no write event
+// and, over TLS, no output buffer of their own: each answer must still reach
+// its own client whole, none of them another's bytes.
+TEST(TlsTest, AnswersWrittenTogetherReachTheirOwnConnections) {
+  const std::string script = R"(
+import socket, ssl, sys
+port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
+def connect():
+    raw = socket.create_connection(("127.0.0.1", port))
+    if ca == "-":
+        return raw
+    context = ssl.create_default_context(cafile=ca)
+    return context.wrap_socket(raw, server_hostname="127.0.0.1")
+socks = [connect() for _ in range(count)]
+for i, s in enumerate(socks):
+    s.settimeout(30)  # a guard against a hang
+    s.sendall(b"GET /park?%d HTTP/1.1\r\nHost: a\r\n\r\n" % i)
+right = 0
+for i, s in enumerate(socks):
+    got = b""
+    want = b"answer %d." % i * 50
+    while not got.endswith(want) and len(got) < 100000:
+        try:
+            chunk = s.recv(1 << 16)
+        except socket.timeout:
+            chunk = b""
+        if not chunk:
+            break
+        got += chunk
+    right += got.endswith(b"\r\n\r\n" + want)
+print(right)
+)";
+  const std::string path = vantu::testing::testCertDir() + "/answers_together.py";
+  std::ofstream(path) << script;
+  constexpr int kClients = 20;
+  for (bool tls : {true, false}) {
+    SCOPED_TRACE(tls ? "TLS" : "plaintext");
+    HttpServerOptions options;
+    if (tls) options.tls = serverTls("server", false);
+    std::shared_ptr<HttpServer> server = startServer(options);
+    ASSERT_TRUE(server);
+    // Event thread only.
+    auto parked =
+        std::make_shared<std::vector<std::pair<HttpResponsePtr, std::function<void()>>>>();
+    server->registerAsyncHandler(
+        "/park", [parked](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                          std::function<void()> done) {
+          std::string text;
+          for (int i = 0; i < 50; ++i) text += "answer " + request->url.query() + ".";
+          setContent(response.get(), text);
+          parked->emplace_back(response, std::move(done));
+          if (parked->size() < kClients) return;
+          for (auto& answer : *parked) answer.second();
+          parked->clear();
+        });
+    EXPECT_EQ(
+        std::to_string(kClients) + "\n",
+        shellOutput("python3 -W ignore " + path + " " +
+                    std::to_string(server->localAddress().port()) + " " +
+                    (tls ? cert("ca.pem") : std::string("-")) + " " + std::to_string(kClients)));
+    ASSERT_TRUE(waitNoConnections(server));
+  }
+}
+
+// The child of the next test: the event thread starts before OpenSSL is first
+// used, then it makes a TLS handshake, and the process exits.
+TEST(TlsExitTest, ChildUsesTlsAfterTheEventThreadStarted) {
+  if (getenv("HSL_TLS_EXIT_CHILD") == nullptr) GTEST_SKIP() << "run by the next test";
+  ASSERT_TRUE(runOnEventThreadAndWait([] {}));
+  HttpServerOptions options;
+  options.tls = serverTls("server", false);
+  std::shared_ptr<HttpServer> server = startServer(options);
+  ASSERT_TRUE(server);
+  EXPECT_EQ("Hello, world!\n", shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") +
+                                           " " + url(server, "/hello")));
+}
+
+// The event thread's own OpenSSL state is freed at exit even when OpenSSL's
+// exit handler would run before the event thread stops (a leak that only
+// the leak checker of a sanitized build sees: the child then fails).
+TEST(TlsExitTest, OpenSslStateOfTheEventThreadIsFreedAtExit) {
+  char self[4096];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  ASSERT_GT(length, 0);
+  self[length] = '\0';
+  int status = 0;
+  const std::string output =
+      shellOutput("HSL_TLS_EXIT_CHILD=1 " + std::string(self) +
+                      " --gtest_filter=TlsExitTest.ChildUsesTlsAfterTheEventThreadStarted 2>&1",
+                  &status);
+  EXPECT_EQ(0, status) << output;
+  EXPECT_EQ(std::string::npos, output.find("LeakSanitizer")) << output;
+  EXPECT_NE(std::string::npos, output.find("[  PASSED  ] 1 test")) << output;
 }
 
 }  // namespace
