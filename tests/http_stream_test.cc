@@ -106,16 +106,21 @@ class StreamServerTest : public ::testing::Test {
   }
   uint16_t port() const { return server_->localAddress().port(); }
 
-  // Serves /n/... with its own path, each answer held until its done (kept
-  // in *dones) runs, and pipelines `count` of them on *client, which waits
-  // until every handler has run. The answers expected, in request order.
-  std::string pipelineHeldAnswers(int count, DoneList* dones, LoopbackClient* client) {
+  // Serves /n/... with its own path, each answer held until its done, kept
+  // in *dones in request order, runs.
+  void holdAnswers(DoneList* dones) {
     server_->registerAsyncHandler(
         "/n/.*", [dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
                          std::function<void()> done) {
           setText(response, request->url.path());
           dones->add(std::move(done));
         });
+  }
+
+  // Serves held answers (holdAnswers) and pipelines `count` of them on
+  // *client, which waits until every handler has run. The answers expected, in request order.
+  std::string pipelineHeldAnswers(int count, DoneList* dones, LoopbackClient* client) {
+    holdAnswers(dones);
     std::string requests;
     std::string expected;
     for (int i = 0; i < count; ++i) {
@@ -290,12 +295,7 @@ TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) 
 
 TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
   DoneList dones;
-  server_->registerAsyncHandler(
-      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                        std::function<void()> done) {
-        setText(response, request->url.path());
-        dones.add(std::move(done));
-      });
+  holdAnswers(&dones);
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/n/1")));
   ASSERT_TRUE(dones.waitFor(1));
@@ -322,12 +322,7 @@ TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
 // see it as no longer wanted, and their runs of it do nothing.
 TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
   DoneList dones;
-  server_->registerAsyncHandler(
-      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                        std::function<void()> done) {
-        setText(response, request->url.path());
-        dones.add(std::move(done));
-      });
+  holdAnswers(&dones);
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/n/1")));
   ASSERT_TRUE(dones.waitFor(1));
@@ -354,12 +349,7 @@ TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
 // that take it next are each completed by their own done only.
 TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextAnswers) {
   DoneList dones;
-  server_->registerAsyncHandler(
-      "/n/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                        std::function<void()> done) {
-        setText(response, request->url.path());
-        dones.add(std::move(done));
-      });
+  holdAnswers(&dones);
   // Runs the first done on another thread while the event thread waits for
   // it: the reset handled next in the same turn of the loop abandons the
   // answer before the done's hand-over reaches the event thread.

@@ -527,22 +527,28 @@ os._exit(0)
       << answered.load() << " answers made";
 }
 
-// Connections that go idle between rounds of requests, more of them busy at
-// once than the server keeps spare buffers for its records, some with
-// answers too large for the kernel to take at once, and between the rounds a
-// client that leaves with answers still unsent: every answer of every round
-// must come back whole and the same, over TLS as over plaintext.
-TEST(TlsTest, ConnectionsThatWentIdleAnswerAgainByteForByte) {
-  const std::string script = R"(
+// The start of a Python script run as `script PORT CA COUNT ...`: `socks`,
+// COUNT connections to the server, over TLS checked against CA, or plaintext
+// when CA is "-".
+const char kPythonClients[] = R"(
 import socket, ssl, sys
-port, ca, count, rounds = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
 def connect():
     raw = socket.create_connection(("127.0.0.1", port))
     if ca == "-":
         return raw
     context = ssl.create_default_context(cafile=ca)
     return context.wrap_socket(raw, server_hostname="127.0.0.1")
-socks = [connect() for _ in range(count)]
+socks = [connect() for _ in range(count)])";
+
+// Connections that go idle between rounds of requests, more of them busy at
+// once than the server keeps spare buffers for its records, some with
+// answers too large for the kernel to take at once, and between the rounds a
+// client that leaves with answers still unsent: every answer of every round
+// must come back whole and the same, over TLS as over plaintext.
+TEST(TlsTest, ConnectionsThatWentIdleAnswerAgainByteForByte) {
+  const std::string script = std::string(kPythonClients) + R"(
+rounds = int(sys.argv[4])
 pipelined = (b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n"
              b"GET /big HTTP/1.1\r\nHost: a\r\n\r\n"
              b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
@@ -704,16 +710,7 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
 // and, over TLS, no output buffer of their own: each answer must still reach
 // its own client whole, none of them another's bytes.
 TEST(TlsTest, AnswersWrittenTogetherReachTheirOwnConnections) {
-  const std::string script = R"(
-import socket, ssl, sys
-port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
-def connect():
-    raw = socket.create_connection(("127.0.0.1", port))
-    if ca == "-":
-        return raw
-    context = ssl.create_default_context(cafile=ca)
-    return context.wrap_socket(raw, server_hostname="127.0.0.1")
-socks = [connect() for _ in range(count)]
+  const std::string script = std::string(kPythonClients) + R"(
 for i, s in enumerate(socks):
     s.settimeout(30)  # a guard against a hang
     s.sendall(b"GET /park?%d HTTP/1.1\r\nHost: a\r\n\r\n" % i)
