@@ -62,6 +62,8 @@ TEST(SocketAddressTest, KeepsEveryFamilyAddressAndPort) {
     EXPECT_EQ(address, copy);
     EXPECT_NE(address, SocketAddress(test.ip, static_cast<uint16_t>(test.port + 1)));
   }
+  // IPv6 addresses that differ only in their last byte differ.
+  EXPECT_NE(SocketAddress("2001:db8::1", 80), SocketAddress("2001:db8::2", 80));
   // The v4-mapped form and the plain IPv4 address are different addresses.
   EXPECT_NE(SocketAddress("::ffff:192.0.2.7", 80), SocketAddress("192.0.2.7", 80));
 }
