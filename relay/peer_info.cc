@@ -50,9 +50,9 @@ void ConnectionPeer::learn(ConnectionInfo* connection) {
   TlsSessionInfo session;
   if (!connection->tlsSession(&session)) return;
   if (session.peer_subject.empty() && session.peer_sans.empty()) {
-    for (uint8_t i = 1; i < sizeof(kTlsVersions) / sizeof(kTlsVersions[0]); ++i) {
+    for (size_t i = 1; i < sizeof(kTlsVersions) / sizeof(kTlsVersions[0]); ++i) {
       if (session.version == kTlsVersions[i]) {
-        tls_version_ = i;
+        tls_version_ = static_cast<uint8_t>(i);
         return;
       }
     }
