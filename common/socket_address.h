@@ -1,6 +1,7 @@
 #ifndef COMMON_SOCKET_ADDRESS_H_
 #define COMMON_SOCKET_ADDRESS_H_
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstdint>
@@ -9,7 +10,9 @@
 namespace vantu {
 
 // An IPv4 or IPv6 address and a port: what a listener binds to and a client
-// socket connects to. A value type; any thread.
+// socket connects to. A value type; any thread. Holds only the two address
+// families it accepts (28 bytes, not a sockaddr_storage's 128): every
+// request and every connection's peer carries one.
 class SocketAddress {
  public:
   // Not valid.
@@ -22,7 +25,7 @@ class SocketAddress {
   // family is AF_INET or AF_INET6.
   static SocketAddress fromSockaddr(const struct sockaddr* address, socklen_t length);
 
-  bool isValid() const { return length_ != 0; }
+  bool isValid() const { return family() != AF_UNSPEC; }
   bool isIPv6() const;
   uint16_t port() const;
   // The numeric address without the port: "127.0.0.1", "::1"; empty when not valid.
@@ -32,16 +35,23 @@ class SocketAddress {
 
   // For bind() and connect().
   const struct sockaddr* sockaddr() const {
-    return reinterpret_cast<const struct sockaddr*>(&storage_);
+    return reinterpret_cast<const struct sockaddr*>(&address_);
   }
-  socklen_t length() const { return length_; }
+  socklen_t length() const;
 
   bool operator==(const SocketAddress& other) const;
   bool operator!=(const SocketAddress& other) const { return !(*this == other); }
 
  private:
-  struct sockaddr_storage storage_;
-  socklen_t length_ = 0;
+  sa_family_t family() const { return address_.v4.sin_family; }
+
+  // Zeroed beyond what the family uses, so that equal addresses compare
+  // equal byte for byte; the family says which member is meant (and, being
+  // AF_UNSPEC, that none is).
+  union {
+    struct sockaddr_in v4;
+    struct sockaddr_in6 v6;
+  } address_;
 };
 
 }  // namespace vantu

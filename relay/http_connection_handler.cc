@@ -181,12 +181,7 @@ size_t HttpConnectionHandler::notifyIncomingBytes(const char* data, size_t size)
       DrainGoodbye::refuse(*requests[i], response.get());
       sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
-      const PeerInfo& peer = *peerInfo();
-      if (peer.tls) {
-        requests[i]->peer_info = peer_;
-      } else {
-        requests[i]->setPeerAddress(peer.address);
-      }
+      peer_.tell(requests[i].get(), connectionInfo());
       impl->callRequestHandler(requests[i], response, weak_this_);
     }
     large = large || isLarge(*requests[i]);
@@ -396,8 +391,7 @@ void HttpConnectionHandler::endStreams() {
 
 const std::shared_ptr<const PeerInfo>& HttpConnectionHandler::peerInfo() {
   VANTU_DCHECK_ON_EVENT_THREAD("relay/http_connection_handler");
-  if (!peer_) peer_ = PeerInfo::of(connectionInfo());
-  return peer_;
+  return peer_.shared(connectionInfo());
 }
 
 void HttpConnectionHandler::leaveRegistry() {

@@ -188,18 +188,26 @@ class HttpRequest : public HttpMessage {
   // long as the request, also after its connection closed; PeerInfo::unknown()
   // for a request the server did not read.
   const PeerInfo& peer() const;
-  // The caller of a TLS connection, shared by the requests of that connection
-  // (or set by whoever makes a request by hand). Null for a request read from
-  // a plaintext connection, whose peer() is its own copy of the address:
-  // such a request shares nothing with its connection, so reading one costs
-  // no reference counting.
+  // The caller of a connection with a client certificate, shared by the
+  // requests of that connection (or set by whoever makes a request by hand).
+  // Null for a request read from any other connection, whose peer() is its
+  // own copy of the address and TLS version: such a request shares nothing
+  // with its connection, so reading one costs no reference counting.
   std::shared_ptr<const PeerInfo> peer_info;
-  // Set by the server on the requests of a plaintext connection: the peer's
-  // address, copied into the request.
-  void setPeerAddress(const SocketAddress& address) {
+  // Set by the server on the requests of a connection without a client
+  // certificate: the peer's address and the TLS version (empty: plaintext),
+  // copied into the request.
+  void setPeer(const SocketAddress& address, const char* tls_version) {
     plain_peer_.address = address;
+    plain_peer_.tls = *tls_version != '\0';
+    if (plain_peer_.tls) {
+      plain_peer_.tls_version = tls_version;
+    } else {
+      plain_peer_.tls_version.clear();
+    }
     has_plain_peer_ = true;
   }
+  void setPeerAddress(const SocketAddress& address) { setPeer(address, ""); }
   // As a new request: no peer known.
   void clearPeer() {
     peer_info.reset();
@@ -207,7 +215,8 @@ class HttpRequest : public HttpMessage {
   }
 
  private:
-  // What peer() describes for a plaintext request: its address only.
+  // What peer() describes for a request without a shared PeerInfo: its
+  // address and TLS version.
   PeerInfo plain_peer_;
   bool has_plain_peer_ = false;
 };

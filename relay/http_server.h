@@ -337,7 +337,7 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   friend class AnswerQueue;
   // What the connection waits for, if anything, and what running out means.
   // kStream: a stream has written nothing for the idle timeout.
-  enum class Deadline { kNone, kHead, kBody, kIdle, kStream };
+  enum class Deadline : uint8_t { kNone, kHead, kBody, kIdle, kStream };
 
   // Sends the answer to a request that could not be read, with `status`;
   // `by_limit` says whether the server's options refused it.
@@ -364,36 +364,36 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
   std::weak_ptr<HttpConnectionHandler> weak_this_;
 
   // Constant after construction: how requests are read (HttpRequestParser
-  // by default, or strict framing, as the server's options say) and how
-  // their answers are written.
+  // by default, or strict framing, as the server's options say); how their
+  // answers are written is answer_rules_, at the end.
   const std::unique_ptr<RequestReader> reader_;
-  const RequestReader::AnswerRules answer_rules_;
 
   // Begun on the event thread; read from any thread that answers.
   DrainGoodbye drain_;
 
   // Event thread only.
   std::vector<HttpRequestPtr> requests_;  // the chunk at hand's, while it is handled
-  int answers_owed_ = 0;
+  Time deadline_;
+  // While the requests of one read are handled: where their answers gather.
+  std::string* gathered_ = nullptr;
+  // Who is at the other end: learnt when the first request arrives.
+  ConnectionPeer peer_;
+  // Answers waiting for their turn; null until a handler answers later or
+  // streams. Made and used on the event thread; other threads only reach
+  // it while streaming_ is true, which they read holding the push lock.
+  std::unique_ptr<AnswerQueue> ordered_;
+  // The small fields together, so that an idle connection keeps no padding.
+  int answers_owed_ = 0;  // event thread only, as the four below
   bool input_ended_ = false;
   bool closing_ = false;  // no more requests are read; close when nothing is owed
   bool registered_ = false;
   bool observed_ = false;  // the observer was told of its opening
   Deadline deadline_kind_ = Deadline::kNone;
-  Time deadline_;
-  // While the requests of one read are handled: where their answers gather.
-  std::string* gathered_ = nullptr;
-  // Who is at the other end: made when the first request arrives. Shared by
-  // every request of a TLS connection and by every RPC; a plaintext
-  // connection's requests copy its address.
-  std::shared_ptr<const PeerInfo> peer_;
-  // Answers waiting for their turn; null until a handler answers later or
-  // streams. Made and used on the event thread; other threads only reach
-  // it while streaming_ is true, which they read holding the push lock.
-  std::unique_ptr<AnswerQueue> ordered_;
   // A stream's body is on the wire: other answers (RPCs) wait until it ends.
   // Written on the event thread under the push lock.
   std::atomic<bool> streaming_{false};
+  // Constant after construction (with reader_, which it comes from).
+  const RequestReader::AnswerRules answer_rules_;
 };
 
 }  // namespace relay

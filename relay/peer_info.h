@@ -1,6 +1,7 @@
 #ifndef RELAY_PEER_INFO_H_
 #define RELAY_PEER_INFO_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,14 +19,15 @@ class HttpRequest;
 // about the other end. Reached as HttpRequest::peer() in URL handlers and
 // RPC::peer() in services.
 //
-// Built once per connection, when its first request arrives. A TLS
-// connection's is shared by every request of it; a plaintext request holds a
-// copy of the address instead (see HttpRequest::peer_info). Immutable, so any
-// thread may read it.
+// A request without a client certificate holds its own copy (see
+// HttpRequest::peer_info); one with a client certificate, and every RPC,
+// share the connection's (see ConnectionPeer). Immutable, so any thread may
+// read it.
 struct PeerInfo {
   // The client's address and port.
   SocketAddress address;
   // The connection is TLS; tls_version says which ("TLSv1.3", "TLSv1.2").
+  // (Beside the address, in what would be its padding.)
   bool tls = false;
   std::string tls_version;
   // The verified client certificate's subject in RFC 2253 form
@@ -42,6 +44,34 @@ struct PeerInfo {
   // The PeerInfo of a request that came from no connection (made by hand, or
   // in a test): nothing known.
   static const PeerInfo& unknown();
+};
+
+// What a connection keeps of its peer between requests, learnt when the
+// first request arrives: the address and the TLS version, which each request
+// copies (no allocation, no reference counting), and a shared PeerInfo only
+// when there is more to say (a client certificate) or an RPC asked for one.
+// An idle connection without a client certificate keeps 32 bytes here, not a
+// PeerInfo. A member of the connection; event thread only.
+class ConnectionPeer {
+ public:
+  ConnectionPeer() = default;
+  ConnectionPeer(const ConnectionPeer&) = delete;
+  ConnectionPeer& operator=(const ConnectionPeer&) = delete;
+
+  // Tells `request`, read from `connection`, who sent it.
+  void tell(HttpRequest* request, ConnectionInfo* connection);
+  // The peer as a shared PeerInfo, made on the first call and kept.
+  const std::shared_ptr<const PeerInfo>& shared(ConnectionInfo* connection);
+
+ private:
+  void learn(ConnectionInfo* connection);
+
+  SocketAddress address_;
+  // Fit in the address's padding: learn() ran; which entry of the TLS
+  // version names (0: plaintext).
+  bool known_ = false;
+  uint8_t tls_version_ = 0;
+  std::shared_ptr<const PeerInfo> shared_;
 };
 
 // The caller of `request` as a shared PeerInfo, for what outlives the request

@@ -704,6 +704,107 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
   });
 }
 
+// Three connections of one event thread take turns, each going idle between
+// its requests: plaintext, TLS, and TLS with a client certificate. Requests
+// come from one pool, so a request that last served one connection serves
+// another next; each must still name its own caller (TLS or not, version,
+// client subject, the client's own port), and so must an RPC on each.
+TEST(TlsTest, PeerIsEachConnectionsOwnWhenConnectionsTakeTurns) {
+  HttpServerOptions plain_options;
+  HttpServerOptions tls_options;
+  tls_options.tls = serverTls("server", false);
+  HttpServerOptions mutual_options;
+  mutual_options.tls = serverTls("server", true);
+  std::shared_ptr<HttpServer> servers[] = {startServer(plain_options), startServer(tls_options),
+                                           startServer(mutual_options)};
+  for (const auto& server : servers) {
+    ASSERT_TRUE(server);
+    server->registerHandler(
+        "/port", [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
+          setContent(response.get(), describe(request->peer()) +
+                                         " port=" + std::to_string(request->peer().address.port()));
+        });
+  }
+  const std::string script = R"(
+import socket, ssl, sys
+ca, client, key = sys.argv[1], sys.argv[2], sys.argv[3]
+socks = []
+for kind, port in zip(("plain", "tls", "mutual"), sys.argv[4:7]):
+    s = socket.create_connection(("127.0.0.1", int(port)))
+    if kind != "plain":
+        context = ssl.create_default_context(cafile=ca)
+        if kind == "mutual":
+            context.load_cert_chain(client, key)
+        s = context.wrap_socket(s, server_hostname="127.0.0.1")
+    s.settimeout(30)  # a guard against a hang
+    socks.append((kind, s))
+for round in range(3):
+    for kind, s in socks:
+        s.sendall(b"GET /port HTTP/1.1\r\nHost: a\r\n\r\n")
+        got = b""
+        while True:
+            head, _, body = got.partition(b"\r\n\r\n")
+            if b"Content-Length: " in head:
+                length = int(head.split(b"Content-Length: ")[1].split(b"\r\n")[0])
+                if len(body) >= length:
+                    break
+            chunk = s.recv(4096)
+            if not chunk:
+                break
+            got += chunk
+        print(kind, s.getsockname()[1], got.partition(b"\r\n\r\n")[2].decode())
+)";
+  int status = -1;
+  const std::string output = shellOutput(
+      "python3 -c '" + script + "' " + cert("ca.pem") + " " + cert("client.pem") + " " +
+          cert("client-key.pem") + " " + std::to_string(servers[0]->localAddress().port()) + " " +
+          std::to_string(servers[1]->localAddress().port()) + " " +
+          std::to_string(servers[2]->localAddress().port()),
+      &status);
+  EXPECT_EQ(0, status) << output;
+  const std::string who_plain = "tls=0 version= subject= sans= address=yes";
+  const std::string who_tls = "tls=1 version=TLSv1.3 subject= sans= address=yes";
+  const std::string who_mutual = "tls=1 version=TLSv1.3 subject=CN=test-client,O=relay tests sans=";
+  size_t lines = 0;
+  size_t start = 0;
+  while (start < output.size()) {
+    size_t end = output.find('\n', start);
+    if (end == std::string::npos) end = output.size();
+    const std::string line = output.substr(start, end - start);
+    start = end + 1;
+    SCOPED_TRACE(line);
+    const size_t space = line.find(' ');
+    const size_t second = line.find(' ', space + 1);
+    ASSERT_NE(std::string::npos, second);
+    const std::string kind = line.substr(0, space);
+    const std::string port = line.substr(space + 1, second - space - 1);
+    const std::string body = line.substr(second + 1);
+    if (kind == "mutual") {
+      // The SANs are the client certificate's own; the rest is exact.
+      EXPECT_EQ(0u, body.find(who_mutual)) << body;
+      EXPECT_NE(std::string::npos, body.find(" address=yes port=" + port)) << body;
+    } else {
+      EXPECT_EQ((kind == "plain" ? who_plain : who_tls) + " port=" + port, body);
+    }
+    ++lines;
+  }
+  EXPECT_EQ(9u, lines) << output;
+  // RPCs over the same three kinds of connection, after the requests above
+  // left requests of every kind in the pool.
+  const std::string rpc_who[] = {"ok: " + who_plain, "ok: " + who_tls, "ok: " + who_mutual};
+  for (int i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    const std::string target = "127.0.0.1:" + std::to_string(servers[i]->localAddress().port());
+    RPCChannelPtr channel =
+        i == 0 ? RPCChannel::create(SocketAddress("127.0.0.1", servers[i]->localAddress().port()))
+               : RPCChannel::create(target, channelTls("ca.pem", i == 2));
+    ASSERT_TRUE(channel);
+    const std::string first = callEcho(channel.get());
+    EXPECT_EQ(0u, first.find(rpc_who[i])) << first;
+    EXPECT_EQ(first, callEcho(channel.get()));
+  }
+}
+
 // Answers written outside their connection's read, many in one callback:
 // twenty clients park a request each, and the last to arrive completes them
 // all, each with an answer of its own. Idle connections keep no write event
