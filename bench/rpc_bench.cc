@@ -28,9 +28,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/prctl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -270,6 +270,7 @@ struct Round {
   double calls_per_second = 0;
   std::vector<double> latencies_us;
   double server_cpu_seconds = -1;  // inside the window; negative when unknown
+  double client_cpu_seconds = -1;  // this process's, inside the window
 };
 
 Round summarise(const std::string& what, Recorder& recorder) {
@@ -294,6 +295,10 @@ struct Result {
   // All rounds' server CPU over all their calls; negative when unknown.
   double server_cpu_us = -1;
   std::vector<double> per_round;  // calls/s of each valid round, in order
+  // CPU µs per call of each valid round, server and client (this process);
+  // negative when unknown.
+  std::vector<double> server_us_per_round;
+  std::vector<double> client_us_per_round;
 };
 
 // The latency below which `fraction` of the sorted samples lie.
@@ -310,6 +315,11 @@ Result combine(std::vector<Round>& rounds) {
   for (Round& round : rounds) {
     if (!round.valid) continue;
     result.per_round.push_back(round.calls_per_second);
+    const double calls = static_cast<double>(round.latencies_us.size());
+    result.server_us_per_round.push_back(
+        round.server_cpu_seconds >= 0 && calls > 0 ? round.server_cpu_seconds * 1e6 / calls : -1);
+    result.client_us_per_round.push_back(
+        round.client_cpu_seconds >= 0 && calls > 0 ? round.client_cpu_seconds * 1e6 / calls : -1);
     latencies.insert(latencies.end(), round.latencies_us.begin(), round.latencies_us.end());
     cpu_known = cpu_known && round.server_cpu_seconds >= 0;
     cpu_seconds += round.server_cpu_seconds;
@@ -932,13 +942,33 @@ void printTables(const Options& options, const std::vector<Side>& sides) {
     }
   }
 
-  // The rounds behind the medians, so that a noisy run shows as one.
-  std::printf("\ncalls/s per round\n");
+  // The rounds behind the medians, so that a noisy run shows as one: each
+  // round's calls/s, and its CPU µs per call on the server and in this (the
+  // client's) process, so that a low round shows which side moved.
+  std::printf("\ncalls/s per round (server µs/call, client µs/call)\n");
   for (size_t i = 0; i < options.in_flight.size(); ++i) {
     for (const Side& side : sides) {
-      if (side.results[i].per_round.empty()) continue;
+      const Result& result = side.results[i];
+      if (result.per_round.empty()) continue;
       std::string line = std::to_string(options.in_flight[i]) + " in flight, " + side.label + ":";
-      for (double per_round : side.results[i].per_round) line += " " + format(per_round, "%.0f");
+      for (size_t r = 0; r < result.per_round.size(); ++r) {
+        const double server_us = result.server_us_per_round[r];
+        const double client_us = result.client_us_per_round[r];
+        line += " " + format(result.per_round[r], "%.0f") + " (" +
+                (server_us < 0 ? "-" : format(server_us, "%.1f")) + ", " +
+                (client_us < 0 ? "-" : format(client_us, "%.1f")) + ")";
+      }
+      std::printf("  %s\n", line.c_str());
+    }
+    // Ours over gRPC round by round: the two sides of a round run back to
+    // back, so a burst of outside load weighs on both.
+    const Result& ours = sides[0].results[i];
+    const Result& grpc = sides[1].results[i];
+    if (ours.per_round.size() == grpc.per_round.size() && !ours.per_round.empty()) {
+      std::string line = std::to_string(options.in_flight[i]) + " in flight, ours / gRPC:";
+      for (size_t r = 0; r < ours.per_round.size(); ++r) {
+        line += " " + format(ours.per_round[r] / grpc.per_round[r], "%.2f");
+      }
       std::printf("  %s\n", line.c_str());
     }
   }
@@ -1489,8 +1519,11 @@ int main(int argc, char** argv) {
         const Clock::time_point start = Clock::now();
         CpuSampler cpu(side.server.pid, Recorder::windowStart(options, start),
                        Recorder::windowEnd(options, start));
+        CpuSampler client_cpu(getpid(), Recorder::windowStart(options, start),
+                              Recorder::windowEnd(options, start));
         Round measured = side.run(options, side.server, options.in_flight[i], start);
         measured.server_cpu_seconds = cpu.seconds();
+        measured.client_cpu_seconds = client_cpu.seconds();
         rounds[&side - sides.data()].push_back(std::move(measured));
         side.up = serverAlive(side.kind, &side.server);
       }

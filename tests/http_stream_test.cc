@@ -169,11 +169,12 @@ TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
-// Async answers run their done inside the handler ('n'), or are held and
-// done later from the test's thread, last first ('h'), among plain answers
-// ('p'), all pipelined in one write: whichever way each async answer waits
-// (alone, or in line behind or before others), the bytes go out in request
-// order, each once, and nothing behind a held answer overtakes it.
+// Async answers run their done inside the handler ('n'), on the event thread
+// after the handler returned ('d', as a handler that waits on another event
+// of the loop does), or are held and done later from the test's thread, last
+// first ('h'), among plain answers ('p'), all pipelined in one write: whichever way each async
+// answer waits (alone, or in line behind or before others), the bytes go out in request order, each
+// once, and nothing behind a held answer overtakes it.
 TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) {
   DoneList dones;
   const auto serve = [this, &dones] {
@@ -190,13 +191,24 @@ TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) 
           setText(response, request->url.path());
           dones.add(std::move(done));
         });
+    server_->registerAsyncHandler("/d/.*",
+                                  [](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                                     std::function<void()> done) {
+                                    setText(response, request->url.path());
+                                    vantu::defer([done] {
+                                      done();
+                                      done();
+                                    });
+                                  });
     server_->registerHandler("/p/.*",
                              [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
                                setText(response, request->url.path());
                              });
   };
   serve();
-  const char* const kCases[] = {"n", "h", "nn", "hh", "nhp", "hn", "hp", "phn", "nhhp", "hnph"};
+  const char* const kCases[] = {"n",    "h",    "nn",  "hh",   "nhp",  "hn",   "hp",   "phn",
+                                "nhhp", "hnph", "d",   "dd",   "dpd",  "dn",   "hd",   "dh",
+                                "ndhp", "hdnd", "pdh", "dhdp", "dnpn", "hddh", "pnhdp"};
   size_t held_before = 0;
   for (const std::string kinds : kCases) {
     SCOPED_TRACE(kinds);
