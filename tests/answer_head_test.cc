@@ -149,6 +149,9 @@ TEST(AnswerHeadTest, RememberedHeadServesOnlyAnswersMadeLikeIt) {
   auto base = [] {
     HttpResponse response;
     response.setContentType("text/plain");
+    response.setHeader("X-Id", "7");
+    response.setHeader("X-Trace", "abcdef");
+    response.setHeader("X-Long", "0123456789abcdefghijklmnopqrstuvwxyz");
     response.content.assign(14, 'h');
     return response;
   };
@@ -165,6 +168,14 @@ TEST(AnswerHeadTest, RememberedHeadServesOnlyAnswersMadeLikeIt) {
       {"no content", [](HttpResponse* r) { r->content.clear(); }, &kDate, true},
       {"value's last byte", [](HttpResponse* r) { r->setContentType("text/plaim"); }, &kDate, true},
       {"value one longer", [](HttpResponse* r) { r->setContentType("text/plains"); }, &kDate, true},
+      {"short value", [](HttpResponse* r) { r->setHeader("X-Id", "8"); }, &kDate, true},
+      {"value's first byte", [](HttpResponse* r) { r->setHeader("X-Trace", "bbcdef"); }, &kDate,
+       true},
+      {"value's sixth byte", [](HttpResponse* r) { r->setHeader("X-Trace", "abcdeg"); }, &kDate,
+       true},
+      {"long value's middle",
+       [](HttpResponse* r) { r->setHeader("X-Long", "0123456789abcdefghijklmNopqrstuvwxyz"); },
+       &kDate, true},
       {"name's case",
        [](HttpResponse* r) {
          r->headers.erase("Content-Type");
@@ -173,6 +184,12 @@ TEST(AnswerHeadTest, RememberedHeadServesOnlyAnswersMadeLikeIt) {
        &kDate, true},
       {"field added", [](HttpResponse* r) { r->setHeader("X-Id", "7"); }, &kDate, true},
       {"field removed", [](HttpResponse* r) { r->headers.erase("Content-Type"); }, &kDate, true},
+      {"field renamed",
+       [](HttpResponse* r) {
+         r->headers.erase("X-Id");
+         r->setHeader("X-Ie", "7");
+       },
+       &kDate, true},
       {"stored length", [](HttpResponse* r) { r->setHeader("Content-Length", "14"); }, &kDate,
        true},
       {"status", [](HttpResponse* r) { r->status_code = HttpResponse::kCreated; }, &kDate, true},
