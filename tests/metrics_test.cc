@@ -193,6 +193,29 @@ TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
   waitForDeferredWork();
 }
 
+// The requests a read brought are counted in one run, handed over when their
+// answers are reported sent: a peer that has its answers, on a connection
+// that stays open and quiet, finds them in a scrape made on another thread.
+TEST(MetricsTest, AnswersReadByThePeerAreAlreadyCounted) {
+  std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(server);
+  std::shared_ptr<prometheus::Registry> registry = exposeMetrics(*server);
+  ASSERT_TRUE(registry);
+  server->registerHandler("/x", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    response->content = {'o', 'k'};
+  });
+  const std::string answer =
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nok";
+  vantu::testing::LoopbackClient client(server->localAddress().port());
+  client.write(get("/x") + get("/x") + get("/x"));
+  ASSERT_EQ(answer + answer + answer, client.read(3 * answer.size()));
+  EXPECT_EQ(
+      3,
+      samples(metricsText(*registry)).at("relay_http_requests_total{code=\"200\",handler=\"/x\"}"));
+  server.reset();
+  waitForDeferredWork();
+}
+
 TEST(MetricsTest, PeerChosenRpcNamesAreBounded) {
   auto registry = std::make_shared<prometheus::Registry>();
   std::shared_ptr<MetricsObserver> observer = MetricsObserver::create(registry);
