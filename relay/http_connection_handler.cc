@@ -69,8 +69,8 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
       // Not copied at all: the socket sends the content where it lies and
       // frees it once sent. The answer's content is spent.
       sendGathered();
-      sendOwned(std::move(response->content));
       reportSent(content_size);
+      sendOwned(std::move(response->content));
     } else if (content_size > 0) {
       gathered_->append(response->content.data(), content_size);
     }
@@ -95,9 +95,9 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
         ordered_->hold(header, response->content.data(), content_size)) {
       return;
     }
+    reportSent(header.size() + content_size);
     send(header);
     if (with_content) send(response->content.data(), content_size);
-    reportSent(header.size() + content_size);
   } else if (streaming_.load(std::memory_order_relaxed) &&
              ordered_->hold(header, response->content.data(), content_size)) {
     // Held, to go out after the stream.
@@ -106,9 +106,9 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
     gathered_->append(header);
     gatherContent();
   } else {
+    reportSent(header.size() + content_size);
     send(header);
     if (with_content) send(response->content.data(), content_size);
-    reportSent(header.size() + content_size);
   }
   if (header.capacity() > memory_policy::kLargestKeptHeadBuffer) std::string().swap(header);
 }
@@ -133,8 +133,11 @@ void HttpConnectionHandler::reportSent(size_t bytes) {
 
 void HttpConnectionHandler::sendGathered() {
   if (gathered_ == nullptr || gathered_->empty()) return;
-  send(*gathered_);
+  // Reported before the bytes go: an observer that counts answers in runs
+  // (the metrics) hands them over on this report, so that a peer who has
+  // the answers finds them counted.
   reportSent(gathered_->size());
+  send(*gathered_);
   gathered_->clear();
 }
 

@@ -8,9 +8,14 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "common/fast_thread_local.h"
 #include "common/logging.h"
@@ -34,11 +39,24 @@ const char* const kOutcomeNames[] = {"ok", "failed", "service_not_found", "metho
 
 // From 10 µs (what a small handler takes) to 10 s (a slow RPC), roughly
 // 1-2.5-5 per decade.
+constexpr double kLatencyBounds[] = {0.00001, 0.000025, 0.00005, 0.0001, 0.00025, 0.0005, 0.001,
+                                     0.0025,  0.005,    0.01,    0.025,  0.05,    0.1,    0.25,
+                                     0.5,     1,        2.5,     5,      10};
+constexpr size_t kLatencyBuckets = sizeof(kLatencyBounds) / sizeof(kLatencyBounds[0]) + 1;
+
 const prometheus::Histogram::BucketBoundaries& latencyBuckets() {
-  static const prometheus::Histogram::BucketBoundaries buckets = {
-      0.00001, 0.000025, 0.00005, 0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01,
-      0.025,   0.05,     0.1,     0.25,   0.5,     1,      2.5,   5,      10};
+  static const prometheus::Histogram::BucketBoundaries buckets(std::begin(kLatencyBounds),
+                                                               std::end(kLatencyBounds));
   return buckets;
+}
+
+// The bucket Histogram::Observe counts `value` in: the first whose bound is
+// not below it, or the last (+Inf). Searched from the shortest, where most
+// handler times fall.
+size_t latencyBucket(double value) {
+  size_t bucket = 0;
+  while (bucket + 1 < kLatencyBuckets && !(kLatencyBounds[bucket] >= value)) ++bucket;
+  return bucket;
 }
 
 uint64_t nextObserverId() {
@@ -72,11 +90,72 @@ prometheus::Counter* findOrAddCounter(std::vector<std::pair<int, prometheus::Cou
   return counter;
 }
 
+// The series a thread counted a request in last, and what it counted there
+// since it last handed the counts over (see requestAnswered). Thread-local.
+struct LastRequestSeries {
+  LastRequestSeries() = default;
+  LastRequestSeries(const LastRequestSeries&) = delete;
+  LastRequestSeries& operator=(const LastRequestSeries&) = delete;
+  ~LastRequestSeries();
+
+  // Adds what was counted to the series and starts again from zero.
+  void flush() {
+    if (pending_requests != 0) requests->Increment(static_cast<double>(pending_requests));
+    if (pending_durations != 0) {
+      duration->ObserveMultiple(pending_buckets, pending_sum);
+      std::fill(pending_buckets.begin(), pending_buckets.end(), 0.0);
+    }
+    pending_requests = 0;
+    pending_durations = 0;
+    pending_sum = 0;
+  }
+
+  uint64_t observer = 0;  // id of the MetricsObserver; 0 for none
+  int status = 0;
+  std::string handler;
+  // Keeps the series below alive while counts for them wait here.
+  std::shared_ptr<prometheus::Registry> registry;
+  prometheus::Counter* requests = nullptr;
+  prometheus::Histogram* duration = nullptr;  // null for "(none)"
+  // Counted and not yet handed over: requests, and the durations by bucket
+  // (as Histogram::ObserveMultiple takes them) with their sum.
+  uint64_t pending_requests = 0;
+  size_t pending_durations = 0;
+  std::vector<double> pending_buckets = std::vector<double>(kLatencyBuckets, 0.0);
+  double pending_sum = 0;
+};
+
+// This thread's LastRequestSeries, once it has one: a plain pointer, read on
+// every report at the cost of one load.
+VANTU_FAST_THREAD_LOCAL LastRequestSeries* tls_last_series = nullptr;
+
+LastRequestSeries::~LastRequestSeries() {
+  flush();
+  tls_last_series = nullptr;
+}
+
+// This thread's LastRequestSeries, made on its first use.
+LastRequestSeries& thisThreadSeries() {
+  if (tls_last_series == nullptr) {
+    // Reached once per thread: a thread_local with a destructor costs a
+    // look-up of its own on every use.
+    thread_local LastRequestSeries series;
+    tls_last_series = &series;
+  }
+  return *tls_last_series;
+}
+
+// Hands the counts this thread keeps over to their series.
+void flushThisThread() {
+  if (tls_last_series != nullptr) tls_last_series->flush();
+}
+
 }  // namespace
 
 const char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 std::string metricsText(const prometheus::Registry& registry) {
+  flushThisThread();
   return prometheus::TextSerializer().Serialize(registry.Collect());
 }
 
@@ -158,17 +237,23 @@ MetricsObserver::MetricsObserver(std::shared_ptr<prometheus::Registry> registry)
 MetricsObserver::~MetricsObserver() = default;
 
 void MetricsObserver::connectionOpened() {
+  flushThisThread();
   connections_accepted_->Increment();
   connections_open_->Increment();
 }
 
-void MetricsObserver::connectionClosed() { connections_open_->Decrement(); }
+void MetricsObserver::connectionClosed() {
+  flushThisThread();
+  connections_open_->Decrement();
+}
 
 void MetricsObserver::bytesReceived(size_t bytes) {
+  flushThisThread();
   received_bytes_->Increment(static_cast<double>(bytes));
 }
 
 void MetricsObserver::bytesSent(size_t bytes) {
+  flushThisThread();
   sent_bytes_->Increment(static_cast<double>(bytes));
 }
 
@@ -185,12 +270,12 @@ void MetricsObserver::requestAnswered(const std::string& pattern, int status,
   const bool matched = !pattern.empty();
   const std::string& handler = matched ? pattern : kNoHandler;
   // Most requests on a thread go where the one before went: each thread
-  // keeps the series it used last, which spares the lock and the hash. An
-  // observer's id is never reused, so a cached entry of one that is gone
-  // never matches.
-  VANTU_FAST_THREAD_LOCAL LastRequestSeries cached;
-  LastRequestSeries& last = cached;  // one thread-local look-up, not one per use
+  // keeps the series it used last, which spares the lock and the hash, and
+  // counts there until it hands the counts over. An observer's id is never
+  // reused, so a cached entry of one that is gone never matches.
+  LastRequestSeries& last = thisThreadSeries();
   if (last.observer != id_ || last.status != status || last.handler != handler) {
+    last.flush();
     MutexLock lock(mutex_);
     HandlerSeries& series = handlerSeries(handler);
     last.requests =
@@ -199,12 +284,18 @@ void MetricsObserver::requestAnswered(const std::string& pattern, int status,
       series.duration = &handler_duration_family_->Add({{"handler", handler}}, latencyBuckets());
     }
     last.duration = series.duration;
+    last.registry = registry_;
     last.observer = id_;
     last.status = status;
     last.handler = handler;
   }
-  last.requests->Increment();
-  if (matched) last.duration->Observe(seconds(handler_time));
+  ++last.pending_requests;
+  if (matched) {
+    const double value = seconds(handler_time);
+    last.pending_buckets[latencyBucket(value)] += 1;
+    last.pending_sum += value;
+    ++last.pending_durations;
+  }
 }
 
 MetricsObserver::RpcSeries& MetricsObserver::rpcSeries(const std::string& service,
@@ -265,6 +356,7 @@ void MetricsObserver::rpcFinished(const std::string& service, const std::string&
 }
 
 void MetricsObserver::requestRefused(int status, bool by_limit) {
+  flushThisThread();
   if (!by_limit) {
     parse_errors_->Increment();
     return;
@@ -286,6 +378,8 @@ std::shared_ptr<prometheus::Registry> exposeMetrics(
   server.registerHandler(HttpServer::literalPattern(path),
                          [registry](const HttpRequestPtr&, const HttpResponsePtr& response) {
                            response->setContentType(kMetricsContentType);
+                           // (metricsText first hands over this thread's
+                           // counts: the requests answered before the scrape.)
                            const std::string text = metricsText(*registry);
                            response->content.assign(text.begin(), text.end());
                          });

@@ -90,6 +90,13 @@ std::string metricsText(const prometheus::Registry& registry);
 // Made by create(); the registry is shared with whoever serves it. Thread-safe:
 // each label set is looked up once, then cached, and later events touch only
 // the cache (under a short lock) and the metric's own atomic counters.
+//
+// Requests answered are counted by the thread that answers them and handed
+// to the registry in one step at its next report of bytes read or sent, of a
+// connection opened or closed, or of a refusal, and before a scrape by
+// exposeMetrics or metricsText on that thread: a read's answers cost one
+// update of the registry instead of one each (the answers of one read are
+// sent, and their bytes reported, together).
 class MetricsObserver : public HttpServerObserver {
  public:
   // The peer-chosen service and method pairs kept under their own names.
@@ -127,15 +134,6 @@ class MetricsObserver : public HttpServerObserver {
     std::string service, method;                // its labels
     prometheus::Histogram* duration = nullptr;  // made on the first call a service ran
     prometheus::Counter* outcomes[5] = {};      // by RpcOutcome
-  };
-
-  // The series a thread counted a request in last (see requestAnswered).
-  struct LastRequestSeries {
-    uint64_t observer = 0;  // id_ of the observer; 0 for none
-    int status = 0;
-    std::string handler;
-    prometheus::Counter* requests = nullptr;
-    prometheus::Histogram* duration = nullptr;  // null for "(none)"
   };
 
   explicit MetricsObserver(std::shared_ptr<prometheus::Registry> registry);

@@ -139,6 +139,89 @@ TEST(AnswerHeadTest, AppendedHeadFollowsWhatIsGatheredUnchanged) {
   }
 }
 
+// A thread remembers its last head and, for an answer made like it, copies
+// it with the new length instead of writing it again. Each answer here
+// differs from the one before by one thing, a byte or a field: copying the
+// remembered head for it would be wrong. Each is written twice (the second
+// time from the remembered head) and then the first one again.
+TEST(AnswerHeadTest, RememberedHeadServesOnlyAnswersMadeLikeIt) {
+  const std::string kOtherDate = "Tue, 24 Nov 2026 11:48:48 GMT";
+  auto base = [] {
+    HttpResponse response;
+    response.setContentType("text/plain");
+    response.setHeader("X-Id", "7");
+    response.setHeader("X-Trace", "abcdef");
+    response.setHeader("X-Long", "0123456789abcdefghijklmnopqrstuvwxyz");
+    response.content.assign(14, 'h');
+    return response;
+  };
+  struct Variant {
+    const char* what;
+    void (*change)(HttpResponse*);
+    const std::string* date;
+    bool with_length;
+  };
+  const Variant kVariants[] = {
+      {"same", [](HttpResponse*) {}, &kDate, true},
+      {"shorter content", [](HttpResponse* r) { r->content.resize(9); }, &kDate, true},
+      {"longer content", [](HttpResponse* r) { r->content.resize(100000); }, &kDate, true},
+      {"no content", [](HttpResponse* r) { r->content.clear(); }, &kDate, true},
+      {"value's last byte", [](HttpResponse* r) { r->setContentType("text/plaim"); }, &kDate, true},
+      {"value one longer", [](HttpResponse* r) { r->setContentType("text/plains"); }, &kDate, true},
+      {"short value", [](HttpResponse* r) { r->setHeader("X-Id", "8"); }, &kDate, true},
+      {"value's first byte", [](HttpResponse* r) { r->setHeader("X-Trace", "bbcdef"); }, &kDate,
+       true},
+      {"value's sixth byte", [](HttpResponse* r) { r->setHeader("X-Trace", "abcdeg"); }, &kDate,
+       true},
+      {"long value's middle",
+       [](HttpResponse* r) { r->setHeader("X-Long", "0123456789abcdefghijklmNopqrstuvwxyz"); },
+       &kDate, true},
+      {"name's case",
+       [](HttpResponse* r) {
+         r->headers.erase("Content-Type");
+         r->setHeader("Content-type", "text/plain");
+       },
+       &kDate, true},
+      {"field added", [](HttpResponse* r) { r->setHeader("X-Id", "7"); }, &kDate, true},
+      {"field removed", [](HttpResponse* r) { r->headers.erase("Content-Type"); }, &kDate, true},
+      {"field renamed",
+       [](HttpResponse* r) {
+         r->headers.erase("X-Id");
+         r->setHeader("X-Ie", "7");
+       },
+       &kDate, true},
+      {"stored length", [](HttpResponse* r) { r->setHeader("Content-Length", "14"); }, &kDate,
+       true},
+      {"status", [](HttpResponse* r) { r->status_code = HttpResponse::kCreated; }, &kDate, true},
+      {"own phrase", [](HttpResponse* r) { r->status_string = "Fine"; }, &kDate, true},
+      {"next second", [](HttpResponse*) {}, &kOtherDate, true},
+      {"no date", [](HttpResponse*) {}, nullptr, true},
+      {"no length", [](HttpResponse*) {}, &kDate, false},
+      {"many fields",
+       [](HttpResponse* r) {
+         for (char c = 'a'; c <= 'l'; ++c) r->setHeader(std::string("X-") + c, "v");
+       },
+       &kDate, true},
+  };
+  for (const Variant& variant : kVariants) {
+    SCOPED_TRACE(variant.what);
+    HttpResponse first = base();
+    std::string head;
+    writeAnswerHead(&first, &kDate, &head);
+    ASSERT_EQ(expectedHead(first, &kDate, true), head);
+    HttpResponse response = base();
+    variant.change(&response);
+    const std::string expected = expectedHead(response, variant.date, variant.with_length);
+    for (int time = 0; time < 2; ++time) {
+      std::string out = "gathered";
+      appendAnswerHead(&response, variant.date, &out, variant.with_length);
+      EXPECT_EQ("gathered" + expected, out) << "time " << time;
+    }
+    writeAnswerHead(&first, &kDate, &head);
+    EXPECT_EQ(expectedHead(first, &kDate, true), head);
+  }
+}
+
 TEST(AnswerHeadTest, OutputHeaderStillStoresThePhraseAndTheLength) {
   HttpResponse response;
   response.status_code = HttpResponse::kNotFound;

@@ -193,6 +193,29 @@ TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
   waitForDeferredWork();
 }
 
+// The requests a read brought are counted in one run, handed over when their
+// answers are reported sent: a peer that has its answers, on a connection
+// that stays open and quiet, finds them in a scrape made on another thread.
+TEST(MetricsTest, AnswersReadByThePeerAreAlreadyCounted) {
+  std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
+  ASSERT_TRUE(server);
+  std::shared_ptr<prometheus::Registry> registry = exposeMetrics(*server);
+  ASSERT_TRUE(registry);
+  server->registerHandler("/x", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    response->content = {'o', 'k'};
+  });
+  const std::string answer =
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nok";
+  vantu::testing::LoopbackClient client(server->localAddress().port());
+  client.write(get("/x") + get("/x") + get("/x"));
+  ASSERT_EQ(answer + answer + answer, client.read(3 * answer.size()));
+  EXPECT_EQ(
+      3,
+      samples(metricsText(*registry)).at("relay_http_requests_total{code=\"200\",handler=\"/x\"}"));
+  server.reset();
+  waitForDeferredWork();
+}
+
 TEST(MetricsTest, PeerChosenRpcNamesAreBounded) {
   auto registry = std::make_shared<prometheus::Registry>();
   std::shared_ptr<MetricsObserver> observer = MetricsObserver::create(registry);
@@ -333,6 +356,80 @@ TEST(MetricsTest, CallsCompletedOnManyThreadsAllCount) {
           {"relay_http_parse_errors_total", 0},
       },
       samples(metricsText(*registry)));
+}
+
+// A thread counts the requests it answers and hands the counts to the
+// registry at its next report of bytes or connections, or before a scrape on
+// it. The text must be what counting each request at once gives: one
+// observer is given each request alone (a report after each), another the
+// same requests in runs; both are checked against counts made here, and
+// their texts against each other byte for byte. The durations are exact
+// binary fractions (so that any order of adding them gives the same sum),
+// some of them exactly on a bucket's bound, one past the last bound.
+TEST(MetricsTest, RequestsCountedInRunsScrapeAsCountedOneByOne) {
+  const int64_t kMicroseconds[] = {15625,   31250,   62500,    125000, 250000, 500000,
+                                   1000000, 2000000, 16000000, 250000, 15625,  0};
+  struct Answer {
+    const char* pattern;  // "" when no handler took it
+    int status;
+  };
+  const Answer kAnswers[] = {{"/a", 200}, {"/a", 200}, {"/a", 404}, {"", 404},
+                             {"/b", 200}, {"/a", 200}, {"/a", 200}};
+  auto one_by_one = std::make_shared<prometheus::Registry>();
+  auto in_runs = std::make_shared<prometheus::Registry>();
+  std::shared_ptr<MetricsObserver> single = MetricsObserver::create(one_by_one);
+  std::shared_ptr<MetricsObserver> batched = MetricsObserver::create(in_runs);
+  ASSERT_TRUE(single && batched);
+  std::map<std::string, double> expected;
+  auto key = [](const std::string& name, const std::string& labels) {
+    return name + "{" + labels + "}";
+  };
+  int n = 0;
+  for (const Answer& answer : kAnswers) {
+    for (int64_t us : kMicroseconds) {
+      const Duration time = Duration::microseconds(us);
+      single->requestAnswered(answer.pattern, answer.status, time);
+      single->bytesSent(0);
+      batched->requestAnswered(answer.pattern, answer.status, time);
+      // Runs of every length from 1 to 5, ended by one report or another
+      // (which the other observer is given as well, after its own).
+      for (const std::shared_ptr<MetricsObserver>& observer : {batched, single}) {
+        if (n % 6 == 5) observer->bytesReceived(0);
+        if (n % 7 == 6) observer->connectionOpened();
+        if (n % 11 == 10) observer->connectionClosed();
+        if (n % 13 == 12) observer->requestRefused(400, false);
+      }
+      ++n;
+      const std::string handler = *answer.pattern != '\0' ? answer.pattern : "(none)";
+      expected[key("relay_http_requests_total", "code=\"" + std::to_string(answer.status) +
+                                                    "\",handler=\"" + handler + "\"")] += 1;
+      if (*answer.pattern == '\0') continue;
+      const double seconds = static_cast<double>(us) / 1e6;
+      const std::string labels = "handler=\"" + handler + "\"";
+      expected[key("relay_http_handler_duration_seconds_count", labels)] += 1;
+      expected[key("relay_http_handler_duration_seconds_sum", labels)] += seconds;
+      for (const char* bound :
+           {"1e-05",  "2.5e-05", "5e-05", "0.0001", "0.00025", "0.0005", "0.001",
+            "0.0025", "0.005",   "0.01",  "0.025",  "0.05",    "0.1",    "0.25",
+            "0.5",    "1",       "2.5",   "5",      "10",      "+Inf"}) {
+        const bool counted = std::string(bound) == "+Inf" || seconds <= std::strtod(bound, nullptr);
+        expected[key("relay_http_handler_duration_seconds_bucket",
+                     labels + ",le=\"" + bound + "\"")] += counted ? 1 : 0;
+      }
+    }
+  }
+  // The last run is handed over by the scrape itself.
+  const std::string batched_text = metricsText(*in_runs);
+  const std::string single_text = metricsText(*one_by_one);
+  EXPECT_EQ(single_text, batched_text);
+  std::map<std::string, double> scraped;
+  for (const auto& sample : samples(batched_text, true)) {
+    if (sample.first.rfind("relay_http_", 0) == 0 &&
+        sample.first.rfind("relay_http_parse_errors", 0) != 0) {
+      scraped.insert(sample);
+    }
+  }
+  expectSamples(expected, scraped);
 }
 
 }  // namespace
