@@ -43,7 +43,7 @@ tsan: deps
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DHSL_BUILD_EXAMPLES=OFF \
 	  -DHSL_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++
 	cmake --build build-tsan -j$(JOBS)
-	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/scripts/tsan.supp \
 	  ctest --output-on-failure -j$(JOBS) -L threaded --timeout 600
 
 # Each mutant of scripts/mutants.toml applied in a scratch build (build-mutate/),
