@@ -17,20 +17,6 @@ constexpr const char* kTlsVersions[] = {"", "TLSv1.2", "TLSv1.3"};
 
 }  // namespace
 
-std::shared_ptr<const PeerInfo> PeerInfo::of(ConnectionInfo* connection) {
-  auto peer = std::make_shared<PeerInfo>();
-  if (connection == nullptr) return peer;
-  peer->address = connection->peerAddress();
-  TlsSessionInfo session;
-  if (connection->tlsSession(&session)) {
-    peer->tls = true;
-    peer->tls_version = std::move(session.version);
-    peer->client_subject = std::move(session.peer_subject);
-    peer->client_sans = std::move(session.peer_sans);
-  }
-  return peer;
-}
-
 const PeerInfo& PeerInfo::unknown() {
   static const PeerInfo* const kUnknown = new PeerInfo;
   return *kUnknown;

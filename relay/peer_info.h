@@ -38,9 +38,6 @@ struct PeerInfo {
   std::string client_subject;
   std::vector<std::string> client_sans;
 
-  // From the transport under a connection; an empty PeerInfo for null.
-  // Event thread.
-  static std::shared_ptr<const PeerInfo> of(ConnectionInfo* connection);
   // The PeerInfo of a request that came from no connection (made by hand, or
   // in a test): nothing known.
   static const PeerInfo& unknown();
