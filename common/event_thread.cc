@@ -250,20 +250,24 @@ class EventThread {
   std::unordered_map<TimerState*, std::shared_ptr<TimerState>> armed_;
 };
 
-EventThread* the_thread = nullptr;
+// Atomic because stopEventThreadAtExit may run on a thread that did not make it.
+std::atomic<EventThread*> the_thread{nullptr};
 
-void stopAtExit() { the_thread->stop(); }
+void stopAtExit() { the_thread.load(std::memory_order_acquire)->stop(); }
 
 EventThread& instance() {
   static EventThread* thread = [] {
-    the_thread = new EventThread;
+    EventThread* made = new EventThread;
+    the_thread.store(made, std::memory_order_release);
     atexit(stopAtExit);
-    return the_thread;
+    return made;
   }();
   return *thread;
 }
 
-EventThread& EventThread::instanceForCallbacks() { return *the_thread; }
+EventThread& EventThread::instanceForCallbacks() {
+  return *the_thread.load(std::memory_order_acquire);
+}
 
 }  // namespace
 
@@ -330,6 +334,11 @@ bool runOnEventThreadAndWait(const std::function<void()>& fn) {
 }
 
 bool isEventThread() { return on_event_thread; }
+
+void stopEventThreadAtExit() {
+  EventThread* thread = the_thread.load(std::memory_order_acquire);
+  if (thread != nullptr) thread->stop();
+}
 
 struct event_base* eventThreadBase() {
   return instance().base();

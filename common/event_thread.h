@@ -78,6 +78,12 @@ struct event_base* eventThreadBase();
 // close connections that are still open so that nothing outlives the loop.
 void atEventThreadStop(const std::function<void()>& fn);
 
+// From an exit handler only: stops the event thread now, as its own exit
+// handler would later, if it ever started (it does not start it). For a
+// library whose exit handler tears down what the thread's last work still
+// uses: registered after the thread started, that handler runs first.
+void stopEventThreadAtExit();
+
 }  // namespace vantu
 
 #endif  // COMMON_EVENT_THREAD_H_

@@ -6,7 +6,6 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
-#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -49,27 +48,22 @@ std::string takeOpenSslError() {
 // about 10 kB) as the thread ends, unless its exit handler ran before, which
 // it does when OpenSSL was first used after the event thread started: exit
 // handlers run in reverse order, and the event thread stops in one of its
-// own. So an exit handler that runs before OpenSSL's frees the event
-// thread's share while OpenSSL can still do it.
-std::atomic<bool> event_thread_used_openssl{false};
-
-void freeEventThreadState() {
-  if (event_thread_used_openssl.load(std::memory_order_acquire)) {
-    runOnEventThreadAndWait([] { OPENSSL_thread_stop(); });
-  }
-}
-
-void freeEventThreadStateAtExit() {
+// own. So an exit handler that runs just before OpenSSL's stops the event
+// thread there. Its last work (connections that close as their peers go)
+// still finds OpenSSL whole, and its state is freed as it ends. Freeing only
+// that thread's state there is not enough: a connection that closed before
+// OpenSSL's handler ran made a new error queue, which then leaked.
+void stopEventThreadBeforeOpenSslExits() {
   static std::once_flag once;
   std::call_once(once, [] {
     // OpenSSL's exit handler first, so that this one runs before it.
     OPENSSL_init_ssl(0, nullptr);
-    atexit(freeEventThreadState);
+    atexit(stopEventThreadAtExit);
   });
 }
 
 SSL_CTX* newContext(bool server) {
-  freeEventThreadStateAtExit();
+  stopEventThreadBeforeOpenSslExits();
   SSL_CTX* context = SSL_CTX_new(server ? TLS_server_method() : TLS_client_method());
   if (context == nullptr) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -263,7 +257,6 @@ class ThreadBio {
  public:
   explicit ThreadBio(BIO_METHOD* method) : bio_(BIO_new(method)) {
     if (bio_ != nullptr) BIO_set_init(bio_, 1);
-    if (isEventThread()) event_thread_used_openssl.store(true, std::memory_order_release);
   }
   ~ThreadBio() { BIO_free(bio_); }
   ThreadBio(const ThreadBio&) = delete;
