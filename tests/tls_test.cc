@@ -2,6 +2,7 @@
 // (curl, Python's ssl module, openssl s_client) and against our own channel,
 // with certificates made for the run by scripts/make-test-certs.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -862,17 +863,45 @@ print(right)
   }
 }
 
+// Uses the event thread's own OpenSSL state (its error queue, made again if
+// it was freed) in every turn of the loop, for as long as the loop turns, as
+// connections whose peers go at exit do. (Looked up at run time: the tests
+// do not link libcrypto themselves.)
+unsigned long (*peek_openssl_error)() = nullptr;
+void useOpenSslInEveryTurn() {
+  peek_openssl_error();
+  defer(useOpenSslInEveryTurn);
+}
+
+// An exit handler between the library's and OpenSSL's: one more turn of the
+// event thread, if it still runs, in which it uses OpenSSL again.
+void waitForATurnOfTheEventThread() {
+  runOnEventThreadAndWait([] {});
+}
+
 // The child of the next test: the event thread starts before OpenSSL is first
-// used, then it makes a TLS handshake, and the process exits.
+// used, then it makes a TLS handshake and goes on using OpenSSL, and the
+// process exits.
 TEST(TlsExitTest, ChildUsesTlsAfterTheEventThreadStarted) {
   if (getenv("HSL_TLS_EXIT_CHILD") == nullptr) GTEST_SKIP() << "run by the next test";
   ASSERT_TRUE(runOnEventThreadAndWait([] {}));
+  // OpenSSL's exit handler made now, so that the next one runs after the
+  // library's (made with its first TLS context) and before OpenSSL's.
+  auto init_crypto =
+      reinterpret_cast<int (*)(uint64_t, const void*)>(dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto"));
+  peek_openssl_error = reinterpret_cast<unsigned long (*)()>(dlsym(RTLD_DEFAULT, "ERR_peek_error"));
+  ASSERT_TRUE(init_crypto && peek_openssl_error);
+  // (Any option but none: asked for nothing, it does nothing.)
+  const uint64_t kLoadCryptoStrings = 0x2;
+  ASSERT_EQ(1, init_crypto(kLoadCryptoStrings, nullptr));
+  atexit(waitForATurnOfTheEventThread);
   HttpServerOptions options;
   options.tls = serverTls("server", false);
   std::shared_ptr<HttpServer> server = startServer(options);
   ASSERT_TRUE(server);
   EXPECT_EQ("Hello, world!\n", shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") +
                                            " " + url(server, "/hello")));
+  defer(useOpenSslInEveryTurn);
 }
 
 // The event thread's own OpenSSL state is freed at exit even when OpenSSL's
