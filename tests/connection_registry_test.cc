@@ -10,6 +10,7 @@
 
 #include "common/event_thread.h"
 #include "relay/http_server.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace relay {
@@ -22,25 +23,12 @@ class RegistryTest : public ::testing::Test {
  protected:
   class Refusals : public HttpServerObserver {
    public:
-    void requestRefused(int status, bool) override {
-      MutexLock lock(mutex_);
-      statuses_.push_back(status);
-      changed_.notifyAll();
-    }
+    void requestRefused(int status, bool) override { statuses_.add(status); }
     // The statuses refused once `count` were, or what there is after 30 s.
-    std::vector<int> waitFor(size_t count) {
-      const Time deadline = Time::now() + Duration::seconds(30);
-      MutexLock lock(mutex_);
-      while (statuses_.size() < count && Time::now() < deadline) {
-        changed_.timedWaitAbsolute(mutex_, deadline);
-      }
-      return statuses_;
-    }
+    std::vector<int> waitFor(size_t count) { return statuses_.all(count); }
 
    private:
-    Mutex mutex_;
-    ConditionVariable changed_;
-    std::vector<int> statuses_ VANTU_GUARDED_BY(mutex_);
+    vantu::testing::Collected<int> statuses_;
   };
 
   void make(const HttpServerOptions& options) {

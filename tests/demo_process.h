@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tests/loopback_client.h"
+#include "tests/waiting.h"
 
 extern char** environ;
 
@@ -104,18 +105,6 @@ class DemoProcess {
   pid_t pid_ = -1;
   uint16_t port_ = 0;
 };
-
-// Asks `done` every few milliseconds, for up to 30 s, until it holds: for
-// what another process does, which nothing here is told of. False if it
-// never held.
-template <typename F>
-bool eventually(F done) {
-  for (int tries = 0; tries < 6000; ++tries) {
-    if (done()) return true;
-    poll(nullptr, 0, 5);
-  }
-  return done();
-}
 
 // The server's /metrics text, or "" when it cannot be read.
 inline std::string fetchMetrics(uint16_t port) {

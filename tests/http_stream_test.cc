@@ -16,9 +16,11 @@
 #include "relay/http_server.h"
 #include "relay/rpc.h"
 #include "test_services.pb.h"
+#include "tests/event_thread_blocker.h"
 #include "tests/loopback_client.h"
 #include "tests/shell_output.h"
 #include "tests/test_service.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace relay {
@@ -26,6 +28,8 @@ namespace {
 
 using vantu::testing::shellOutput;
 
+using vantu::testing::EventThreadBlocker;
+using vantu::testing::eventually;
 using vantu::testing::LoopbackClient;
 
 void setText(const HttpResponsePtr& response, const std::string& text) {
@@ -43,55 +47,11 @@ std::string plain(const std::string& text) {
          std::to_string(text.size()) + "\r\nContent-Type: text/plain\r\n\r\n" + text;
 }
 
-// Reads until `marker` has arrived (or the connection ends, or the client's
-// 30 s guard runs out).
-std::string readUntil(LoopbackClient* client, const std::string& marker, std::string* got) {
-  while (got->find(marker) == std::string::npos) {
-    std::string piece = client->read(1);
-    if (piece.empty()) break;
-    got->append(piece);
-  }
-  return *got;
-}
-
-// Waits, for at most 30 s, until `condition` holds.
-template <class Condition>
-bool eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 // The `done`s an async handler was given, in request order, for the test to
-// run when it likes. Any thread.
-class DoneList {
- public:
-  void add(std::function<void()> done) {
-    MutexLock lock(mutex_);
-    dones_.push_back(std::move(done));
-    changed_.notifyAll();
-  }
-  bool waitFor(size_t count) {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (dones_.size() < count) {
-      if (!changed_.timedWaitAbsolute(mutex_, deadline) && dones_.size() < count) return false;
-    }
-    return true;
-  }
-  std::function<void()> at(size_t index) {
-    MutexLock lock(mutex_);
-    return dones_.at(index);
-  }
-
- private:
-  Mutex mutex_;
-  ConditionVariable changed_;
-  std::vector<std::function<void()>> dones_ VANTU_GUARDED_BY(mutex_);
-};
+// run when it likes.
+using DoneList = vantu::testing::Collected<std::function<void()>>;
+// The stream a handler got, for the test to write when it likes.
+using StreamHolder = vantu::testing::Collected<HttpStreamPtr>;
 
 class StreamServerTest : public ::testing::Test {
  protected:
@@ -156,19 +116,6 @@ TEST_F(StreamServerTest, AnswerFromAnotherThreadBetweenTwoPlainOnesKeepsRequestO
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
-TEST_F(StreamServerTest, AsyncAnswersFinishingInReverseGoOutInRequestOrder) {
-  constexpr int kCount = 5;
-  DoneList dones;
-  LoopbackClient client(port());
-  const std::string expected = pipelineHeldAnswers(kCount, &dones, &client);
-  ASSERT_FALSE(HasFailure());
-  // The last first: nothing may go out before the first is done.
-  for (int i = kCount - 1; i > 0; --i) dones.at(i)();
-  EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook the first";
-  dones.at(0)();
-  EXPECT_EQ(expected, client.read(expected.size()));
-}
-
 // Async answers run their done inside the handler ('n'), on the event thread
 // after the handler returned ('d', as a handler that waits on another event
 // of the loop does), or are held and done later from the test's thread, last
@@ -206,9 +153,9 @@ TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) 
                              });
   };
   serve();
-  const char* const kCases[] = {"n",    "h",    "nn",  "hh",   "nhp",  "hn",   "hp",   "phn",
-                                "nhhp", "hnph", "d",   "dd",   "dpd",  "dn",   "hd",   "dh",
-                                "ndhp", "hdnd", "pdh", "dhdp", "dnpn", "hddh", "pnhdp"};
+  const char* const kCases[] = {"n",    "h",    "nn",  "hh",   "nhp",  "hn",   "hp",    "phn",
+                                "nhhp", "hnph", "d",   "dd",   "dpd",  "dn",   "hd",    "dh",
+                                "ndhp", "hdnd", "pdh", "dhdp", "dnpn", "hddh", "pnhdp", "hhhhh"};
   size_t held_before = 0;
   for (const std::string kinds : kCases) {
     SCOPED_TRACE(kinds);
@@ -231,7 +178,10 @@ TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) 
       ASSERT_TRUE(dones.waitFor(held_before + held));
       EXPECT_EQ(before_held, client.read(before_held.size()));
       EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook a held one";
-      for (size_t i = held; i > 0; --i) dones.at(held_before + i - 1)();
+      // The last first: nothing may go out before the first held one is done.
+      for (size_t i = held; i > 1; --i) dones.at(held_before + i - 1)();
+      EXPECT_FALSE(client.waitReadable(50)) << "an answer overtook the first held one";
+      dones.at(held_before)();
       EXPECT_EQ(expected.substr(before_held.size()),
                 client.read(expected.size() - before_held.size()));
     }
@@ -338,20 +288,13 @@ TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/n/1")));
   ASSERT_TRUE(dones.waitFor(1));
-  // The event thread waits until released.
-  std::atomic<bool> holding{false};
-  std::atomic<bool> release{false};
-  defer([&] {
-    holding = true;
-    eventually([&] { return release.load(); });
-  });
-  ASSERT_TRUE(eventually([&] { return holding.load(); }));
+  auto blocker = std::make_unique<EventThreadBlocker>();
   std::function<void()> done = dones.at(0);
   EXPECT_TRUE(answerStillWanted(done));
   done();
   EXPECT_FALSE(answerStillWanted(done));
   std::thread(done).join();
-  release = true;
+  blocker.reset();
   EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
   EXPECT_FALSE(client.waitReadable(50)) << "the answer was written twice";
 }
@@ -373,9 +316,6 @@ TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextA
                              std::thread(first).join();
                              setText(response, "ran");
                            });
-  // Outlive the block: the event thread reads them after it.
-  std::atomic<bool> holding{false};
-  std::atomic<bool> release{false};
   LoopbackClient runner(port());
   {
     LoopbackClient leaving(port());
@@ -384,18 +324,12 @@ TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextA
     // A turn of the loop that reads the runner, so that the kernel lists it
     // before the leaving client when both are ready next.
     ASSERT_TRUE(runner.write(get("/none")));
-    std::string not_found;
-    EXPECT_EQ(0u, readUntil(&runner, "\r\n\r\n", &not_found).find("HTTP/1.1 404"));
+    EXPECT_EQ(0u, runner.readUntil("\r\n\r\n").find("HTTP/1.1 404"));
     // With the event thread held, the runner's request and then the reset
     // reach the server, so that one turn of the loop sees both in that order.
-    defer([&] {
-      holding = true;
-      eventually([&] { return release.load(); });
-    });
-    ASSERT_TRUE(eventually([&] { return holding.load(); }));
+    EventThreadBlocker blocker;
     ASSERT_TRUE(runner.write(get("/run-first")));
     leaving.abort();
-    release = true;
   }
   EXPECT_EQ(plain("ran"), runner.read(plain("ran").size()));
   waitForDeferredWork();
@@ -423,44 +357,34 @@ TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStr
         setText(response, "late");
         dones.add(std::move(done));
       });
-  std::shared_ptr<HttpStream> stream;
-  Mutex mutex;
-  server_->registerStreamHandler("/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& s) {
-    MutexLock lock(mutex);
-    stream = s;
-  });
+  StreamHolder holder;
+  server_->registerStreamHandler(
+      "/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
   LoopbackClient client(port());
   const std::string call = vantu::testing::rpcRequest("relaytest.TestService", "Echo", "7",
                                                       vantu::testing::textMessage("hi"));
   ASSERT_TRUE(client.write(get("/later") + call));
   // The call's answer does not wait for the plain answer before it.
-  std::string got;
-  readUntil(&client, "hi", &got);
+  std::string got = client.readUntil("hi");
   EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
   EXPECT_NE(std::string::npos, got.find("Rpc-Id: 7")) << got;
   EXPECT_EQ(std::string::npos, got.find("late"));
   ASSERT_TRUE(dones.waitFor(1));
   dones.at(0)();
-  got.clear();
-  readUntil(&client, "late", &got);
+  client.readUntil("late");
 
   // A call answered while a stream is under way comes after the stream's end.
   ASSERT_TRUE(client.write(get("/stream")));
-  ASSERT_TRUE(eventually([&] {
-    MutexLock lock(mutex);
-    return stream != nullptr;
-  }));
-  ASSERT_TRUE(stream->write("one"));
-  got.clear();
-  readUntil(&client, "3\r\none\r\n", &got);
+  HttpStreamPtr stream = holder.at(0);
+  ASSERT_TRUE(stream && stream->write("one"));
+  client.readUntil("3\r\none\r\n");
   ASSERT_TRUE(client.write(call));
   ASSERT_TRUE(eventually([&] { return service->calls.load() == 2; }));
   std::thread([stream] {
     stream->write("two");
     stream->finish();
   }).join();
-  got.clear();
-  readUntil(&client, "hi", &got);
+  got = client.readUntil("hi");
   const size_t end = got.find("3\r\ntwo\r\n0\r\n\r\n");
   ASSERT_NE(std::string::npos, end) << got;
   EXPECT_EQ(0u, end) << "bytes came between the stream's chunks: " << got;
@@ -532,24 +456,17 @@ TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadOnly) {
 }
 
 TEST_F(StreamServerTest, RequestsPipelinedBehindAStreamWaitForItsEnd) {
-  std::shared_ptr<HttpStream> stream;
-  Mutex mutex;
-  server_->registerStreamHandler("/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& s) {
-    MutexLock lock(mutex);
-    stream = s;
-  });
+  StreamHolder holder;
+  server_->registerStreamHandler(
+      "/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
   server_->registerHandler("/plain", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
     setText(response, "after");
   });
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/stream") + get("/plain")));
-  ASSERT_TRUE(eventually([&] {
-    MutexLock lock(mutex);
-    return stream != nullptr;
-  }));
-  ASSERT_TRUE(stream->write("abc"));
-  std::string got;
-  readUntil(&client, "3\r\nabc\r\n", &got);
+  HttpStreamPtr stream = holder.at(0);
+  ASSERT_TRUE(stream && stream->write("abc"));
+  client.readUntil("3\r\nabc\r\n");
   EXPECT_FALSE(client.waitReadable(50)) << "the plain answer overtook the stream";
   stream->finish();
   const std::string rest = "0\r\n\r\n" + plain("after");
@@ -576,8 +493,7 @@ TEST_F(StreamServerTest, ClientVanishingMidStreamClosesIt) {
   {
     LoopbackClient client(port());
     ASSERT_TRUE(client.write(get("/s")));
-    std::string got;
-    readUntil(&client, "tick", &got);
+    client.readUntil("tick");
   }
   EXPECT_TRUE(eventually([&] { return closed.load() && write_failed.load(); }));
 }
@@ -659,28 +575,6 @@ TEST_F(StreamServerTest, WriterThatDoesNotWaitLosesTheStream) {
   EXPECT_LT(accepted.load(), size_t{8} * 1024 * 1024);
 }
 
-// Holds the stream a handler got, for the test to write when it likes.
-class StreamHolder {
- public:
-  void set(const HttpStreamPtr& stream) {
-    MutexLock lock(mutex_);
-    stream_ = stream;
-    changed_.notifyAll();
-  }
-  HttpStreamPtr wait() {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (!stream_ && changed_.timedWaitAbsolute(mutex_, deadline)) {
-    }
-    return stream_;
-  }
-
- private:
-  Mutex mutex_;
-  ConditionVariable changed_;
-  HttpStreamPtr stream_ VANTU_GUARDED_BY(mutex_);
-};
-
 // The header block of an answer (up to the blank line).
 std::string headOf(const std::string& answer) {
   return answer.substr(0, answer.find("\r\n\r\n") + 2);
@@ -720,8 +614,7 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
     });
     LoopbackClient client(port());
     ASSERT_TRUE(client.write(test.request));
-    std::string got;
-    readUntil(&client, test.chunked ? "0\r\n\r\n" : "hello", &got);
+    std::string got = client.readUntil(test.chunked ? "0\r\n\r\n" : "hello");
     const std::string head = headOf(got);
     EXPECT_EQ(0u, head.find("HTTP/1.1 202 Accepted\r\n")) << head;
     EXPECT_NE(std::string::npos,
@@ -754,10 +647,10 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
 TEST_F(StreamServerTest, StreamBegunWhileTheServerDrainsSaysConnectionClose) {
   StreamHolder holder;
   server_->registerStreamHandler(
-      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/s")));
-  HttpStreamPtr stream = holder.wait();
+  HttpStreamPtr stream = holder.at(0);
   ASSERT_TRUE(stream);
   // A connection with nothing owed closes as the drain begins, so once this
   // one has ended, the other connection knows it drains.
@@ -804,8 +697,7 @@ TEST_F(StreamServerTest, DrainDeadlineEndsALiveStreamCleanly) {
     });
     LoopbackClient client(port());
     ASSERT_TRUE(client.write(get("/s", test.version)));
-    std::string got;
-    readUntil(&client, "hello", &got);
+    std::string got = client.readUntil("hello");
     EXPECT_FALSE(server_->drain(Duration::milliseconds(100)));
     got += client.readToEnd();
     EXPECT_EQ(test.answer, got);
@@ -839,12 +731,10 @@ TEST_F(StreamServerTest, IdleTimeoutEndsOnlyAStreamThatStoppedWriting) {
   LoopbackClient idle(port()), writing(port());
   ASSERT_TRUE(idle.write(get("/idle")));
   ASSERT_TRUE(writing.write(get("/s")));
-  std::string got;
-  readUntil(&idle, "0\r\n\r\n", &got);
+  std::string got = idle.readUntil("0\r\n\r\n");
   EXPECT_NE(std::string::npos, got.find("5\r\nhello\r\n0\r\n\r\n")) << got;
   EXPECT_TRUE(eventually([&] { return closed.load(); }));
-  got.clear();
-  readUntil(&writing, "0\r\n\r\n", &got);
+  got = writing.readUntil("0\r\n\r\n");
   std::string pieces;
   for (int i = 0; i < kPieces; ++i) pieces += "1\r\np\r\n";
   EXPECT_EQ(pieces + "0\r\n\r\n", got.substr(got.find("\r\n\r\n") + 4));
@@ -854,17 +744,9 @@ TEST_F(StreamServerTest, IdleTimeoutEndsOnlyAStreamThatStoppedWriting) {
 class AnswerLog : public HttpServerObserver {
  public:
   void requestAnswered(const std::string& pattern, int status, Duration) override {
-    MutexLock lock(mutex_);
-    answers_.push_back(pattern + " " + std::to_string(status));
+    answers.add(pattern + " " + std::to_string(status));
   }
-  std::vector<std::string> answers() const {
-    MutexLock lock(mutex_);
-    return answers_;
-  }
-
- private:
-  mutable Mutex mutex_;
-  std::vector<std::string> answers_ VANTU_GUARDED_BY(mutex_);
+  vantu::testing::Collected<std::string> answers;
 };
 
 TEST_F(StreamServerTest, ObserverHearsOfAStreamWithTheStatusItBeganWith) {
@@ -872,7 +754,7 @@ TEST_F(StreamServerTest, ObserverHearsOfAStreamWithTheStatusItBeganWith) {
   server_->setObserver(log);
   StreamHolder holder;
   server_->registerStreamHandler(
-      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
   server_->registerStreamHandler("/gone", [](const HttpRequestPtr&, const HttpStreamPtr&) {});
   {
     // Abandoned before it began: never answered.
@@ -881,19 +763,18 @@ TEST_F(StreamServerTest, ObserverHearsOfAStreamWithTheStatusItBeganWith) {
   }
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/s")));
-  HttpStreamPtr stream = holder.wait();
+  HttpStreamPtr stream = holder.at(0);
   ASSERT_TRUE(stream);
   waitForDeferredWork();
-  EXPECT_TRUE(log->answers().empty()) << "told before the stream began";
+  EXPECT_TRUE(log->answers.all().empty()) << "told before the stream began";
   auto response = std::make_shared<HttpResponse>();
   response->status_code = HttpResponse::kPartialContent;
   stream->start(response);
   stream->write("x");
-  std::string got;
-  readUntil(&client, "1\r\nx\r\n", &got);
+  client.readUntil("1\r\nx\r\n");
   stream->finish();
   waitForDeferredWork();
-  EXPECT_EQ(std::vector<std::string>{"/s 206"}, log->answers());
+  EXPECT_EQ(std::vector<std::string>{"/s 206"}, log->answers.all());
 }
 
 TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
@@ -917,7 +798,7 @@ TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
     StreamHolder holder;
     server_->registerStreamHandler(
         "/stream",
-        [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.set(stream); });
+        [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
     server_->registerHandler("/plain",
                              [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
                                setText(response, request->body);
@@ -926,11 +807,10 @@ TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
     std::string earlier;
     if (stream_first) {
       ASSERT_TRUE(client.write(get("/stream")));
-      HttpStreamPtr stream = holder.wait();
+      HttpStreamPtr stream = holder.at(0);
       ASSERT_TRUE(stream);
       stream->write("one");
-      std::string got;
-      readUntil(&client, "3\r\none\r\n", &got);
+      client.readUntil("3\r\none\r\n");
       ASSERT_TRUE(client.write(post));
       EXPECT_FALSE(client.waitReadable(50)) << "the interim answer split the stream";
       stream->write("two");
@@ -945,13 +825,11 @@ TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
           "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 4\r\n"
           "Content-Type: text/plain\r\nDate: ";
     }
-    std::string got;
-    readUntil(&client, kContinue, &got);
+    std::string got = client.readUntil(kContinue);
     ASSERT_EQ(0u, got.find(earlier)) << got;
     EXPECT_EQ(got.size() - kContinue.size(), got.find(kContinue)) << got;
     ASSERT_TRUE(client.write("ok"));
-    got.clear();
-    readUntil(&client, "\r\n\r\nok", &got);
+    got = client.readUntil("\r\n\r\nok");
     EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
   }
 }

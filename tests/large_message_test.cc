@@ -5,8 +5,6 @@
 // reference and are reserved from their Content-Length; what these tests
 // watch is that every byte still arrives, once, in order, with the right call.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,13 +33,16 @@
 #include "relay/rpc.h"
 #include "test_service.h"
 #include "tests/scripted_server.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace relay {
 namespace {
 
+using ::vantu::testing::eventually;
 using ::vantu::testing::LoopbackClient;
 using ::vantu::testing::TestServiceImpl;
+using ::vantu::testing::textMessage;
 
 // `size` letters, different for every `seed`: a reply given to the wrong
 // call, or with a piece missing or repeated, does not compare equal.
@@ -274,11 +275,7 @@ TEST(LargeMessageTest, ConnectionsDeclaringHugeBodiesDoNotReserveThem) {
       ASSERT_TRUE(clients.back()->write(request));
     }
     // Every byte read, and parsed in the same turn of the event thread.
-    const Time give_up = Time::now() + Duration::seconds(30);
-    while (received->total() < kConnections * request.size() && Time::now() < give_up) {
-      waitForDeferredWork();
-    }
-    ASSERT_EQ(kConnections * request.size(), received->total());
+    ASSERT_TRUE(eventually([&] { return received->total() == kConnections * request.size(); }));
     waitForDeferredWork();
     const long grown_kb = addressSpaceKb() - before_kb;
     // A megabyte each would be far more than the bound; a reservation of the
@@ -430,18 +427,9 @@ TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
   channel.reset();
 }
 
-// The head of an RPC request for relaytest.TestService's `method`, as any
-// client may write it.
-std::string rpcHead(const std::string& method, const std::string& id, size_t body_size) {
-  return "POST / HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(body_size) +
-         "\r\nRpc-Id: " + id + "\r\nRpc-Service: relaytest.TestService\r\nRpc-Method: " + method +
-         "\r\n\r\n";
-}
-
-std::string textMessage(const std::string& text) {
-  relaytest::Text message;
-  message.set_text(text);
-  return message.SerializeAsString();
+// A call of relaytest.TestService's `method`, as any client may write it.
+std::string call(const std::string& method, const std::string& id, const std::string& body) {
+  return vantu::testing::rpcRequest("relaytest.TestService", method, id, body);
 }
 
 // The value of header `name` in an answer's head; empty when absent.
@@ -476,9 +464,7 @@ struct CountingServer {
   bool writePiece(LoopbackClient* client, const std::string& bytes) {
     if (!client->write(bytes)) return false;
     sent += bytes.size();
-    const Time give_up = Time::now() + Duration::seconds(30);
-    while (received->total() < sent && Time::now() < give_up) waitForDeferredWork();
-    return received->total() == sent;
+    return eventually([&] { return received->total() == sent; });
   }
 
   std::shared_ptr<TestServiceImpl> service = std::make_shared<TestServiceImpl>();
@@ -487,12 +473,16 @@ struct CountingServer {
   size_t sent = 0;
 };
 
-std::unique_ptr<LoopbackClient> noDelayClient(uint16_t port) {
-  auto client = std::make_unique<LoopbackClient>(port);
-  // Each small piece leaves at once, not after the server's delayed ACK.
-  const int one = 1;
-  setsockopt(client->fd(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-  return client;
+// Reads the next answer on *client: call `id`'s, carrying `body`.
+void expectAnswer(LoopbackClient* client, std::string* pending, const std::string& id,
+                  const std::string& body) {
+  SCOPED_TRACE("call " + id);
+  std::string head;
+  const std::string answer = readAnswerBody(client, pending, &head);
+  EXPECT_EQ(id, headerValue(head, "Rpc-Id"));
+  EXPECT_EQ("0", headerValue(head, "Rpc-Failed"));
+  EXPECT_EQ(body.size(), answer.size());
+  EXPECT_TRUE(answer == body);
 }
 
 TEST(LargeMessageTest, BodiesSplitAnywhereAcrossReadsDecodeByteForByte) {
@@ -504,8 +494,8 @@ TEST(LargeMessageTest, BodiesSplitAnywhereAcrossReadsDecodeByteForByte) {
   // twice changes an answer.
   const std::string first_body = textMessage(letters(300000, 1));
   const std::string second_body = textMessage(letters(299999, 2));
-  const std::string first = rpcHead("Echo", "41", first_body.size()) + first_body;
-  const std::string second = rpcHead("Echo", "-7", second_body.size()) + second_body;
+  const std::string first = call("Echo", "41", first_body);
+  const std::string second = call("Echo", "-7", second_body);
   const std::string stream = first + second;
   const size_t head_end = first.size() - first_body.size();
   const size_t body_end = first.size();
@@ -532,27 +522,17 @@ TEST(LargeMessageTest, BodiesSplitAnywhereAcrossReadsDecodeByteForByte) {
       SCOPED_TRACE(plan.name);
       CountingServer counting(strict, uint64_t{32} << 20);
       ASSERT_TRUE(counting.server);
-      std::unique_ptr<LoopbackClient> client =
-          noDelayClient(counting.server->localAddress().port());
-      ASSERT_TRUE(client->connected());
+      LoopbackClient client(counting.server->localAddress().port());
       size_t from = 0;
       std::vector<size_t> cuts = plan.cuts;
       cuts.push_back(stream.size());
       for (size_t cut : cuts) {
-        ASSERT_TRUE(counting.writePiece(client.get(), stream.substr(from, cut - from)));
+        ASSERT_TRUE(counting.writePiece(&client, stream.substr(from, cut - from)));
         from = cut;
       }
       std::string pending;
-      for (const auto& [id, body] : {std::pair<std::string, std::string>{"41", first_body},
-                                     std::pair<std::string, std::string>{"-7", second_body}}) {
-        SCOPED_TRACE("call " + id);
-        std::string head;
-        const std::string answer = readAnswerBody(client.get(), &pending, &head);
-        EXPECT_EQ(id, headerValue(head, "Rpc-Id"));
-        EXPECT_EQ("0", headerValue(head, "Rpc-Failed"));
-        EXPECT_EQ(body.size(), answer.size());
-        EXPECT_TRUE(answer == body);
-      }
+      expectAnswer(&client, &pending, "41", first_body);
+      expectAnswer(&client, &pending, "-7", second_body);
       EXPECT_EQ(2, counting.service->calls.load());
     }
   }
@@ -571,29 +551,21 @@ TEST(LargeMessageTest, PipelinedLargeCallsAreAnsweredEachWithItsOwnId) {
     SCOPED_TRACE(strict ? "strict reader" : "default reader");
     CountingServer counting(strict, uint64_t{32} << 20);
     ASSERT_TRUE(counting.server);
-    std::unique_ptr<LoopbackClient> client = noDelayClient(counting.server->localAddress().port());
-    ASSERT_TRUE(client->connected());
+    LoopbackClient client(counting.server->localAddress().port());
     std::string stream;
     std::map<std::string, std::string> bodies;
     for (size_t i = 0; i < calls.size(); ++i) {
       const std::string body = textMessage(letters(calls[i].second, static_cast<unsigned>(i)));
       bodies[calls[i].first] = body;
-      stream += rpcHead("Hold", calls[i].first, body.size()) + body;
+      stream += call("Hold", calls[i].first, body);
     }
-    ASSERT_TRUE(client->write(stream));
+    ASSERT_TRUE(client.write(stream));
     ASSERT_TRUE(counting.service->waitHeld(calls.size()));
     for (size_t index : order) counting.service->complete(index);
+    // Completed on this thread one after another: they leave in that order.
     std::string pending;
     for (size_t index : order) {
-      const std::string& id = calls[index].first;
-      SCOPED_TRACE("call " + id);
-      std::string head;
-      const std::string answer = readAnswerBody(client.get(), &pending, &head);
-      // Completed on this thread one after another: they leave in that order.
-      ASSERT_EQ(id, headerValue(head, "Rpc-Id"));
-      EXPECT_EQ("0", headerValue(head, "Rpc-Failed"));
-      EXPECT_EQ(bodies[id].size(), answer.size());
-      EXPECT_TRUE(answer == bodies[id]);
+      expectAnswer(&client, &pending, calls[index].first, bodies[calls[index].first]);
     }
   }
 }
@@ -606,7 +578,7 @@ TEST(LargeMessageTest, BodyLimitStillRefusesAfterBodiesReadInPieces) {
   constexpr uint64_t kLimit = uint64_t{1} << 20;
   const std::string body = textMessage(letters(kLimit - 100, 3));
   ASSERT_LE(body.size(), kLimit);
-  const std::string call = rpcHead("Echo", "5", body.size()) + body;
+  const std::string under = call("Echo", "5", body);
   const std::string chunk(600000, 'c');
   const std::string chunk_size = "927c0";  // 600000 in hex
   struct Case {
@@ -633,22 +605,19 @@ TEST(LargeMessageTest, BodyLimitStillRefusesAfterBodiesReadInPieces) {
     SCOPED_TRACE(test.name);
     CountingServer counting(test.strict, kLimit);
     ASSERT_TRUE(counting.server);
-    std::unique_ptr<LoopbackClient> client = noDelayClient(counting.server->localAddress().port());
-    ASSERT_TRUE(client->connected());
-    for (size_t from = 0; from < call.size(); from += 65536) {
-      ASSERT_TRUE(counting.writePiece(client.get(), call.substr(from, 65536)));
+    LoopbackClient client(counting.server->localAddress().port());
+    for (size_t from = 0; from < under.size(); from += 65536) {
+      ASSERT_TRUE(counting.writePiece(&client, under.substr(from, 65536)));
     }
     std::string pending;
+    expectAnswer(&client, &pending, "5", body);
+    for (const std::string& piece : test.over) ASSERT_TRUE(client.write(piece));
     std::string head;
-    EXPECT_TRUE(readAnswerBody(client.get(), &pending, &head) == body);
-    EXPECT_EQ("5", headerValue(head, "Rpc-Id"));
-    for (const std::string& piece : test.over) ASSERT_TRUE(client->write(piece));
-    head.clear();
-    readAnswerBody(client.get(), &pending, &head);
+    readAnswerBody(&client, &pending, &head);
     EXPECT_EQ(0u, head.find("HTTP/1.1 413 ")) << head;
     EXPECT_EQ("close", headerValue(head, "Connection"));
-    client->readToEnd();
-    EXPECT_TRUE(client->peerClosed());
+    client.readToEnd();
+    EXPECT_TRUE(client.peerClosed());
   }
 }
 

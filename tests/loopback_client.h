@@ -75,6 +75,18 @@ class LoopbackClient {
     return bytes;
   }
 
+  // Reads until `marker` has arrived, byte by byte so as to stop right after
+  // it (or until the connection ends or the guard expires): all it read.
+  std::string readUntil(const std::string& marker) {
+    std::string bytes;
+    while (bytes.find(marker) == std::string::npos) {
+      const std::string piece = read(1);
+      if (piece.empty()) break;
+      bytes += piece;
+    }
+    return bytes;
+  }
+
   // Reads until the peer closes (or the guard expires: then peerClosed() is
   // false).
   std::string readToEnd() {

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <thread>
 
@@ -21,6 +19,7 @@
 #include "tests/loopback_client.h"
 #include "tests/scripted_server.h"
 #include "tests/test_service.h"
+#include "tests/waiting.h"
 
 // In plain builds this program counts heap blocks, so that a test can assert
 // what LeakSanitizer checks in sanitizer builds: that a finished call leaves
@@ -106,29 +105,16 @@ class Completions {
           if (controller != nullptr) {
             entry += controller->Failed() ? " failed: " + controller->ErrorText() : " ok";
           }
-          record(entry);
+          entries_.add(entry);
         },
         false));
   }
 
-  // The entries so far, once at least `count` closures have run (the wait is a
-  // guard against a hang, not an assertion).
-  std::vector<std::string> waitFor(size_t count = 0) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    ran_.wait_for(lock, std::chrono::seconds(30), [&] { return entries_.size() >= count; });
-    return entries_;
-  }
+  // The entries so far, once at least `count` closures have run.
+  std::vector<std::string> waitFor(size_t count = 0) { return entries_.all(count); }
 
  private:
-  void record(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back(entry);
-    ran_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable ran_;
-  std::vector<std::string> entries_;
+  vantu::testing::Collected<std::string> entries_;
 };
 
 using Entries = std::vector<std::string>;
