@@ -32,6 +32,7 @@ static_assert(std::is_trivially_copyable<AsyncDone>::value && sizeof(AsyncDone) 
 }  // namespace
 
 AsyncAnswer* AsyncAnswer::free_ = nullptr;
+const HttpResponsePtr* AnswerQueue::offered_ = nullptr;
 
 void AsyncAnswer::makeMore() {
   auto* chunk = new AnswerChunk;
@@ -91,6 +92,9 @@ void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpRespons
                                 const std::string* pattern) {
   const bool head_request = request->method == kHttpHead;
   const bool observed = connection_->impl_->observer() != nullptr;
+  // Taken here, so that nothing after this dispatch finds it on offer.
+  const bool offered = offered_ == &response;
+  offered_ = nullptr;
   AsyncAnswer* answer;
   if (!empty() || pumping_) {
     // Behind other answers: it waits in line from the start.
@@ -120,10 +124,19 @@ void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpRespons
   // A slot may move once the handler runs: the done may answer at once.
   handler(request, response, AsyncDone{answer, answer->generation()});
   // Still owed alone (not answered inside, nor queued behind, nor
-  // abandoned): it keeps the response.
-  if (lone_.caller_response == &response) {
+  // abandoned): it keeps the response, the read's own reference if offered
+  // (handed over as soon as this returns, nothing running in between).
+  if (lone_.caller_response == &response && !offered) {
     lone_.caller_response = nullptr;
     lone_.held_response = response;
+  }
+}
+
+void AnswerQueue::takeOffered(HttpResponsePtr* response) {
+  offered_ = nullptr;
+  if (lone_.id != 0 && lone_.caller_response == response) {
+    lone_.caller_response = nullptr;
+    lone_.held_response = std::move(*response);
   }
 }
 

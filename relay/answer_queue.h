@@ -146,6 +146,15 @@ class AnswerQueue {
   void dispatchStream(const HttpRequestPtr& request, const HttpResponsePtr& response,
                       const HttpStreamHandler& handler, const std::string* pattern);
 
+  // The connection's read offers the response of the request it dispatches
+  // (a reference it drops right after): an async answer still owed once its
+  // handler returned takes that reference (takeOffered) rather than one of
+  // its own, which spares a pair of atomic counts per answer. Event thread.
+  static void offerResponse(const HttpResponsePtr* response) { offered_ = response; }
+  // After the dispatch of `response`, offered: the answer owed takes it, if
+  // one does; `response` is then empty.
+  void takeOffered(HttpResponsePtr* response);
+
   // A plain answer, ready now, behind those that are not.
   void pushReady(const HttpResponsePtr& response, bool to_head_request);
   // An interim answer ("100 Continue"), a constant's bytes, in its turn:
@@ -199,8 +208,9 @@ class AnswerQueue {
     uint64_t id = 0;  // 0: none
     AsyncAnswer* async = nullptr;
     HttpResponse* response = nullptr;
-    const HttpResponsePtr* caller_response = nullptr;  // while its handler runs
-    HttpResponsePtr held_response;                     // after
+    // While its handler runs, and until the read hands it over if offered.
+    const HttpResponsePtr* caller_response = nullptr;
+    HttpResponsePtr held_response;  // after
     bool head_request = false;
     const std::string* pattern = nullptr;
     Time started;
@@ -224,6 +234,10 @@ class AnswerQueue {
 
   // Constant after construction: the owner.
   HttpConnectionHandler* const connection_;
+
+  // The response on offer while a read dispatches its request. Event thread
+  // only.
+  static const HttpResponsePtr* offered_;
 
   // Event thread only.
   std::vector<Slot> slots_;
