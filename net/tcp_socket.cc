@@ -556,8 +556,11 @@ void TcpSocket::deliverTls(bool* eof, bool* failed) {
 
 void TcpSocket::handshakeDone() {
   handshaking_ = false;
-  // The handshake's time limit no longer applies.
-  event_add(read_event_, nullptr);
+  // The handshake's time limit no longer applies. Adding the event again
+  // without one would not do: libevent keeps a pending event's timeout, and
+  // a persistent event re-arms it at every wake-up, so an idle connection
+  // would end at the handshake's limit and every read would pay for a timer.
+  event_remove_timer(read_event_);
   if (connect_ != nullptr) {
     std::function<void(bool)> on_connected = std::move(connect_->on_connected);
     connect_.reset();

@@ -1,0 +1,148 @@
+// Connections kept alive over TLS: the time limits of the handshake end with
+// it, on both ends, and what goes over the wire is what plaintext carries.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "common/event_thread.h"
+#include "relay/http_server.h"
+#include "relay/rpc.h"
+#include "test_service.h"
+#include "tests/shell_output.h"
+#include "tests/test_certs.h"
+
+namespace vantu {
+namespace relay {
+namespace {
+
+using vantu::testing::cert;
+using vantu::testing::shellOutput;
+
+TlsServerOptions serverTls() {
+  TlsServerOptions tls;
+  tls.certificate_chain_file = cert("server.pem");
+  tls.private_key_file = cert("server-key.pem");
+  return tls;
+}
+
+size_t openConnections(const std::shared_ptr<HttpServer>& server) {
+  size_t open = 0;
+  runOnEventThreadAndWait([&] { open = server->openConnections(); });
+  return open;
+}
+
+// Python's client (over TLS checked against CA, or plaintext when CA is "-")
+// asks for /hello, stays quiet for QUIET seconds, asks again, then waits for
+// the server to close. Prints whether both answers came back the same, and
+// how long the connection lasted after the second answer, in milliseconds.
+constexpr char kQuietClient[] = R"(
+import socket, ssl, sys, time
+port, ca, quiet = int(sys.argv[1]), sys.argv[2], float(sys.argv[3])
+raw = socket.create_connection(("127.0.0.1", port))
+if ca == "-":
+    s = raw
+else:
+    s = ssl.create_default_context(cafile=ca).wrap_socket(raw, server_hostname="127.0.0.1")
+s.settimeout(30)
+request = b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n"
+def answer():
+    got = b""
+    while not got.endswith(b"Hello, world!\n"):
+        chunk = s.recv(4096)
+        if not chunk:
+            return got
+        got += chunk
+    return got
+s.sendall(request)
+first = answer()
+time.sleep(quiet)
+s.sendall(request)
+second = answer()
+answered = time.monotonic()
+try:
+    rest = s.recv(4096)
+except (ConnectionResetError, ssl.SSLError):
+    rest = b""
+print(first == second and first.endswith(b"Hello, world!\n"), rest == b"",
+      int((time.monotonic() - answered) * 1000))
+)";
+
+// A connection whose handshake had a time limit (header_timeout) keeps it no
+// longer once the handshake is over: quiet for many times that limit, it
+// still answers, and it is closed for being idle only after idle_timeout, as
+// a plaintext connection is.
+TEST(TlsKeepAliveTest, HandshakeLimitEndsWithTheHandshake) {
+  const std::string path = vantu::testing::testCertDir() + "/quiet_client.py";
+  std::ofstream(path) << kQuietClient;
+  constexpr int kIdleMs = 1500;
+  for (bool tls : {true, false}) {
+    SCOPED_TRACE(tls ? "TLS" : "plaintext");
+    HttpServerOptions options;
+    options.header_timeout = Duration::milliseconds(50);
+    options.idle_timeout = Duration::milliseconds(kIdleMs);
+    if (tls) options.tls = serverTls();
+    std::shared_ptr<HttpServer> server =
+        HttpServer::create(SocketAddress("127.0.0.1", 0), 128, options);
+    ASSERT_TRUE(server);
+    server->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+      const std::string text = "Hello, world!\n";
+      response->content.assign(text.begin(), text.end());
+    });
+    const std::string output = shellOutput("python3 -W ignore " + path + " " +
+                                           std::to_string(server->localAddress().port()) + " " +
+                                           (tls ? cert("ca.pem") : std::string("-")) + " 0.4");
+    int lasted_ms = -1;
+    char first_same[8] = {};
+    char closed[8] = {};
+    ASSERT_EQ(3, sscanf(output.c_str(), "%7s %7s %d", first_same, closed, &lasted_ms)) << output;
+    EXPECT_STREQ("True", first_same) << output;
+    EXPECT_STREQ("True", closed) << output;
+    // The idle clock starts when the answer was sent, before the client saw
+    // it: a lower bound that a slow machine only makes easier to meet.
+    EXPECT_GE(lasted_ms, kIdleMs - 50) << "closed before idle_timeout";
+  }
+}
+
+// The channel's handshake has the connect timeout as its limit. A call that
+// its service holds for many times that limit, with no byte crossing the
+// connection meanwhile, is still answered on the same connection.
+TEST(TlsKeepAliveTest, ChannelWaitsForSlowAnswersBeyondItsHandshakeLimit) {
+  HttpServerOptions options;
+  options.tls = serverTls();
+  vantu::testing::TestServer<> server(0, options);
+  ASSERT_TRUE(server.server);
+  RPCChannelOptions channel_options;
+  channel_options.tls.enabled = true;
+  channel_options.tls.ca_file = cert("ca.pem");
+  channel_options.connect_timeout = Duration::milliseconds(100);
+  RPCChannelPtr channel = RPCChannel::create(server.target(), channel_options);
+  ASSERT_TRUE(channel);
+  for (int call = 0; call < 2; ++call) {
+    SCOPED_TRACE("call " + std::to_string(call));
+    RPC rpc;
+    relaytest::Text request;
+    request.set_text("slow " + std::to_string(call));
+    relaytest::Text response;
+    channel->CallMethod(vantu::testing::testMethod("Hold"), &rpc, &request, &response, nullptr);
+    ASSERT_TRUE(server.service->waitHeld(static_cast<size_t>(call) + 1));
+    // The service is slow: the answer comes long after the handshake's
+    // limit would have run out.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    ASSERT_TRUE(server.service->release());
+    // A guard against a hang, not a timing check.
+    ASSERT_TRUE(rpc.timedWaitRelative(Duration::seconds(30)));
+    EXPECT_FALSE(rpc.Failed()) << rpc.ErrorText();
+    EXPECT_EQ(request.text(), response.text());
+  }
+  EXPECT_EQ(1u, openConnections(server.server));
+}
+
+}  // namespace
+}  // namespace relay
+}  // namespace vantu
