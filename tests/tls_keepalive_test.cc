@@ -1,7 +1,9 @@
 // Connections kept alive over TLS: the time limits of the handshake end with
 // it, on both ends, and what goes over the wire is what plaintext carries.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <atomic>
 #include <chrono>
@@ -141,6 +143,117 @@ TEST(TlsKeepAliveTest, ChannelWaitsForSlowAnswersBeyondItsHandshakeLimit) {
     EXPECT_EQ(request.text(), response.text());
   }
   EXPECT_EQ(1u, openConnections(server.server));
+}
+
+// Python's client over memory BIOs, so that it decides where records end:
+// asks for /dirty (whose handler leaves an error in the event thread's
+// OpenSSL queue, as any code on that thread may), then sends a request in
+// two pieces cut inside its record; asks for /dirty again, then sends a
+// last request and its close_notify in one write. Prints whether every answer came back and the
+// server ended with a close_notify of its own.
+constexpr char kRecordClient[] = R"(
+import socket, ssl, sys, time
+port, ca = int(sys.argv[1]), sys.argv[2]
+context = ssl.create_default_context(cafile=ca)
+incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+tls = context.wrap_bio(incoming, outgoing, server_hostname="127.0.0.1")
+raw = socket.create_connection(("127.0.0.1", port))
+raw.settimeout(30)
+def pump():
+    data = raw.recv(65536)
+    if data:
+        incoming.write(data)
+    else:
+        incoming.write_eof()
+    return data
+while True:
+    try:
+        tls.do_handshake()
+        break
+    except ssl.SSLWantReadError:
+        raw.sendall(outgoing.read())
+        pump()
+raw.sendall(outgoing.read())
+def answer():
+    got = b""
+    while not got.endswith(b"\n"):
+        try:
+            got += tls.read(65536)
+        except ssl.SSLWantReadError:
+            if not pump():
+                return got
+    return got
+tls.write(b"GET /dirty HTTP/1.1\r\nHost: a\r\n\r\n")
+raw.sendall(outgoing.read())
+answers = [answer()]
+tls.write(b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
+record = outgoing.read()
+raw.sendall(record[:10])
+time.sleep(0.2)
+raw.sendall(record[10:])
+answers.append(answer())
+tls.write(b"GET /dirty HTTP/1.1\r\nHost: a\r\n\r\n")
+raw.sendall(outgoing.read())
+answers.append(answer())
+tls.write(b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
+try:
+    tls.unwrap()
+except ssl.SSLWantReadError:
+    pass
+raw.sendall(outgoing.read())
+answers.append(answer())
+clean = False
+while True:
+    try:
+        tls.unwrap()
+        clean = True
+        break
+    except ssl.SSLWantReadError:
+        if not pump():
+            break
+    except ssl.SSLError:
+        break
+print(answers[0].endswith(b"dirty\n") and answers[2].endswith(b"dirty\n"),
+      answers[1].endswith(b"Hello, world!\n") and answers[3].endswith(b"Hello, world!\n"), clean)
+)";
+
+// What other code on the event thread leaves in OpenSSL's error queue is not
+// taken for a failure of a connection: a record that arrives in pieces is
+// waited for, and a close_notify after a request ends the connection
+// cleanly, its answer sent first.
+TEST(TlsKeepAliveTest, ErrorsLeftByOthersOnTheThreadFailNoConnection) {
+  const std::string path = vantu::testing::testCertDir() + "/record_client.py";
+  std::ofstream(path) << kRecordClient;
+  HttpServerOptions options;
+  options.tls = serverTls();
+  std::shared_ptr<HttpServer> server =
+      HttpServer::create(SocketAddress("127.0.0.1", 0), 128, options);
+  ASSERT_TRUE(server);
+  std::atomic<bool> left{false};
+  server->registerHandler(
+      "/dirty", [&left](const HttpRequestPtr&, const HttpResponsePtr& response) {
+        // Someone else's failure, its error left queued. (Through dlsym: the
+        // library brings libcrypto, the test does not link it itself.)
+        auto error_new = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "ERR_new"));
+        auto error_set = reinterpret_cast<void (*)(int, int, const char*, ...)>(
+            dlsym(RTLD_DEFAULT, "ERR_set_error"));
+        auto peek = reinterpret_cast<unsigned long (*)()>(dlsym(RTLD_DEFAULT, "ERR_peek_error"));
+        if (error_new != nullptr && error_set != nullptr && peek != nullptr) {
+          error_new();
+          error_set(ERR_LIB_EVP, 1, nullptr);
+          left = peek() != 0;
+        }
+        const std::string text = "dirty\n";
+        response->content.assign(text.begin(), text.end());
+      });
+  server->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    const std::string text = "Hello, world!\n";
+    response->content.assign(text.begin(), text.end());
+  });
+  EXPECT_EQ("True True True\n",
+            shellOutput("python3 -W ignore " + path + " " +
+                        std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
+  EXPECT_TRUE(left) << "the handler left no error behind";
 }
 
 }  // namespace
