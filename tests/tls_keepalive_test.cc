@@ -151,7 +151,8 @@ TEST(TlsKeepAliveTest, ChannelWaitsForSlowAnswersBeyondItsHandshakeLimit) {
 
 // Python's client over memory BIOs, so that it decides where records end:
 // asks for /dirty (whose handler leaves an error in the event thread's
-// OpenSSL queue, as any code on that thread may), then sends a request in
+// OpenSSL queue, as any code on that thread may), makes a second connection
+// (a handshake) and asks for /hello on it, then sends a request in
 // two pieces cut inside its record; asks for /dirty again, then sends a
 // last request and its close_notify in one write. Prints whether every answer came back and the
 // server ended with a close_notify of its own.
@@ -190,6 +191,18 @@ def answer():
 tls.write(b"GET /dirty HTTP/1.1\r\nHost: a\r\n\r\n")
 raw.sendall(outgoing.read())
 answers = [answer()]
+# A new connection's handshake, with the error still queued.
+other = context.wrap_socket(socket.create_connection(("127.0.0.1", port)),
+                            server_hostname="127.0.0.1")
+other.settimeout(30)
+other.sendall(b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
+handshaken = b""
+while not handshaken.endswith(b"\n"):
+    chunk = other.recv(4096)
+    if not chunk:
+        break
+    handshaken += chunk
+other.close()
 tls.write(b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
 record = outgoing.read()
 raw.sendall(record[:10])
@@ -218,13 +231,15 @@ while True:
     except ssl.SSLError:
         break
 print(answers[0].endswith(b"dirty\n") and answers[2].endswith(b"dirty\n"),
-      answers[1].endswith(b"Hello, world!\n") and answers[3].endswith(b"Hello, world!\n"), clean)
+      answers[1].endswith(b"Hello, world!\n") and answers[3].endswith(b"Hello, world!\n")
+      and handshaken.endswith(b"Hello, world!\n"), clean)
 )";
 
 // What other code on the event thread leaves in OpenSSL's error queue is not
-// taken for a failure of a connection: a record that arrives in pieces is
-// waited for, and a close_notify after a request ends the connection
-// cleanly, its answer sent first.
+// taken for a failure of a connection: a new connection's handshake
+// succeeds, a record that arrives in pieces is waited for, and a
+// close_notify after a request ends the connection cleanly, its answer sent
+// first.
 TEST(TlsKeepAliveTest, ErrorsLeftByOthersOnTheThreadFailNoConnection) {
   const std::string path = vantu::testing::testCertDir() + "/record_client.py";
   std::ofstream(path) << kRecordClient;
