@@ -9,7 +9,10 @@
 #     which makes a new session every time), and the server's CPU per one;
 #   memory per idle TLS connection: RSS growth while TLS_IDLE_CONNECTIONS
 #     connections, each having made one request, sit open (the first 200 warm
-#     up).
+#     up);
+#   each round's keep-alive ratio, and (with perf) what each server asks of
+#   the kernel per keep-alive request: system calls, reads, writes, epoll
+#   waits, context switches.
 # Rounds rotate the order (ours nginx, nginx ours, ...) so that outside load on
 # a shared machine falls on both alike.
 #
@@ -97,7 +100,7 @@ run_s_time() {
 }
 
 round_seconds=$(((seconds + rounds - 1) / rounds))
-declare -A total took ticks
+declare -A total took ticks rate_of
 for test in keepalive handshake; do
   for name in ours nginx; do
     total[$test,$name]=0
@@ -116,12 +119,58 @@ for test in keepalive handshake; do
         micros=$(calc 'int(a[0] * 1e6)' "$secs")
       fi
       after=$(cpu_ticks "${pid[$name]}")
+      rate_of[$test,$round,$name]=$(calc 'a[0] / (a[1] / 1e6)' "$got" "$micros")
       total[$test,$name]=$((total[$test,$name] + got))
       took[$test,$name]=$((took[$test,$name] + micros))
       ticks[$test,$name]=$((ticks[$test,$name] + after - before))
     done
   done
 done
+
+# Per keep-alive request, what each server asks of the kernel, from a run of
+# its own (perf adds a little to every system call, so its rate is not
+# used): system calls, reads, writes, epoll waits and context switches.
+# Needs perf with tracepoints; skipped without.
+profile_events="task-clock,context-switches,raw_syscalls:sys_enter"
+for call in read write recvfrom sendto recvmsg sendmsg readv writev epoll_wait; do
+  profile_events+=",syscalls:sys_enter_$call"
+done
+declare -A profile
+profile_ok=false
+if command -v perf >/dev/null && perf stat -e "$profile_events" -o /dev/null true 2>/dev/null; then
+  profile_ok=true
+fi
+profile_server() {
+  local name=$1 out requests
+  perf stat -x, -e "$profile_events" -p "${pid[$name]}" -o "$work/perf.$name" &
+  local perf_pid=$!
+  sleep 0.2
+  out=$(taskset -c 1 wrk -t1 -c"$connections" -d2s --timeout 5s -s "$work/summary.lua" \
+    "https://127.0.0.1:${port[$name]}/hello" 2>&1)
+  kill -INT "$perf_pid"
+  wait "$perf_pid" || true
+  read -r _ requests _ _ <<<"$(grep '^SUMMARY ' <<<"$out")"
+  python3 - "$work/perf.$name" "$requests" <<'PY'
+import sys
+counts = {}
+for line in open(sys.argv[1]):
+    fields = line.strip().split(",")
+    if len(fields) > 2 and fields[0].replace(".", "").isdigit():
+        counts[fields[2].split(":")[-1].replace("sys_enter_", "")] = float(fields[0])
+requests = int(sys.argv[2])
+reads = sum(counts.get(c, 0) for c in ("read", "recvfrom", "recvmsg", "readv"))
+writes = sum(counts.get(c, 0) for c in ("write", "sendto", "sendmsg", "writev"))
+print(f"{counts['sys_enter'] / requests:.2f} {reads / requests:.2f} {writes / requests:.2f} "
+      f"{counts['epoll_wait'] / requests:.3f} {counts['context-switches'] / requests:.3f}")
+PY
+}
+if $profile_ok; then
+  for name in ours nginx; do
+    read -r "profile[$name,calls]" "profile[$name,reads]" "profile[$name,writes]" \
+      "profile[$name,waits]" "profile[$name,switches]" \
+      < <(profile_server "$name")
+  done
+fi
 
 # Idle TLS connections: RSS growth of one server while they are open.
 idle_bytes() {
@@ -186,3 +235,20 @@ row "keep-alive server CPU µs/req" "${cpu[keepalive,ours]}" "${cpu[keepalive,ng
 row "new connections/s (s_time -new)" "${rate[handshake,ours]}" "${rate[handshake,nginx]}"
 row "server CPU µs per new connection" "${cpu[handshake,ours]}" "${cpu[handshake,nginx]}"
 row "idle TLS connection, bytes ($idle)" "${idle_per[ours]}" "${idle_per[nginx]}"
+# Each round's ratio: how far the machine moved the figures while they were
+# taken (a server against itself swings as much on a shared machine).
+ratios=""
+for ((round = 0; round < rounds; ++round)); do
+  ratios+=" $(calc 'f"{a[0] / a[1]:.2f}"' "${rate_of[keepalive,$round,ours]}" \
+    "${rate_of[keepalive,$round,nginx]}")"
+done
+echo "keep-alive req/s ours/nginx by round:$ratios"
+if $profile_ok; then
+  echo "per keep-alive request (perf stat, wrk -c$connections, 2 s each):"
+  printf "  %-32s %12s %12s\n" "" ours nginx
+  for item in "calls:system calls" "reads:reads (read, recv)" "writes:writes (write, send)" \
+    "waits:epoll waits" "switches:context switches"; do
+    printf "  %-32s %12s %12s\n" "${item#*:}" "${profile[ours,${item%%:*}]}" \
+      "${profile[nginx,${item%%:*}]}"
+  done
+fi

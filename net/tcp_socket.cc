@@ -15,6 +15,7 @@
 #include "common/deferred_deleter.h"
 #include "common/event_thread.h"
 #include "common/event_thread_check.h"
+#include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "net/socket_util.h"
 #include "net/tls_transport.h"
@@ -80,12 +81,12 @@ class WirePool {
   struct evbuffer* wires_[kPooledWires];
   size_t count_ = 0;
   // A socket finished after this thread's pool: its wire is freed instead.
-  static thread_local bool gone_;
+  static VANTU_FAST_THREAD_LOCAL bool gone_;
 };
-thread_local bool WirePool::gone_ = false;
+VANTU_FAST_THREAD_LOCAL bool WirePool::gone_ = false;
 
 WirePool& wirePool() {
-  static thread_local WirePool pool;
+  static VANTU_FAST_THREAD_LOCAL WirePool pool;
   return pool;
 }
 
@@ -140,7 +141,7 @@ std::shared_ptr<TcpSocket> TcpSocket::create(const SocketAddress& address,
   }
   internal::disableNagle(fd);
   return std::shared_ptr<TcpSocket>(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
-                                    LibEventThreadDeferredDeleter<TcpSocket>());
+                                    Deleter());
 }
 
 std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Duration timeout,
@@ -157,7 +158,7 @@ std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Dura
   } while (result != 0 && errno == EINTR);
   const int error = result != 0 && errno != EINPROGRESS ? errno : 0;
   std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, listenerOf(std::move(on_close)), false),
-                                    LibEventThreadDeferredDeleter<TcpSocket>());
+                                    Deleter());
   socket->connect_ = std::make_unique<ConnectWait>();
   socket->connect_->on_connected = std::move(on_connected);
   socket->connect_->timeout = timeout;
@@ -170,8 +171,7 @@ std::shared_ptr<TcpSocket> TcpSocket::connect(const SocketAddress& address, Dura
 std::shared_ptr<TcpSocket> TcpSocket::adopt(int fd, std::shared_ptr<void> peer,
                                             std::shared_ptr<CloseListener> on_close) {
   internal::disableNagle(fd);
-  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), true),
-                                    LibEventThreadDeferredDeleter<TcpSocket>());
+  std::shared_ptr<TcpSocket> socket(new TcpSocket(fd, std::move(on_close), true), Deleter());
   socket->peer_ = std::move(peer);
   return socket;
 }
@@ -379,10 +379,16 @@ void TcpSocket::finishConnecting(short what) {
   }
 }
 
+void TcpSocket::Deleter::operator()(TcpSocket* socket) const {
+  socket->released_.store(true, std::memory_order_relaxed);
+  libeventThreadDeferredDelete(socket);
+}
+
+// The deletion is only ever queued to the event thread, so a socket these
+// events name lives at least until they return, owned or not.
 void TcpSocket::onReadable(int, short what, void* arg) {
   auto* socket = static_cast<TcpSocket*>(arg);
-  std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
-  if (!keep) {
+  if (socket->released_.load(std::memory_order_relaxed)) {
     // The last owner let go and the deletion is queued; until it runs, stop
     // hearing about a socket nobody wants.
     event_del(socket->read_event_);
@@ -393,8 +399,7 @@ void TcpSocket::onReadable(int, short what, void* arg) {
 
 void TcpSocket::onWritable(int, short what, void* arg) {
   auto* socket = static_cast<TcpSocket*>(arg);
-  std::shared_ptr<TcpSocket> keep = socket->weak_from_this().lock();
-  if (!keep) {
+  if (socket->released_.load(std::memory_order_relaxed)) {
     event_del(socket->write_event_);
     return;
   }
@@ -556,8 +561,11 @@ void TcpSocket::deliverTls(bool* eof, bool* failed) {
 
 void TcpSocket::handshakeDone() {
   handshaking_ = false;
-  // The handshake's time limit no longer applies.
-  event_add(read_event_, nullptr);
+  // The handshake's time limit no longer applies. Adding the event again
+  // without one would not do: libevent keeps a pending event's timeout, and
+  // a persistent event re-arms it at every wake-up, so an idle connection
+  // would end at the handshake's limit and every read would pay for a timer.
+  event_remove_timer(read_event_);
   if (connect_ != nullptr) {
     std::function<void(bool)> on_connected = std::move(connect_->on_connected);
     connect_.reset();

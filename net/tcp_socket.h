@@ -1,6 +1,7 @@
 #ifndef NET_TCP_SOCKET_H_
 #define NET_TCP_SOCKET_H_
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -148,6 +149,12 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
 
   TcpSocket(int fd, std::shared_ptr<CloseListener> on_close, bool owns_itself);
 
+  // The deleter of every TcpSocket: marks it released (on whichever thread
+  // let go last), then queues its deletion on the event thread.
+  struct Deleter {
+    void operator()(TcpSocket* socket) const;
+  };
+
   // For TcpServer: wraps an accepted, non-blocking `fd`. The socket owns
   // itself once linked, and keeps `peer` alive until the connection ends;
   // `on_close` runs on the event thread then.
@@ -245,6 +252,10 @@ class TcpSocket : public char_stream::BidirectionalStreamContainer<char_stream::
   bool aborting_ = false;        // the handler aborted: close at the next turn
   bool reading_paused_ = false;  // backpressure: too much output waiting
   bool in_read_callback_ = false;
+  // Set by Deleter, on any thread: the last owner let go and the deletion
+  // is queued. The events tell so without touching the shared pointer's
+  // count (an atomic read-modify-write on another cache line per event).
+  std::atomic<bool> released_{false};
   bool write_waiting_ = false;    // write_event_ added: the kernel buffer was full
   bool write_activated_ = false;  // queued for the flush event: flush in this loop turn
   // Set once or twice in a connection's life: bits (initialized by the

@@ -128,7 +128,7 @@ class TlsTransport {
 
  private:
   TlsTransport(struct ssl_st* ssl, struct evbuffer* wire);
-  // Before each OpenSSL call that may fail: an empty error queue, and
+  // Before a handshake step or a shutdown: an empty error queue, and
   // bindBio().
   void prepareCall();
   // Points this thread's shared BIO at this transport, first making it the
@@ -136,6 +136,8 @@ class TlsTransport {
   void bindBio();
   // Reads OpenSSL's failure into error_ after `call` returned `ret`.
   Result failure(int ret, const char* what);
+  // What SSL_read's `ret` (not above 0) means.
+  Result readFailure(int ret);
   static int bioRead(struct bio_st* bio, char* data, int size);
   static int bioWrite(struct bio_st* bio, const char* data, int size);
   static long bioControl(struct bio_st* bio, int command, long number, void* pointer);
