@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "relay/tls_options.h"
+
 namespace vantu {
 namespace testing {
 
@@ -25,6 +27,17 @@ inline const std::string& testCertDir() {
 
 // The path of one of them, for example "ca.pem".
 inline std::string cert(const std::string& name) { return testCertDir() + "/" + name; }
+
+// A server's TLS options with the certificate `name` (and its key); with
+// `client_ca`, clients must show a certificate from the test CA.
+inline relay::TlsServerOptions serverTls(const std::string& name = "server",
+                                         bool client_ca = false) {
+  relay::TlsServerOptions tls;
+  tls.certificate_chain_file = cert(name + ".pem");
+  tls.private_key_file = cert(name + "-key.pem");
+  if (client_ca) tls.client_ca_file = cert("ca.pem");
+  return tls;
+}
 
 }  // namespace testing
 }  // namespace vantu

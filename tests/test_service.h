@@ -20,6 +20,13 @@
 namespace vantu {
 namespace testing {
 
+// The server's open connections, counted on the event thread.
+inline size_t openConnections(const std::shared_ptr<relay::HttpServer>& server) {
+  size_t open = 0;
+  runOnEventThreadAndWait([&] { open = server->openConnections(); });
+  return open;
+}
+
 // Echo answers at once with the prefix before the request's text, Fail fails
 // with the request's text, Square and Length answer at once; Hold keeps the
 // call until the test completes it. Every call counts in `calls`. Any thread.

@@ -24,20 +24,9 @@ namespace relay {
 namespace {
 
 using vantu::testing::cert;
+using vantu::testing::openConnections;
+using vantu::testing::serverTls;
 using vantu::testing::shellOutput;
-
-TlsServerOptions serverTls() {
-  TlsServerOptions tls;
-  tls.certificate_chain_file = cert("server.pem");
-  tls.private_key_file = cert("server-key.pem");
-  return tls;
-}
-
-size_t openConnections(const std::shared_ptr<HttpServer>& server) {
-  size_t open = 0;
-  runOnEventThreadAndWait([&] { open = server->openConnections(); });
-  return open;
-}
 
 // Python's client (over TLS checked against CA, or plaintext when CA is "-")
 // asks for /hello, stays quiet for QUIET seconds, asks again, then waits for

@@ -50,6 +50,8 @@ using vantu::testing::shellOutput;
 using vantu::testing::LoopbackClient;
 
 using vantu::testing::cert;
+using vantu::testing::openConnections;
+using vantu::testing::serverTls;
 
 std::string join(const std::vector<std::string>& parts) {
   std::string text;
@@ -73,14 +75,6 @@ class WhoService : public relaytest::TestService {
     done->Run();
   }
 };
-
-TlsServerOptions serverTls(const std::string& name, bool client_ca) {
-  TlsServerOptions tls;
-  tls.certificate_chain_file = cert(name + ".pem");
-  tls.private_key_file = cert(name + "-key.pem");
-  if (client_ca) tls.client_ca_file = cert("ca.pem");
-  return tls;
-}
 
 void setContent(HttpResponse* response, const std::string& text) {
   response->content.assign(text.begin(), text.end());
@@ -133,12 +127,6 @@ RPCChannelOptions channelTls(const std::string& ca, bool client_cert) {
     options.tls.private_key_file = cert("client-key.pem");
   }
   return options;
-}
-
-size_t openConnections(const std::shared_ptr<HttpServer>& server) {
-  size_t open = 0;
-  runOnEventThreadAndWait([&] { open = server->openConnections(); });
-  return open;
 }
 
 // Waits (bounded, as a guard) until the server has no connection open.
