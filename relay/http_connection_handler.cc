@@ -193,13 +193,7 @@ size_t HttpConnectionHandler::notifyIncomingBytes(const char* data, size_t size)
       sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
       peer_.tell(requests[i].get(), connectionInfo());
-      AnswerQueue::offerResponse(&response);
-      impl->callRequestHandler(requests[i], response, weak_this_);
-      if (ordered_) {
-        ordered_->takeOffered(&response);
-      } else {
-        AnswerQueue::offerResponse(nullptr);
-      }
+      impl->dispatchFromRead(requests[i], std::move(response), this);
     }
     large = large || isLarge(*requests[i]);
   }
