@@ -32,7 +32,6 @@ static_assert(std::is_trivially_copyable<AsyncDone>::value && sizeof(AsyncDone) 
 }  // namespace
 
 AsyncAnswer* AsyncAnswer::free_ = nullptr;
-const HttpResponsePtr* AnswerQueue::offered_ = nullptr;
 
 void AsyncAnswer::makeMore() {
   auto* chunk = new AnswerChunk;
@@ -87,17 +86,15 @@ void AnswerQueue::queueLone() {
   lone_ = LoneAnswer();
 }
 
-void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
+void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, HttpResponsePtr response,
                                 const HttpAsyncRequestHandler& handler,
                                 const std::string* pattern) {
   const bool head_request = request->method == kHttpHead;
   const bool observed = connection_->impl_->observer() != nullptr;
-  // Taken here, so that nothing after this dispatch finds it on offer.
-  const bool offered = offered_ == &response;
-  offered_ = nullptr;
   AsyncAnswer* answer;
   if (!empty() || pumping_) {
-    // Behind other answers: it waits in line from the start.
+    // Behind other answers: it waits in line from the start. (The handler
+    // still gets `response`, the same message.)
     Slot& slot = add();
     slot.response = response;
     slot.head_request = head_request;
@@ -124,19 +121,10 @@ void AnswerQueue::dispatchAsync(const HttpRequestPtr& request, const HttpRespons
   // A slot may move once the handler runs: the done may answer at once.
   handler(request, response, AsyncDone{answer, answer->generation()});
   // Still owed alone (not answered inside, nor queued behind, nor
-  // abandoned): it keeps the response, the read's own reference if offered
-  // (handed over as soon as this returns, nothing running in between).
-  if (lone_.caller_response == &response && !offered) {
+  // abandoned): it keeps the response.
+  if (lone_.caller_response == &response) {
     lone_.caller_response = nullptr;
-    lone_.held_response = response;
-  }
-}
-
-void AnswerQueue::takeOffered(HttpResponsePtr* response) {
-  offered_ = nullptr;
-  if (lone_.id != 0 && lone_.caller_response == response) {
-    lone_.caller_response = nullptr;
-    lone_.held_response = std::move(*response);
+    lone_.held_response = std::move(response);
   }
 }
 

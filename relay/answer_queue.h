@@ -140,20 +140,13 @@ class AnswerQueue {
 
   bool empty() const { return slots_.empty() && lone_.id == 0; }
 
-  // Dispatch: answers `request` with `handler`, later.
-  void dispatchAsync(const HttpRequestPtr& request, const HttpResponsePtr& response,
+  // Dispatch: answers `request` with `handler`, later. The answer owed holds
+  // `response` until it is written: the caller moves its own in when it has
+  // no further use for it, which spares a pair of atomic counts per answer.
+  void dispatchAsync(const HttpRequestPtr& request, HttpResponsePtr response,
                      const HttpAsyncRequestHandler& handler, const std::string* pattern);
   void dispatchStream(const HttpRequestPtr& request, const HttpResponsePtr& response,
                       const HttpStreamHandler& handler, const std::string* pattern);
-
-  // The connection's read offers the response of the request it dispatches
-  // (a reference it drops right after): an async answer still owed once its
-  // handler returned takes that reference (takeOffered) rather than one of
-  // its own, which spares a pair of atomic counts per answer. Event thread.
-  static void offerResponse(const HttpResponsePtr* response) { offered_ = response; }
-  // After the dispatch of `response`, offered: the answer owed takes it, if
-  // one does; `response` is then empty.
-  void takeOffered(HttpResponsePtr* response);
 
   // A plain answer, ready now, behind those that are not.
   void pushReady(const HttpResponsePtr& response, bool to_head_request);
@@ -208,7 +201,7 @@ class AnswerQueue {
     uint64_t id = 0;  // 0: none
     AsyncAnswer* async = nullptr;
     HttpResponse* response = nullptr;
-    // While its handler runs, and until the read hands it over if offered.
+    // While its handler runs: dispatchAsync's own, which it keeps after.
     const HttpResponsePtr* caller_response = nullptr;
     HttpResponsePtr held_response;  // after
     bool head_request = false;
@@ -234,10 +227,6 @@ class AnswerQueue {
 
   // Constant after construction: the owner.
   HttpConnectionHandler* const connection_;
-
-  // The response on offer while a read dispatches its request. Event thread
-  // only.
-  static const HttpResponsePtr* offered_;
 
   // Event thread only.
   std::vector<Slot> slots_;

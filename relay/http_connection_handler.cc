@@ -34,6 +34,11 @@ std::unique_ptr<RequestReader> readerFor(const HttpServerOptions& options) {
 
 // Once freed, a large request's memory tends to stay with the allocator; it
 // is given back once such requests are gone.
+// The Date of the answers gathered in the read at hand, or null when they
+// carry none: the clock is read once per read, not once per answer. (One
+// connection at a time gathers on a thread.)
+VANTU_FAST_THREAD_LOCAL const std::string* gathered_date = nullptr;
+
 bool isLarge(const HttpRequest& request) {
   return memory_policy::isLargeRequest(
       request.headers.size() + request.query_components.splitCount(),
@@ -60,7 +65,6 @@ HttpConnectionHandler::~HttpConnectionHandler() {
 }
 
 void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_request) {
-  const std::string* date = answer_rules_.date ? &httpDate() : nullptr;
   if (drain_.active()) DrainGoodbye::markClosing(response);
   const bool with_content = !(answer_rules_.head_without_content && to_head_request);
   const size_t content_size = with_content ? response->content.size() : 0;
@@ -79,10 +83,11 @@ void HttpConnectionHandler::sendAnswer(HttpResponse* response, bool to_head_requ
   // with the others of the read. Its head is written where it goes. Only the
   // event thread gathers, so only it may look at gathered_.
   if (isEventThread() && gathered_ != nullptr && !streaming_.load(std::memory_order_relaxed)) {
-    appendAnswerHead(response, date, gathered_);
+    appendAnswerHead(response, gathered_date, gathered_);
     gatherContent();
     return;
   }
+  const std::string* date = answer_rules_.date ? &httpDate() : nullptr;
   // Each thread renders its other answers' heads into one buffer, kept.
   VANTU_FAST_THREAD_LOCAL std::string header;
   writeAnswerHead(response, date, &header);
@@ -172,7 +177,10 @@ size_t HttpConnectionHandler::notifyIncomingBytes(const char* data, size_t size)
   // handed to the socket in one piece: the same bytes, in the same order, as
   // one send each would give. One connection at a time gathers on a thread.
   VANTU_FAST_THREAD_LOCAL std::string gathered;
-  if (!requests.empty()) gathered_ = &gathered;
+  if (!requests.empty()) {
+    gathered_ = &gathered;
+    gathered_date = answer_rules_.date ? &httpDate() : nullptr;
+  }
   for (size_t i = 0; i < requests.size(); ++i) {
     HttpResponsePtr response = message_pool::adopt(message_pool::newResponse());
     if (last_ends_connection && i + 1 == requests.size()) {
@@ -185,13 +193,7 @@ size_t HttpConnectionHandler::notifyIncomingBytes(const char* data, size_t size)
       sendPlainAnswer(response, requests[i]->method == kHttpHead);
     } else {
       peer_.tell(requests[i].get(), connectionInfo());
-      AnswerQueue::offerResponse(&response);
-      impl->callRequestHandler(requests[i], response, weak_this_);
-      if (ordered_) {
-        ordered_->takeOffered(&response);
-      } else {
-        AnswerQueue::offerResponse(nullptr);
-      }
+      impl->dispatchFromRead(requests[i], std::move(response), this);
     }
     large = large || isLarge(*requests[i]);
   }

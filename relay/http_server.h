@@ -137,6 +137,11 @@ class HttpServerImpl {
   // the first matching URL handler, or 404. Event thread.
   void callRequestHandler(const HttpRequestPtr& request, const HttpResponsePtr& response,
                           HttpConnectionHandlerWeakPtr connection);
+  // The same for a request of the read `connection` is handling: the
+  // connection is alive throughout, and `response` is the read's own, which
+  // an answer owed later takes over rather than sharing. Event thread.
+  void dispatchFromRead(const HttpRequestPtr& request, HttpResponsePtr&& response,
+                        HttpConnectionHandler* connection);
 
   // Publishes `service` under its full name, replacing an earlier service of
   // that name. Any thread.
@@ -173,10 +178,27 @@ class HttpServerImpl {
   // Constant after create().
   std::weak_ptr<HttpServerImpl> weak_this_;
 
+  // Both dispatch paths: `connection` is an HttpConnectionHandler* (alive)
+  // or an HttpConnectionHandlerWeakPtr, `response` an rvalue (the read's
+  // own) or a const reference (the caller's).
+  template <typename Response, typename Connection>
+  void dispatch(const HttpRequestPtr& request, Response&& response, const Connection& connection);
+  // The first handler whose pattern matches all of `subject`, or null.
+  // Event thread.
+  const Handler* findHandler(const char* subject, size_t size);
+
   // Guards handlers_ and services_ only; never held while application code
   // runs or anything is sent.
   mutable Mutex mutex_;
   std::vector<std::shared_ptr<Handler>> handlers_ VANTU_GUARDED_BY(mutex_);
+  // Counts the registrations, bumped under mutex_ after each append: a
+  // dispatch that finds it changed copies the list again.
+  std::atomic<uint64_t> handlers_version_{0};
+  // Event thread only: the list as dispatch last copied it (the handlers
+  // live as long as this object: registrations are never removed), and the
+  // version it is of. Dispatch reads it without the lock.
+  std::vector<const Handler*> dispatch_handlers_;
+  uint64_t dispatch_version_ = 0;
   std::map<std::string, std::shared_ptr<google::protobuf::Service>> services_
       VANTU_GUARDED_BY(mutex_);
   std::vector<std::shared_ptr<HttpServerObserver>> observers_ VANTU_GUARDED_BY(mutex_);
@@ -334,6 +356,7 @@ class HttpConnectionHandler : public RequestResponseConnectionHandler {
 
  private:
   friend class HttpServer;
+  friend class HttpServerImpl;
   friend class AnswerQueue;
   // What the connection waits for, if anything, and what running out means.
   // kStream: a stream has written nothing for the idle timeout.

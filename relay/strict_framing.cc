@@ -101,14 +101,24 @@ bool validFieldValue(const char* data, size_t length) {
   return all(data + i, length - i, kFieldByte);
 }
 
-// A request-target: visible ASCII only.
-bool validTarget(const char* data, size_t length) {
+// Non-zero when some byte of the word is not visible ASCII.
+inline uint64_t anyInvisible(uint64_t word) {
+  return anyBelow(word, 0x21) | anyEqual(word, 0x7f) | (word & kHighBits);
+}
+
+// A request-target: visible ASCII only. At least eight bytes after the target
+// may be read (the rest of its request line): a tail shorter than a word is
+// checked as one, its bytes beyond the target ignored. They can only mark
+// bytes above them, never the target's own, as anyBelow's borrows run upwards.
+bool validTargetFollowed(const char* data, size_t length) {
   size_t i = 0;
   for (; i + 8 <= length; i += 8) {
-    const uint64_t word = load64(data + i);
-    if ((anyBelow(word, 0x21) | anyEqual(word, 0x7f) | (word & kHighBits)) != 0) return false;
+    if (anyInvisible(load64(data + i)) != 0) return false;
   }
-  return all(data + i, length - i, kTargetByte);
+  const size_t tail = length - i;
+  if (tail == 0) return true;
+  const uint64_t mine = ~0ULL >> (64 - 8 * tail);
+  return (anyInvisible(load64(data + i)) & mine) == 0;
 }
 
 // The first byte c in [data, data + length), or null: memchr's answer,
@@ -271,6 +281,9 @@ bool validHost(const char* data, size_t length) {
   return true;
 }
 
+// The longest Host value a reader remembers as valid.
+constexpr size_t kLongestRememberedHost = 64;
+
 // The chunked body may not be larger than content_length can say.
 constexpr uint64_t kLargestBody = std::numeric_limits<uint32_t>::max();
 
@@ -318,6 +331,10 @@ struct StrictRequestParser::Progress {
   const std::string* host = nullptr;
   // The field line at hand is a Host line.
   bool host_line = false;
+  // The last Host value found valid here. A connection's requests, and a
+  // server's connections, mostly name the same host: comparing the bytes
+  // costs a fraction of checking them. Kept while the Progress is pooled.
+  std::string valid_host;
   uint64_t declared_length = 0;  // the Content-Length value, saturated
   int content_length_count = 0;
   int host_count = 0;
@@ -515,23 +532,30 @@ bool StrictRequestParser::processLine(const char* line, size_t length,
 bool StrictRequestParser::processRequestLine(const char* line, size_t length) {
   const char* const end = line + length;
   const char* method_end = findByte(line, length, ' ');
-  if (method_end == nullptr || method_end == line || !all(line, method_end - line, kTokenByte)) {
+  if (method_end == nullptr || method_end == line) return fail(HttpResponse::kBadRequest);
+  // A method the server knows is a token: only other names need the check.
+  const HttpMethod method = httpMethodFromName(line, method_end - line);
+  if (method == kHttpUnknown && !all(line, method_end - line, kTokenByte)) {
     return fail(HttpResponse::kBadRequest);
   }
+  // The version is the line's last eight bytes, after a blank. A target holds
+  // no blank, so in a line of the right form that blank is the first after
+  // the target; a line of another form fails one check or the other, with
+  // the same answer as when the target ends at its first blank.
   const char* target = method_end + 1;
-  const char* target_end = findByte(target, end - target, ' ');
-  if (target_end == nullptr || target_end == target || !validTarget(target, target_end - target)) {
+  if (end - target < 10) return fail(HttpResponse::kBadRequest);
+  const char* target_end = end - 9;
+  if (*target_end != ' ' || !validTargetFollowed(target, target_end - target)) {
     return fail(HttpResponse::kBadRequest);
   }
   const char* version = target_end + 1;
-  if (end - version != 8 || memcmp(version, "HTTP/", 5) != 0 || !isDigit(version[5]) ||
-      version[6] != '.' || !isDigit(version[7])) {
+  if (memcmp(version, "HTTP/", 5) != 0 || !isDigit(version[5]) || version[6] != '.' ||
+      !isDigit(version[7])) {
     return fail(HttpResponse::kBadRequest);
   }
   if (version[5] != '1' || (version[7] != '0' && version[7] != '1')) {
     return fail(HttpResponse::kHttpVersionNotSupported);
   }
-  const HttpMethod method = httpMethodFromName(line, method_end - line);
   if (method == kHttpUnknown) return fail(HttpResponse::kNotImplemented);
 
   // origin-form, absolute-form (a scheme and a colon), or "*" for OPTIONS.
@@ -587,7 +611,7 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
   switch (name_length) {
     case 4:
       if (!equalsLower(name, name_length, "host")) return true;
-      if (++progress_->host_count > 1 || !validHost(value, value_length)) return false;
+      if (++progress_->host_count > 1 || !validHostRemembered(value, value_length)) return false;
       progress_->host_line = true;
       return true;
     case 6:
@@ -626,6 +650,15 @@ bool StrictRequestParser::noteFramingField(const char* name, size_t name_length,
     default:
       return true;
   }
+}
+
+bool StrictRequestParser::validHostRemembered(const char* value, size_t length) {
+  std::string& known = progress_->valid_host;
+  if (known.size() == length && memcmp(known.data(), value, length) == 0) return true;
+  if (!validHost(value, length)) return false;
+  // Only short names, so that what a pooled Progress keeps stays small.
+  if (length <= kLongestRememberedHost) known.assign(value, length);
+  return true;
 }
 
 bool StrictRequestParser::finishHead(std::vector<HttpRequestPtr>* requests) {

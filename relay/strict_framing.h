@@ -133,6 +133,8 @@ class StrictRequestParser final : public RequestReader {
   bool processFieldLine(const char* line, size_t length, bool store);
   bool noteFramingField(const char* name, size_t name_length, const char* value,
                         size_t value_length);
+  // validHost, skipped for the value last found valid.
+  bool validHostRemembered(const char* value, size_t length);
   bool finishHead(std::vector<HttpRequestPtr>* requests);
   bool processChunkSize(const char* line, size_t length);
   void appendBody(const char* data, size_t length);

@@ -122,6 +122,12 @@ TEST(MessagePoolTest, RecycledNodesTakeTheNewNameAndValue) {
       {"X-Long-Name", "v", "X-B", "value"},
       {"X-B", "value", "X-Long-Name", "v"},
       {"X-A", "", "X-B", ""},
+      // Same sizes from 4 to 16 bytes, differing at both ends and between.
+      {"X-Abcd", "abcde", "Y-Abce", "vwxyz"},
+      {"X-Seven-Bytes", "012345678", "Y-Seven-Bytez", "876543210"},
+      {"Content-Type", "text/plain", "Content-Tzpe", "text/plaim"},
+      {"X-Sixteen-Bytes1", "0123456789abcdef", "Y-Sixteen-Bytes2", "fedcba9876543210"},
+      {"Content-Type", "text/plain", "Content-Type", "text/plain"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.old_name) + " -> " + c.name);
