@@ -174,10 +174,14 @@ class EventThread {
   }
 
   void runTurnEnd() {
-    // What these functions ask for runs at the end of the next turn.
-    running_turn_end_.swap(turn_end_fns_);
-    for (void (*fn)() : running_turn_end_) fn();
-    running_turn_end_.clear();
+    // What these functions ask for runs at the end of the next turn. Run
+    // from a vector of its own (a function that exits the process runs
+    // this again inside), which lends its capacity back afterwards.
+    std::vector<void (*)()> running = std::move(spare_turn_end_);
+    running.swap(turn_end_fns_);
+    for (void (*fn)() : running) fn();
+    running.clear();
+    spare_turn_end_ = std::move(running);
   }
 
   static void onTimer(evutil_socket_t, short, void* arg) {
@@ -277,7 +281,7 @@ class EventThread {
   std::vector<Entry> running_;
   struct event* turn_end_ = nullptr;
   std::vector<void (*)()> turn_end_fns_;
-  std::vector<void (*)()> running_turn_end_;
+  std::vector<void (*)()> spare_turn_end_;
   std::unordered_map<TimerState*, std::shared_ptr<TimerState>> armed_;
 };
 
