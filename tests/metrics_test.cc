@@ -223,7 +223,7 @@ TEST(MetricsTest, AnswersReadByThePeerAreAlreadyCounted) {
   for (int answers = 4; answers <= 5; ++answers) {
     client.write(get("/x"));
     ASSERT_EQ(answer, client.read(answer.size()));
-    EXPECT_TRUE(vantu::testing::eventually([&] { return collected() == answers; }))
+    ASSERT_TRUE(vantu::testing::eventually([&] { return collected() == answers; }))
         << collected() << " counted of " << answers;
   }
   server.reset();
@@ -404,6 +404,14 @@ TEST(MetricsTest, RequestsCountedInRunsScrapeAsCountedOneByOne) {
       const Duration time = Duration::microseconds(us);
       single->requestAnswered(answer.pattern, answer.status, time);
       single->bytesSent(0);
+      if (n == 0) {
+        // Off the event thread the report itself hands the count over, with
+        // no scrape to ask for it.
+        EXPECT_EQ(
+            1,
+            samples(prometheus::TextSerializer().Serialize(
+                one_by_one->Collect()))["relay_http_requests_total{code=\"200\",handler=\"/a\"}"]);
+      }
       batched->requestAnswered(answer.pattern, answer.status, time);
       // Runs of every length from 1 to 5, ended by one report or another
       // (which the other observer is given as well, after its own).
