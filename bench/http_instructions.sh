@@ -9,13 +9,19 @@
 # The demo runs as it does by default; DEMO_ARGS adds arguments (for example
 # DEMO_ARGS=--no-hardening).
 #
+# With HTTP_INSTRUCTIONS_KEEPALIVE=C the load is keep-alive as wrk makes it
+# instead: C connections, one request in flight on each; every connection
+# sends its request, then every answer is read, batch after batch.
+#
 # Usage: bench/http_instructions.sh BUILD_DIR [OUT_DIR]
-# Environment: HTTP_INSTRUCTIONS_REQUESTS (N, default 16000), DEMO_ARGS.
+# Environment: HTTP_INSTRUCTIONS_REQUESTS (N, default 16000),
+# HTTP_INSTRUCTIONS_KEEPALIVE (C, default unset: pipelined), DEMO_ARGS.
 set -euo pipefail
 
 build=${1:?usage: http_instructions.sh BUILD_DIR [OUT_DIR]}
 out_dir=${2:-}
 requests=${HTTP_INSTRUCTIONS_REQUESTS:-16000}
+keepalive=${HTTP_INSTRUCTIONS_KEEPALIVE:-0}
 read -ra demo_args <<<"${DEMO_ARGS:-}"
 demo="$build/examples/demo_server"
 [[ -x "$demo" ]] || { echo "http_instructions: $demo not built" >&2; exit 1; }
@@ -33,9 +39,9 @@ measure() {
     >"$work/demo.log" 2>&1 &
   local pid=$!
   pids+=("$pid")
-  python3 - "$port" "$count" <<'EOF'
+  python3 - "$port" "$count" "$keepalive" <<'EOF'
 import socket, sys, time
-port, count = int(sys.argv[1]), int(sys.argv[2])
+port, count, keepalive = int(sys.argv[1]), int(sys.argv[2]), int(sys.argv[3])
 request = f"GET /hello HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n\r\n".encode()
 deadline = time.time() + 120
 while True:
@@ -58,14 +64,11 @@ while True:
     if time.time() > deadline:
         sys.exit(f"http_instructions: /hello answered {status!r}")
     time.sleep(0.2)
-depth = 16
-pending = b""
-answered = 0
-while answered < count:
-    batch = min(depth, count - answered)
-    s.sendall(request * batch)
+# Reads `wanted` answers from `sock`, after what `pending` holds; returns
+# what is left over.
+def read_answers(sock, pending, wanted):
     got = 0
-    while got < batch:
+    while got < wanted:
         head = pending.find(b"\r\n\r\n")
         if head >= 0:
             length = 0
@@ -79,12 +82,35 @@ while answered < count:
                 pending = pending[head + 4 + length:]
                 got += 1
                 continue
-        chunk = s.recv(65536)
+        chunk = sock.recv(65536)
         if not chunk:
             sys.exit("http_instructions: the demo closed the connection")
         pending += chunk
-    answered += batch
-s.close()
+    return pending
+
+answered = 0
+if keepalive > 0:
+    sockets = [s] + [socket.create_connection(("127.0.0.1", port), timeout=60)
+                     for _ in range(keepalive - 1)]
+    leftovers = [b""] * keepalive
+    while answered < count:
+        batch = sockets[:min(keepalive, count - answered)]
+        for sock in batch:
+            sock.sendall(request)
+        for i, sock in enumerate(batch):
+            leftovers[i] = read_answers(sock, leftovers[i], 1)
+        answered += len(batch)
+    for sock in sockets:
+        sock.close()
+else:
+    depth = 16
+    pending = b""
+    while answered < count:
+        batch = min(depth, count - answered)
+        s.sendall(request * batch)
+        pending = read_answers(s, pending, batch)
+        answered += batch
+    s.close()
 EOF
   kill -TERM "$pid"
   wait "$pid" || { echo "http_instructions: the demo failed:" >&2; cat "$work/demo.log" >&2; exit 1; }
@@ -97,6 +123,11 @@ if [[ -n "$out_dir" ]]; then
   mkdir -p "$out_dir"
   cp "$work/double.out" "$out_dir/callgrind.out"
 fi
-echo "demo_server${DEMO_ARGS:+ $DEMO_ARGS}: $requests and $((2 * requests)) GET /hello, 16 deep on" \
-  "one connection: $single and $double instructions"
+if ((keepalive > 0)); then
+  load="keep-alive on $keepalive connections"
+else
+  load="16 deep on one connection"
+fi
+echo "demo_server${DEMO_ARGS:+ $DEMO_ARGS}: $requests and $((2 * requests)) GET /hello, $load:" \
+  "$single and $double instructions"
 echo "instructions per request: $(calc 'f"{(a[1] - a[0]) / a[2]:.0f}"' "$single" "$double" "$requests")"

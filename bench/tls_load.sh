@@ -79,15 +79,26 @@ done = function(summary, latency, requests)
 end
 EOF
 
-# keep-alive: prints "requests microseconds".
+# Ticks CPU $1 spent on anything (all of /proc/stat's fields but idle and
+# iowait).
+cpu_busy_ticks() {
+  local -a f
+  read -ra f < <(grep "^cpu$1 " /proc/stat)
+  echo $((f[1] + f[2] + f[3] + f[6] + f[7] + f[8]))
+}
+
+# keep-alive: prints "requests microseconds client-CPU-seconds" (wrk's own
+# user + system time: what the server makes the client do per answer).
 run_wrk() {
-  local name=$1 duration=$2 out summary requests micros errors
-  out=$(taskset -c 1 wrk -t1 -c"$connections" -d"${duration}s" --timeout 5s -s "$work/summary.lua" \
+  local name=$1 duration=$2 out summary requests micros errors user system
+  out=$(/usr/bin/time -f 'CLIENT_CPU %U %S' taskset -c 1 wrk -t1 -c"$connections" \
+    -d"${duration}s" --timeout 5s -s "$work/summary.lua" \
     "https://127.0.0.1:${port[$name]}/hello" 2>&1) || { echo "tls_load: wrk failed: $out" >&2; exit 1; }
   summary=$(grep '^SUMMARY ' <<<"$out") || { echo "tls_load: no summary: $out" >&2; exit 1; }
   read -r _ requests micros errors <<<"$summary"
   ((requests > 0 && errors == 0)) || { echo "tls_load: $name: errors under load: $out" >&2; exit 1; }
-  echo "$requests $micros"
+  read -r _ user system <<<"$(grep '^CLIENT_CPU ' <<<"$out")"
+  echo "$requests $micros $(calc 'a[0] + a[1]' "$user" "$system")"
 }
 
 # new connections: prints "connections seconds".
@@ -100,7 +111,8 @@ run_s_time() {
 }
 
 round_seconds=$(((seconds + rounds - 1) / rounds))
-declare -A total took ticks rate_of
+declare -A total took ticks rate_of client busy_of cores_of
+client=([ours]=0 [nginx]=0)
 for test in keepalive handshake; do
   for name in ours nginx; do
     total[$test,$name]=0
@@ -112,14 +124,24 @@ for test in keepalive handshake; do
     for ((k = 0; k < 2; ++k)); do
       name=${servers[(round + k) % 2]}
       before=$(cpu_ticks "${pid[$name]}")
+      before_cpus="$(cpu_busy_ticks 0) $(cpu_busy_ticks 1)"
       if [[ $test == keepalive ]]; then
-        read -r got micros < <(run_wrk "$name" "$round_seconds")
+        read -r got micros client_seconds < <(run_wrk "$name" "$round_seconds")
+        client[$name]=$(calc 'a[0] + a[1]' "${client[$name]}" "$client_seconds")
       else
         read -r got secs < <(run_s_time "$name" "$round_seconds")
         micros=$(calc 'int(a[0] * 1e6)' "$secs")
       fi
       after=$(cpu_ticks "${pid[$name]}")
+      read -r cpu0 cpu1 <<<"$before_cpus"
+      # How busy each core was in the round, whoever used it: the server's
+      # core beyond the server, or the client's beyond wrk, is other load.
+      cores_of[$test,$round,$name]=$(calc 'f"{a[0] / a[2] / (a[3] / 1e6):.2f}+{a[1] / a[2] / (a[3] / 1e6):.2f}"' \
+        "$(($(cpu_busy_ticks 0) - cpu0))" "$(($(cpu_busy_ticks 1) - cpu1))" "$clock_ticks" "$micros")
       rate_of[$test,$round,$name]=$(calc 'a[0] / (a[1] / 1e6)' "$got" "$micros")
+      # How much of the round the server was busy.
+      busy_of[$test,$round,$name]=$(calc 'f"{a[0] / a[1] / (a[2] / 1e6):.2f}"' \
+        "$((after - before))" "$clock_ticks" "$micros")
       total[$test,$name]=$((total[$test,$name] + got))
       took[$test,$name]=$((took[$test,$name] + micros))
       ticks[$test,$name]=$((ticks[$test,$name] + after - before))
@@ -232,6 +254,9 @@ row() {
 }
 row "keep-alive req/s (wrk -c$connections)" "${rate[keepalive,ours]}" "${rate[keepalive,nginx]}"
 row "keep-alive server CPU µs/req" "${cpu[keepalive,ours]}" "${cpu[keepalive,nginx]}"
+row "keep-alive client (wrk) CPU µs/req" \
+  "$(calc 'f"{a[0] * 1e6 / a[1]:.1f}"' "${client[ours]}" "${total[keepalive,ours]}")" \
+  "$(calc 'f"{a[0] * 1e6 / a[1]:.1f}"' "${client[nginx]}" "${total[keepalive,nginx]}")"
 row "new connections/s (s_time -new)" "${rate[handshake,ours]}" "${rate[handshake,nginx]}"
 row "server CPU µs per new connection" "${cpu[handshake,ours]}" "${cpu[handshake,nginx]}"
 row "idle TLS connection, bytes ($idle)" "${idle_per[ours]}" "${idle_per[nginx]}"
@@ -243,6 +268,16 @@ for ((round = 0; round < rounds; ++round)); do
     "${rate_of[keepalive,$round,nginx]}")"
 done
 echo "keep-alive req/s ours/nginx by round:$ratios"
+busy=""
+for ((round = 0; round < rounds; ++round)); do
+  busy+=" ${busy_of[keepalive,$round,ours]}/${busy_of[keepalive,$round,nginx]}"
+done
+echo "keep-alive server busy, ours/nginx by round:$busy"
+cores=""
+for ((round = 0; round < rounds; ++round)); do
+  cores+=" ${cores_of[keepalive,$round,ours]}/${cores_of[keepalive,$round,nginx]}"
+done
+echo "keep-alive CPU 0+1 busy (anyone), ours/nginx by round:$cores"
 if $profile_ok; then
   echo "per keep-alive request (perf stat, wrk -c$connections, 2 s each):"
   printf "  %-32s %12s %12s\n" "" ours nginx

@@ -54,6 +54,7 @@ class EventThread {
       MutexLock lock(mutex_);
       wake_ = event_new(base_, -1, 0, &EventThread::onWake, this);
     }
+    turn_end_ = event_new(base_, -1, 0, &EventThread::onTurnEnd, this);
     thread_ = std::thread([this] { run(); });
   }
 
@@ -81,6 +82,16 @@ class EventThread {
   void addStopHook(const std::function<void()>& fn) {
     MutexLock lock(mutex_);
     stop_hooks_.push_back(fn);
+  }
+
+  // Event thread only.
+  bool runAtEndOfTurn(void (*fn)()) {
+    if (turn_end_ == nullptr) return false;
+    // The first of a turn: queued behind the callbacks already active, so
+    // it runs after them and before the loop next polls.
+    if (turn_end_fns_.empty()) event_active(turn_end_, EV_READ, 1);
+    turn_end_fns_.push_back(fn);
+    return true;
   }
 
   bool stopped() {
@@ -158,6 +169,21 @@ class EventThread {
     static_cast<EventThread*>(arg)->runQueued();
   }
 
+  static void onTurnEnd(evutil_socket_t, short, void* arg) {
+    static_cast<EventThread*>(arg)->runTurnEnd();
+  }
+
+  void runTurnEnd() {
+    // What these functions ask for runs at the end of the next turn. Run
+    // from a vector of its own (a function that exits the process runs
+    // this again inside), which lends its capacity back afterwards.
+    std::vector<void (*)()> running = std::move(spare_turn_end_);
+    running.swap(turn_end_fns_);
+    for (void (*fn)() : running) fn();
+    running.clear();
+    spare_turn_end_ = std::move(running);
+  }
+
   static void onTimer(evutil_socket_t, short, void* arg) {
     EventThread& self = instanceForCallbacks();
     auto it = self.armed_.find(static_cast<TimerState*>(arg));
@@ -220,7 +246,13 @@ class EventThread {
         running_.swap(queue_);
       }
       runBatch();
+      runTurnEnd();
     }
+    // From here on the caller of runAtEndOfTurn does its own work.
+    struct event* turn_end = turn_end_;
+    turn_end_ = nullptr;
+    runTurnEnd();
+    event_free(turn_end);
     for (auto& entry : armed_) {
       event_free(entry.second->timer);
       entry.second->timer = nullptr;
@@ -245,8 +277,11 @@ class EventThread {
   // the loop stops.
   struct event* wake_ VANTU_GUARDED_BY(mutex_) = nullptr;
 
-  // Event thread only.
+  // Event thread only. turn_end_ is null once the loop stops.
   std::vector<Entry> running_;
+  struct event* turn_end_ = nullptr;
+  std::vector<void (*)()> turn_end_fns_;
+  std::vector<void (*)()> spare_turn_end_;
   std::unordered_map<TimerState*, std::shared_ptr<TimerState>> armed_;
 };
 
@@ -332,6 +367,8 @@ bool runOnEventThreadAndWait(const std::function<void()>& fn) {
   while (!done) done_cv.wait(mutex);
   return true;
 }
+
+bool runAtEndOfTurn(void (*fn)()) { return on_event_thread && instance().runAtEndOfTurn(fn); }
 
 bool isEventThread() { return on_event_thread; }
 

@@ -65,6 +65,14 @@ void waitForDeferredWork();
 // thread has already stopped.
 bool runOnEventThreadAndWait(const std::function<void()>& fn);
 
+// Event thread only: runs `fn` once the callbacks of the loop's current turn
+// have run, before it waits for events again; a function asked for twice in
+// one turn runs twice. For work that is cheaper done once for a turn's many
+// events than once for each (handing counts over in one step). False, and
+// `fn` is not run, when called on another thread or once the loop is
+// stopping: the caller then does the work itself.
+bool runAtEndOfTurn(void (*fn)());
+
 // True on the event thread. Does not start it.
 bool isEventThread();
 

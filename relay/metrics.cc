@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "common/event_thread.h"
 #include "common/fast_thread_local.h"
 #include "common/logging.h"
 #include "relay/http_server.h"
@@ -102,7 +103,14 @@ struct LastRequestSeries {
   void flush() {
     if (pending_requests != 0) requests->Increment(static_cast<double>(pending_requests));
     if (pending_durations != 0) {
-      duration->ObserveMultiple(pending_buckets, pending_sum);
+      // One duration lands where Observe puts it (see latencyBucket): that
+      // touches its bucket and the sum, where ObserveMultiple touches every
+      // bucket.
+      if (pending_durations == 1) {
+        duration->Observe(pending_sum);
+      } else {
+        duration->ObserveMultiple(pending_buckets, pending_sum);
+      }
       std::fill(pending_buckets.begin(), pending_buckets.end(), 0.0);
     }
     pending_requests = 0;
@@ -111,6 +119,9 @@ struct LastRequestSeries {
   }
 
   uint64_t observer = 0;  // id of the MetricsObserver; 0 for none
+  // The event thread: a handover is asked for at the end of this turn of its
+  // loop, so the reports in between leave the counts alone.
+  bool handover_armed = false;
   int status = 0;
   std::string handler;
   // Keeps the series below alive while counts for them wait here.
@@ -150,12 +161,35 @@ void flushThisThread() {
   if (tls_last_series != nullptr) tls_last_series->flush();
 }
 
+// What the reports do: hand the counts over, unless the end of the event
+// loop's turn will.
+void flushUnlessArmed() {
+  if (tls_last_series != nullptr && !tls_last_series->handover_armed) tls_last_series->flush();
+}
+
+// Set while the event thread keeps counts that the end of its turn hands
+// over, so that a scrape on another thread knows to ask for them.
+std::atomic<bool> event_thread_counts_waiting{false};
+
+// Run by the event loop at the end of a turn that counted requests.
+void handOverAtEndOfTurn() {
+  if (tls_last_series == nullptr) return;
+  tls_last_series->handover_armed = false;
+  tls_last_series->flush();
+  event_thread_counts_waiting.store(false, std::memory_order_release);
+}
+
 }  // namespace
 
 const char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 std::string metricsText(const prometheus::Registry& registry) {
   flushThisThread();
+  // A peer may hold answers whose counts wait for the end of the event
+  // loop's turn: take them now, so that the scrape has every answer given.
+  if (!isEventThread() && event_thread_counts_waiting.load(std::memory_order_acquire)) {
+    runOnEventThreadAndWait(&handOverAtEndOfTurn);
+  }
   return prometheus::TextSerializer().Serialize(registry.Collect());
 }
 
@@ -237,23 +271,23 @@ MetricsObserver::MetricsObserver(std::shared_ptr<prometheus::Registry> registry)
 MetricsObserver::~MetricsObserver() = default;
 
 void MetricsObserver::connectionOpened() {
-  flushThisThread();
+  flushUnlessArmed();
   connections_accepted_->Increment();
   connections_open_->Increment();
 }
 
 void MetricsObserver::connectionClosed() {
-  flushThisThread();
+  flushUnlessArmed();
   connections_open_->Decrement();
 }
 
 void MetricsObserver::bytesReceived(size_t bytes) {
-  flushThisThread();
+  flushUnlessArmed();
   received_bytes_->Increment(static_cast<double>(bytes));
 }
 
 void MetricsObserver::bytesSent(size_t bytes) {
-  flushThisThread();
+  flushUnlessArmed();
   sent_bytes_->Increment(static_cast<double>(bytes));
 }
 
@@ -295,6 +329,13 @@ void MetricsObserver::requestAnswered(const std::string& pattern, int status,
     last.pending_buckets[latencyBucket(value)] += 1;
     last.pending_sum += value;
     ++last.pending_durations;
+  }
+  // On the event thread the counts of a turn's answers, across its
+  // connections, go over in one step when the turn ends. Elsewhere they go
+  // at the thread's next report.
+  if (!last.handover_armed && runAtEndOfTurn(&handOverAtEndOfTurn)) {
+    last.handover_armed = true;
+    event_thread_counts_waiting.store(true, std::memory_order_release);
   }
 }
 
@@ -356,7 +397,7 @@ void MetricsObserver::rpcFinished(const std::string& service, const std::string&
 }
 
 void MetricsObserver::requestRefused(int status, bool by_limit) {
-  flushThisThread();
+  flushUnlessArmed();
   if (!by_limit) {
     parse_errors_->Increment();
     return;

@@ -92,11 +92,14 @@ std::string metricsText(const prometheus::Registry& registry);
 // the cache (under a short lock) and the metric's own atomic counters.
 //
 // Requests answered are counted by the thread that answers them and handed
-// to the registry in one step at its next report of bytes read or sent, of a
-// connection opened or closed, or of a refusal, and before a scrape by
-// exposeMetrics or metricsText on that thread: a read's answers cost one
-// update of the registry instead of one each (the answers of one read are
-// sent, and their bytes reported, together).
+// to the registry in one step: on the event thread (where the server answers)
+// when the turn of its loop that answered them ends, so that the answers a
+// turn gives on all its connections cost one update of the registry instead
+// of one each; on any other thread at its next report of bytes read or sent,
+// of a connection opened or closed, or of a refusal. A scrape by exposeMetrics
+// or metricsText, on any thread, first takes the counts still waiting, so it
+// has every answer a peer may already hold; one that reads the registry some
+// other way may find the last turn's answers missing for that turn.
 class MetricsObserver : public HttpServerObserver {
  public:
   // The peer-chosen service and method pairs kept under their own names.

@@ -66,6 +66,44 @@ TEST(EventThreadTest, DeferNeverRunsInsideTheCallerAndWaitingOnTheLoopReturns) {
   EXPECT_TRUE(inner_saw_outer_finished);
 }
 
+// What a turn's end-of-turn functions record; event thread only.
+std::vector<int>* turn_log = nullptr;
+int turn_end_asks_left = 0;
+
+void logTurnEnd() {
+  turn_log->push_back(-1);
+  // Asked again from its own run: not lost, and not run in the same pass.
+  if (turn_end_asks_left > 0) {
+    --turn_end_asks_left;
+    runAtEndOfTurn(&logTurnEnd);
+    turn_log->push_back(-2);
+  }
+}
+
+TEST(EventThreadTest, EndOfTurnFunctionsRunAfterTheTurnsCallbacksOncePerAsk) {
+  std::vector<int> log;
+  bool asked_off_thread = runAtEndOfTurn(&logTurnEnd);
+  EXPECT_FALSE(asked_off_thread);
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    turn_log = &log;
+    turn_end_asks_left = 1;
+    // Three deferred functions run in one turn: the two asks made by the
+    // first run after the third, each once; the ask made by the first of
+    // those runs after them.
+    defer([&] {
+      log.push_back(1);
+      EXPECT_TRUE(runAtEndOfTurn(&logTurnEnd));
+      EXPECT_TRUE(runAtEndOfTurn(&logTurnEnd));
+    });
+    defer([&] { log.push_back(2); });
+    defer([&] { log.push_back(3); });
+  }));
+  waitForDeferredWork();
+  waitForDeferredWork();
+  ASSERT_TRUE(runOnEventThreadAndWait([] { turn_log = nullptr; }));
+  EXPECT_EQ((std::vector<int>{1, 2, 3, -1, -2, -1, -1}), log);
+}
+
 TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
   for (bool delayed : {false, true}) {
     SCOPED_TRACE(delayed ? "timer" : "queued");

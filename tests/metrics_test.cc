@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <prometheus/gauge.h>
 #include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -20,6 +21,7 @@
 #include "relay/http_server.h"
 #include "tests/loopback_client.h"
 #include "tests/test_service.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace relay {
@@ -193,9 +195,11 @@ TEST(MetricsTest, ScrapeAnswersTextFormatAtExactlyItsPath) {
   waitForDeferredWork();
 }
 
-// The requests a read brought are counted in one run, handed over when their
-// answers are reported sent: a peer that has its answers, on a connection
-// that stays open and quiet, finds them in a scrape made on another thread.
+// The requests the event thread answers in one turn of its loop are counted
+// in one run, handed over when the turn ends: a peer that has its answers, on
+// a connection that stays open and quiet, finds them in a scrape made on
+// another thread (which takes what waits for the turn's end), and the
+// registry itself has them once the turn is over, turn after turn.
 TEST(MetricsTest, AnswersReadByThePeerAreAlreadyCounted) {
   std::shared_ptr<HttpServer> server = HttpServer::create(SocketAddress("127.0.0.1", 0), 16);
   ASSERT_TRUE(server);
@@ -209,9 +213,19 @@ TEST(MetricsTest, AnswersReadByThePeerAreAlreadyCounted) {
   vantu::testing::LoopbackClient client(server->localAddress().port());
   client.write(get("/x") + get("/x") + get("/x"));
   ASSERT_EQ(answer + answer + answer, client.read(3 * answer.size()));
-  EXPECT_EQ(
-      3,
-      samples(metricsText(*registry)).at("relay_http_requests_total{code=\"200\",handler=\"/x\"}"));
+  const std::string counted = "relay_http_requests_total{code=\"200\",handler=\"/x\"}";
+  EXPECT_EQ(3, samples(metricsText(*registry)).at(counted));
+  // Read without a scrape's handover: each turn's answers arrive by
+  // themselves.
+  auto collected = [&] {
+    return samples(prometheus::TextSerializer().Serialize(registry->Collect()))[counted];
+  };
+  for (int answers = 4; answers <= 5; ++answers) {
+    client.write(get("/x"));
+    ASSERT_EQ(answer, client.read(answer.size()));
+    ASSERT_TRUE(vantu::testing::eventually([&] { return collected() == answers; }))
+        << collected() << " counted of " << answers;
+  }
   server.reset();
   waitForDeferredWork();
 }
@@ -390,6 +404,14 @@ TEST(MetricsTest, RequestsCountedInRunsScrapeAsCountedOneByOne) {
       const Duration time = Duration::microseconds(us);
       single->requestAnswered(answer.pattern, answer.status, time);
       single->bytesSent(0);
+      if (n == 0) {
+        // Off the event thread the report itself hands the count over, with
+        // no scrape to ask for it.
+        EXPECT_EQ(
+            1,
+            samples(prometheus::TextSerializer().Serialize(
+                one_by_one->Collect()))["relay_http_requests_total{code=\"200\",handler=\"/a\"}"]);
+      }
       batched->requestAnswered(answer.pattern, answer.status, time);
       // Runs of every length from 1 to 5, ended by one report or another
       // (which the other observer is given as well, after its own).
