@@ -182,6 +182,8 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
                        const google::protobuf::Message* request, int id);
     // Completes the call a response answers. Event thread.
     void handleResponse(const HttpResponsePtr& response);
+    // The same for a success reply read where it lies: its id and body.
+    void handlePlainReply(uint32_t id, const char* body, size_t body_size);
 
     // RequestResponseConnectionHandler
     void notifyOutputShutdown() override;
@@ -222,6 +224,9 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
 
     // Event thread only.
     HttpResponseParser parser_;
+    // The last bytes the parser was given ended in a CR, whose LF it may still
+    // be waiting for: the next bytes go to it too.
+    bool parser_cr_at_end_ = false;
     // Constant after construction.
     const std::shared_ptr<Calls> calls_;
   };
