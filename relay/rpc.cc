@@ -492,6 +492,41 @@ void RPCChannel::RPCHandler::handlePlainReply(uint32_t id, const char* body, siz
 }
 
 size_t RPCChannel::RPCHandler::notifyIncomingBytes(const char* data, size_t size) {
+  if (!unread_.empty()) {
+    // Behind the replies still waiting for their turn.
+    unread_.append(data, size);
+    return size;
+  }
+  const size_t used = readReplies(data, size);
+  if (used < size) {
+    unread_.assign(data + used, size - used);
+    scheduleMoreReplies();
+  }
+  return size;
+}
+
+void RPCChannel::RPCHandler::scheduleMoreReplies() {
+  // After the writes of the calls that the replies just handled issued (their
+  // deferred sends are queued ahead of this), so that those go out first.
+  std::weak_ptr<RPCHandler> self = shared_from_this();
+  defer([self] {
+    if (std::shared_ptr<RPCHandler> handler = self.lock()) handler->readMoreReplies();
+  });
+}
+
+void RPCChannel::RPCHandler::readMoreReplies() {
+  // Nothing is added to unread_ meanwhile: bytes arrive only from the
+  // socket's callbacks, never from inside this one.
+  std::string bytes;
+  bytes.swap(unread_);
+  const size_t used = readReplies(bytes.data(), bytes.size());
+  if (used < bytes.size()) {
+    unread_.assign(bytes, used, std::string::npos);
+    scheduleMoreReplies();
+  }
+}
+
+size_t RPCChannel::RPCHandler::readReplies(const char* data, size_t size) {
   const char* scan = data;
   const char* const end = data + size;
   // Replies in the server's own success form are read straight from the
@@ -503,10 +538,13 @@ size_t RPCChannel::RPCHandler::notifyIncomingBytes(const char* data, size_t size
     uint32_t id;
     const char* body;
     size_t body_size;
+    int handled = 0;
     while (scan < end) {
+      if (handled == kRepliesPerTurn) return static_cast<size_t>(scan - data);
       const size_t used = matchPlainReply(scan, end - scan, &id, &body, &body_size);
       if (used == 0) break;
       scan += used;
+      ++handled;
       handlePlainReply(id, body, body_size);
     }
     if (scan == end) return size;
