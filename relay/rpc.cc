@@ -33,8 +33,7 @@ constexpr char kSourceFile[] = "relay/rpc";
 // or a reply not yet whole), which is then left to the general parser.
 size_t matchPlainReply(const char* data, size_t size, uint32_t* id, const char** body,
                        size_t* body_size) {
-  static constexpr char kStart[] =
-      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: ";
+  static constexpr char kStart[] = "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: ";
   static constexpr char kFailed[] = "\r\nRpc-Failed: 0\r\nRpc-Id: ";
   constexpr size_t kStartSize = sizeof(kStart) - 1;
   constexpr size_t kFailedSize = sizeof(kFailed) - 1;
@@ -129,11 +128,13 @@ void appendCallHead(std::string* head, size_t body_size, uint32_t id,
   static constexpr char kId[] = "\r\nRpc-Id: ";
   static constexpr char kService[] = "\r\nRpc-Service: ";
   static constexpr char kMethod[] = "\r\nRpc-Method: ";
-  char fixed[sizeof(kStart) + sizeof(kId) + sizeof(kService) + 2 * 12];
+  // Room for "%d" of any int, sign included.
+  constexpr size_t kNumber = 12;
+  char fixed[sizeof(kStart) + sizeof(kId) + sizeof(kService) + 2 * kNumber];
   char* at = std::copy(kStart, kStart + sizeof(kStart) - 1, fixed);
-  at = std::to_chars(at, at + 12, static_cast<int>(body_size)).ptr;
+  at = std::to_chars(at, at + kNumber, static_cast<int>(body_size)).ptr;
   at = std::copy(kId, kId + sizeof(kId) - 1, at);
-  at = std::to_chars(at, at + 12, static_cast<int>(id)).ptr;
+  at = std::to_chars(at, at + kNumber, static_cast<int>(id)).ptr;
   at = std::copy(kService, kService + sizeof(kService) - 1, at);
   const std::string& service = method.service()->full_name();
   const std::string& name = method.name();

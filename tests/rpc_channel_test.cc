@@ -557,15 +557,18 @@ TEST(RpcChannelClientTest, AnswersInTheServersOwnFormReachTheirCallsInStreamOrde
   constexpr uint32_t kFirstId = 4294967295u - 19;
   auto answer = [](uint32_t id, const std::string& body) {
     return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\nRpc-Failed: 0\r\nRpc-Id: " +
-           std::to_string(static_cast<int32_t>(id)) + "\r\n\r\n" + body;
+           std::to_string(body.size()) +
+           "\r\nRpc-Failed: 0\r\nRpc-Id: " + std::to_string(static_cast<int32_t>(id)) + "\r\n\r\n" +
+           body;
   };
   std::vector<std::string> script(kCalls);
   Entries expected;
   for (int i = kCalls - 1; i >= 0; --i) {
     const uint32_t id = kFirstId + static_cast<uint32_t>(i);
     // Call 7's body does not parse; call 9's is empty, a message with nothing set.
-    script[0] += answer(id, i == 7 ? "\xff\xff" : i == 9 ? "" : textMessage("r" + std::to_string(i)));
+    script[0] += answer(id, i == 7   ? "\xff\xff"
+                            : i == 9 ? ""
+                                     : textMessage("r" + std::to_string(i)));
     if (i == 20) script[0] += answer(999, textMessage("nobody's"));
     expected.push_back(std::to_string(i) + (i == 7 ? " failed: Can't parse response." : " ok"));
   }
