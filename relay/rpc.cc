@@ -1,7 +1,10 @@
 #include "relay/rpc.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 #include "common/closure.h"
 #include "common/deferred_deleter.h"
@@ -20,12 +23,69 @@ namespace {
 
 constexpr char kSourceFile[] = "relay/rpc";
 
-// Appends `value` as "%d" writes it.
-void appendDecimal(std::string* out, int value) {
-  char digits[16];
-  const char* end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
-  out->append(digits, end - digits);
+// A reply as this library's server writes it for a call that succeeded:
+// "HTTP/1.1 200 OK", then Connection, Content-Length, Rpc-Failed "0" and
+// Rpc-Id, each as "Name: value" on a line of its own ended by CR LF, then the
+// empty line and the body. Such a reply, complete in `data`, is read here
+// where it lies: the general parser would give the same id and body, and
+// nothing else of the reply is read. Returns its size in bytes with *id and
+// *body set, or 0 for anything else (another form, another header, a failure,
+// or a reply not yet whole), which is then left to the general parser.
+size_t matchPlainReply(const char* data, size_t size, uint32_t* id, const char** body,
+                       size_t* body_size) {
+  static constexpr char kStart[] = "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: ";
+  static constexpr char kFailed[] = "\r\nRpc-Failed: 0\r\nRpc-Id: ";
+  constexpr size_t kStartSize = sizeof(kStart) - 1;
+  constexpr size_t kFailedSize = sizeof(kFailed) - 1;
+  const char* const end = data + size;
+  if (size < kStartSize || std::memcmp(data, kStart, kStartSize) != 0) return 0;
+  const char* at = data + kStartSize;
+  // Content-Length: one to nine digits, no leading zero, so that any reader
+  // of the number agrees on it.
+  const char* digits = at;
+  size_t length = 0;
+  while (at < end && *at >= '0' && *at <= '9' && at - digits < 9) {
+    length = length * 10 + static_cast<size_t>(*at - '0');
+    ++at;
+  }
+  if (at == digits || (*digits == '0' && at - digits > 1)) return 0;
+  if (static_cast<size_t>(end - at) < kFailedSize || std::memcmp(at, kFailed, kFailedSize) != 0) {
+    return 0;
+  }
+  at += kFailedSize;
+  // Rpc-Id as "%d" writes it: an optional minus and one to ten digits.
+  const char* id_start = at;
+  if (at < end && *at == '-') ++at;
+  const char* id_digits = at;
+  while (at < end && *at >= '0' && *at <= '9' && at - id_digits < 10) ++at;
+  if (at == id_digits) return 0;
+  const char* id_end = at;
+  if (end - at < 4 || std::memcmp(at, "\r\n\r\n", 4) != 0) return 0;
+  at += 4;
+  if (static_cast<size_t>(end - at) < length) return 0;
+  // Short enough for the string's own buffer: no allocation.
+  *id = readCallNumber(std::string(id_start, id_end - id_start));
+  *body = at;
+  *body_size = length;
+  return static_cast<size_t>(at + length - data);
 }
+
+// A call's deferred write, queued behind whatever the event thread was given
+// before it. Holds the handler weakly, as a WeakFunction would, in one object
+// instead of a bind, a function and a timer handle.
+struct DeferredSend {
+  std::weak_ptr<RPCChannel::RPCHandler> handler;
+  const google::protobuf::MethodDescriptor* method;
+  const google::protobuf::Message* request;
+  uint32_t id;
+
+  void operator()() const {
+    static const std::shared_ptr<TimerHandle> kNoTimer;
+    if (std::shared_ptr<RPCChannel::RPCHandler> strong = handler.lock()) {
+      strong->doSendRequest(kNoTimer, method, request, static_cast<int>(id));
+    }
+  }
+};
 
 }  // namespace
 
@@ -62,14 +122,30 @@ void appendCallHead(std::string* head, size_t body_size, uint32_t id,
                     const google::protobuf::MethodDescriptor& method) {
   // "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: %d\r\n%s: %d\r\n%s: %s\r\n%s:
   // %s\r\n\r\n", the names as %s would take them (up to a NUL, which they never hold).
-  head->append("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: ");
-  appendDecimal(head, static_cast<int>(body_size));
-  head->append("\r\n").append(RPCChannel::kHeaderId).append(": ");
-  appendDecimal(head, static_cast<int>(id));
-  head->append("\r\n").append(RPCChannel::kHeaderService).append(": ");
-  head->append(method.service()->full_name().c_str());
-  head->append("\r\n").append(RPCChannel::kHeaderMethod).append(": ").append(method.name().c_str());
-  head->append("\r\n");
+  // The fixed text and both numbers go in one piece, through a buffer on the
+  // stack: appended bit by bit, the head cost more than the rest of the write.
+  static constexpr char kStart[] = "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: ";
+  static constexpr char kId[] = "\r\nRpc-Id: ";
+  static constexpr char kService[] = "\r\nRpc-Service: ";
+  static constexpr char kMethod[] = "\r\nRpc-Method: ";
+  // Room for "%d" of any int, sign included.
+  constexpr size_t kNumber = 12;
+  char fixed[sizeof(kStart) + sizeof(kId) + sizeof(kService) + 2 * kNumber];
+  char* at = std::copy(kStart, kStart + sizeof(kStart) - 1, fixed);
+  at = std::to_chars(at, at + kNumber, static_cast<int>(body_size)).ptr;
+  at = std::copy(kId, kId + sizeof(kId) - 1, at);
+  at = std::to_chars(at, at + kNumber, static_cast<int>(id)).ptr;
+  at = std::copy(kService, kService + sizeof(kService) - 1, at);
+  const std::string& service = method.service()->full_name();
+  const std::string& name = method.name();
+  const size_t service_size = std::char_traits<char>::length(service.c_str());
+  const size_t name_size = std::char_traits<char>::length(name.c_str());
+  head->reserve(head->size() + (at - fixed) + service_size + sizeof(kMethod) + name_size + 2);
+  head->append(fixed, at - fixed);
+  head->append(service.c_str(), service_size);
+  head->append(kMethod, sizeof(kMethod) - 1);
+  head->append(name.c_str(), name_size);
+  head->append("\r\n", 2);
 }
 
 void sendCall(RequestResponseConnectionHandler* connection, const std::string& head,
@@ -333,10 +409,9 @@ void RPCChannel::RPCHandler::sendRequest(const google::protobuf::MethodDescripto
     call.response = response;
     call.done = done;
   }
-  std::weak_ptr<RPCHandler> self = shared_from_this();
-  auto timer = std::make_shared<TimerHandle>();
-  *timer = scheduleDeferred(std::function<void()>(makeWeakFunction(
-      self, std::bind(&RPCHandler::doSendRequest, this, timer, method, request, id))));
+  // Written later, on the event thread, in the order calls were issued. The
+  // send holds the handler weakly: once the handler is gone it does nothing.
+  defer(DeferredSend{shared_from_this(), method, request, id});
 }
 
 void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /*timer*/,
@@ -351,7 +426,14 @@ void RPCChannel::RPCHandler::doSendRequest(const std::shared_ptr<TimerHandle>& /
   head.clear();
   appendCallHead(&head, body.size(), static_cast<uint32_t>(id), *method);
   head.append("\r\n");
-  sendCall(this, head, &body);
+  if (body.size() <= memory_policy::kLargestGatheredContent) {
+    // A small body rides in the head's buffer: one hand-over to the socket
+    // instead of two, the same bytes.
+    head.append(body);
+    send(head);
+  } else {
+    sendCall(this, head, &body);
+  }
   // A huge request's buffers are not kept.
   if (body.capacity() > (1 << 20)) std::string().swap(body);
 }
@@ -393,11 +475,87 @@ void RPCChannel::RPCHandler::notifyIncomingData(std::string* data) {
   data->clear();
 }
 
+void RPCChannel::RPCHandler::handlePlainReply(uint32_t id, const char* body, size_t body_size) {
+  // handleResponse's path for a success, with the body where it lies.
+  MutexLock lock(calls_->mutex);
+  auto it = calls_->pending.find(id);
+  if (it == calls_->pending.end()) return;
+  PendingRequest call = it->second;
+  if (call.controller != nullptr) {
+    if (call.response->ParseFromArray(body, static_cast<int>(body_size))) {
+      static_cast<RPC*>(call.controller)->setDone();
+    } else {
+      call.controller->SetFailed("Can't parse response.");
+    }
+  }
+  calls_->pending.erase(it);
+  if (call.done != nullptr) call.done->Run();
+}
+
 size_t RPCChannel::RPCHandler::notifyIncomingBytes(const char* data, size_t size) {
-  // Read where the bytes lie: a reply's body is copied once, from the
-  // socket's read buffer into its place.
+  if (!unread_.empty()) {
+    // Behind the replies still waiting for their turn.
+    unread_.append(data, size);
+    return size;
+  }
+  const size_t used = readReplies(data, size);
+  if (used < size) {
+    unread_.assign(data + used, size - used);
+    scheduleMoreReplies();
+  }
+  return size;
+}
+
+void RPCChannel::RPCHandler::scheduleMoreReplies() {
+  // After the writes of the calls that the replies just handled issued (their
+  // deferred sends are queued ahead of this), so that those go out first.
+  std::weak_ptr<RPCHandler> self = shared_from_this();
+  defer([self] {
+    if (std::shared_ptr<RPCHandler> handler = self.lock()) handler->readMoreReplies();
+  });
+}
+
+void RPCChannel::RPCHandler::readMoreReplies() {
+  // Nothing is added to unread_ meanwhile: bytes arrive only from the
+  // socket's callbacks, never from inside this one.
+  std::string bytes;
+  bytes.swap(unread_);
+  const size_t used = readReplies(bytes.data(), bytes.size());
+  if (used < bytes.size()) {
+    unread_.assign(bytes, used, std::string::npos);
+    scheduleMoreReplies();
+  }
+}
+
+size_t RPCChannel::RPCHandler::readReplies(const char* data, size_t size) {
+  const char* scan = data;
+  const char* const end = data + size;
+  // Replies in the server's own success form are read straight from the
+  // socket's buffer, one after the other, while the general parser has
+  // nothing half-read (nor a line end to finish) and nobody wants its
+  // per-header log records.
+  if (!parser_.headInProgress() && !parser_.bodyInProgress() && !parser_.spent() &&
+      !parser_cr_at_end_ && !isLoggerEnabled(5, "http_request_parser")) {
+    uint32_t id;
+    const char* body;
+    size_t body_size;
+    int handled = 0;
+    while (scan < end) {
+      if (handled == kRepliesPerTurn) return static_cast<size_t>(scan - data);
+      const size_t used = matchPlainReply(scan, end - scan, &id, &body, &body_size);
+      if (used == 0) break;
+      scan += used;
+      ++handled;
+      handlePlainReply(id, body, body_size);
+    }
+    if (scan == end) return size;
+  }
+  // The rest, and every other form, through the general parser. A reply's
+  // body is copied once, from the socket's read buffer into its place.
   std::vector<HttpResponsePtr> responses;
-  const bool parsed = parser_.parse(data, size, &responses);
+  const bool parsed = parser_.parse(scan, end - scan, &responses);
+  // A chunk that ends in a CR may leave the parser waiting to skip an LF.
+  if (scan < end) parser_cr_at_end_ = end[-1] == '\r';
   for (const HttpResponsePtr& response : responses) handleResponse(response);
   if (!parsed) shutdown();
   return size;

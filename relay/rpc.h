@@ -182,6 +182,8 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
                        const google::protobuf::Message* request, int id);
     // Completes the call a response answers. Event thread.
     void handleResponse(const HttpResponsePtr& response);
+    // The same for a success reply read where it lies: its id and body.
+    void handlePlainReply(uint32_t id, const char* body, size_t body_size);
 
     // RequestResponseConnectionHandler
     void notifyOutputShutdown() override;
@@ -222,6 +224,25 @@ class RPCChannel : public google::protobuf::RpcChannel, public NonCopyable {
 
     // Event thread only.
     HttpResponseParser parser_;
+    // The last bytes the parser was given ended in a CR, whose LF it may still
+    // be waiting for: the next bytes go to it too.
+    bool parser_cr_at_end_ = false;
+    // Replies received and not yet handled: at most kRepliesPerTurn replies
+    // are handled per turn of the event loop, and the rest wait for a later
+    // one. The calls that the handled replies' done closures issue are then
+    // written before the rest are handled, so that the server works on them
+    // while this side works on the rest, instead of each side waiting for the
+    // other's whole batch. Event thread only.
+    static constexpr int kRepliesPerTurn = 16;
+    std::string unread_;
+
+    // Handles the replies in `data`, up to kRepliesPerTurn of them in the
+    // server's own success form; returns the bytes used, the rest not yet
+    // looked at. Event thread.
+    size_t readReplies(const char* data, size_t size);
+    void scheduleMoreReplies();
+    void readMoreReplies();
+
     // Constant after construction.
     const std::shared_ptr<Calls> calls_;
   };

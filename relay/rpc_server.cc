@@ -5,6 +5,7 @@
 #include <google/protobuf/util/json_util.h>
 #include <google/protobuf/util/type_resolver.h>
 
+#include <charconv>
 #include <memory>
 #include <string>
 
@@ -40,6 +41,16 @@ void sendResponse(const HttpConnectionHandlerWeakPtr& connection, const HttpResp
   }
 }
 
+// Sets the answer's Rpc-Id as "%d" writes it: ids above 2^31 - 1 go out
+// negative, and readers keep the low 32 bits. Formatted here rather than by
+// setHeaderF, whose printf cost more than the rest of the header block.
+void setCallId(HttpResponse* response, uint32_t id) {
+  char digits[12];
+  const char* end = std::to_chars(digits, digits + sizeof(digits), static_cast<int>(id)).ptr;
+  // Short enough for the string's own buffer: no allocation.
+  response->setHeader(RPCChannel::kHeaderId, std::string(digits, end - digits));
+}
+
 // Writes the failure form of an RPC answer. Error texts travel in a header
 // line, so CR and LF become blanks: no service text can add header lines.
 void sendRPCError(const HttpConnectionHandlerWeakPtr& connection, const HttpResponsePtr& response,
@@ -48,9 +59,7 @@ void sendRPCError(const HttpConnectionHandlerWeakPtr& connection, const HttpResp
   for (char& c : text) {
     if (c == '\r' || c == '\n') c = ' ';
   }
-  // "%d" is the wire format: ids above 2^31 - 1 go out negative, and readers
-  // keep the low 32 bits.
-  response->setHeaderF(RPCChannel::kHeaderId, "%d", id);
+  setCallId(response.get(), id);
   response->setHeader(RPCChannel::kHeaderFailed, "1");
   response->setHeader(RPCChannel::kHeaderError, text);
   sendResponse(connection, response);
@@ -234,8 +243,7 @@ void HttpServerImpl::RPCDone(RPCInfo* info) {
     info->response->SerializeWithCachedSizesToArray(
         reinterpret_cast<uint8_t*>(content.data() + at));
   }
-  // Signed, as in sendRPCError.
-  info->http_response->setHeaderF(RPCChannel::kHeaderId, "%d", info->id);
+  setCallId(info->http_response.get(), info->id);
   info->http_response->setHeader(RPCChannel::kHeaderFailed, "0");
   sendResponse(info->connection, info->http_response);
 }

@@ -547,6 +547,58 @@ TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
   for (int i : {0, 5}) EXPECT_FALSE(rpcs[i].Failed()) << "call " << i + 1;
 }
 
+TEST(RpcChannelClientTest, AnswersInTheServersOwnFormReachTheirCallsInStreamOrder) {
+  // Forty answers in one write, in the form the library's server writes
+  // (which the channel reads where it lies), in reverse id order, with an
+  // unknown id among them: more than one turn of the event loop handles them,
+  // and each call still gets its own answer, in the order they were sent.
+  // Ids cross 2^31 (written as negative numbers) and wrap to 0.
+  constexpr int kCalls = 40;
+  constexpr uint32_t kFirstId = 4294967295u - 19;
+  auto answer = [](uint32_t id, const std::string& body) {
+    return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
+           std::to_string(body.size()) +
+           "\r\nRpc-Failed: 0\r\nRpc-Id: " + std::to_string(static_cast<int32_t>(id)) + "\r\n\r\n" +
+           body;
+  };
+  std::vector<std::string> script(kCalls);
+  Entries expected;
+  for (int i = kCalls - 1; i >= 0; --i) {
+    const uint32_t id = kFirstId + static_cast<uint32_t>(i);
+    // Call 7's body does not parse; call 9's is empty, a message with nothing set.
+    script[0] += answer(id, i == 7   ? "\xff\xff"
+                            : i == 9 ? ""
+                                     : textMessage("r" + std::to_string(i)));
+    if (i == 20) script[0] += answer(999, textMessage("nobody's"));
+    expected.push_back(std::to_string(i) + (i == 7 ? " failed: Can't parse response." : " ok"));
+  }
+  ScriptedServer server(script);
+  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+  ASSERT_TRUE(channel);
+  RPCChannelTestPeer::setNextId(channel.get(), kFirstId);
+  Text request;
+  RPC rpcs[kCalls];
+  Text responses[kCalls];
+  Completions completions;
+  std::vector<std::unique_ptr<google::protobuf::Closure>> dones;
+  for (int i = 0; i < kCalls; ++i) dones.push_back(completions.newDone(i, &rpcs[i]));
+  // Issued on the event thread, so that every call is pending before the
+  // first request is written and the server can answer them all at once.
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    for (int i = 0; i < kCalls; ++i) {
+      channel->CallMethod(testMethod("Echo"), &rpcs[i], &request, &responses[i], dones[i].get());
+    }
+  }));
+  EXPECT_EQ(expected, completions.waitFor(kCalls));
+  for (int i = 0; i < kCalls; ++i) {
+    if (i == 7) continue;
+    EXPECT_EQ(i == 9 ? "" : "r" + std::to_string(i), responses[i].text()) << "call " << i;
+  }
+  channel.reset();
+  waitForChannelTeardown();
+  server.join();
+}
+
 TEST(RpcChannelClientTest, WritesRequestsByteForByte) {
   const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n";
   ScriptedServer server({answer, answer, answer, answer});
