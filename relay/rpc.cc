@@ -366,6 +366,14 @@ RPCChannel::RPCHandler::RPCHandler()
     : RequestResponseConnectionHandler(2048), calls_(std::make_shared<Calls>()) {}
 
 RPCChannel::RPCHandler::~RPCHandler() {
+  // Replies already read but left for a later turn complete with their
+  // answers, as they would have in the turn that read them; only calls
+  // with no reply yet are canceled.
+  std::string waiting;
+  waiting.swap(unread_);
+  for (size_t at = 0; at < waiting.size();) {
+    at += readReplies(waiting.data() + at, waiting.size() - at);
+  }
   std::map<unsigned, PendingRequest> pending;
   {
     MutexLock lock(calls_->mutex);
