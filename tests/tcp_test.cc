@@ -65,9 +65,6 @@ struct Recorder {
     }
     return true;
   }
-  ~Recorder() {
-    for (auto& thread : threads) thread.join();
-  }
 };
 
 // Answers line by line: "amp N" with N pattern bytes; "big N loop|thread" with
@@ -178,6 +175,15 @@ struct TestServer {
     if (!recorder->waitFor([&] { return recorder->handlers.size() > i; })) return nullptr;
     MutexLock lock(recorder->mutex);
     return std::static_pointer_cast<TestHandler>(recorder->handlers[i].lock());
+  }
+  // The answering threads are joined here, on the test's thread. A thread's
+  // own copy of its handler may be the last one, and the handler holds the
+  // recorder: were the threads joined by the recorder's destructor, that
+  // could run on one of them, which would then join itself.
+  ~TestServer() {
+    std::vector<std::thread> threads;
+    recorder->update([&] { threads.swap(recorder->threads); });
+    for (std::thread& thread : threads) thread.join();
   }
   bool waitFor(int Recorder::*count, int value) {
     return recorder->waitFor([&] { return (*recorder).*count >= value; });
