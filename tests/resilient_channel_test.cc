@@ -3,6 +3,9 @@
 // the resilient ones no call waits for ever, deadlines reach the server,
 // lost connections are made again, and calls spread over several servers.
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <map>
@@ -19,6 +22,7 @@
 #include "test_services.pb.h"
 #include "tests/loopback_client.h"
 #include "tests/scripted_server.h"
+#include "tests/test_certs.h"
 #include "tests/test_service.h"
 
 namespace vantu {
@@ -365,6 +369,85 @@ TEST(ResilientChannelTest, AServerThatBreaksOffFailsTheCallsWrittenToIt) {
     const auto results = outcomes.waitFor(2);
     EXPECT_EQ(c.first, results.at("1"));
     EXPECT_EQ("failed: " + RPCChannel::kErrorConnectionLost, results.at("2"));
+    destroy(channel);
+  }
+}
+
+// A TLS server for one connection that completes the handshake, takes the
+// first bytes of a request, and then writes a whole record that was never
+// encrypted with the session's keys, as a broken or hostile middlebox would;
+// then it waits for the client to close. Blocking, on its own thread; every
+// wait is bounded.
+class ForgedRecordAfterHandshake {
+ public:
+  ForgedRecordAfterHandshake() {
+    // Made first: the maker's end (SIGCHLD) would cut the accept short.
+    vantu::testing::testCertDir();
+    listener_ = vantu::testing::listenOnLoopback(&port_);
+    setTimeout(listener_);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~ForgedRecordAfterHandshake() {
+    thread_.join();
+    close(listener_);
+  }
+  uint16_t port() const { return port_; }
+
+ private:
+  static void setTimeout(int fd) {
+    timeval guard{30, 0};  // against a hang only
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof(guard));
+  }
+  void serve() {
+    const int fd = accept(listener_, nullptr, nullptr);
+    if (fd < 0) return;
+    setTimeout(fd);
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    SSL_CTX_use_certificate_chain_file(context, vantu::testing::cert("server.pem").c_str());
+    SSL_CTX_use_PrivateKey_file(context, vantu::testing::cert("server-key.pem").c_str(),
+                                SSL_FILETYPE_PEM);
+    SSL* ssl = SSL_new(context);
+    SSL_set_fd(ssl, fd);
+    char buffer[4096];
+    if (SSL_accept(ssl) == 1 && SSL_read(ssl, buffer, sizeof(buffer)) > 0) {
+      // Application data, TLS 1.2 on the wire (as TLS 1.3 labels it), 32
+      // bytes that no key made: the client can only fail to authenticate it.
+      // (A record cut short would be waited for, then taken as the end.)
+      std::string forged("\x17\x03\x03\x00\x20", 5);
+      forged.append(32, 'x');
+      ::send(fd, forged.data(), forged.size(), MSG_NOSIGNAL);
+      while (recv(fd, buffer, sizeof(buffer), 0) > 0) {
+      }
+    }
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+    close(fd);
+  }
+
+  int listener_ = -1;
+  uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+TEST(ResilientChannelTest, ATlsStreamThatBreaksFailsTheCallsOnItWithTheReason) {
+  // Whatever the options: without reconnect a lost connection leaves its
+  // calls pending as the specified channel does, but a connection that TLS
+  // broke will never answer them, and waiting would be waiting for ever.
+  for (const bool reconnect : {false, true}) {
+    SCOPED_TRACE(reconnect ? "reconnect" : "no reconnect");
+    ForgedRecordAfterHandshake server;
+    RPCChannelOptions options;
+    options.reconnect = reconnect;
+    options.tls.enabled = true;
+    options.tls.ca_file = vantu::testing::cert("ca.pem");
+    const std::string address = "127.0.0.1:" + std::to_string(server.port());
+    RPCChannelPtr channel = RPCChannel::create(address, options);
+    ASSERT_TRUE(channel);
+    Outcomes outcomes;
+    outcomes.start(channel.get(), "Echo", "", "1");
+    const std::string outcome = outcomes.waitFor(1)["1"];
+    const std::string expected = "failed: " + address + ": TLS read failed: ";
+    EXPECT_EQ(expected, outcome.substr(0, expected.size())) << outcome;
     destroy(channel);
   }
 }
