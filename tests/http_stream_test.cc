@@ -95,27 +95,6 @@ class StreamServerTest : public ::testing::Test {
   std::shared_ptr<HttpServer> server_;
 };
 
-TEST_F(StreamServerTest, AnswerFromAnotherThreadBetweenTwoPlainOnesKeepsRequestOrder) {
-  server_->registerHandler("/a", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-    setText(response, "first");
-  });
-  server_->registerAsyncHandler("/later", [](const HttpRequestPtr&, const HttpResponsePtr& response,
-                                             std::function<void()> done) {
-    std::thread([response, done] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(30));
-      setText(response, "second");
-      done();
-    }).detach();
-  });
-  server_->registerHandler("/b", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-    setText(response, "third");
-  });
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/a") + get("/later") + get("/b")));
-  const std::string expected = plain("first") + plain("second") + plain("third");
-  EXPECT_EQ(expected, client.read(expected.size()));
-}
-
 // Async answers run their done inside the handler ('n'), on the event thread
 // after the handler returned ('d', as a handler that waits on another event
 // of the loop does), or are held and done later from the test's thread, last
@@ -279,26 +258,6 @@ TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
   EXPECT_EQ(plain("/n/2"), client.read(plain("/n/2").size()));
 }
 
-// A done run on another thread is spent at once, though its answer is
-// written only when the event thread gets to it: the handler's other threads
-// see it as no longer wanted, and their runs of it do nothing.
-TEST_F(StreamServerTest, DoneRunElsewhereIsSpentBeforeItsAnswerIsWritten) {
-  DoneList dones;
-  holdAnswers(&dones);
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/n/1")));
-  ASSERT_TRUE(dones.waitFor(1));
-  auto blocker = std::make_unique<EventThreadBlocker>();
-  std::function<void()> done = dones.at(0);
-  EXPECT_TRUE(answerStillWanted(done));
-  done();
-  EXPECT_FALSE(answerStillWanted(done));
-  std::thread(done).join();
-  blocker.reset();
-  EXPECT_EQ(plain("/n/1"), client.read(plain("/n/1").size()));
-  EXPECT_FALSE(client.waitReadable(50)) << "the answer was written twice";
-}
-
 // A done run elsewhere, whose client leaves before the event thread gets to
 // it: the record its answer had goes back to the pool once, and the answers
 // that take it next are each completed by their own done only.
@@ -425,17 +384,6 @@ TEST_F(StreamServerTest, StreamReadsAsChunkedByCurlAndPython) {
       "c.request('GET','/count')\n"
       "sys.stdout.write(c.getresponse().read().decode())\n";
   EXPECT_EQ(expected + expected, shellOutput("python3 -c \"" + python + "\""));
-}
-
-TEST_F(StreamServerTest, Http10ClientGetsTheStreamEndedByTheClose) {
-  serveCounting(server_.get(), 3);
-  LoopbackClient client(port());
-  ASSERT_TRUE(client.write(get("/count", "1.0")));
-  const std::string answer = client.readToEnd();
-  EXPECT_EQ(
-      "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/plain\r\n\r\n"
-      "piece 0\npiece 1\npiece 2\n",
-      answer);
 }
 
 TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadOnly) {

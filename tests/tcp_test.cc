@@ -69,8 +69,7 @@ struct Recorder {
 
 // Answers line by line: "amp N" with N pattern bytes; "big N loop|thread" with
 // N pattern bytes from the event thread or from another thread, then ends the
-// connection; "owe" promises an answer the test delivers through deliver();
-// "abort" queues output and aborts; any other line is echoed. Bytes left at
+// connection; "abort" queues output and aborts; any other line is echoed. Bytes left at
 // the peer's end are answered with "bye:" and them.
 class TestHandler : public RequestResponseConnectionHandler {
  public:
@@ -93,8 +92,6 @@ class TestHandler : public RequestResponseConnectionHandler {
         send(pattern(size));
       } else if (sscanf(line.c_str(), "big %zu %15s", &size, mode) == 2) {
         answerBig(size, mode);
-      } else if (line == "owe\n") {
-        ++owed_;
       } else if (line == "abort\n") {
         send(pattern(1000));
         abort();
@@ -108,21 +105,12 @@ class TestHandler : public RequestResponseConnectionHandler {
     if (!data->empty()) send("bye:" + *data);
     data->clear();
   }
-  bool holdOpenAfterInputEnd() override {
-    input_ended_ = true;
-    return owed_ > 0;
-  }
   void notifyOutputShutdown() override {
     recorder_->update([&] { ++recorder_->output_ends; });
     RequestResponseConnectionHandler::notifyOutputShutdown();
   }
   void notifyClosed() override {
     recorder_->update([&] { ++recorder_->closed; });
-  }
-  // Event thread: pays one debt; the last one after the peer's end closes.
-  void deliver(const std::string& answer) {
-    send(answer);
-    if (--owed_ == 0 && input_ended_) shutdown();
   }
 
   std::weak_ptr<TestHandler> weak_this_;
@@ -147,8 +135,6 @@ class TestHandler : public RequestResponseConnectionHandler {
   }
 
   std::shared_ptr<Recorder> recorder_;
-  int owed_ = 0;
-  bool input_ended_ = false;
 };
 
 struct TestServer {
@@ -585,25 +571,6 @@ TEST(TcpServerTest, PeerThatTakesNothingForTheSendTimeoutIsCutOff) {
   const std::string received = client.readToEnd();
   EXPECT_LT(received.size(), kBig);
   EXPECT_TRUE(client.peerClosed() || client.lastError() == ECONNRESET);
-}
-
-TEST(TcpServerTest, HandlerKeepsAHalfClosedConnectionOpenForAnswersItOwes) {
-  TestServer flow;
-  ASSERT_TRUE(flow.initialized);
-  Client client(flow.address);
-  client.write("owe\nowe\n");
-  client.shutdownWrite();
-  std::shared_ptr<TestHandler> handler = flow.handler(0);
-  ASSERT_TRUE(handler);
-  ASSERT_TRUE(flow.recorder->waitFor([&] { return flow.recorder->input_ends.size() == 1; }));
-  // The peer's end has arrived; the connection is still open for the two
-  // answers.
-  runOnEventThreadAndWait([&] { handler->deliver("first;"); });
-  EXPECT_EQ("first;", client.read(6));
-  runOnEventThreadAndWait([&] { handler->deliver("second;"); });
-  EXPECT_EQ("second;", client.readToEnd());
-  EXPECT_TRUE(client.peerClosed());
-  EXPECT_TRUE(flow.waitFor(&Recorder::closed, 1));
 }
 
 TEST(TcpServerTest, AbortDropsTheOutputAndEndsTheConnectionOnce) {
