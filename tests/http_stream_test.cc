@@ -228,10 +228,24 @@ TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) 
   EXPECT_TRUE(eventually([&] { return !answerStillWanted(dones.at(0)); }));
   dones.at(0)();
   waitForDeferredWork();
-  // The server still serves.
+  // The server still serves, and a client that only ends its side, after its
+  // request is being answered, gets that answer before the connection closes.
   LoopbackClient other(port());
-  ASSERT_TRUE(other.write(get("/none")));
-  EXPECT_EQ("HTTP/1.1 404", other.read(12));
+  ASSERT_TRUE(other.write(get("/none") + get("/later")));
+  ASSERT_TRUE(dones.waitFor(2));
+  waitForDeferredWork();
+  other.shutdownWrite();
+  // Answered once the end above has been read: it was there first.
+  LoopbackClient barrier(port());
+  ASSERT_TRUE(barrier.write(get("/none")));
+  EXPECT_EQ("HTTP/1.1 404", barrier.read(12));
+  EXPECT_TRUE(answerStillWanted(dones.at(1)));
+  dones.at(1)();
+  EXPECT_EQ(
+      "HTTP/1.1 404 Not Found\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n"
+      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n",
+      other.readToEnd());
+  EXPECT_TRUE(other.peerClosed());
 }
 
 TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
