@@ -384,10 +384,11 @@ TEST(TlsTest, UnusableFilesMakeNoServer) {
 
 // A reader that takes its answers slowly while its requests keep coming: the
 // server reads more only as its output (plain and encrypted) drains, so the
-// answers it has made but the client has not read stay bounded. Each read of
-// the socket brings dozens of requests at once, more answer bytes than the
-// kernel frees between two write wake-ups, so a server that resumed reading on
-// its plain output alone would run ever further ahead of the reader.
+// answers it has made but the client has not read stay bounded, and each
+// arrives whole. Each read of the socket brings dozens of requests at once,
+// more answer bytes than the kernel frees between two write wake-ups, so a
+// server that resumed reading on its plain output alone would run ever
+// further ahead of the reader.
 TEST(TlsTest, SlowReaderWithRequestsQueuedKeepsTheServerBoundedAhead) {
   HttpServerOptions options;
   options.tls = serverTls("server", false);
@@ -415,25 +416,26 @@ def send():
     except OSError:
         pass
 threading.Thread(target=send, daemon=True).start()
-read = 0
-while read < read_limit:
+data = bytearray()
+while len(data) < read_limit:
     chunk = tls.recv(65536)
     if not chunk:
         break
-    read += len(chunk)
-print(read, flush=True)
+    data += chunk
+# Every answer is the same: what was read is the first one over and over.
+one = data[:data.find(b"\r\n\r\n") + 4 + (256 << 10)]
+print(len(data), data == (one * (len(data) // len(one) + 1))[:len(data)], flush=True)
 os._exit(0)
 )";
   const std::string path = vantu::testing::testCertDir() + "/slow_queued_reader.py";
   std::ofstream(path) << script;
   const size_t read_limit = size_t{64} * 1024 * 1024;
-  const size_t read =
-      std::strtoull(shellOutput("python3 -W ignore " + path + " " +
-                                std::to_string(server->localAddress().port()) + " " +
-                                cert("ca.pem") + " 2000 " + std::to_string(read_limit))
-                        .c_str(),
-                    nullptr, 10);
+  const std::string output = shellOutput("python3 -W ignore " + path + " " +
+                                         std::to_string(server->localAddress().port()) + " " +
+                                         cert("ca.pem") + " 2000 " + std::to_string(read_limit));
+  const size_t read = std::strtoull(output.c_str(), nullptr, 10);
   ASSERT_GE(read, read_limit) << "the reader did not get its bytes";
+  EXPECT_NE(std::string::npos, output.find(" True\n")) << "answers lost or cut: " << output;
   ASSERT_TRUE(waitNoConnections(server));
   // Ahead of the reader: the output bound (1 MiB), the answers to one read
   // of requests (32 of them, 8 MiB), the kernel's buffers, and a read or two
