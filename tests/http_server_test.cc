@@ -383,48 +383,6 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   EXPECT_EQ(records, liveRPCRecordsForTesting());
 }
 
-// The server keeps the record of a finished call, messages and controller,
-// for the next call of the same request and reply types. What a call finds
-// there must be as good as new: a reply of its own method's type, a
-// controller that has not failed.
-TEST_F(HttpServerTest, CallRecordsServeTheNextCallAsIfNew) {
-  server_->registerRPCService(std::make_shared<TestServiceImpl>());
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  relaytest::Number four;
-  four.set_value(4);
-  // Echo and Length read the same type and answer different ones.
-  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "1", textMessage("abcd")) +
-                           rpcRequest("relaytest.TestService", "Length", "2", textMessage("abcd")) +
-                           rpcRequest("relaytest.TestService", "Fail", "3", textMessage("no")) +
-                           rpcRequest("relaytest.TestService", "Echo", "4", textMessage("x")) +
-                           rpcRequest("relaytest.TestService", "Length", "5", "")));
-  std::vector<HttpResponsePtr> answers = readResponses(&client, 5);
-  ASSERT_EQ(5u, answers.size());
-  const std::string ok = "200 [Connection|keep-alive] [Content-Length|";
-  EXPECT_EQ(ok + "6] [Rpc-Failed|0] [Rpc-Id|1] " + textMessage("abcd"), describe(*answers[0]));
-  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|2] " + four.SerializeAsString(), describe(*answers[1]));
-  EXPECT_EQ(ok + "0] [Rpc-Error|no] [Rpc-Failed|1] [Rpc-Id|3] ", describe(*answers[2]));
-  EXPECT_EQ(ok + "3] [Rpc-Failed|0] [Rpc-Id|4] " + textMessage("x"), describe(*answers[3]));
-  relaytest::Number zero;
-  zero.set_value(0);
-  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|5] " + zero.SerializeAsString(), describe(*answers[4]));
-}
-
-// What to send for an error text with line ends in it is ours to choose: each
-// CR and LF becomes a blank, so that no service text can add header lines.
-TEST_F(HttpServerTest, ServiceErrorTextCannotAddHeaderLines) {
-  server_->registerRPCService(std::make_shared<TestServiceImpl>());
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(
-      client.write(rpcRequest("relaytest.TestService", "Fail", "4", textMessage("bad\r\nX: 1"))));
-  const std::string expected =
-      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 0\r\n"
-      "Rpc-Error: bad  X: 1\r\nRpc-Failed: 1\r\nRpc-Id: 4\r\n\r\n";
-  EXPECT_EQ(expected, client.read(expected.size()));
-}
-
 TEST_F(HttpServerTest, JsonCallForAMessageTypeOutsideTheGeneratedPoolCannotBeParsed) {
   std::shared_ptr<CalcService> service = CalcService::load();
   ASSERT_TRUE(service);
