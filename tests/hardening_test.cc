@@ -451,6 +451,16 @@ TEST_F(HardeningTest, DrainFinishesWhatWasReceivedAndClosesTheRest) {
   EXPECT_EQ(0, hidden_.load());
 }
 
+TEST_F(HardeningTest, ExpectContinueGetsTheInterimAnswerBeforeTheBody) {
+  start(HttpServerOptions::hardened());
+  LoopbackClient client(port_);
+  client.write(post("Expect: 100-continue\r\nContent-Length: 2\r\n", ""));
+  EXPECT_EQ("HTTP/1.1 100 Continue\r\n\r\n", client.read(25));
+  client.write("ok");
+  const std::string answer = text("len=2:ok");
+  EXPECT_EQ(answer, withoutDates(client.read(answer.size() + 28)));
+}
+
 // curl streams an upload of unknown length with chunked coding; the strict
 // reader decodes it.
 TEST_F(HardeningTest, CurlChunkedUploadArrivesWhole) {

@@ -622,6 +622,63 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
   });
 }
 
+// Answers written outside their connection's read, many in one callback:
+// twenty clients park a request each, and the last to arrive completes them
+// all, each with an answer of its own. Idle connections keep no write event
+// and, over TLS, no output buffer of their own: each answer must still reach
+// its own client whole, none of them another's bytes.
+TEST(TlsTest, AnswersWrittenTogetherReachTheirOwnConnections) {
+  const std::string script = std::string(kPythonClients) + R"(
+for i, s in enumerate(socks):
+    s.settimeout(30)  # a guard against a hang
+    s.sendall(b"GET /park?%d HTTP/1.1\r\nHost: a\r\n\r\n" % i)
+right = 0
+for i, s in enumerate(socks):
+    got = b""
+    want = b"answer %d." % i * 50
+    while not got.endswith(want) and len(got) < 100000:
+        try:
+            chunk = s.recv(1 << 16)
+        except socket.timeout:
+            chunk = b""
+        if not chunk:
+            break
+        got += chunk
+    right += got.endswith(b"\r\n\r\n" + want)
+print(right)
+)";
+  const std::string path = vantu::testing::testCertDir() + "/answers_together.py";
+  std::ofstream(path) << script;
+  constexpr int kClients = 20;
+  for (bool tls : {true, false}) {
+    SCOPED_TRACE(tls ? "TLS" : "plaintext");
+    HttpServerOptions options;
+    if (tls) options.tls = serverTls("server", false);
+    std::shared_ptr<HttpServer> server = startServer(options);
+    ASSERT_TRUE(server);
+    // Event thread only.
+    auto parked =
+        std::make_shared<std::vector<std::pair<HttpResponsePtr, std::function<void()>>>>();
+    server->registerAsyncHandler(
+        "/park", [parked](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                          std::function<void()> done) {
+          std::string text;
+          for (int i = 0; i < 50; ++i) text += "answer " + request->url.query() + ".";
+          setContent(response.get(), text);
+          parked->emplace_back(response, std::move(done));
+          if (parked->size() < kClients) return;
+          for (auto& answer : *parked) answer.second();
+          parked->clear();
+        });
+    EXPECT_EQ(
+        std::to_string(kClients) + "\n",
+        shellOutput("python3 -W ignore " + path + " " +
+                    std::to_string(server->localAddress().port()) + " " +
+                    (tls ? cert("ca.pem") : std::string("-")) + " " + std::to_string(kClients)));
+    ASSERT_TRUE(waitNoConnections(server));
+  }
+}
+
 // Uses the event thread's own OpenSSL state (its error queue, made again if
 // it was freed) in every turn of the loop, for as long as the loop turns, as
 // connections whose peers go at exit do. (Looked up at run time: the tests
