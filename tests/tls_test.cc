@@ -445,86 +445,6 @@ os._exit(0)
       << answered.load() << " answers made";
 }
 
-// The start of a Python script run as `script PORT CA COUNT ...`: `socks`,
-// COUNT connections to the server, over TLS checked against CA, or plaintext
-// when CA is "-".
-const char kPythonClients[] = R"(
-import socket, ssl, sys
-port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
-def connect():
-    raw = socket.create_connection(("127.0.0.1", port))
-    if ca == "-":
-        return raw
-    context = ssl.create_default_context(cafile=ca)
-    return context.wrap_socket(raw, server_hostname="127.0.0.1")
-socks = [connect() for _ in range(count)])";
-
-// Connections that go idle between rounds of requests, more of them busy at
-// once than the server keeps spare buffers for its records, some with
-// answers too large for the kernel to take at once, and between the rounds a
-// client that leaves with answers still unsent: every answer of every round
-// must come back whole and the same, over TLS as over plaintext.
-TEST(TlsTest, ConnectionsThatWentIdleAnswerAgainByteForByte) {
-  const std::string script = std::string(kPythonClients) + R"(
-rounds = int(sys.argv[4])
-pipelined = (b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n"
-             b"GET /big HTTP/1.1\r\nHost: a\r\n\r\n"
-             b"GET /hello HTTP/1.1\r\nHost: a\r\n\r\n")
-def answers(s, n):
-    got = b""
-    heads = []
-    while len(heads) < n:
-        end = got.find(b"\r\n\r\n")
-        if end >= 0:
-            head = got[:end + 4]
-            length = int(head.split(b"Content-Length: ")[1].split(b"\r\n")[0])
-            if len(got) >= end + 4 + length:
-                heads.append(got[:end + 4 + length])
-                got = got[end + 4 + length:]
-                continue
-        chunk = s.recv(1 << 16)
-        if not chunk:
-            return None
-        got += chunk
-    return b"".join(heads) if not got else None
-first = None
-same = 0
-for round in range(rounds):
-    # Asks for more than the kernel takes at once and leaves without reading:
-    # the server's connection ends with records still waiting to be sent.
-    quitter = connect()
-    quitter.sendall(b"GET /big HTTP/1.1\r\nHost: a\r\n\r\n" * 8)
-    quitter.recv(1)
-    quitter.close()
-    for s in socks:
-        s.sendall(pipelined)
-    for s in socks:
-        bytes_back = answers(s, 3)
-        if first is None:
-            first = bytes_back
-        same += bytes_back is not None and bytes_back == first
-ok = (first is not None and first.count(b"Hello, world!\n") == 2
-      and first.count(b"b" * 1024) == 256)
-print(ok, same == rounds * count)
-)";
-  const std::string path = vantu::testing::testCertDir() + "/idle_rounds.py";
-  std::ofstream(path) << script;
-  // TLS first, so that OpenSSL is set up before the event thread starts:
-  // exit handlers run in reverse order, and OpenSSL's must run after the
-  // event thread stopped, or that thread's OpenSSL state is never freed.
-  for (bool tls : {true, false}) {
-    SCOPED_TRACE(tls ? "TLS" : "plaintext");
-    HttpServerOptions options;
-    if (tls) options.tls = serverTls("server", false);
-    std::shared_ptr<HttpServer> server = startServer(options);
-    ASSERT_TRUE(server);
-    EXPECT_EQ("True True\n", shellOutput("python3 -W ignore " + path + " " +
-                                         std::to_string(server->localAddress().port()) + " " +
-                                         (tls ? cert("ca.pem") : std::string("-")) + " 40 3"));
-    ASSERT_TRUE(waitNoConnections(server));
-  }
-}
-
 size_t countOf(const std::string& text, const std::string& part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
@@ -628,7 +548,18 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
 // and, over TLS, no output buffer of their own: each answer must still reach
 // its own client whole, none of them another's bytes.
 TEST(TlsTest, AnswersWrittenTogetherReachTheirOwnConnections) {
-  const std::string script = std::string(kPythonClients) + R"(
+  // Run as `script PORT CA COUNT`: COUNT connections, over TLS checked against
+  // CA, or plaintext when CA is "-".
+  const std::string script = R"(
+import socket, ssl, sys
+port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
+def connect():
+    raw = socket.create_connection(("127.0.0.1", port))
+    if ca == "-":
+        return raw
+    context = ssl.create_default_context(cafile=ca)
+    return context.wrap_socket(raw, server_hostname="127.0.0.1")
+socks = [connect() for _ in range(count)]
 for i, s in enumerate(socks):
     s.settimeout(30)  # a guard against a hang
     s.sendall(b"GET /park?%d HTTP/1.1\r\nHost: a\r\n\r\n" % i)
