@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <future>
 #include <mutex>
-#include <random>
 #include <thread>
 #include <utility>
 
@@ -98,19 +97,6 @@ TEST_F(HttpServerTest, HeadRequestsGetTheContentByDefault) {
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
-TEST_F(HttpServerTest, RequestSplitAtEveryByteGetsTheSameAnswers) {
-  const std::string stream =
-      "POST /hello HTTP/1.1\r\nHost: t\r\nContent-Length: 3\r\n\r\nabc" + get("/hello");
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  for (size_t cut = 1; cut < stream.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    ASSERT_TRUE(client.write(stream.substr(0, cut)));
-    ASSERT_TRUE(client.write(stream.substr(cut)));
-    ASSERT_EQ(kHello + kHello, client.read(2 * kHello.size()));
-  }
-}
-
 TEST_F(HttpServerTest, GarbageGets400AndTheConnectionKeepsServing) {
   LoopbackClient client(port_);
   ASSERT_TRUE(client.connected());
@@ -132,32 +118,6 @@ std::string answer(const std::string& text) {
 
 HttpRequestHandler answering(const std::string& text) {
   return [text](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, text); };
-}
-
-// The answers to one read's requests go out together; whatever their sizes,
-// each comes out whole and in request order, as one at a time would.
-TEST_F(HttpServerTest, PipelinedAnswersOfEverySizeComeOutWholeAndInOrder) {
-  const std::string big(100 * 1024, 'b');
-  const std::string medium(4000, 'm');
-  server_->registerHandler("/big", answering(big));
-  server_->registerHandler("/medium", answering(medium));
-  const std::string order[] = {"/hello", "/big", "/medium", "/nope", "/big", "/hello"};
-  std::string requests;
-  std::string expected;
-  for (const std::string& path : order) {
-    requests += get(path);
-    expected += path == "/hello"    ? kHello
-                : path == "/big"    ? answer(big)
-                : path == "/medium" ? answer(medium)
-                                    : kNotFound;
-  }
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(client.write(requests));
-  EXPECT_EQ(expected, client.read(expected.size()));
-  // And once more on the same connection, the gathering buffer reused.
-  ASSERT_TRUE(client.write(requests));
-  EXPECT_EQ(expected, client.read(expected.size()));
 }
 
 TEST_F(HttpServerTest, RegistrationOrderAndWholePathMatch) {
@@ -208,19 +168,6 @@ TEST_F(HttpServerTest, HandlerMayRegisterHandlers) {
   ASSERT_TRUE(client.write(get("/added") + get("/add") + get("/added")));
   const std::string expected = kNotFound + answer("ok\n") + answer("added\n");
   EXPECT_EQ(expected, client.read(expected.size()));
-}
-
-TEST_F(HttpServerTest, PeerEndingItsSideGetsItsAnswersThenTheEnd) {
-  // The partial request was consumed by the parser, so nothing is left over at
-  // the end of input: the answers go out and the connection closes cleanly.
-  for (const std::string& tail : {std::string(), std::string("GET /hel")}) {
-    SCOPED_TRACE(tail);
-    LoopbackClient client(port_);
-    ASSERT_TRUE(client.connected());
-    ASSERT_TRUE(client.write(get("/hello") + get("/hello") + tail));
-    client.shutdownWrite();
-    EXPECT_EQ(kHello + kHello, client.readToEnd());
-  }
 }
 
 TEST(HttpServerLifetimeTest, FailedCreateDeletesItsServerLaterOnTheEventThread) {
@@ -332,41 +279,6 @@ TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
   printf("requests that came before their handler: %d\n", not_yet);
 }
 
-TEST_F(HttpServerTest, ManyClientsSomeVanishingMidRequest) {
-  // 300 connections at once; every seventh sends half a request and resets.
-  constexpr int kClients = 300;
-  constexpr int kRequests = 5;
-  const unsigned seed = std::random_device{}();
-  std::printf("seed %u\n", seed);
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::vector<std::unique_ptr<LoopbackClient>> clients;
-  for (int i = 0; i < kClients; ++i) {
-    clients.push_back(std::make_unique<LoopbackClient>(port_));
-    ASSERT_TRUE(clients.back()->connected());
-  }
-  std::mt19937 random(seed);
-  for (int round = 0; round < kRequests; ++round) {
-    for (int i = 0; i < kClients; ++i) {
-      if (!clients[i]) continue;
-      if (i % 7 == 0 && round == static_cast<int>(random() % kRequests)) {
-        clients[i]->write("GET /hel");
-        clients[i]->abort();
-        clients[i].reset();
-        continue;
-      }
-      ASSERT_TRUE(clients[i]->write(get(round % 2 ? "/hello" : "/x")));
-    }
-    for (int i = 0; i < kClients; ++i) {
-      if (!clients[i]) continue;
-      const std::string& expected = round % 2 ? kHello : kNotFound;
-      ASSERT_EQ(expected, clients[i]->read(expected.size())) << "client " << i;
-    }
-  }
-  LoopbackClient late(port_);
-  ASSERT_TRUE(late.write(get("/hello")));
-  EXPECT_EQ(kHello, late.read(kHello.size()));
-}
-
 TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
   server_->registerRPCService(std::make_shared<TestServiceImpl>());
   LoopbackClient client(port_);
@@ -469,48 +381,6 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   EXPECT_EQ("0", answers[0]->headers["Rpc-Failed"]);
   EXPECT_EQ("hello\n", answers[1]->body);
   EXPECT_EQ(records, liveRPCRecordsForTesting());
-}
-
-// The server keeps the record of a finished call, messages and controller,
-// for the next call of the same request and reply types. What a call finds
-// there must be as good as new: a reply of its own method's type, a
-// controller that has not failed.
-TEST_F(HttpServerTest, CallRecordsServeTheNextCallAsIfNew) {
-  server_->registerRPCService(std::make_shared<TestServiceImpl>());
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  relaytest::Number four;
-  four.set_value(4);
-  // Echo and Length read the same type and answer different ones.
-  ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", "1", textMessage("abcd")) +
-                           rpcRequest("relaytest.TestService", "Length", "2", textMessage("abcd")) +
-                           rpcRequest("relaytest.TestService", "Fail", "3", textMessage("no")) +
-                           rpcRequest("relaytest.TestService", "Echo", "4", textMessage("x")) +
-                           rpcRequest("relaytest.TestService", "Length", "5", "")));
-  std::vector<HttpResponsePtr> answers = readResponses(&client, 5);
-  ASSERT_EQ(5u, answers.size());
-  const std::string ok = "200 [Connection|keep-alive] [Content-Length|";
-  EXPECT_EQ(ok + "6] [Rpc-Failed|0] [Rpc-Id|1] " + textMessage("abcd"), describe(*answers[0]));
-  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|2] " + four.SerializeAsString(), describe(*answers[1]));
-  EXPECT_EQ(ok + "0] [Rpc-Error|no] [Rpc-Failed|1] [Rpc-Id|3] ", describe(*answers[2]));
-  EXPECT_EQ(ok + "3] [Rpc-Failed|0] [Rpc-Id|4] " + textMessage("x"), describe(*answers[3]));
-  relaytest::Number zero;
-  zero.set_value(0);
-  EXPECT_EQ(ok + "2] [Rpc-Failed|0] [Rpc-Id|5] " + zero.SerializeAsString(), describe(*answers[4]));
-}
-
-// What to send for an error text with line ends in it is ours to choose: each
-// CR and LF becomes a blank, so that no service text can add header lines.
-TEST_F(HttpServerTest, ServiceErrorTextCannotAddHeaderLines) {
-  server_->registerRPCService(std::make_shared<TestServiceImpl>());
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(
-      client.write(rpcRequest("relaytest.TestService", "Fail", "4", textMessage("bad\r\nX: 1"))));
-  const std::string expected =
-      "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: 0\r\n"
-      "Rpc-Error: bad  X: 1\r\nRpc-Failed: 1\r\nRpc-Id: 4\r\n\r\n";
-  EXPECT_EQ(expected, client.read(expected.size()));
 }
 
 TEST_F(HttpServerTest, JsonCallForAMessageTypeOutsideTheGeneratedPoolCannotBeParsed) {

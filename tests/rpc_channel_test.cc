@@ -238,25 +238,6 @@ TEST_F(RpcChannelTest, WireFormOfAnswers) {
             rawCall("rpc-service: relaytest.TestService\r\nrpc-method: Echo\r\n", ""));
 }
 
-TEST_F(RpcChannelTest, CallsCompletingInReverseOrderEachGetTheirReply) {
-  RPC rpcs[2];
-  Text requests[2], responses[2];
-  requests[0].set_text("one");
-  requests[1].set_text("two");
-  Completions completions;
-  auto done0 = completions.newDone(0), done1 = completions.newDone(1);
-  channel_->CallMethod(testMethod("Hold"), &rpcs[0], &requests[0], &responses[0], done0.get());
-  channel_->CallMethod(testMethod("Hold"), &rpcs[1], &requests[1], &responses[1], done1.get());
-  ASSERT_TRUE(service_->waitHeld(2));
-  service_->complete(1);  // from this thread, not the event thread
-  EXPECT_EQ(Entries{"1"}, completions.waitFor(1));
-  EXPECT_EQ("two", responses[1].text());
-  EXPECT_EQ("", responses[0].text());
-  service_->complete(0);
-  EXPECT_EQ((Entries{"1", "0"}), completions.waitFor(2));
-  EXPECT_EQ("one", responses[0].text());
-}
-
 TEST_F(RpcChannelTest, CanceledCallsAreNeitherSentNorAnsweredLate) {
   // Canceled before its deferred write runs: completed on this thread, done
   // included, and never sent.
