@@ -53,6 +53,7 @@ class EventThread {
     {
       MutexLock lock(mutex_);
       wake_ = event_new(base_, -1, 0, &EventThread::onWake, this);
+      wake_after_poll_ = evtimer_new(base_, &EventThread::onWake, this);
     }
     turn_end_ = event_new(base_, -1, 0, &EventThread::onTurnEnd, this);
     thread_ = std::thread([this] { run(); });
@@ -202,18 +203,33 @@ class EventThread {
 
   static EventThread& instanceForCallbacks();
 
-  // Runs one batch: everything queued when the batch started. What the batch
-  // defers runs in the next one, after the I/O that became ready meanwhile.
+  // Runs one batch: everything queued when the batch started. What is queued
+  // meanwhile runs in the next one, after the I/O that became ready meanwhile.
+  // libevent runs an event activated during its callbacks in the same pass,
+  // without polling in between, so work that keeps deferring more work would
+  // starve every socket; the next batch is woken by a timer due at once
+  // instead, which libevent only fires after its next poll.
   void runQueued() {
     bool stopping;
     {
       MutexLock lock(mutex_);
-      wake_pending_ = false;
+      wake_pending_ = true;  // posts during the batch leave the waking to us
       running_.swap(queue_);
       stopping = state_ == kStopping;
     }
     runBatch();
-    if (stopping) drainAndStop();
+    if (stopping) {
+      drainAndStop();
+      return;
+    }
+    MutexLock lock(mutex_);
+    if (queue_.empty() || state_ != kRunning) {
+      // Stopping: stop() has activated wake_ already.
+      wake_pending_ = false;
+      return;
+    }
+    const timeval now = {0, 0};
+    evtimer_add(wake_after_poll_, &now);
   }
 
   void runBatch() {
@@ -241,6 +257,8 @@ class EventThread {
           state_ = kStopped;
           event_free(wake_);
           wake_ = nullptr;
+          event_free(wake_after_poll_);
+          wake_after_poll_ = nullptr;
           break;
         }
         running_.swap(queue_);
@@ -276,6 +294,8 @@ class EventThread {
   // Activated under mutex_ whenever the queue gets work; freed under it when
   // the loop stops.
   struct event* wake_ VANTU_GUARDED_BY(mutex_) = nullptr;
+  // Wakes the next batch when the last one left work behind: see runQueued.
+  struct event* wake_after_poll_ VANTU_GUARDED_BY(mutex_) = nullptr;
 
   // Event thread only. turn_end_ is null once the loop stops.
   std::vector<Entry> running_;

@@ -1,10 +1,12 @@
 #include "common/event_thread.h"
 
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -102,6 +104,59 @@ TEST(EventThreadTest, EndOfTurnFunctionsRunAfterTheTurnsCallbacksOncePerAsk) {
   waitForDeferredWork();
   ASSERT_TRUE(runOnEventThreadAndWait([] { turn_log = nullptr; }));
   EXPECT_EQ((std::vector<int>{1, 2, 3, -1, -2, -1, -1}), log);
+}
+
+// A producer that defers itself again and again must not keep the loop from
+// its sockets: the pipe is readable before the producer starts, so the loop
+// sees it at its next poll, which must come after the producer's first round.
+TEST(EventThreadTest, WorkThatKeepsDeferringWorkLetsTheSocketsBeRead) {
+  constexpr int kMaxRounds = 1000;
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  struct Shared {
+    Mutex mutex;
+    ConditionVariable done_cv;
+    bool done VANTU_GUARDED_BY(mutex) = false;
+    // Event thread only.
+    int rounds = 0;
+    int rounds_when_read = -1;
+    struct event* readable = nullptr;
+    std::function<void()> produce;
+  } shared;
+  shared.produce = [&shared] {
+    ++shared.rounds;
+    if (shared.rounds_when_read < 0 && shared.rounds < kMaxRounds) {
+      defer(shared.produce);
+      return;
+    }
+    MutexLock lock(shared.mutex);
+    shared.done = true;
+    shared.done_cv.notifyAll();
+  };
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    shared.readable = event_new(
+        eventThreadBase(), fds[0], EV_READ,
+        [](evutil_socket_t, short, void* arg) {
+          auto* s = static_cast<Shared*>(arg);
+          s->rounds_when_read = s->rounds;
+        },
+        &shared);
+    event_add(shared.readable, nullptr);
+    ASSERT_EQ(1, write(fds[1], "x", 1));
+    defer(shared.produce);
+  }));
+  {
+    MutexLock lock(shared.mutex);
+    while (!shared.done) shared.done_cv.wait(shared.mutex);
+  }
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    event_free(shared.readable);
+    shared.produce = nullptr;
+  }));
+  close(fds[0]);
+  close(fds[1]);
+  EXPECT_GE(shared.rounds_when_read, 0) << "the pipe was never read";
+  EXPECT_LE(shared.rounds_when_read, 2) << "the producer ran on without a poll";
 }
 
 TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
