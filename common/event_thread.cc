@@ -38,6 +38,13 @@ using internal::TimerState;
 
 VANTU_FAST_THREAD_LOCAL bool on_event_thread = false;
 
+// Work that defers more work runs again in the same pass of the loop, without
+// a poll in between, at most this many batches in a row; then the loop polls.
+// Running on saves a poll per batch where deferred work answers deferred work
+// (RPC calls issued from completions); the bound keeps such work from starving
+// the sockets.
+constexpr int kMaxBatchesWithoutPoll = 16;
+
 // Stopping runs the queue dry; work that keeps deferring more work forever is
 // cut off after this many rounds.
 constexpr int kMaxDrainRoundsAtStop = 1000;
@@ -204,12 +211,13 @@ class EventThread {
   static EventThread& instanceForCallbacks();
 
   // Runs one batch: everything queued when the batch started. What is queued
-  // meanwhile runs in the next one, after the I/O that became ready meanwhile.
-  // libevent runs an event activated during its callbacks in the same pass,
-  // without polling in between, so work that keeps deferring more work would
-  // starve every socket; the next batch is woken by a timer due at once
-  // instead, which libevent only fires after its next poll.
+  // meanwhile runs in the next one. libevent runs an event activated during
+  // its callbacks in the same pass, without polling in between; so after
+  // kMaxBatchesWithoutPoll such batches the next one is woken by a timer due
+  // at once instead, which libevent only fires after its next poll.
   void runQueued() {
+    batches_without_poll_ = chained_wake_ ? batches_without_poll_ + 1 : 0;
+    chained_wake_ = false;
     bool stopping;
     {
       MutexLock lock(mutex_);
@@ -226,6 +234,11 @@ class EventThread {
     if (queue_.empty() || state_ != kRunning) {
       // Stopping: stop() has activated wake_ already.
       wake_pending_ = false;
+      return;
+    }
+    if (batches_without_poll_ + 1 < kMaxBatchesWithoutPoll) {
+      chained_wake_ = true;
+      event_active(wake_, EV_READ, 1);
       return;
     }
     const timeval now = {0, 0};
@@ -299,6 +312,8 @@ class EventThread {
 
   // Event thread only. turn_end_ is null once the loop stops.
   std::vector<Entry> running_;
+  bool chained_wake_ = false;  // the next batch was woken by the last one
+  int batches_without_poll_ = 0;
   struct event* turn_end_ = nullptr;
   std::vector<void (*)()> turn_end_fns_;
   std::vector<void (*)()> spare_turn_end_;

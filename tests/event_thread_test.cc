@@ -108,7 +108,7 @@ TEST(EventThreadTest, EndOfTurnFunctionsRunAfterTheTurnsCallbacksOncePerAsk) {
 
 // A producer that defers itself again and again must not keep the loop from
 // its sockets: the pipe is readable before the producer starts, so the loop
-// sees it at its next poll, which must come after the producer's first round.
+// sees it at its next poll, which must come within a few dozen rounds.
 TEST(EventThreadTest, WorkThatKeepsDeferringWorkLetsTheSocketsBeRead) {
   constexpr int kMaxRounds = 1000;
   int fds[2];
@@ -156,7 +156,7 @@ TEST(EventThreadTest, WorkThatKeepsDeferringWorkLetsTheSocketsBeRead) {
   close(fds[0]);
   close(fds[1]);
   EXPECT_GE(shared.rounds_when_read, 0) << "the pipe was never read";
-  EXPECT_LE(shared.rounds_when_read, 2) << "the producer ran on without a poll";
+  EXPECT_LE(shared.rounds_when_read, 32) << "the producer ran on without a poll";
 }
 
 TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
