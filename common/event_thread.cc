@@ -216,8 +216,6 @@ class EventThread {
   // kMaxBatchesWithoutPoll such batches the next one is woken by a timer due
   // at once instead, which libevent only fires after its next poll.
   void runQueued() {
-    batches_without_poll_ = chained_wake_ ? batches_without_poll_ + 1 : 0;
-    chained_wake_ = false;
     bool stopping;
     {
       MutexLock lock(mutex_);
@@ -234,13 +232,14 @@ class EventThread {
     if (queue_.empty() || state_ != kRunning) {
       // Stopping: stop() has activated wake_ already.
       wake_pending_ = false;
+      batches_without_poll_ = 0;
       return;
     }
-    if (batches_without_poll_ + 1 < kMaxBatchesWithoutPoll) {
-      chained_wake_ = true;
+    if (++batches_without_poll_ < kMaxBatchesWithoutPoll) {
       event_active(wake_, EV_READ, 1);
       return;
     }
+    batches_without_poll_ = 0;
     const timeval now = {0, 0};
     evtimer_add(wake_after_poll_, &now);
   }
@@ -312,7 +311,8 @@ class EventThread {
 
   // Event thread only. turn_end_ is null once the loop stops.
   std::vector<Entry> running_;
-  bool chained_wake_ = false;  // the next batch was woken by the last one
+  // Batches chained in this pass of the loop; back to 0 when a batch leaves
+  // nothing behind or hands the next one to the timer.
   int batches_without_poll_ = 0;
   struct event* turn_end_ = nullptr;
   std::vector<void (*)()> turn_end_fns_;
