@@ -463,42 +463,49 @@ TEST_F(StreamServerTest, ClientVanishingMidStreamClosesIt) {
 TEST_F(StreamServerTest, SlowReaderOfAFastStreamHoldsNoMoreThanTheMark) {
   constexpr size_t kPiece = 64 * 1024;
   constexpr size_t kTotal = 16 * 1024 * 1024;
-  Mutex mutex;
-  ConditionVariable changed;
-  std::atomic<size_t> written_when_blocked{0};
-  std::atomic<bool> done{false};
-  server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
-    stream->onWritableChanged([&](bool) {
-      MutexLock lock(mutex);
-      changed.notifyAll();
-    });
-    std::thread([&, stream] {
-      const std::string piece(kPiece, 'x');
-      size_t written = 0;
-      while (written < kTotal) {
-        if (!stream->write(piece)) return;
-        written += kPiece;
-        MutexLock lock(mutex);
-        if (!stream->writable() && written_when_blocked.load() == 0) {
-          written_when_blocked = written;
-        }
-        // Told to wait: until the callback says it may go on.
-        const Time deadline = Time::now() + Duration::seconds(30);
-        while (!stream->writable() && !stream->closed() && Time::now() < deadline) {
-          changed.timedWaitAbsolute(mutex, deadline);
-        }
-      }
-      stream->finish();
-      done = true;
-    }).detach();
-  });
+  // Shared with the writer thread and the stream's callback, which may both
+  // outlive this test's frame by a moment: the writer sets `done` only after
+  // the last chunk went out.
+  struct Writer {
+    Mutex mutex;
+    ConditionVariable changed;
+    std::atomic<size_t> written_when_blocked{0};
+    std::atomic<bool> done{false};
+  };
+  const auto writer = std::make_shared<Writer>();
+  server_->registerStreamHandler(
+      "/s", [writer](const HttpRequestPtr&, const HttpStreamPtr& stream) {
+        stream->onWritableChanged([writer](bool) {
+          MutexLock lock(writer->mutex);
+          writer->changed.notifyAll();
+        });
+        std::thread([writer, stream] {
+          const std::string piece(kPiece, 'x');
+          size_t written = 0;
+          while (written < kTotal) {
+            if (!stream->write(piece)) return;
+            written += kPiece;
+            MutexLock lock(writer->mutex);
+            if (!stream->writable() && writer->written_when_blocked.load() == 0) {
+              writer->written_when_blocked = written;
+            }
+            // Told to wait: until the callback says it may go on.
+            const Time deadline = Time::now() + Duration::seconds(30);
+            while (!stream->writable() && !stream->closed() && Time::now() < deadline) {
+              writer->changed.timedWaitAbsolute(writer->mutex, deadline);
+            }
+          }
+          stream->finish();
+          writer->done = true;
+        }).detach();
+      });
   // A small receive buffer that is not read until the writer was told to wait.
   LoopbackClient client(SocketAddress("127.0.0.1", port()), 64 * 1024);
   ASSERT_TRUE(client.write(get("/s")));
-  ASSERT_TRUE(eventually([&] { return written_when_blocked.load() > 0; }));
+  ASSERT_TRUE(eventually([&] { return writer->written_when_blocked.load() > 0; }));
   // What the writer got rid of before it had to wait: the mark, what the
   // kernel buffers took, and a piece.
-  EXPECT_LT(written_when_blocked.load(), size_t{6} * 1024 * 1024);
+  EXPECT_LT(writer->written_when_blocked.load(), size_t{6} * 1024 * 1024);
   // Read everything: the writer hears that it may go on, and finishes.
   size_t body = 0;
   std::string tail;
@@ -510,8 +517,8 @@ TEST_F(StreamServerTest, SlowReaderOfAFastStreamHoldsNoMoreThanTheMark) {
     tail.append(buffer, static_cast<size_t>(n));
     if (tail.size() > 16) tail.erase(0, tail.size() - 16);
   }
-  EXPECT_TRUE(done.load());
   EXPECT_EQ(kTotal, body);
+  EXPECT_TRUE(eventually([&] { return writer->done.load(); }));
 }
 
 TEST_F(StreamServerTest, WriterThatDoesNotWaitLosesTheStream) {
