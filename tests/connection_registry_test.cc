@@ -5,7 +5,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/event_thread.h"
@@ -88,20 +87,6 @@ TEST_F(RegistryTest, SweepsUntilEveryDeadlineIsFound) {
   // them.
   feedAll("GET / HT");
   EXPECT_EQ(std::vector<int>(3, 408), refusals_->waitFor(3));
-}
-
-TEST_F(RegistryTest, WaitingEndsWhenTheLastConnectionLeaves) {
-  make(HttpServerOptions());
-  ConnectionRegistry& registry = impl_->connections();
-  EXPECT_FALSE(registry.waitUntilEmpty(Time::now()));
-  std::thread leaver([&] {
-    runOnEventThreadAndWait([&] {
-      for (auto& connection : connections_) registry.remove(connection.get());
-    });
-  });
-  EXPECT_TRUE(registry.waitUntilEmpty(Time::now() + Duration::seconds(30)));
-  leaver.join();
-  EXPECT_TRUE(registry.waitUntilEmpty(Time::now()));
 }
 
 }  // namespace

@@ -259,10 +259,6 @@ TEST(GurlTest, ExtractQueryKeyValueSplitsPairs) {
     SCOPED_TRACE(c.query);
     EXPECT_EQ(c.pairs, splitQuery(c.query));
   }
-  url_parse::Component absent, key(3, 4), value(5, 6);
-  EXPECT_FALSE(url_parse::ExtractQueryKeyValue("x", &absent, &key, &value));
-  EXPECT_EQ(3, key.begin);
-  EXPECT_EQ(6, value.len);
 }
 
 TEST(GurlTest, EncodeUriComponentEscapesAllButUnreservedMarks) {

@@ -102,22 +102,6 @@ TEST(HttpMessageTest, OutputHeaderWritesStatusLineAndSortedHeaders) {
   }
 }
 
-TEST(HttpMessageTest, HeadersReplaceByExactNameOnly) {
-  HttpResponse response;
-  response.setHeader("Rpc-Id", "1");
-  response.setHeader("Rpc-Id", "2");
-  response.setHeader("rpc-id", "3");
-  response.setHeaderF("Rpc-Failed", "%d", 0);
-  response.setHeaderF("Weird", "a%cb", '\0');  // cut at the NUL
-  EXPECT_EQ("2", response.headers["Rpc-Id"]);
-  EXPECT_EQ("3", response.headers["rpc-id"]);
-  EXPECT_EQ("0", response.headers["Rpc-Failed"]);
-  EXPECT_EQ("a", response.headers["Weird"]);
-  // CR and LF in a value are written unchanged: the caller owns the value.
-  response.setHeader("Raw", "a\r\nb");
-  EXPECT_NE(std::string::npos, render(&response).find("Raw: a\r\nb\r\n"));
-}
-
 // The letters of `text`, lower-cased: "Request Time-out" and "RequestTimeout"
 // both give "requesttimeout".
 std::string letters(const std::string& text) {

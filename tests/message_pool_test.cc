@@ -118,7 +118,6 @@ TEST(MessagePoolTest, RecycledNodesTakeTheNewNameAndValue) {
     const char* value;
   } cases[] = {
       {"X-A", "1", "X-B", "2"},  // both the same size
-      {"X-A", "1", "X-A", "1"},  // the very same field
       {"X-Long-Name", "v", "X-B", "value"},
       {"X-B", "value", "X-Long-Name", "v"},
       {"X-A", "", "X-B", ""},
@@ -127,7 +126,6 @@ TEST(MessagePoolTest, RecycledNodesTakeTheNewNameAndValue) {
       {"X-Seven-Bytes", "012345678", "Y-Seven-Bytez", "876543210"},
       {"Content-Type", "text/plain", "Content-Tzpe", "text/plaim"},
       {"X-Sixteen-Bytes1", "0123456789abcdef", "Y-Sixteen-Bytes2", "fedcba9876543210"},
-      {"Content-Type", "text/plain", "Content-Type", "text/plain"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.old_name) + " -> " + c.name);

@@ -93,20 +93,6 @@ TEST(RequestLimitsTest, HeadAndBodyLimitsAnswerBeforeTheBytesArrive) {
   }
 }
 
-TEST(RequestLimitsTest, WithoutLimitsAMalformedLineIsA400AndParsingGoesOn) {
-  HttpRequestParser parser;
-  parser.setLimits(RequestLimits());
-  std::vector<HttpRequestPtr> requests;
-  EXPECT_FALSE(parser.parse("GET / HTTP/1.1\r\nno colon\r\n", &requests));
-  EXPECT_EQ(400, parser.errorStatus());
-  EXPECT_TRUE(parser.parse("Host: h\r\n\r\n", &requests));
-  ASSERT_EQ(1u, requests.size());
-  EXPECT_EQ("h", requests[0]->headers["Host"]);
-  // Even a line far longer than any limit a server would set.
-  EXPECT_TRUE(parser.parse("GET /" + std::string(1 << 20, 'a') + " HTTP/1.1\r\n\r\n", &requests));
-  EXPECT_EQ(2u, requests.size());
-}
-
 TEST(RequestLimitsTest, ProgressTellsHeadFromBody) {
   HttpRequestParser parser;
   std::vector<HttpRequestPtr> requests;

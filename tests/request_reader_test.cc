@@ -140,19 +140,6 @@ TEST(RequestReaderTest, BothReadersAnswerTheConnectionsQuestions) {
   }
 }
 
-TEST(RequestReaderTest, ContinueIsAskedForOncePerRequest) {
-  std::unique_ptr<RequestReader> reader = newRequestReader(true, RequestLimits());
-  std::vector<HttpRequestPtr> requests;
-  ASSERT_TRUE(reader->parse(
-      "POST / HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n",
-      &requests));
-  EXPECT_TRUE(reader->takeContinueRequest());
-  EXPECT_FALSE(reader->takeContinueRequest());
-  ASSERT_TRUE(reader->parse("ab", &requests));
-  EXPECT_EQ(1u, requests.size());
-  EXPECT_FALSE(reader->takeContinueRequest());
-}
-
 // Requests of one connection, each given back before the next is read, so
 // that the next is made from its memory: each has the url and query of its
 // own target and Host, whether the last one had the same or another.

@@ -44,13 +44,6 @@ class CountingClosure : public google::protobuf::Closure {
   int* deletions_;
 };
 
-TEST(RPCTest, CompletionTestedBeforeTheClock) {
-  RPC rpc;
-  rpc.setDone();
-  EXPECT_TRUE(rpc.timedWaitAbsolute(Time::fromMicroseconds(0)));
-  EXPECT_FALSE(rpc.IsCanceled());
-}
-
 TEST(RPCTest, DeadlineAtTheCurrentTimeCancelsAtOnce) {
   // A deadline equal to the clock's reading has passed: one look at the clock,
   // no wait for it to move on.
