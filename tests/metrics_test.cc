@@ -454,6 +454,26 @@ TEST(MetricsTest, RequestsCountedInRunsScrapeAsCountedOneByOne) {
   expectSamples(expected, scraped);
 }
 
+// On the event thread a turn's durations go over together at the turn's end,
+// sorted into buckets by the observer itself: one exactly on a bound counts
+// in that bound's bucket, as Histogram::Observe would count it.
+TEST(MetricsTest, DurationsOfOneTurnLandInTheBucketsObserveWouldPick) {
+  auto registry = std::make_shared<prometheus::Registry>();
+  std::shared_ptr<MetricsObserver> observer = MetricsObserver::create(registry);
+  ASSERT_TRUE(observer);
+  ASSERT_TRUE(runOnEventThreadAndWait([&] {
+    observer->requestAnswered("/a", 200, Duration::microseconds(250000));
+    observer->requestAnswered("/a", 200, Duration::microseconds(15625));
+  }));
+  std::map<std::string, double> scraped = samples(metricsText(*registry), true);
+  const std::string bucket = "relay_http_handler_duration_seconds_bucket{handler=\"/a\",le=";
+  EXPECT_EQ(0, scraped[bucket + "\"0.01\"}"]);
+  EXPECT_EQ(1, scraped[bucket + "\"0.025\"}"]);
+  EXPECT_EQ(1, scraped[bucket + "\"0.1\"}"]);
+  EXPECT_EQ(2, scraped[bucket + "\"0.25\"}"]);
+  EXPECT_EQ(2, scraped["relay_http_handler_duration_seconds_count{handler=\"/a\"}"]);
+}
+
 }  // namespace
 }  // namespace relay
 }  // namespace vantu
