@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "common/event_thread.h"
-#include "common/mutex.h"
 #include "relay/http_server.h"
 #include "relay/http_server_observer.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace relay {
@@ -20,17 +20,9 @@ namespace {
 class StatusRecorder : public HttpServerObserver {
  public:
   void requestAnswered(const std::string& pattern, int status, Duration) override {
-    MutexLock lock(mutex_);
-    answered_.push_back(pattern + " " + std::to_string(status));
+    answered.add(pattern + " " + std::to_string(status));
   }
-  std::vector<std::string> answered() {
-    MutexLock lock(mutex_);
-    return answered_;
-  }
-
- private:
-  Mutex mutex_;
-  std::vector<std::string> answered_ VANTU_GUARDED_BY(mutex_);
+  vantu::testing::Collected<std::string> answered;
 };
 
 // An application that dispatches a request itself, with a response whose
@@ -63,7 +55,7 @@ TEST(AsyncAnswerTest, AnswerDispatchedOutsideAReadKeepsItsResponse) {
     later();
     connection.reset();
   }));
-  EXPECT_EQ(std::vector<std::string>{"/later 202"}, recorder->answered());
+  EXPECT_EQ(std::vector<std::string>{"/later 202"}, recorder->answered.all());
   impl.reset();
   waitForDeferredWork();
 }

@@ -1,10 +1,9 @@
 #ifndef TESTS_CALC_SERVICE_H_
 #define TESTS_CALC_SERVICE_H_
 
-// calc.Calculator, a service that exists in no generated code: its .proto
-// files (tests/data/relay_call/calc/) are compiled when the service is made,
-// and its messages are dynamic. It stands for a user's own service in the
-// tests of the reflection service and of relay_call.
+// calc.Calculator, a user's own service in no generated code: its .proto
+// files (tests/data/relay_call/calc/) are compiled when it is made, and its
+// messages are dynamic.
 
 #include <google/protobuf/compiler/importer.h>
 #include <google/protobuf/dynamic_message.h>

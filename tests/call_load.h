@@ -22,8 +22,7 @@ namespace vantu {
 namespace testing {
 
 // `Request` and `Reply` are the method's messages, whose `text` the server
-// echoes. Owned by the test (or benchmark); done closures run on the event
-// thread. Any thread may read the counts.
+// echoes. Done closures run on the event thread; the counts read from any.
 template <typename Request, typename Reply>
 class CallLoad {
  public:
@@ -66,8 +65,7 @@ class CallLoad {
     std::lock_guard<std::mutex> lock(mutex_);
     return failures_;
   }
-  // From now on, keeps how long each call that succeeds took, in
-  // microseconds from its issue; takes what was kept.
+  // Keeps, from now on, how long each call that succeeds took, in microseconds.
   void keepLatencies() {
     std::lock_guard<std::mutex> lock(mutex_);
     keep_latencies_ = true;

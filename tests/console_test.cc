@@ -40,23 +40,18 @@ TEST(ConsoleTest, ServesOneSelfContainedPageAtItsPath) {
   EXPECT_EQ("HTTP/1.1 404", client.read(12));
 
   // Every placeholder filled; styles, script and icon inside; nothing from elsewhere.
-  EXPECT_EQ(std::string::npos, page.find("@CSS@"));
-  EXPECT_EQ(std::string::npos, page.find("@JS@"));
-  EXPECT_EQ(std::string::npos, page.find("@TITLE@"));
-  EXPECT_EQ(std::string::npos, page.find("@LINKS@"));
-  EXPECT_EQ(std::string::npos, page.find("@METRICS_PATH@"));
-  EXPECT_NE(std::string::npos, page.find("rel=\"icon\" href=\"data:image/svg+xml,"));
-  EXPECT_NE(std::string::npos, page.find("function callJson("));
-  EXPECT_NE(std::string::npos, page.find("#figures {"));
-  for (const char* outside : {"src=", "https://", "@import", " url(", ":url("}) {
-    SCOPED_TRACE(outside);
-    EXPECT_EQ(std::string::npos, page.find(outside));
+  for (const char* absent : {"@CSS@", "@JS@", "@TITLE@", "@LINKS@", "@METRICS_PATH@",
+                             "src=", "https://", "@import", " url(", ":url("}) {
+    EXPECT_EQ(std::string::npos, page.find(absent)) << absent;
+  }
+  for (const char* present :
+       {"rel=\"icon\" href=\"data:image/svg+xml,", "function callJson(", "#figures {"}) {
+    EXPECT_NE(std::string::npos, page.find(present)) << present;
   }
   // The one absolute URL is the icon's SVG namespace, a name, not a fetch.
   EXPECT_EQ(count(page, "http://www.w3.org/2000/svg"), count(page, "http://"));
   for (const char* id : {"services", "method", "request", "call", "reply"}) {
-    SCOPED_TRACE(id);
-    EXPECT_EQ(1u, count(page, std::string("id=\"") + id + "\""));
+    EXPECT_EQ(1u, count(page, std::string("id=\"") + id + "\"")) << id;
   }
   EXPECT_EQ(2u, count(page, "relay console"));  // the title and the heading
   EXPECT_NE(std::string::npos, page.find("data-metrics=\"/metrics\""));

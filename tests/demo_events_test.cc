@@ -1,7 +1,6 @@
 // The demo's /events, read as a client nobody here wrote reads it: Python's
 // http.client over a real demo_server process.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -13,8 +12,6 @@ namespace vantu {
 namespace relay {
 namespace {
 
-using vantu::testing::shellOutput;
-
 using vantu::testing::DemoProcess;
 
 TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
@@ -25,9 +22,7 @@ TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
   // request counts seen.
   const std::string script =
       "import http.client, json, sys\n"
-      "c = http.client.HTTPConnection('127.0.0.1', " +
-      std::to_string(demo.port()) +
-      ", timeout=30)\n"
+      "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=30)\n"
       "c.request('GET', '/events')\n"
       "r = c.getresponse()\n"
       "assert r.status == 200\n"
@@ -49,13 +44,8 @@ TEST(DemoEventsTest, EventsStreamTheCountersEverySecondToPython) {
       "counters\n"
       "    assert counters['connections'] >= 1, counters\n"
       "print(' '.join(str(int(c['requests'])) for _, c in events))\n";
-  const std::string path = "/tmp/demo_events_test_" + std::to_string(getpid()) + ".py";
-  FILE* file = fopen(path.c_str(), "w");
-  ASSERT_NE(nullptr, file);
-  fputs(script.c_str(), file);
-  fclose(file);
-  const std::string out = shellOutput("python3 " + path + " 2>&1");
-  unlink(path.c_str());
+  const std::string out =
+      vantu::testing::pythonOutput(script, std::to_string(demo.port()) + " 2>&1");
   unsigned first = 0, second = 0, third = 0;
   ASSERT_EQ(3, sscanf(out.c_str(), "%u %u %u", &first, &second, &third)) << out;
   // The stream's own request counts once it was dispatched, before the

@@ -3,11 +3,7 @@
 // and the certificate files loaded again on SIGHUP.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,8 +15,6 @@
 namespace vantu {
 namespace relay {
 namespace {
-
-using vantu::testing::shellOutput;
 
 using vantu::testing::cert;
 using vantu::testing::DemoProcess;
@@ -40,9 +34,7 @@ std::unique_ptr<DemoProcess> startTlsDemo(const std::string& chain, const std::s
 }
 
 std::string curl(const std::string& arguments, int* status) {
-  return shellOutput(
-      "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + arguments + " 2>/dev/null",
-      status);
+  return vantu::testing::curlTls(arguments + " 2>/dev/null", status);
 }
 
 TEST(DemoTlsTest, ServesHttpsToCurlAndPythonAndNothingInClear) {
@@ -57,8 +49,8 @@ TEST(DemoTlsTest, ServesHttpsToCurlAndPythonAndNothingInClear) {
             echo.find("\"tls\":{\"version\":\"TLSv1.3\",\"client_subject\":\"\"}"))
       << echo;
 
-  const std::string script = testCertDir() + "/demo_python.py";
-  std::ofstream(script) << R"(
+  EXPECT_EQ("HTTP/1.1 200 OK True\nFalse\n",
+            vantu::testing::pythonOutput(R"(
 import socket, ssl, sys
 port, ca = int(sys.argv[1]), sys.argv[2]
 context = ssl.create_default_context(cafile=ca)
@@ -86,10 +78,8 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
     except ConnectionResetError:
         pass
 print(b"HTTP/1.1" in got)
-)";
-  EXPECT_EQ("HTTP/1.1 200 OK True\nFalse\n",
-            shellOutput("python3 -W ignore " + script + " " + std::to_string(demo->port()) + " " +
-                        cert("ca.pem")));
+)",
+                                         std::to_string(demo->port()) + " " + cert("ca.pem")));
 }
 
 TEST(DemoTlsTest, ClientCaFlagRequiresAndShowsTheClientCertificate) {
@@ -110,12 +100,7 @@ TEST(DemoTlsTest, ClientCaFlagRequiresAndShowsTheClientCertificate) {
 TEST(DemoTlsTest, SighupLoadsTheCertificateFilesAgain) {
   const std::string chain = testCertDir() + "/demo-reload.pem";
   const std::string key = testCertDir() + "/demo-reload-key.pem";
-  auto install = [&](const std::string& name) {
-    return system(("cp " + cert(name + ".pem") + " " + chain + " && cp " + cert(name + "-key.pem") +
-                   " " + key)
-                      .c_str()) == 0;
-  };
-  ASSERT_TRUE(install("server"));
+  ASSERT_TRUE(vantu::testing::installCert("server", chain, key));
   std::unique_ptr<DemoProcess> demo = startTlsDemo(chain, key);
   ASSERT_TRUE(demo->ok());
   const std::string port = std::to_string(demo->port());
@@ -128,7 +113,7 @@ TEST(DemoTlsTest, SighupLoadsTheCertificateFilesAgain) {
   curl(as_wrong_name, &status);
   EXPECT_NE(0, status) << "the name the next certificate carries was accepted already";
 
-  ASSERT_TRUE(install("wrong-name"));
+  ASSERT_TRUE(vantu::testing::installCert("wrong-name", chain, key));
   demo->signal(SIGHUP);
   // The signal is taken in its own time: ask until the new certificate is
   // served (bounded).

@@ -86,10 +86,9 @@ TEST(DrainGoodbyeTest, RollingRestartUnderLoadLosesNoCall) {
     EXPECT_TRUE(servers[i]->server->drain(Duration::seconds(10)));
     servers[i] = std::make_unique<Server>(port);
     ASSERT_TRUE(servers[i]->server);
-    // The restarted server is used again once the channel's backoff (at
-    // most two seconds) lets it try. The bound is time, not calls: a fast
-    // machine finishes any fixed number of calls on the other two servers
-    // before the first retry.
+    // Used again once the channel's backoff (at most two seconds) lets it
+    // try. Bounded by time, not calls: a fast machine finishes any fixed
+    // number of calls on the other two servers before the first retry.
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (servers[i]->service->calls.load() == 0 && std::chrono::steady_clock::now() < give_up) {
       ASSERT_TRUE(load.waitForMore(10));

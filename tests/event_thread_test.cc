@@ -14,13 +14,14 @@
 
 #include "common/mutex.h"
 #include "tests/event_thread_blocker.h"
+#include "tests/waiting.h"
 
 namespace vantu {
 namespace {
 
 using testing::EventThreadBlocker;
 
-TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThread) {
+TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThreadNeverInsideItsCaller) {
   constexpr int kThreads = 4, kPerThread = 2000;
   // Touched only on the event thread; read here after waitForDeferredWork.
   std::vector<std::pair<int, int>> ran;
@@ -52,10 +53,8 @@ TEST(EventThreadTest, DeferredWorkRunsInOrderOnTheEventThread) {
     ASSERT_EQ(next[entry.first], entry.second) << "thread " << entry.first << " out of order";
     ++next[entry.first];
   }
-}
 
-TEST(EventThreadTest, DeferNeverRunsInsideTheCallerAndWaitingOnTheLoopReturns) {
-  // Touched on the event thread only, read here after waiting.
+  // Deferring never runs inside the caller, and waiting from the loop returns.
   bool outer_finished = false, inner_saw_outer_finished = false;
   ASSERT_TRUE(runOnEventThreadAndWait([&] {
     EXPECT_TRUE(isEventThread());
@@ -159,54 +158,33 @@ TEST(EventThreadTest, WorkThatKeepsDeferringWorkLetsTheSocketsBeRead) {
   EXPECT_LE(shared.rounds_when_read, 32) << "the producer ran on without a poll";
 }
 
-TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHold) {
-  for (bool delayed : {false, true}) {
-    SCOPED_TRACE(delayed ? "timer" : "queued");
-    auto held = std::make_shared<int>(0);
-    std::weak_ptr<int> weak_held = held;
-    Mutex mutex;
-    ConditionVariable cv;
-    std::atomic<int> runs{0};
-    std::function<void()> fn = [held, &mutex, &cv, &runs] {
-      MutexLock lock(mutex);
-      ++runs;
-      cv.notifyAll();
-    };
-    held.reset();
-    TimerHandle kept;
-    {
-      EventThreadBlocker blocker;
-      TimerHandle cancelled =
-          delayed ? scheduleDeferred(fn, Duration::seconds(3600)) : scheduleDeferred(fn);
-      kept = delayed ? scheduleDeferred(fn, Duration::milliseconds(1)) : scheduleDeferred(fn);
-      cancelled.cancel();
-      cancelled.cancel();  // twice is harmless
-    }
-    {
-      MutexLock lock(mutex);
-      while (runs == 0) cv.wait(mutex);
-    }
-    // A queued cancelled function would have run before the kept one.
-    waitForDeferredWork();
-    EXPECT_EQ(1, runs.load());
-    kept = TimerHandle();
-    fn = nullptr;
-    waitForDeferredWork();
-    EXPECT_TRUE(weak_held.expired()) << "the cancelled function's captures are still alive";
-  }
-}
-
-TEST(EventThreadTest, CancellingATimerReleasesItsFunctionAtOnce) {
-  enum When { kArmedCancelledElsewhere, kArmedCancelledOnEventThread, kCancelledBeforeArming };
-  for (When when :
-       {kArmedCancelledElsewhere, kArmedCancelledOnEventThread, kCancelledBeforeArming}) {
+// A cancelled function never runs, and what it holds is released at once,
+// not at its deadline: queued (as a timer or not) behind a busy event thread,
+// cancelled before the event thread armed its timer, or after, from the event
+// thread or from elsewhere.
+TEST(EventThreadTest, CancelledFunctionsNeverRunAndReleaseWhatTheyHoldAtOnce) {
+  enum When {
+    kQueued,
+    kTimerQueued,
+    kArmedCancelledElsewhere,
+    kArmedCancelledOnEventThread,
+    kCancelledBeforeArming
+  };
+  for (When when : {kQueued, kTimerQueued, kArmedCancelledElsewhere, kArmedCancelledOnEventThread,
+                    kCancelledBeforeArming}) {
     SCOPED_TRACE(when);
     auto held = std::make_shared<int>(0);
     std::weak_ptr<int> weak_held = held;
-    std::atomic<bool> ran{false};
-    std::function<void()> fn = [held, &ran] { ran = true; };
+    std::atomic<int> runs{0};
+    std::function<void()> fn = [held, &runs] { ++runs; };
     held.reset();
-    if (when == kCancelledBeforeArming) {
+    if (when == kQueued || when == kTimerQueued) {
+      EventThreadBlocker blocker;
+      TimerHandle cancelled = when == kTimerQueued ? scheduleDeferred(fn, Duration::seconds(3600))
+                                                   : scheduleDeferred(fn);
+      cancelled.cancel();
+      cancelled.cancel();  // twice is harmless
+    } else if (when == kCancelledBeforeArming) {
       // On the event thread, before the queue arms it.
       runOnEventThreadAndWait([&] { scheduleDeferred(fn, Duration::seconds(3600)).cancel(); });
     } else {
@@ -223,32 +201,26 @@ TEST(EventThreadTest, CancellingATimerReleasesItsFunctionAtOnce) {
     // Twice: a batch's functions are destroyed after its last one ran.
     waitForDeferredWork();
     waitForDeferredWork();
-    EXPECT_TRUE(weak_held.expired()) << "the function lives until the deadline";
-    EXPECT_FALSE(ran);
+    EXPECT_TRUE(weak_held.expired()) << "the cancelled function's captures are still alive";
+    EXPECT_EQ(0, runs.load());
   }
 }
 
 // libevent's clock is coarse: a timer it keeps may wake a few milliseconds
 // before its time. What was scheduled with a delay never runs before it.
 TEST(EventThreadTest, DelayedFunctionsNeverRunEarly) {
-  Mutex mutex;
-  ConditionVariable cv;
-  std::vector<std::pair<Time, Time>> runs;  // when due, when run
+  testing::Collected<std::pair<Time, Time>> runs;  // when due, when run
   for (int i = 0; i < 40; ++i) {
     const Duration delay = Duration::milliseconds(1 + i % 20);
     const Time due = Time::now() + delay;
     scheduleDeferred(
-        [&, due] {
+        [&runs, due] {
           EXPECT_TRUE(isEventThread());
-          MutexLock lock(mutex);
-          runs.emplace_back(due, Time::now());
-          cv.notifyAll();
+          runs.add({due, Time::now()});
         },
         delay);
   }
-  MutexLock lock(mutex);
-  while (runs.size() < 40) cv.wait(mutex);
-  for (const auto& run : runs) EXPECT_LE(run.first, run.second);
+  for (const auto& run : runs.all(40)) EXPECT_LE(run.first, run.second);
 }
 
 // Process exit: work queued before it still runs (so deferred deletions

@@ -10,9 +10,21 @@ namespace vantu {
 namespace relay {
 namespace {
 
-TEST(HeadAssemblerTest, BudgetCountsCompletedLinesAndTheLineInProgress) {
+TEST(HeadAssemblerTest, CompletedLineLiesInPlaceUnlessPartWasKeptAndCountsAgainstTheBudget) {
   std::string line;
   HeadAssembler head(&line);
+  const char chunk[] = "Host: h";
+  size_t size = 7;
+  EXPECT_EQ(chunk, head.complete(chunk, &size));
+  EXPECT_EQ(7u, size);
+  head.keep("Ho", 2);
+  size = 5;
+  const char* whole = head.complete(chunk + 2, &size);
+  EXPECT_EQ("Host: h", std::string(whole, size));
+  head.clearLine();
+  EXPECT_TRUE(line.empty());
+
+  // The budget counts completed lines and the line in progress.
   EXPECT_TRUE(head.fits(size_t{1} << 40)) << "no budget means no limit";
   head.setBudget(10);
   EXPECT_TRUE(head.fits(10));
@@ -32,22 +44,6 @@ TEST(HeadAssemblerTest, BudgetCountsCompletedLinesAndTheLineInProgress) {
   head.startHead();
   EXPECT_EQ(10u, head.room());
   EXPECT_TRUE(head.fits(10));
-}
-
-TEST(HeadAssemblerTest, CompletedLineLiesInPlaceUnlessPartWasKept) {
-  std::string line;
-  HeadAssembler head(&line);
-  const char chunk[] = "Host: h";
-  size_t size = 7;
-  EXPECT_EQ(chunk, head.complete(chunk, &size));
-  EXPECT_EQ(7u, size);
-
-  head.keep("Ho", 2);
-  size = 5;
-  const char* whole = head.complete(chunk + 2, &size);
-  EXPECT_EQ("Host: h", std::string(whole, size));
-  head.clearLine();
-  EXPECT_TRUE(line.empty());
 }
 
 TEST(HeadAssemblerTest, LongTargetTakesTheLineBufferInsteadOfACopy) {

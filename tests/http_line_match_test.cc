@@ -17,25 +17,21 @@ void expectSameAsPcre(const std::string& line) {
   static const pcrecpp::RE kHeader("([^:]*): (.*)");
   SCOPED_TRACE(::testing::PrintToString(line));
 
-  std::string m1, t1, m2, t2;
+  std::string m1, t1, m2, t2, r1, r2, n1, v1;
+  int c1 = -1, c2 = -1;
+  size_t name_length = 0, value_start = 0;
   bool pcre = kRequest.FullMatch(line, &m1, &t1);
   ASSERT_EQ(pcre, matchRequestLine(line, &m2, &t2));
   if (pcre) {
     EXPECT_EQ(m1, m2);
     EXPECT_EQ(t1, t2);
   }
-
-  int c1 = -1, c2 = -1;
-  std::string r1, r2;
   pcre = kStatus.FullMatch(line, &c1, &r1);
   ASSERT_EQ(pcre, matchStatusLine(line, &c2, &r2));
   if (pcre) {
     EXPECT_EQ(c1, c2);
     EXPECT_EQ(r1, r2);
   }
-
-  std::string n1, v1;
-  size_t name_length = 0, value_start = 0;
   pcre = kHeader.FullMatch(line, &n1, &v1);
   ASSERT_EQ(pcre, matchHeaderLine(line, &name_length, &value_start));
   if (pcre) {
@@ -45,6 +41,7 @@ void expectSameAsPcre(const std::string& line) {
 }
 
 TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
+  // (Only a blank may follow a header's colon: "Host:\th" is no header.)
   const std::string lines[] = {
       "GET / HTTP/1.1",
       "GET / HTTP/1.0",
@@ -57,7 +54,6 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
       "GET / HTTP/1\n1",
       "GET / HTTP/1.1 ",
       "GET /a\nb HTTP/1.1",
-      std::string("GET /\0 HTTP/1.1", 15),
       "GET / HTTP/1.11",
       "HTTP/1.1 200 OK",
       "HTTP/1.1 200 ",
@@ -72,7 +68,7 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
       "HTTP/1.1 000000000000000000000000000000000000000001 x",
       "Host: h",
       "Host:h",
-      "Host:\th",  // only a blank may follow the colon
+      "Host:\th",
       "a:\t b",
       "a: \tb",
       ": v",
@@ -88,6 +84,7 @@ TEST(HttpLineMatchTest, AgreesWithPcreOnChosenLines) {
       "x:y: z",
   };
   for (const std::string& line : lines) expectSameAsPcre(line);
+  expectSameAsPcre(std::string("GET /\0 HTTP/1.1", 15));
 }
 
 TEST(HttpLineMatchTest, AgreesWithPcreOnRandomLines) {

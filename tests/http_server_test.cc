@@ -83,17 +83,6 @@ class HttpServerTest : public ::testing::Test {
   uint16_t port_ = 0;
 };
 
-// Only strict framing leaves the content out of an answer to HEAD: by
-// default a HEAD request is answered as its handler filled the response.
-TEST_F(HttpServerTest, HeadRequestsGetTheContentByDefault) {
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(client.write("HEAD /hello HTTP/1.1\r\nHost: t\r\n\r\n" + get("/hello") +
-                           "HEAD /missing HTTP/1.1\r\nHost: t\r\n\r\n"));
-  const std::string expected = kHello + kHello + kNotFound;
-  EXPECT_EQ(expected, client.read(expected.size()));
-}
-
 std::string answer(const std::string& text) {
   return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nContent-Length: " +
          std::to_string(text.size()) + "\r\nContent-Type: text/plain\r\n\r\n" + text;
@@ -103,7 +92,10 @@ HttpRequestHandler answering(const std::string& text) {
   return [text](const HttpRequestPtr&, const HttpResponsePtr& r) { setText(r, text); };
 }
 
-TEST_F(HttpServerTest, RegistrationOrderAndWholePathMatch) {
+// The first pattern registered that matches the whole path answers; a handler
+// may register handlers. Only strict framing leaves the content out of an
+// answer to HEAD: by default it is answered as its handler filled the response.
+TEST_F(HttpServerTest, DispatchByRegistrationOrderWholePathAndHead) {
   // A pattern that does not compile is passed over, not taken as a match nor
   // as the end of the list.
   server_->registerHandler("(unclosed", answering("broken"));
@@ -116,15 +108,21 @@ TEST_F(HttpServerTest, RegistrationOrderAndWholePathMatch) {
     r->setHeader("Connection", "close");  // only text: the connection stays open
     setText(r, request->getStringQueryComponent("x", 0));
   });
+  server_->registerHandler("/make", [this](const HttpRequestPtr&, const HttpResponsePtr& r) {
+    server_->registerHandler("/made", answering("added\n"));
+    setText(r, "ok\n");
+  });
   LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
   ASSERT_TRUE(client.write(get("/ab") + get("/a") + get("/bc") + get("/bd") + get("/c?x=42") +
-                           get("/c/d") + get("/hello") + get("/unclosed")));
+                           get("/c/d") + get("/hello") + get("/unclosed") + get("/made") +
+                           get("/make") + get("/made") + "HEAD /hello HTTP/1.1\r\nHost: t\r\n\r\n" +
+                           "HEAD /missing HTTP/1.1\r\nHost: t\r\n\r\n"));
   const std::string created =
       "HTTP/1.1 201 Created\r\nConnection: close\r\nContent-Length: 2\r\n"
       "Content-Type: text/plain\r\n\r\n42";
   const std::string expected = answer("a-any") + answer("a-any") + answer("bc") + answer("b-any") +
-                               created + kNotFound + kHello + kNotFound;
+                               created + kNotFound + kHello + kNotFound + kNotFound +
+                               answer("ok\n") + answer("added\n") + kHello + kNotFound;
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
@@ -134,22 +132,8 @@ TEST_F(HttpServerTest, UrlWithoutAPathIsMatchedAsTheEmptyString) {
   server_->registerHandler("/.*", answering("slash"));
   server_->registerHandler("", answering("empty"));
   LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
   ASSERT_TRUE(client.write("GET foo:?q=1 HTTP/1.1\r\n\r\n" + get("/x") + get("")));
   const std::string expected = answer("empty") + answer("slash") + answer("slash");
-  EXPECT_EQ(expected, client.read(expected.size()));
-}
-
-TEST_F(HttpServerTest, HandlerMayRegisterHandlers) {
-  server_->registerHandler("/add", [this](const HttpRequestPtr&, const HttpResponsePtr& r) {
-    server_->registerHandler(
-        "/added", [](const HttpRequestPtr&, const HttpResponsePtr& r2) { setText(r2, "added\n"); });
-    setText(r, "ok\n");
-  });
-  LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
-  ASSERT_TRUE(client.write(get("/added") + get("/add") + get("/added")));
-  const std::string expected = kNotFound + answer("ok\n") + answer("added\n");
   EXPECT_EQ(expected, client.read(expected.size()));
 }
 
@@ -193,7 +177,6 @@ TEST(HttpServerLifetimeTest, ServerDroppedWhileConnectionOpenKeepsHandlersUntilI
   });
   sentinel.reset();
   LoopbackClient client(server->localAddress().port());
-  ASSERT_TRUE(client.connected());
   ASSERT_TRUE(client.write(get("/hello")));
   ASSERT_EQ(kHello, client.read(kHello.size()));
 
@@ -239,7 +222,6 @@ TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
     ~Release() { *asked = kPerThread; }
   } release{&asked};
   LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
   int not_yet = 0;
   for (int i = 0; i < kPerThread; ++i) {
     for (int t = 0; t < kThreads; ++t) {
@@ -265,7 +247,6 @@ TEST_F(HttpServerTest, RegistrationsFromOtherThreadsAreSeenByDispatch) {
 TEST_F(HttpServerTest, LogRecordsOfDispatchAndRpcs) {
   server_->registerRPCService(std::make_shared<TestServiceImpl>());
   LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
   {
     // Defaults: only the level 2 record of a request nothing answers.
     LogCapture log("http_server", 2);
@@ -316,7 +297,6 @@ TEST_F(HttpServerTest, ReRegisteringAServiceReplacesIt) {
   auto first = std::make_shared<TestServiceImpl>("first:");
   server_->registerRPCService(first);
   LoopbackClient client(port_);
-  ASSERT_TRUE(client.connected());
   auto echo = [&client](const std::string& id) {
     EXPECT_TRUE(client.write(rpcRequest("relaytest.TestService", "Echo", id, textMessage(id))));
     std::vector<HttpResponsePtr> answers = readResponses(&client, 1);
@@ -340,7 +320,6 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   const int records = liveRPCRecordsForTesting();
   {
     LoopbackClient client(port_);
-    ASSERT_TRUE(client.connected());
     ASSERT_TRUE(client.write(rpcRequest("relaytest.TestService", "Hold", "1", textMessage("x"))));
     ASSERT_TRUE(service->waitHeld(1));
     EXPECT_EQ(records + 1, liveRPCRecordsForTesting());
@@ -348,7 +327,6 @@ TEST_F(HttpServerTest, ServiceCompletingAfterItsClientLeftFreesTheRecordAndSends
   }
   // The server goes on serving other connections while the call is held.
   LoopbackClient other(port_);
-  ASSERT_TRUE(other.connected());
   ASSERT_TRUE(other.write(get("/hello")));
   ASSERT_EQ(kHello, other.read(kHello.size()));
 

@@ -47,11 +47,22 @@ std::string plain(const std::string& text) {
          std::to_string(text.size()) + "\r\nContent-Type: text/plain\r\n\r\n" + text;
 }
 
-// The `done`s an async handler was given, in request order, for the test to
-// run when it likes.
+// The `done`s async handlers were given, and the streams stream handlers got,
+// in request order, for the test to use when it likes.
 using DoneList = vantu::testing::Collected<std::function<void()>>;
-// The stream a handler got, for the test to write when it likes.
 using StreamHolder = vantu::testing::Collected<HttpStreamPtr>;
+
+// Holds each answer in *dones; its text is `text`, or the path when null.
+HttpAsyncRequestHandler holding(DoneList* dones, const char* text = nullptr) {
+  return [dones, text](const HttpRequestPtr& request, const HttpResponsePtr& response,
+                       std::function<void()> done) {
+    if (text == nullptr || *text != '\0') setText(response, text ? text : request->url.path());
+    dones->add(std::move(done));
+  };
+}
+HttpStreamHandler keeping(StreamHolder* holder) {
+  return [holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder->add(stream); };
+}
 
 class StreamServerTest : public ::testing::Test {
  protected:
@@ -60,27 +71,18 @@ class StreamServerTest : public ::testing::Test {
     server_.reset();
     waitForDeferredWork();
   }
+  // (Re)starts the server with `options`.
   void start(const HttpServerOptions& options) {
+    TearDown();
     server_ = HttpServer::create(SocketAddress("127.0.0.1", 0), 16, options);
     ASSERT_TRUE(server_);
   }
   uint16_t port() const { return server_->localAddress().port(); }
 
-  // Serves /n/... with its own path, each answer held until its done, kept
-  // in *dones in request order, runs.
-  void holdAnswers(DoneList* dones) {
-    server_->registerAsyncHandler(
-        "/n/.*", [dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                         std::function<void()> done) {
-          setText(response, request->url.path());
-          dones->add(std::move(done));
-        });
-  }
-
-  // Serves held answers (holdAnswers) and pipelines `count` of them on
-  // *client, which waits until every handler has run. The answers expected, in request order.
+  // Pipelines `count` held answers to /n/... and waits until every handler
+  // has run: the answers expected, in request order.
   std::string pipelineHeldAnswers(int count, DoneList* dones, LoopbackClient* client) {
-    holdAnswers(dones);
+    server_->registerAsyncHandler("/n/.*", holding(dones));
     std::string requests;
     std::string expected;
     for (int i = 0; i < count; ++i) {
@@ -111,12 +113,7 @@ TEST_F(StreamServerTest, AnswersDoneInsideOrAfterTheirHandlersKeepRequestOrder) 
                                     done();
                                     done();  // a second run does nothing
                                   });
-    server_->registerAsyncHandler(
-        "/h/.*", [&dones](const HttpRequestPtr& request, const HttpResponsePtr& response,
-                          std::function<void()> done) {
-          setText(response, request->url.path());
-          dones.add(std::move(done));
-        });
+    server_->registerAsyncHandler("/h/.*", holding(&dones));
     server_->registerAsyncHandler("/d/.*",
                                   [](const HttpRequestPtr& request, const HttpResponsePtr& response,
                                      std::function<void()> done) {
@@ -213,9 +210,7 @@ TEST_F(StreamServerTest, DoneFromManyThreadsAtOnceWritesEachAnswerOnceInOrder) {
 
 TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) {
   DoneList dones;
-  server_->registerAsyncHandler(
-      "/later", [&dones](const HttpRequestPtr&, const HttpResponsePtr&,
-                         std::function<void()> done) { dones.add(std::move(done)); });
+  server_->registerAsyncHandler("/later", holding(&dones, ""));
   {
     LoopbackClient client(port());
     ASSERT_TRUE(client.write(get("/later")));
@@ -250,7 +245,7 @@ TEST_F(StreamServerTest, DoneAfterTheClientLeftDoesNothingAndTheHandlerCanTell) 
 
 TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
   DoneList dones;
-  holdAnswers(&dones);
+  server_->registerAsyncHandler("/n/.*", holding(&dones));
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/n/1")));
   ASSERT_TRUE(dones.waitFor(1));
@@ -277,7 +272,7 @@ TEST_F(StreamServerTest, StaleDoneOfAnEarlierAnswerDoesNotCompleteALaterOne) {
 // that take it next are each completed by their own done only.
 TEST_F(StreamServerTest, DoneRunElsewhereForALeftClientLeavesTheRecordToTheNextAnswers) {
   DoneList dones;
-  holdAnswers(&dones);
+  server_->registerAsyncHandler("/n/.*", holding(&dones));
   // Runs the first done on another thread while the event thread waits for
   // it: the reset handled next in the same turn of the loop abandons the
   // answer before the done's hand-over reaches the event thread.
@@ -324,15 +319,9 @@ TEST_F(StreamServerTest, RpcAnswerOvertakesAPendingAsyncAnswerButNeverSplitsAStr
   auto service = std::make_shared<vantu::testing::TestServiceImpl>();
   server_->registerRPCService(service);
   DoneList dones;
-  server_->registerAsyncHandler(
-      "/later",
-      [&dones](const HttpRequestPtr&, const HttpResponsePtr& response, std::function<void()> done) {
-        setText(response, "late");
-        dones.add(std::move(done));
-      });
+  server_->registerAsyncHandler("/later", holding(&dones, "late"));
   StreamHolder holder;
-  server_->registerStreamHandler(
-      "/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
+  server_->registerStreamHandler("/stream", keeping(&holder));
   LoopbackClient client(port());
   const std::string call = vantu::testing::rpcRequest("relaytest.TestService", "Echo", "7",
                                                       vantu::testing::textMessage("hi"));
@@ -400,12 +389,19 @@ TEST_F(StreamServerTest, StreamReadsAsChunkedByCurlAndPython) {
   EXPECT_EQ(expected + expected, shellOutput("python3 -c \"" + python + "\""));
 }
 
-TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadOnly) {
+// A stream's answer to HEAD is its head alone; requests pipelined behind a
+// stream wait for its end.
+TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadAndRequestsBehindAStreamWaitForItsEnd) {
   std::atomic<bool> write_result{true};
   server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
     stream->start(std::make_shared<HttpResponse>());
     write_result = stream->write("body");
     stream->finish();
+  });
+  StreamHolder holder;
+  server_->registerStreamHandler("/stream", keeping(&holder));
+  server_->registerHandler("/plain", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
+    setText(response, "after");
   });
   LoopbackClient client(port());
   ASSERT_TRUE(client.write("HEAD /s HTTP/1.1\r\nHost: test\r\n\r\n" + get("/none")));
@@ -415,16 +411,6 @@ TEST_F(StreamServerTest, HeadOfAStreamIsItsHeadOnly) {
       "HTTP/1.1 404 Not Found\r\nConnection: keep-alive\r\nContent-Length: 0\r\n\r\n";
   EXPECT_EQ(head + not_found, client.read(head.size() + not_found.size()));
   EXPECT_FALSE(write_result.load());
-}
-
-TEST_F(StreamServerTest, RequestsPipelinedBehindAStreamWaitForItsEnd) {
-  StreamHolder holder;
-  server_->registerStreamHandler(
-      "/stream", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
-  server_->registerHandler("/plain", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-    setText(response, "after");
-  });
-  LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/stream") + get("/plain")));
   HttpStreamPtr stream = holder.at(0);
   ASSERT_TRUE(stream && stream->write("abc"));
@@ -499,14 +485,13 @@ TEST_F(StreamServerTest, SlowReaderOfAFastStreamHoldsNoMoreThanTheMark) {
           writer->done = true;
         }).detach();
       });
-  // A small receive buffer that is not read until the writer was told to wait.
+  // A small receive buffer, not read until the writer was told to wait.
   LoopbackClient client(SocketAddress("127.0.0.1", port()), 64 * 1024);
   ASSERT_TRUE(client.write(get("/s")));
   ASSERT_TRUE(eventually([&] { return writer->written_when_blocked.load() > 0; }));
   // What the writer got rid of before it had to wait: the mark, what the
   // kernel buffers took, and a piece.
   EXPECT_LT(writer->written_when_blocked.load(), size_t{6} * 1024 * 1024);
-  // Read everything: the writer hears that it may go on, and finishes.
   size_t body = 0;
   std::string tail;
   char buffer[64 * 1024];
@@ -570,8 +555,6 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
-    server_.reset();
-    waitForDeferredWork();
     start(test.options);
     server_->registerStreamHandler("/s", [](const HttpRequestPtr&, const HttpStreamPtr& stream) {
       auto response = std::make_shared<HttpResponse>();
@@ -606,7 +589,6 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
     if (test.closes) {
       EXPECT_EQ("", client.readToEnd()) << "the connection stays open";
     } else {
-      // The connection goes on: the next answer on it.
       ASSERT_TRUE(client.write(get("/none")));
       EXPECT_EQ("HTTP/1.1 404", client.read(12));
     }
@@ -615,8 +597,7 @@ TEST_F(StreamServerTest, StreamHeadIsFramedAsTheConnectionsOtherAnswers) {
 
 TEST_F(StreamServerTest, StreamBegunWhileTheServerDrainsSaysConnectionClose) {
   StreamHolder holder;
-  server_->registerStreamHandler(
-      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
+  server_->registerStreamHandler("/s", keeping(&holder));
   LoopbackClient client(port());
   ASSERT_TRUE(client.write(get("/s")));
   HttpStreamPtr stream = holder.at(0);
@@ -632,8 +613,6 @@ TEST_F(StreamServerTest, StreamBegunWhileTheServerDrainsSaysConnectionClose) {
   stream->start(response);
   stream->write("bye");
   stream->finish();
-  // Its head says goodbye, and the connection closes once the client is
-  // quiet.
   const std::string got = client.readToEnd();
   drain.join();
   EXPECT_EQ(
@@ -656,8 +635,6 @@ TEST_F(StreamServerTest, DrainDeadlineEndsALiveStreamCleanly) {
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(test.version);
-    server_.reset();
-    waitForDeferredWork();
     start(HttpServerOptions());
     std::atomic<bool> closed{false};
     server_->registerStreamHandler("/s", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
@@ -679,7 +656,6 @@ TEST_F(StreamServerTest, DrainDeadlineEndsALiveStreamCleanly) {
 TEST_F(StreamServerTest, IdleTimeoutEndsOnlyAStreamThatStoppedWriting) {
   HttpServerOptions options;
   options.idle_timeout = Duration::milliseconds(500);
-  server_.reset();
   start(options);
   std::atomic<bool> closed{false};
   server_->registerStreamHandler("/idle", [&](const HttpRequestPtr&, const HttpStreamPtr& stream) {
@@ -722,8 +698,7 @@ TEST_F(StreamServerTest, ObserverHearsOfAStreamWithTheStatusItBeganWith) {
   auto log = std::make_shared<AnswerLog>();
   server_->setObserver(log);
   StreamHolder holder;
-  server_->registerStreamHandler(
-      "/s", [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
+  server_->registerStreamHandler("/s", keeping(&holder));
   server_->registerStreamHandler("/gone", [](const HttpRequestPtr&, const HttpStreamPtr&) {});
   {
     // Abandoned before it began: never answered.
@@ -754,20 +729,11 @@ TEST_F(StreamServerTest, ContinueWaitsForTheAnswersOwedBeforeIt) {
   const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
   for (const bool stream_first : {false, true}) {
     SCOPED_TRACE(stream_first ? "behind a stream" : "behind an async answer");
-    server_.reset();
-    waitForDeferredWork();
     start(options);
     DoneList dones;
-    server_->registerAsyncHandler("/later",
-                                  [&dones](const HttpRequestPtr&, const HttpResponsePtr& response,
-                                           std::function<void()> done) {
-                                    setText(response, "late");
-                                    dones.add(std::move(done));
-                                  });
+    server_->registerAsyncHandler("/later", holding(&dones, "late"));
     StreamHolder holder;
-    server_->registerStreamHandler(
-        "/stream",
-        [&holder](const HttpRequestPtr&, const HttpStreamPtr& stream) { holder.add(stream); });
+    server_->registerStreamHandler("/stream", keeping(&holder));
     server_->registerHandler("/plain",
                              [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
                                setText(response, request->body);

@@ -1,9 +1,6 @@
-// Large messages end to end, over loopback with a real server and a real
-// channel: calls of megabytes, several in flight both ways, answered on the
-// event thread and from another thread; and answers of many sizes pipelined
-// on one connection and read by a plain socket. The large bodies travel by
-// reference and are reserved from their Content-Length; what these tests
-// watch is that every byte still arrives, once, in order, with the right call.
+// Large messages end to end over loopback. Large bodies travel by reference
+// and are reserved from their Content-Length; these tests watch that every
+// byte still arrives, once, in order, with the right call.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,7 +17,6 @@
 
 #include "common/event_thread.h"
 #include "common/memory_policy.h"
-#include "common/mutex.h"
 #include "common/socket_address.h"
 #include "common/time.h"
 #include "loopback_client.h"
@@ -91,11 +87,9 @@ TEST(LargeMessageTest, CallsOfMegabytesInFlightBothWaysComeBackWhole) {
     for (int i = 0; i < test.in_flight; ++i) {
       requests[i].set_text(letters(test.size, static_cast<unsigned>(i)));
       rpcs.push_back(std::make_unique<RPC>());
-      if (test.from_another_thread) {
-        stub.Hold(rpcs[i].get(), &requests[i], &replies[i], nullptr);
-      } else {
-        stub.Echo(rpcs[i].get(), &requests[i], &replies[i], nullptr);
-      }
+      (stub.*(test.from_another_thread ? &relaytest::TestService_Stub::Hold
+                                       : &relaytest::TestService_Stub::Echo))(
+          rpcs[i].get(), &requests[i], &replies[i], nullptr);
     }
     if (test.from_another_thread) {
       ASSERT_TRUE(service->waitHeld(test.in_flight));
@@ -104,20 +98,16 @@ TEST(LargeMessageTest, CallsOfMegabytesInFlightBothWaysComeBackWhole) {
     }
     for (int i = 0; i < test.in_flight; ++i) {
       SCOPED_TRACE("call " + std::to_string(i));
-      // A guard against a stall, not a timing check.
       ASSERT_TRUE(rpcs[i]->timedWaitRelative(Duration::seconds(60)));
       ASSERT_FALSE(rpcs[i]->Failed()) << rpcs[i]->ErrorText();
       EXPECT_EQ(test.size, replies[i].text().size());
       EXPECT_TRUE(replies[i].text() == requests[i].text());
     }
-    channel.reset();
-    server.reset();
   }
 }
 
-// Reads one answer: its head up to the blank line (into *head, if given),
-// then as many bytes as its Content-Length says. Empty when the connection
-// ends first.
+// Reads one answer's head (into *head_out) and the body its Content-Length
+// says; empty when the connection ends first.
 std::string readAnswerBody(LoopbackClient* client, std::string* pending,
                            std::string* head_out = nullptr) {
   size_t end;
@@ -188,7 +178,6 @@ TEST(LargeMessageTest, BodyBufferGrowsInFewStepsAndWithinBounds) {
     const std::string piece(test.piece, 'x');
     std::string body;
     memory_policy::reserveBodyAhead(&body, test.declared);
-    // Nothing arrived yet: the declared length alone buys little.
     EXPECT_LE(body.capacity(), memory_policy::kLargestBodyReservedAhead);
     int growths = 0;
     size_t recopied = 0;
@@ -215,14 +204,9 @@ TEST(LargeMessageTest, BodyBufferGrowsInFewStepsAndWithinBounds) {
   }
 }
 
-// Counts the bytes the server has read.
-class ReceivedBytes : public HttpServerObserver {
- public:
-  void bytesReceived(size_t bytes) override { total_ += bytes; }
-  size_t total() const { return total_.load(); }
-
- private:
-  std::atomic<size_t> total_{0};
+struct ReceivedBytes : public HttpServerObserver {
+  void bytesReceived(size_t bytes) override { total += bytes; }
+  std::atomic<size_t> total{0};
 };
 
 // The process's address space in kB (VmSize): what a reservation takes, even
@@ -271,14 +255,12 @@ TEST(LargeMessageTest, ConnectionsDeclaringHugeBodiesDoNotReserveThem) {
       ASSERT_TRUE(clients.back()->write(request));
     }
     // Every byte read, and parsed in the same turn of the event thread.
-    ASSERT_TRUE(eventually([&] { return received->total() == kConnections * request.size(); }));
+    ASSERT_TRUE(eventually([&] { return received->total == kConnections * request.size(); }));
     waitForDeferredWork();
     const long grown_kb = addressSpaceKb() - before_kb;
     // A megabyte each would be far more than the bound; a reservation of the
     // declared length, or of 64 MiB of it, is thousands of times that.
     EXPECT_LT(grown_kb, kConnections * 1024) << "address space grew by " << grown_kb << " kB";
-    clients.clear();
-    server.reset();
   }
 }
 
@@ -294,28 +276,16 @@ class ReadsAfterAnswering {
     thread_ = std::thread([this] { serve(); });
   }
   ~ReadsAfterAnswering() {
-    go();
+    go = true;
     thread_.join();
     close(listener_);
   }
   uint16_t port() const { return port_; }
 
-  // Waits until the first request was read; false after the guard time.
-  bool waitFirstRequest() {
-    MutexLock lock(mutex_);
-    const Time give_up = Time::now() + Duration::seconds(30);
-    while (!first_read_ && Time::now() < give_up) changed_.timedWaitAbsolute(mutex_, give_up);
-    return first_read_;
-  }
-  // Lets the first answer go.
-  void go() {
-    MutexLock lock(mutex_);
-    go_ = true;
-    changed_.notifyAll();
-  }
+  std::atomic<bool> first_read{false};  // the first request was read
+  std::atomic<bool> go{false};          // the first answer may go
 
  private:
-  // Reads until `count` requests are complete; false when the connection ends.
   bool readRequests(int connection, relay::HttpRequestParser* parser,
                     std::vector<HttpRequestPtr>* requests, size_t count) {
     char buffer[65536];
@@ -328,9 +298,7 @@ class ReadsAfterAnswering {
   }
 
   static std::string answer(const HttpRequestPtr& request, size_t size) {
-    relaytest::Text reply;
-    reply.set_text(std::string(size, 'a'));
-    const std::string body = reply.SerializeAsString();
+    const std::string body = textMessage(std::string(size, 'a'));
     return "HTTP/1.1 200 OK\r\nRpc-Id: " + request->headers["Rpc-Id"] +
            "\r\nRpc-Failed: 0\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
            body;
@@ -340,7 +308,7 @@ class ReadsAfterAnswering {
     size_t sent = 0;
     while (sent < bytes.size()) {
       const ssize_t n = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) return false;  // the guard time passed, or the client went
+      if (n <= 0) return false;
       sent += static_cast<size_t>(n);
     }
     return true;
@@ -354,20 +322,14 @@ class ReadsAfterAnswering {
     setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &guard, sizeof(guard));
     relay::HttpRequestParser parser;
     std::vector<HttpRequestPtr> requests;
-    const bool first = readRequests(connection, &parser, &requests, 1);
-    {
-      MutexLock lock(mutex_);
-      first_read_ = first;
-      changed_.notifyAll();
-      while (!go_) changed_.wait(mutex_);
-    }
-    if (first && sendAll(connection, answer(requests[0], answer_size_))) {
+    first_read = readRequests(connection, &parser, &requests, 1);
+    eventually([this] { return go.load(); });
+    if (first_read && sendAll(connection, answer(requests[0], answer_size_))) {
       if (readRequests(connection, &parser, &requests, 2)) {
         sendAll(connection, answer(requests[1], 2));
       }
     }
-    // Until the client closes.
-    char buffer[4096];
+    char buffer[4096];  // until the client closes
     while (recv(connection, buffer, sizeof(buffer), 0) > 0) {
     }
     close(connection);
@@ -377,10 +339,6 @@ class ReadsAfterAnswering {
   int listener_;
   uint16_t port_;
   std::thread thread_;
-  Mutex mutex_;
-  ConditionVariable changed_;
-  bool first_read_ VANTU_GUARDED_BY(mutex_) = false;
-  bool go_ VANTU_GUARDED_BY(mutex_) = false;
 };
 
 TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
@@ -396,30 +354,24 @@ TEST(LargeMessageTest, ChannelReadsAnswersWhileItsOwnOutputWaits) {
   first_request.set_text("first");
   RPC first, second;
   stub.Echo(&first, &first_request, &first_reply, nullptr);
-  ASSERT_TRUE(server.waitFirstRequest());
+  ASSERT_TRUE(eventually([&] { return server.first_read.load(); }));
   second_request.set_text(letters(size_t{16} << 20, 1));
   stub.Echo(&second, &second_request, &second_reply, nullptr);
   // The second request is in the channel's output before the answer starts.
   waitForDeferredWork();
-  server.go();
-  // Guards against a stall, not timing checks.
-  // (The whole answer arriving is what says the client kept reading; the
-  // server's own note that it wrote it may come later than the client's.)
+  server.go = true;
   ASSERT_TRUE(first.timedWaitRelative(Duration::seconds(30)));
   ASSERT_FALSE(first.Failed()) << first.ErrorText();
   EXPECT_EQ(size_t{8} << 20, first_reply.text().size());
   ASSERT_TRUE(second.timedWaitRelative(Duration::seconds(30)));
   ASSERT_FALSE(second.Failed()) << second.ErrorText();
   EXPECT_EQ("aa", second_reply.text());
-  channel.reset();
 }
 
-// A call of relaytest.TestService's `method`, as any client may write it.
 std::string call(const std::string& method, const std::string& id, const std::string& body) {
   return vantu::testing::rpcRequest("relaytest.TestService", method, id, body);
 }
 
-// The value of header `name` in an answer's head; empty when absent.
 std::string headerValue(const std::string& head, const std::string& name) {
   const std::string key = "\r\n" + name + ": ";
   const size_t at = head.find(key);
@@ -428,8 +380,7 @@ std::string headerValue(const std::string& head, const std::string& name) {
   return head.substr(from, head.find("\r\n", from) - from);
 }
 
-// A server of relaytest.TestService that counts what it read, read by each
-// of the two readers.
+// A server of relaytest.TestService that counts what it read.
 struct CountingServer {
   CountingServer(bool strict, uint64_t max_body_bytes) {
     HttpServerOptions options;
@@ -440,18 +391,12 @@ struct CountingServer {
     server->registerRPCService(service);
     server->setObserver(received);
   }
-  ~CountingServer() {
-    // Completes what is still held while the server is gone.
-    server.reset();
-  }
-
   // Writes `bytes` and waits until the server has read them, so that each
-  // piece arrives in a read of its own; false when it does not within the
-  // guard time.
+  // piece arrives in a read of its own.
   bool writePiece(LoopbackClient* client, const std::string& bytes) {
     if (!client->write(bytes)) return false;
     sent += bytes.size();
-    return eventually([&] { return received->total() == sent; });
+    return eventually([&] { return received->total == sent; });
   }
 
   std::shared_ptr<TestServiceImpl> service = std::make_shared<TestServiceImpl>();
@@ -460,7 +405,6 @@ struct CountingServer {
   size_t sent = 0;
 };
 
-// Reads the next answer on *client: call `id`'s, carrying `body`.
 void expectAnswer(LoopbackClient* client, std::string* pending, const std::string& id,
                   const std::string& body) {
   SCOPED_TRACE("call " + id);
@@ -540,15 +484,12 @@ TEST(LargeMessageTest, BodyLimitStillRefusesAfterBodiesReadInPieces) {
     bool strict;
     std::vector<std::string> over;  // the request over the limit, in pieces
   };
+  const std::string by_length =
+      "POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kLimit + 1) +
+      "\r\n\r\n";
   const Case cases[] = {
-      {"default reader, Content-Length",
-       false,
-       {"POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kLimit + 1) +
-        "\r\n\r\n"}},
-      {"strict reader, Content-Length",
-       true,
-       {"POST /upload HTTP/1.1\r\nHost: test\r\nContent-Length: " + std::to_string(kLimit + 1) +
-        "\r\n\r\n"}},
+      {"default reader, Content-Length", false, {by_length}},
+      {"strict reader, Content-Length", true, {by_length}},
       {"strict reader, chunks",
        true,
        {"POST /upload HTTP/1.1\r\nHost: test\r\nTransfer-Encoding: chunked\r\n\r\n",
@@ -587,33 +528,31 @@ TEST(LargeMessageTest, BytesParsedWhereTheyLieAreCopiedBeforeTheirBufferIsReused
   const std::string responses =
       "HTTP/1.1 200 OK\r\nRpc-Id: 3\r\nContent-Length: " + std::to_string(request_body.size()) +
       "\r\n\r\n" + request_body + "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-  const size_t pieces[] = {1, 2, 3, 17, 1460, 4096, 100000};
-  for (size_t piece : pieces) {
-    SCOPED_TRACE("pieces of " + std::to_string(piece));
+  // Hands `text` over in pieces of `piece` bytes, each in `buffer`,
+  // overwritten after the call.
+  auto feed = [](auto* parser, const std::string& text, size_t piece, auto* out) {
     std::vector<char> buffer(piece);
-    HttpRequestParser request_parser;
-    std::vector<HttpRequestPtr> got_requests;
-    for (size_t from = 0; from < requests.size(); from += piece) {
-      const size_t size = std::min(piece, requests.size() - from);
-      std::memcpy(buffer.data(), requests.data() + from, size);
-      ASSERT_TRUE(request_parser.parse(buffer.data(), size, &got_requests));
+    for (size_t from = 0; from < text.size(); from += piece) {
+      const size_t size = std::min(piece, text.size() - from);
+      std::memcpy(buffer.data(), text.data() + from, size);
+      ASSERT_TRUE(parser->parse(buffer.data(), size, out));
       std::fill(buffer.begin(), buffer.end(), '\r');
     }
+  };
+  for (size_t piece : {1, 2, 3, 17, 1460, 4096, 100000}) {
+    SCOPED_TRACE("pieces of " + std::to_string(piece));
+    HttpRequestParser request_parser;
+    std::vector<HttpRequestPtr> got_requests;
+    feed(&request_parser, requests, piece, &got_requests);
     ASSERT_EQ(2u, got_requests.size());
     EXPECT_EQ("/a", got_requests[0]->uri);
     EXPECT_TRUE(got_requests[0]->body == request_body);
     EXPECT_EQ("h", got_requests[0]->headers["Host"]);
     EXPECT_EQ("/b?x=1", got_requests[1]->uri);
     EXPECT_EQ("http://h/b?x=1", got_requests[1]->url.spec());
-
     HttpResponseParser response_parser;
     std::vector<HttpResponsePtr> got_responses;
-    for (size_t from = 0; from < responses.size(); from += piece) {
-      const size_t size = std::min(piece, responses.size() - from);
-      std::memcpy(buffer.data(), responses.data() + from, size);
-      ASSERT_TRUE(response_parser.parse(buffer.data(), size, &got_responses));
-      std::fill(buffer.begin(), buffer.end(), '\n');
-    }
+    feed(&response_parser, responses, piece, &got_responses);
     ASSERT_EQ(2u, got_responses.size());
     EXPECT_EQ("3", got_responses[0]->headers["Rpc-Id"]);
     EXPECT_TRUE(got_responses[0]->body == request_body);

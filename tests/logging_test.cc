@@ -42,6 +42,12 @@ TEST_F(LoggingTest, DefaultLevelsAndRecordFields) {
   // One statement, one identifier.
   EXPECT_GE(records_[0].id, 0);
   EXPECT_EQ(records_[0].id, records_[1].id);
+  // A line and function given explicitly are kept.
+  VANTU_LOG_AT(1, "check", "relay/rpc", "void f()", 116) << "Check failed x";
+  ASSERT_EQ(3u, records_.size());
+  EXPECT_EQ(116, records_[2].line);
+  EXPECT_EQ("void f()", records_[2].function);
+  EXPECT_EQ("Check failed x", records_[2].text);
 }
 
 TEST_F(LoggingTest, DisabledRecordIsNeverBuilt) {
@@ -62,14 +68,6 @@ TEST_F(LoggingTest, DisabledRecordIsNeverBuilt) {
   setLogLevel("test_logger", 1);
   EXPECT_FALSE(isLoggerEnabled(2, "test_logger"));
   EXPECT_TRUE(isLoggerEnabled(2, "other_logger"));
-}
-
-TEST_F(LoggingTest, ExplicitLineAndFunctionAreKept) {
-  VANTU_LOG_AT(1, "check", "relay/rpc", "void f()", 116) << "Check failed x";
-  ASSERT_EQ(1u, records_.size());
-  EXPECT_EQ(116, records_[0].line);
-  EXPECT_EQ("void f()", records_[0].function);
-  EXPECT_EQ("Check failed x", records_[0].text);
 }
 
 TEST_F(LoggingTest, DefaultSinkCutsLongTextsAndASetSinkGetsThemWhole) {

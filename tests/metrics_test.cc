@@ -73,6 +73,18 @@ void expectSamples(const std::map<std::string, double>& expected,
   for (const auto& sample : actual) ADD_FAILURE() << "unexpected " << sample.first;
 }
 
+// `expected` and the server-wide series, with no connection or call open.
+std::map<std::string, double> withTotals(std::map<std::string, double> expected, double accepted,
+                                         double received, double sent, double parse_errors) {
+  expected["relay_connections_open"] = 0;
+  expected["relay_rpcs_in_flight"] = 0;
+  expected["relay_connections_accepted_total"] = accepted;
+  expected["relay_received_bytes_total"] = received;
+  expected["relay_sent_bytes_total"] = sent;
+  expected["relay_http_parse_errors_total"] = parse_errors;
+  return expected;
+}
+
 const char kService[] = "relaytest.TestService";
 
 std::string rpcs(const std::string& service, const std::string& method,
@@ -132,34 +144,29 @@ TEST(MetricsTest, CountsRequestsRpcsRefusalsConnectionsAndBytes) {
   waitForDeferredWork();
 
   const std::string s = kService;
-  expectSamples(
-      {
-          {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", 2},
-          {"relay_http_requests_total{code=\"403\",handler=\"/b\"}", 1},
-          {"relay_http_requests_total{code=\"200\",handler=\"/b\"}", 1},
-          {"relay_http_requests_total{code=\"404\",handler=\"(none)\"}", 1},
-          {"relay_http_requests_total{code=\"200\",handler=\"/metrics\"}", 1},
-          {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", 2},
-          {"relay_http_handler_duration_seconds_count{handler=\"/b\"}", 2},
-          {"relay_http_handler_duration_seconds_count{handler=\"/metrics\"}", 1},
-          {rpcs(s, "Echo", "ok"), 1},
-          {rpcs(s, "Hold", "ok"), 1},
-          {rpcs(s, "Fail", "failed"), 1},
-          {rpcs(s, "Nope", "method_not_found"), 1},
-          {rpcs("nobody.Service", "Echo", "service_not_found"), 1},
-          {rpcs(s, "Echo", "bad_request"), 1},
-          {rpcDurations("Echo"), 1},
-          {rpcDurations("Hold"), 1},
-          {rpcDurations("Fail"), 1},
-          {"relay_connections_open", 0},
-          {"relay_rpcs_in_flight", 0},
-          {"relay_connections_accepted_total", 2},
-          {"relay_received_bytes_total", static_cast<double>(sent.size() + too_large.size())},
-          {"relay_sent_bytes_total", static_cast<double>(received.size() + refused.size())},
-          {"relay_http_parse_errors_total", 1},
-          {"relay_http_limit_rejections_total{code=\"413\"}", 1},
-      },
-      samples(metricsText(*registry)));
+  const std::map<std::string, double> counted = {
+      {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", 2},
+      {"relay_http_requests_total{code=\"403\",handler=\"/b\"}", 1},
+      {"relay_http_requests_total{code=\"200\",handler=\"/b\"}", 1},
+      {"relay_http_requests_total{code=\"404\",handler=\"(none)\"}", 1},
+      {"relay_http_requests_total{code=\"200\",handler=\"/metrics\"}", 1},
+      {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", 2},
+      {"relay_http_handler_duration_seconds_count{handler=\"/b\"}", 2},
+      {"relay_http_handler_duration_seconds_count{handler=\"/metrics\"}", 1},
+      {rpcs(s, "Echo", "ok"), 1},
+      {rpcs(s, "Hold", "ok"), 1},
+      {rpcs(s, "Fail", "failed"), 1},
+      {rpcs(s, "Nope", "method_not_found"), 1},
+      {rpcs("nobody.Service", "Echo", "service_not_found"), 1},
+      {rpcs(s, "Echo", "bad_request"), 1},
+      {rpcDurations("Echo"), 1},
+      {rpcDurations("Hold"), 1},
+      {rpcDurations("Fail"), 1},
+      {"relay_http_limit_rejections_total{code=\"413\"}", 1},
+  };
+  expectSamples(withTotals(counted, 2, static_cast<double>(sent.size() + too_large.size()),
+                           static_cast<double>(received.size() + refused.size()), 1),
+                samples(metricsText(*registry)));
   // The latency runs from the request read to the answer: Hold's includes
   // the 20 ms its service took.
   std::map<std::string, double> timings = samples(metricsText(*registry), true);
@@ -243,14 +250,9 @@ TEST(MetricsTest, PeerChosenRpcNamesAreBounded) {
   std::shared_ptr<MetricsObserver> other = MetricsObserver::create(fresh);
   other->rpcFinished("bad\"name\n", "M", Outcome::kServiceNotFound, {});
   other->rpcFinished("a.B", "", Outcome::kMethodNotFound, {});
-  expectSamples({{rpcs("(other)", "(other)", "service_not_found"), 1},
-                 {rpcs("a.B", "(other)", "method_not_found"), 1},
-                 {"relay_connections_open", 0},
-                 {"relay_rpcs_in_flight", 0},
-                 {"relay_connections_accepted_total", 0},
-                 {"relay_received_bytes_total", 0},
-                 {"relay_sent_bytes_total", 0},
-                 {"relay_http_parse_errors_total", 0}},
+  expectSamples(withTotals({{rpcs("(other)", "(other)", "service_not_found"), 1},
+                            {rpcs("a.B", "(other)", "method_not_found"), 1}},
+                           0, 0, 0, 0),
                 samples(metricsText(*fresh)));
 
   // Past the limit: a name seen before keeps its series, new ones fold into
@@ -352,23 +354,18 @@ TEST(MetricsTest, CallsCompletedOnManyThreadsAllCount) {
     received += answers[c].size();
   }
   const double calls = kClients * kRounds;
+  const std::map<std::string, double> counted = {
+      {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", calls},
+      {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", calls},
+      {rpcs(kService, "Hold", "ok"), calls},
+      {rpcs(kService, "Echo", "ok"), calls / 2},
+      {rpcs(kService, "Fail", "failed"), calls / 2},
+      {rpcDurations("Hold"), calls},
+      {rpcDurations("Echo"), calls / 2},
+      {rpcDurations("Fail"), calls / 2},
+  };
   expectSamples(
-      {
-          {"relay_http_requests_total{code=\"200\",handler=\"/a.*\"}", calls},
-          {"relay_http_handler_duration_seconds_count{handler=\"/a.*\"}", calls},
-          {rpcs(kService, "Hold", "ok"), calls},
-          {rpcs(kService, "Echo", "ok"), calls / 2},
-          {rpcs(kService, "Fail", "failed"), calls / 2},
-          {rpcDurations("Hold"), calls},
-          {rpcDurations("Echo"), calls / 2},
-          {rpcDurations("Fail"), calls / 2},
-          {"relay_connections_open", 0},
-          {"relay_rpcs_in_flight", 0},
-          {"relay_connections_accepted_total", kClients},
-          {"relay_received_bytes_total", static_cast<double>(sent)},
-          {"relay_sent_bytes_total", static_cast<double>(received)},
-          {"relay_http_parse_errors_total", 0},
-      },
+      withTotals(counted, kClients, static_cast<double>(sent), static_cast<double>(received), 0),
       samples(metricsText(*registry)));
 }
 

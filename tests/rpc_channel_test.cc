@@ -21,10 +21,9 @@
 #include "tests/test_service.h"
 #include "tests/waiting.h"
 
-// In plain builds this program counts heap blocks, so that a test can assert
-// what LeakSanitizer checks in sanitizer builds: that a finished call leaves
-// nothing it allocated behind. Blocks allocated by a thread inside a
-// TrackAllocations scope count as live until freed, on whatever thread.
+// In plain builds this program counts the heap blocks allocated inside a
+// TrackAllocations scope until they are freed (on any thread): what
+// LeakSanitizer checks in sanitizer builds.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HSL_SANITIZED_BUILD 1
 #elif defined(__has_feature)
@@ -46,8 +45,7 @@ struct TrackAllocations {
 }  // namespace
 
 #ifndef HSL_SANITIZED_BUILD
-// Every block carries a header that says whether it was allocated while
-// tracking; the header keeps the block aligned for any type.
+// A header on each block says whether it was tracked; it keeps the alignment.
 constexpr std::size_t kHeader = alignof(std::max_align_t);
 
 void* operator new(std::size_t size) {
@@ -92,12 +90,10 @@ using vantu::testing::testMethod;
 using vantu::testing::TestServiceImpl;
 using vantu::testing::textMessage;
 
-// Records which done closures ran, in order, and what each saw of its
-// controller when it ran ("1 failed: Canceled"): the channel must complete
-// the controller before it runs the closure.
+// Which done closures ran, in order, and what each saw of its controller, if
+// given ("1 failed: Canceled"): the channel must complete the controller first.
 class Completions {
  public:
-  // `controller`, if given, is looked at when the closure runs.
   std::unique_ptr<google::protobuf::Closure> newDone(int tag, const RPC* controller = nullptr) {
     return std::unique_ptr<google::protobuf::Closure>(newClosure(
         [this, tag, controller] {
@@ -110,7 +106,6 @@ class Completions {
         false));
   }
 
-  // The entries so far, once at least `count` closures have run.
   std::vector<std::string> waitFor(size_t count = 0) { return entries_.all(count); }
 
  private:
@@ -119,8 +114,8 @@ class Completions {
 
 using Entries = std::vector<std::string>;
 
-// Counts how often the channel fails it, so that a completion that comes after
-// the caller was told the call is over shows in a plain build too.
+// Counts its failures: a completion after the call was over shows in plain
+// builds too.
 class CountingRPC : public RPC {
  public:
   void SetFailed(const std::string& reason) override {
@@ -130,15 +125,13 @@ class CountingRPC : public RPC {
   std::atomic<int> failures{0};
 };
 
-// Waits for a call with a generous guard, so that a call that is never
-// completed fails the test instead of hanging it.
+// A guard against a hang, not a timing check.
 ::testing::AssertionResult completes(RPC& rpc) {
   if (rpc.timedWaitRelative(Duration::seconds(30))) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "the call was not completed";
 }
 
-// The channel's handler is deleted by a deletion the channel's own deletion
-// queues: wait twice.
+// The channel's deletion queues its handler's: wait twice.
 void waitForChannelTeardown() {
   waitForDeferredWork();
   waitForDeferredWork();
@@ -163,7 +156,6 @@ class RpcChannelTest : public ::testing::Test {
 
   RPCChannelPtr newChannel() { return RPCChannel::create(SocketAddress("127.0.0.1", port_)); }
 
-  // One echo call through the channel, waited on.
   std::string echo(const std::string& text) {
     RPC rpc;
     Text request, response;
@@ -232,18 +224,18 @@ TEST_F(RpcChannelTest, WireFormOfAnswers) {
             rawCall("rpc-service: relaytest.TestService\r\nrpc-method: Echo\r\n", ""));
 }
 
-TEST_F(RpcChannelTest, CanceledCallsAreNeitherSentNorAnsweredLate) {
+TEST_F(RpcChannelTest, CanceledCallsAreNeitherSentNorAnsweredLateAndTeardownCancelsInIdOrder) {
   // Canceled before its deferred write runs: completed on this thread, done
   // included, and never sent.
   RPC before, after;
   Text request, response;
   Completions completions;
-  auto done = completions.newDone(1, &before);
+  auto done = completions.newDone(9, &before);
   {
     EventThreadBlocker blocker;
     channel_->CallMethod(testMethod("Echo"), &before, &request, &response, done.get());
     before.StartCancel();
-    EXPECT_EQ(Entries{"1 failed: Canceled"}, completions.waitFor());
+    EXPECT_EQ(Entries{"9 failed: Canceled"}, completions.waitFor());
   }
   // Canceled once sent: its late answer is ignored.
   request.set_text("late");
@@ -255,37 +247,39 @@ TEST_F(RpcChannelTest, CanceledCallsAreNeitherSentNorAnsweredLate) {
   EXPECT_EQ("", response.text());
   EXPECT_EQ("Canceled", after.ErrorText());
   EXPECT_EQ(2, service_->calls.load());  // the held call and "next"
-}
 
-TEST_F(RpcChannelTest, DestroyingTheChannelCancelsPendingCallsInIdOrder) {
+  // Held calls outlive the server (the connection keeps its shared state until
+  // our side closes; the service's late completions then find nothing to
+  // answer and free their records, which LeakSanitizer checks), and the
+  // channel's destruction cancels them in id order.
   constexpr int kCalls = 3;
   RPC rpcs[kCalls];
   Text requests[kCalls], responses[kCalls];
-  Completions completions;
   std::vector<std::unique_ptr<google::protobuf::Closure>> dones;
   for (int i = 0; i < kCalls; ++i) {
     dones.push_back(completions.newDone(i, &rpcs[i]));
     channel_->CallMethod(testMethod("Hold"), &rpcs[i], &requests[i], &responses[i],
                          dones.back().get());
   }
-  ASSERT_TRUE(service_->waitHeld(kCalls));
+  ASSERT_TRUE(service_->waitHeld(kCalls + 1));
+  server_.reset();
+  waitForDeferredWork();
   channel_.reset();
   waitForChannelTeardown();
-  EXPECT_EQ((Entries{"0 failed: Canceled", "1 failed: Canceled", "2 failed: Canceled"}),
+  EXPECT_EQ((Entries{"9 failed: Canceled", "0 failed: Canceled", "1 failed: Canceled",
+                     "2 failed: Canceled"}),
             completions.waitFor());
+  service_->complete(1);
 }
 
-// Drops the last reference to `channel` and returns, holding the event thread,
-// once the channel has been destroyed, which lets go of its handler, while the
-// handler's own destruction is still queued behind the returned blocker. In
-// between, the handler is expired but not destroyed.
+// Drops `channel` and returns once it is destroyed, holding the event thread
+// while its handler's destruction is still queued: the handler is expired but
+// not destroyed.
 std::unique_ptr<EventThreadBlocker> dropChannelAndHoldBeforeHandlerDies(RPCChannelPtr channel) {
   std::unique_ptr<EventThreadBlocker> blocker;
   {
     EventThreadBlocker hold;
-    channel.reset();  // the channel's deletion is queued behind `hold`...
-    // ...and this blocker behind it, before the channel's destructor can queue
-    // the handler's deletion.
+    channel.reset();  // queued behind `hold`, and this blocker behind it
     blocker = std::make_unique<EventThreadBlocker>(EventThreadBlocker::kQueueOnly);
   }
   blocker->waitUntilHeld();
@@ -293,11 +287,9 @@ std::unique_ptr<EventThreadBlocker> dropChannelAndHoldBeforeHandlerDies(RPCChann
 }
 
 TEST_F(RpcChannelTest, CancelWhileTheChannelIsTornDownStillCompletesTheCall) {
-  // A timed wait or cancel after the channel let go of its handler and before
-  // the handler is destroyed must complete the call then and there, and the
-  // handler's destructor must leave it alone afterwards. A caller may free its
-  // controller as soon as the timed wait has returned false; AddressSanitizer
-  // reports any later write to it.
+  // A timed wait or cancel in that gap completes the call then and there, and
+  // the handler's destructor leaves it alone: a caller may free its controller
+  // once the timed wait returned false (AddressSanitizer sees a later write).
   struct Case {
     const char* name;
     bool timed_wait;
@@ -332,7 +324,6 @@ TEST_F(RpcChannelTest, CancelWhileTheChannelIsTornDownStillCompletesTheCall) {
     if (c.free_early) rpc.reset();
     blocker.reset();
     waitForChannelTeardown();
-    // The handler's destructor did not touch the call again.
     if (rpc) {
       EXPECT_EQ(1, rpc->failures.load());
     }
@@ -344,11 +335,10 @@ TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
 #ifdef HSL_SANITIZED_BUILD
   GTEST_SKIP() << "LeakSanitizer checks this in sanitizer builds";
 #endif
-  // Whatever CallMethod and a cancel allocate on the caller's thread (the
-  // cancel closure, the table entry, the deferred write) is freed once the call
-  // is over, on every way it ends. Each way runs twice and only the second run
-  // counts, so that buffers that keep their size for reuse (the event queue)
-  // have reached it.
+  // What CallMethod and a cancel allocate on the caller's thread (the cancel
+  // closure, the table entry, the deferred write) is freed on every way a call
+  // ends. Only the second run counts: buffers kept for reuse (the event queue)
+  // have grown by then.
   enum Way { kCanceledBeforeItIsWritten, kCanceledAfterItIsWritten, kAnswered };
   for (Way way : {kCanceledBeforeItIsWritten, kCanceledAfterItIsWritten, kAnswered}) {
     SCOPED_TRACE(way);
@@ -388,25 +378,8 @@ TEST_F(RpcChannelTest, FinishedCallsLeaveNothingAllocatedBehind) {
   EXPECT_EQ(0, tracked_live.load());
 }
 
-TEST_F(RpcChannelTest, ServerDestroyedWhileAServiceHoldsACall) {
-  RPC rpc;
-  Text request, response;
-  channel_->CallMethod(testMethod("Hold"), &rpc, &request, &response, nullptr);
-  ASSERT_TRUE(service_->waitHeld(1));
-  server_.reset();
-  waitForDeferredWork();
-  // The connection still holds the server's shared state; closing our side
-  // lets it go. Then the completion finds nothing to answer and frees the
-  // record (LeakSanitizer checks that).
-  channel_.reset();
-  waitForChannelTeardown();
-  EXPECT_EQ("Canceled", rpc.ErrorText());
-  service_->complete(0);
-}
-
 TEST_F(RpcChannelTest, DoneClosureMayIssueTheNextCall) {
-  // Each done closure issues the next call on the same channel, from inside
-  // the channel's completion; the last one completes `finished`.
+  // Each done closure issues the next call from inside the completion.
   struct Chain : google::protobuf::Closure {
     RPCChannel* channel;
     RPC rpc, finished;
@@ -428,33 +401,8 @@ TEST_F(RpcChannelTest, DoneClosureMayIssueTheNextCall) {
   EXPECT_EQ(0, chain.remaining);
 }
 
-TEST_F(RpcChannelTest, CallsFromSeveralThreadsAndCompletionsFromSeveralThreads) {
-  constexpr int kThreads = 4, kCallsPerThread = 50;
-  std::atomic<int> good{0};
-  std::vector<std::thread> callers;
-  for (int t = 0; t < kThreads; ++t) {
-    callers.emplace_back([this, t, &good] {
-      for (int i = 0; i < kCallsPerThread; ++i) {
-        RPC rpc;
-        Text request, response;
-        request.set_text(std::to_string(t) + "/" + std::to_string(i));
-        channel_->CallMethod(testMethod(i % 2 ? "Echo" : "Hold"), &rpc, &request, &response,
-                             nullptr);
-        if (i % 2 == 0) {
-          // Nobody completes held calls: cancel them from here.
-          EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
-          EXPECT_EQ("Canceled", rpc.ErrorText());
-        } else if (rpc.wait(), !rpc.Failed() && response.text() == request.text()) {
-          ++good;
-        }
-      }
-    });
-  }
-  for (auto& thread : callers) thread.join();
-  EXPECT_EQ(kThreads * kCallsPerThread / 2, good.load());
-}
-
-TEST_F(RpcChannelTest, AnswersCompletedOnManyThreadsNeverInterleave) {
+TEST_F(RpcChannelTest, CallsCancelsAndCompletionsFromSeveralThreads) {
+  // Answers completed on many threads at once never interleave.
   constexpr int kCalls = 64;
   RPC rpcs[kCalls];
   Text requests[kCalls], responses[kCalls];
@@ -463,17 +411,40 @@ TEST_F(RpcChannelTest, AnswersCompletedOnManyThreadsNeverInterleave) {
     channel_->CallMethod(testMethod("Hold"), &rpcs[i], &requests[i], &responses[i], nullptr);
   }
   ASSERT_TRUE(service_->waitHeld(kCalls));
-  std::vector<std::thread> completers;
+  std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    completers.emplace_back([this, t] {
+    threads.emplace_back([this, t] {
       for (int i = t; i < kCalls; i += 4) service_->complete(i);
     });
   }
-  for (auto& thread : completers) thread.join();
+  for (auto& thread : threads) thread.join();
   for (int i = 0; i < kCalls; ++i) {
     rpcs[i].wait();
     EXPECT_EQ(requests[i].text(), responses[i].text()) << rpcs[i].ErrorText();
   }
+  // Calls from several threads, half of them held and canceled from there.
+  constexpr int kThreads = 4, kCallsPerThread = 50;
+  std::atomic<int> good{0};
+  threads.clear();
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t, &good] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        RPC rpc;
+        Text request, response;
+        request.set_text(std::to_string(t) + "/" + std::to_string(i));
+        channel_->CallMethod(testMethod(i % 2 ? "Echo" : "Hold"), &rpc, &request, &response,
+                             nullptr);
+        if (i % 2 == 0) {
+          EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
+          EXPECT_EQ("Canceled", rpc.ErrorText());
+        } else if (rpc.wait(), !rpc.Failed() && response.text() == request.text()) {
+          ++good;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(kThreads * kCallsPerThread / 2, good.load());
 }
 
 TEST(RpcChannelClientTest, ReadsAnswersAsTheProtocolSays) {
@@ -619,48 +590,40 @@ TEST(RpcChannelClientTest, WritesRequestsByteForByte) {
   EXPECT_FALSE(canceled.timedWaitAbsolute(Time::fromMicroseconds(0)));  // never completed
 }
 
-TEST(RpcChannelClientTest, MalformedAnswerStreamEndsTheConnection) {
-  // The good answer is handled, then the garbage after it ends the
-  // connection: a later call is not written, and stays pending until the
-  // channel goes.
-  ScriptedServer server(
-      {"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\ngarbage\r\n\r\n"});
-  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
-  ASSERT_TRUE(channel);
-  Text request, response;
-  RPC first, second;
-  channel->CallMethod(testMethod("Echo"), &first, &request, &response, nullptr);
-  ASSERT_TRUE(completes(first));
-  waitForDeferredWork();  // the shutdown follows the answer in the same callback
-  Completions completions;
-  auto done = completions.newDone(2, &second);
-  channel->CallMethod(testMethod("Echo"), &second, &request, &response, done.get());
-  waitForDeferredWork();  // its write has been tried
-  EXPECT_EQ(Entries{}, completions.waitFor());
-  channel.reset();
-  waitForChannelTeardown();
-  EXPECT_EQ(Entries{"2 failed: Canceled"}, completions.waitFor());
-  server.join();
-  EXPECT_TRUE(server.saw_end);
-  EXPECT_EQ(1u, server.received);
-  EXPECT_EQ("", server.after_script);
-}
-
-TEST(RpcChannelClientTest, PeerEndingItsOutputAfterACompleteAnswerGetsNothingBack) {
-  // Nothing is left unparsed when the server ends its output, so the channel
-  // has no complaint to send; the connection then closes by itself.
-  ScriptedServer server({"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n"}, true);
-  RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
-  ASSERT_TRUE(channel);
-  Text request, response;
-  RPC rpc;
-  channel->CallMethod(testMethod("Echo"), &rpc, &request, &response, nullptr);
-  ASSERT_TRUE(completes(rpc));
-  server.join();  // returns once the client closed, with the channel still alive
-  EXPECT_TRUE(server.saw_end);
-  EXPECT_EQ("", server.after_script);
-  channel.reset();
-  waitForChannelTeardown();
+TEST(RpcChannelClientTest, TheConnectionEndsOnGarbageOrOnThePeersEnd) {
+  for (const bool garbage : {true, false}) {
+    SCOPED_TRACE(garbage ? "garbage after the answer" : "the server ends its output");
+    // Garbage ends the connection after the good answer: a later call is not
+    // written, and stays pending until the channel goes. A server that ends
+    // its output leaves nothing unparsed, so the channel has no complaint to
+    // send, and closes by itself.
+    ScriptedServer server({"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nRpc-Id: {id}\r\n\r\n" +
+                           std::string(garbage ? "garbage\r\n\r\n" : "")},
+                          !garbage);
+    RPCChannelPtr channel = RPCChannel::create(SocketAddress("127.0.0.1", server.port()));
+    ASSERT_TRUE(channel);
+    Text request, response;
+    RPC first, second;
+    channel->CallMethod(testMethod("Echo"), &first, &request, &response, nullptr);
+    ASSERT_TRUE(completes(first));
+    Completions completions;
+    if (garbage) {
+      waitForDeferredWork();  // the shutdown follows the answer in the same callback
+      auto done = completions.newDone(2, &second);
+      channel->CallMethod(testMethod("Echo"), &second, &request, &response, done.get());
+      waitForDeferredWork();  // its write has been tried
+      EXPECT_EQ(Entries{}, completions.waitFor());
+      channel.reset();
+      waitForChannelTeardown();
+      EXPECT_EQ(Entries{"2 failed: Canceled"}, completions.waitFor());
+    }
+    server.join();  // returns once the client closed
+    EXPECT_TRUE(server.saw_end);
+    EXPECT_EQ(1u, server.received);
+    EXPECT_EQ("", server.after_script);
+    channel.reset();
+    waitForChannelTeardown();
+  }
 }
 
 TEST(RpcChannelCreateTest, NoServerGivesNullAndSaysSo) {

@@ -1,6 +1,5 @@
-// The caller's deadline on the server: read from "Rpc-Timeout" into
-// RPC::deadline(), and, when the server's options ask for it, the calls whose
-// caller gave up (deadline passed, connection ended) cancelled.
+// The caller's deadline on the server, from "Rpc-Timeout", and the calls whose
+// caller gave up (deadline passed, connection ended) cancelled when asked to.
 #include "relay/rpc_deadline.h"
 
 #include <gtest/gtest.h>
@@ -44,9 +43,8 @@ TEST(RpcDeadlineTest, TimeoutHeaderReadsAsPlainMilliseconds) {
   }
 }
 
-// relaytest.TestService whose Hold keeps its call until cancelled (then
-// fails it with "Canceled") or released, and which notes the deadline every
-// call arrived with. Any thread.
+// Hold keeps its call until cancelled (then fails it with "Canceled") or
+// released; every call's deadline is noted. Any thread.
 class CancellableService : public relaytest::TestService {
  public:
   void Echo(google::protobuf::RpcController* controller, const Text*, Text*,
@@ -63,14 +61,13 @@ class CancellableService : public relaytest::TestService {
         [this, controller] {
           EXPECT_TRUE(isEventThread());
           EXPECT_TRUE(controller->IsCanceled());
-          finish(controller, true);
+          cancel(controller);
         },
         true));
     MutexLock lock(mutex_);
     held_.push_back({controller, done});
     changed_.notifyAll();
   }
-  // Completes every held call not cancelled.
   void releaseAll() {
     std::vector<Held> held;
     {
@@ -79,22 +76,12 @@ class CancellableService : public relaytest::TestService {
     }
     for (const Held& call : held) call.done->Run();
   }
-  // Waits (bounded) until `count` calls were cancelled in all.
-  bool waitCancelled(int count) {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (cancelled_ < count) {
-      if (!changed_.timedWaitAbsolute(mutex_, deadline) && cancelled_ < count) return false;
-    }
-    return true;
-  }
+  // Wait (bounded) until `count` calls are held now, or were cancelled in all.
   bool waitHeld(size_t count) {
-    const Time deadline = Time::now() + Duration::seconds(30);
-    MutexLock lock(mutex_);
-    while (held_.size() < count) {
-      if (!changed_.timedWaitAbsolute(mutex_, deadline) && held_.size() < count) return false;
-    }
-    return true;
+    return waitUntil([&]() VANTU_NO_THREAD_SAFETY_ANALYSIS { return held_.size() >= count; });
+  }
+  bool waitCancelled(int count) {
+    return waitUntil([&]() VANTU_NO_THREAD_SAFETY_ANALYSIS { return cancelled_ >= count; });
   }
   int cancelled() {
     MutexLock lock(mutex_);
@@ -110,11 +97,20 @@ class CancellableService : public relaytest::TestService {
     google::protobuf::RpcController* controller;
     google::protobuf::Closure* done;
   };
+  template <class Done>
+  bool waitUntil(Done done) {
+    const Time deadline = Time::now() + Duration::seconds(30);
+    MutexLock lock(mutex_);
+    while (!done()) {
+      if (!changed_.timedWaitAbsolute(mutex_, deadline)) return done();
+    }
+    return true;
+  }
   void note(google::protobuf::RpcController* controller) {
     MutexLock lock(mutex_);
     deadlines_.push_back(static_cast<RPC*>(controller)->deadline());
   }
-  void finish(google::protobuf::RpcController* controller, bool cancelled) {
+  void cancel(google::protobuf::RpcController* controller) {
     google::protobuf::Closure* done = nullptr;
     {
       MutexLock lock(mutex_);
@@ -124,7 +120,7 @@ class CancellableService : public relaytest::TestService {
         held_.erase(held_.begin() + i);
         break;
       }
-      if (cancelled) ++cancelled_;
+      ++cancelled_;
       changed_.notifyAll();
     }
     if (done == nullptr) return;
@@ -164,16 +160,14 @@ TEST(RpcDeadlineTest, TheServerSeesTheDeadlineTheCallerSent) {
   with.wait();
   const Time after = Time::now();
   EXPECT_FALSE(with.Failed()) << with.ErrorText();
-  // A raw call without the header: no deadline.
+  // A raw call without the header has none.
   LoopbackClient client(server.port());
   client.write(rpcRequest("relaytest.TestService", "Echo", "1", textMessage("")));
   client.shutdownWrite();
   EXPECT_NE("", client.readToEnd());
   const std::vector<Time> deadlines = server.service->deadlines();
   ASSERT_EQ(2u, deadlines.size());
-  // Sent as the time left when written, rounded up to a millisecond, and
-  // counted from when it arrived: no earlier than the caller's deadline, and
-  // later by no more than the trip and the rounding.
+  // Sent as the time left, rounded up to a millisecond, counted from arrival.
   EXPECT_GE(deadlines[0], before + Duration::seconds(5));
   EXPECT_LE(deadlines[0], after + Duration::seconds(5) + Duration::milliseconds(1));
   EXPECT_EQ(Time(), deadlines[1]);

@@ -12,10 +12,8 @@
 namespace vantu {
 namespace {
 
-// This program's clock. Defining Time::now() here puts it in the place of the
-// library's for every caller, the library included (its calls are bound to the
-// executable's definition). It reads the real monotonic clock unless scripted:
-// then the n-th reading (from 0) is 1000 + n microseconds.
+// This program's clock, in place of the library's for every caller: when
+// scripted, the n-th reading (from 0) is 1000 + n microseconds.
 std::atomic<bool> clock_scripted{false};
 std::atomic<int> clock_reads{0};
 
@@ -45,8 +43,7 @@ class CountingClosure : public google::protobuf::Closure {
 };
 
 TEST(RPCTest, DeadlineAtTheCurrentTimeCancelsAtOnce) {
-  // A deadline equal to the clock's reading has passed: one look at the clock,
-  // no wait for it to move on.
+  // A deadline equal to the clock's reading has passed: one look, no wait.
   clock_reads = 0;
   clock_scripted = true;
   RPC rpc;
@@ -57,7 +54,7 @@ TEST(RPCTest, DeadlineAtTheCurrentTimeCancelsAtOnce) {
   EXPECT_FALSE(rpc.Failed());  // no channel here to complete it
 }
 
-TEST(RPCTest, CancelCallbackRunsAtMostOnceAndOnlyBeforeCompletion) {
+TEST(RPCTest, CancelCallbackRunsAtMostOnceAndOnlyBeforeCompletionOrReset) {
   int runs = 0, deletions = 0;
   CountingClosure kept(&runs, &deletions);  // a callback that is run is never deleted
   {
@@ -80,6 +77,21 @@ TEST(RPCTest, CancelCallbackRunsAtMostOnceAndOnlyBeforeCompletion) {
   }
   EXPECT_EQ(1, runs);
   EXPECT_EQ(2, deletions);
+  // Reset returns to the initial state, and deletes a stored callback unrun.
+  RPC rpc;
+  rpc.SetFailed("boom");
+  rpc.StartCancel();
+  rpc.NotifyOnCancel(&kept);  // canceled: run at once, not kept
+  EXPECT_EQ(2, runs);
+  rpc.Reset();
+  EXPECT_FALSE(rpc.Failed());
+  EXPECT_FALSE(rpc.IsCanceled());
+  EXPECT_EQ("", rpc.ErrorText());
+  rpc.NotifyOnCancel(new CountingClosure(&runs, &deletions));
+  rpc.Reset();
+  EXPECT_EQ(2, runs);
+  EXPECT_EQ(3, deletions);
+  EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
 }
 
 TEST(RPCTest, SecondNotifyOnCancelIsReportedAndReplacesTheFirst) {
@@ -109,27 +121,7 @@ TEST(RPCTest, SecondNotifyOnCancelIsReportedAndReplacesTheFirst) {
       records[0].text);
 }
 
-TEST(RPCTest, ResetReturnsToTheInitialState) {
-  int runs = 0, deletions = 0;
-  CountingClosure ran(&runs, &deletions);
-  RPC rpc;
-  rpc.SetFailed("boom");
-  rpc.StartCancel();
-  rpc.NotifyOnCancel(&ran);  // canceled: run at once, not kept
-  EXPECT_EQ(1, runs);
-  rpc.Reset();
-  EXPECT_FALSE(rpc.Failed());
-  EXPECT_FALSE(rpc.IsCanceled());
-  EXPECT_EQ("", rpc.ErrorText());
-  rpc.NotifyOnCancel(new CountingClosure(&runs, &deletions));
-  rpc.Reset();  // deletes the stored callback unrun
-  EXPECT_EQ(1, runs);
-  EXPECT_EQ(1, deletions);
-  EXPECT_FALSE(rpc.timedWaitRelative(Duration::milliseconds(1)));
-}
-
-// Ids and flags are read as strtol reads them, keeping the low 32 bits; the
-// short cut for plain digits must not change a single reading.
+// The short cut for plain digits reads what strtol reads, low 32 bits kept.
 TEST(CallNumberTest, ReadsWhatStrtolReads) {
   for (const char* text : {"", "0", "17", "-1", "+5", " 7", "007", "123456789", "999999999",
                            "1234567890", "4294967295", "4294967296", "-2147483648",

@@ -17,9 +17,9 @@
 namespace vantu {
 namespace testing {
 
-// A socket listening on a free loopback port for one connection; its port in
-// *port. A small `receive_buffer` (bytes; 0 keeps the default) makes a
-// client's large writes wait in the client's own output.
+// Listens on a free loopback port (in *port) for one connection. A small
+// `receive_buffer` (bytes; 0: the default) keeps a client's large writes in
+// the client's own output.
 inline int listenOnLoopback(uint16_t* port, int receive_buffer = 0) {
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
   if (receive_buffer > 0) {
@@ -36,10 +36,9 @@ inline int listenOnLoopback(uint16_t* port, int receive_buffer = 0) {
   return listener;
 }
 
-// A server for one connection that answers the i-th request it parses with the
-// i-th scripted answer; "{id}" in an answer stands for the request's Rpc-Id.
-// After the last answer it can half-close (end its output); either way it
-// reads on until the client closes. What it received is readable after join().
+// Answers the i-th request of one connection with the i-th scripted answer
+// ("{id}" stands for its Rpc-Id), can then end its output, and reads on until
+// the client closes. What it received is readable after join().
 class ScriptedServer {
  public:
   explicit ScriptedServer(std::vector<std::string> script, bool half_close_after_script = false)

@@ -204,8 +204,9 @@ TEST(TcpServerTest, PipelinedAnswersKeepOrderAndShutdownFlushesEverythingFirst) 
 }
 
 // What is not consumed stays for the next read, and at the peer's end is
-// handed to the handler.
-TEST(TcpServerTest, PeerHalfCloseHandsOverTheUnconsumedBytes) {
+// handed to the handler; an abort drops the output, even what was sent before
+// the batch ended, and ends the connection once.
+TEST(TcpServerTest, PeerHalfCloseHandsOverTheUnconsumedBytesAndAbortDropsTheOutput) {
   TestServer echo;
   ASSERT_TRUE(echo.initialized);
   Client client(echo.address);
@@ -216,9 +217,20 @@ TEST(TcpServerTest, PeerHalfCloseHandsOverTheUnconsumedBytes) {
   EXPECT_EQ("partial\nbye:left", client.readToEnd());
   EXPECT_TRUE(client.peerClosed());
   EXPECT_TRUE(echo.waitFor(&Recorder::destroyed, 1));
+  int closed = 0;
+  {
+    MutexLock lock(echo.recorder->mutex);
+    EXPECT_EQ(std::vector<std::string>{"left"}, echo.recorder->input_ends);
+    EXPECT_EQ(0, echo.recorder->output_ends);
+    closed = echo.recorder->closed;
+  }
+  Client aborted(echo.address);
+  aborted.write("amp 5\nabort\n");
+  EXPECT_EQ("", aborted.readToEnd());
+  EXPECT_TRUE(echo.waitFor(&Recorder::destroyed, 2));
   MutexLock lock(echo.recorder->mutex);
-  EXPECT_EQ(std::vector<std::string>{"left"}, echo.recorder->input_ends);
-  EXPECT_EQ(0, echo.recorder->output_ends);
+  EXPECT_EQ(closed + 1, echo.recorder->closed);
+  EXPECT_EQ(2, echo.recorder->destroyed);
 }
 
 TEST(TcpServerTest, PeerThatVanishesEndsTheConnectionQuietly) {
@@ -322,25 +334,13 @@ class CollectingHandler : public RequestResponseConnectionHandler {
   int closed = 0;
 };
 
-TEST(TcpSocketTest, ClientTalksToTheServerAndHearsItClose) {
-  TestServer echo;
-  ASSERT_TRUE(echo.initialized);
-  auto handler = std::shared_ptr<CollectingHandler>(
-      new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
-  std::atomic<int> closes{0};
-  std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address, [&] {
-    EXPECT_TRUE(isEventThread());
-    handler->recorder.update([&] { ++closes; });
-  });
-  ASSERT_TRUE(socket);
-  socket->link(handler->streamSource(), handler->streamSink());
-  handler->send("hello\n");
-  handler->send("big 3 loop\n");
-  EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->input_ended && closes == 1; }));
-  MutexLock lock(handler->recorder.mutex);
-  EXPECT_EQ("hello\nabc", handler->received);
+std::shared_ptr<CollectingHandler> newCollector() {
+  return std::shared_ptr<CollectingHandler>(new CollectingHandler,
+                                            LibEventThreadDeferredDeleter<CollectingHandler>());
 }
 
+// Connecting reports its outcome once, on the event thread, without blocking;
+// what is sent before the connection is up leaves once it is.
 TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
   TestServer echo;
   ASSERT_TRUE(echo.initialized);
@@ -362,8 +362,7 @@ TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    auto handler = std::shared_ptr<CollectingHandler>(
-        new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
+    auto handler = newCollector();
     std::vector<bool> outcomes;
     std::shared_ptr<TcpSocket> socket =
         TcpSocket::connect(c.address, c.timeout, [&](bool connected) {
@@ -372,7 +371,6 @@ TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
         });
     ASSERT_TRUE(socket);
     socket->link(handler->streamSource(), handler->streamSink());
-    // Sent before the connection is up: leaves once it is.
     handler->send("hello\n");
     ASSERT_TRUE(handler->recorder.waitFor([&] { return !outcomes.empty(); }));
     if (c.connects) {
@@ -390,31 +388,42 @@ TEST(TcpSocketTest, ConnectReportsTheOutcomeOnceWithoutBlocking) {
     waitForDeferredWork();
   }
   EXPECT_EQ(nullptr, TcpSocket::connect(SocketAddress("not an ip", 80), Duration(), {}));
-}
 
-TEST(TcpSocketTest, AbortWhileConnectingEndsQuietly) {
-  FullAcceptQueue full;
-  auto handler = std::shared_ptr<CollectingHandler>(
-      new CollectingHandler, LibEventThreadDeferredDeleter<CollectingHandler>());
+  SCOPED_TRACE("aborted while connecting: ends quietly, no outcome");
+  auto aborted = newCollector();
   std::atomic<int> outcomes{0};
-  std::shared_ptr<TcpSocket> socket =
+  std::shared_ptr<TcpSocket> connecting =
       TcpSocket::connect(full.address(), Duration(), [&](bool) { ++outcomes; });
-  ASSERT_TRUE(socket);
-  socket->link(handler->streamSource(), handler->streamSink());
-  runOnEventThreadAndWait([&] { handler->abort(); });
-  EXPECT_TRUE(handler->recorder.waitFor([&] { return handler->closed == 1; }));
-  socket.reset();
+  ASSERT_TRUE(connecting);
+  connecting->link(aborted->streamSource(), aborted->streamSink());
+  runOnEventThreadAndWait([&] { aborted->abort(); });
+  EXPECT_TRUE(aborted->recorder.waitFor([&] { return aborted->closed == 1; }));
+  connecting.reset();
   waitForDeferredWork();
   EXPECT_EQ(0, outcomes.load());
-}
 
-TEST(TcpSocketTest, LinkReportsMissingStreamEnds) {
-  TestServer echo;
-  ASSERT_TRUE(echo.initialized);
-  vantu::testing::LogCapture log;
-  std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address);
+  SCOPED_TRACE("connected at once: talks, and hears the server close");
+  auto talker = newCollector();
+  std::atomic<int> closes{0};
+  std::shared_ptr<TcpSocket> socket = TcpSocket::create(echo.address, [&] {
+    EXPECT_TRUE(isEventThread());
+    talker->recorder.update([&] { ++closes; });
+  });
   ASSERT_TRUE(socket);
-  socket->link(nullptr, nullptr);
+  socket->link(talker->streamSource(), talker->streamSink());
+  talker->send("hello\n");
+  talker->send("big 3 loop\n");
+  EXPECT_TRUE(talker->recorder.waitFor([&] { return talker->input_ended && closes == 1; }));
+  {
+    MutexLock lock(talker->recorder.mutex);
+    EXPECT_EQ("hello\nabc", talker->received);
+  }
+
+  SCOPED_TRACE("linked to missing stream ends: says which");
+  vantu::testing::LogCapture log;
+  std::shared_ptr<TcpSocket> unlinked = TcpSocket::create(echo.address);
+  ASSERT_TRUE(unlinked);
+  unlinked->link(nullptr, nullptr);
   const std::vector<LogRecord> records = log.take();
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ(485, records[0].line);
@@ -472,12 +481,9 @@ TEST(TcpServerTest, ClientThatDoesNotReadStopsTheServerReadingAndLosesNothing) {
   const size_t answers = written / request.size();
   const std::string all = client.read(answers * 100);
   ASSERT_EQ(answers * 100, all.size());
-  const std::string answer = pattern(100);
-  bool intact = true;
-  for (size_t at = 0; at < all.size() && intact; at += 100) {
-    intact = all.compare(at, 100, answer) == 0;
-  }
-  EXPECT_TRUE(intact);
+  std::string expected;
+  for (size_t i = 0; i < answers; ++i) expected += pattern(100);
+  EXPECT_TRUE(all == expected) << "answers lost or cut";
 }
 
 // A peer that takes none of the output for the send timeout loses its
@@ -493,19 +499,6 @@ TEST(TcpServerTest, PeerThatTakesNothingForTheSendTimeoutIsCutOff) {
   const std::string received = client.readToEnd();
   EXPECT_LT(received.size(), kBig);
   EXPECT_TRUE(client.peerClosed() || client.lastError() == ECONNRESET);
-}
-
-TEST(TcpServerTest, AbortDropsTheOutputAndEndsTheConnectionOnce) {
-  TestServer flow;
-  ASSERT_TRUE(flow.initialized);
-  Client client(flow.address);
-  client.write("amp 5\nabort\n");
-  // What was sent before the batch ended is dropped with the rest.
-  EXPECT_EQ("", client.readToEnd());
-  EXPECT_TRUE(flow.waitFor(&Recorder::destroyed, 1));
-  MutexLock lock(flow.recorder->mutex);
-  EXPECT_EQ(1, flow.recorder->closed);
-  EXPECT_EQ(1, flow.recorder->destroyed);
 }
 
 TEST(TcpServerTest, AcceptingPausesAtTheConnectionLimitAndResumesWhenOneCloses) {

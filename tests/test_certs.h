@@ -7,6 +7,7 @@
 #include <string>
 
 #include "relay/tls_options.h"
+#include "tests/shell_output.h"
 
 namespace vantu {
 namespace testing {
@@ -37,6 +38,19 @@ inline relay::TlsServerOptions serverTls(const std::string& name = "server",
   tls.private_key_file = cert(name + "-key.pem");
   if (client_ca) tls.client_ca_file = cert("ca.pem");
   return tls;
+}
+
+// Copies the certificate `name` and its key to `chain` and `key`, for servers
+// that load their files again.
+inline bool installCert(const std::string& name, const std::string& chain, const std::string& key) {
+  return system(("cp " + cert(name + ".pem") + " " + chain + " && cp " + cert(name + "-key.pem") +
+                 " " + key)
+                    .c_str()) == 0;
+}
+
+// curl over TLS, trusting the test CA; its output, and its exit status in *status.
+inline std::string curlTls(const std::string& arguments, int* status = nullptr) {
+  return shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " + arguments, status);
 }
 
 }  // namespace testing

@@ -27,17 +27,17 @@ inline size_t openConnections(const std::shared_ptr<relay::HttpServer>& server) 
   return open;
 }
 
-// Echo answers at once with the prefix before the request's text, Fail fails
-// with the request's text, Square and Length answer at once; Hold keeps the
-// call until the test completes it. Every call counts in `calls`. Any thread.
+// Echo answers with the prefix before the request's text, Fail fails with the
+// text, Square and Length answer; Hold keeps the call until the test completes
+// it. Every call counts in `calls`. Any thread.
 class TestServiceImpl : public relaytest::TestService {
  public:
   explicit TestServiceImpl(std::string prefix = "") : prefix_(std::move(prefix)) {}
   TestServiceImpl(const TestServiceImpl&) = delete;
   TestServiceImpl& operator=(const TestServiceImpl&) = delete;
 
-  // Calls still held are completed now. The server is usually gone by then,
-  // so this also proves that such late completions free their records.
+  // Completes what is still held: with the server usually gone by then, this
+  // proves that such late completions free their records.
   ~TestServiceImpl() override {
     while (release()) {
     }
@@ -76,8 +76,8 @@ class TestServiceImpl : public relaytest::TestService {
     done->Run();
   }
 
-  // Waits until `count` Hold calls have arrived in all, completed or not; false
-  // if they have not within 30 s (a guard against a hang, not a timing check).
+  // Waits until `count` Hold calls arrived in all, completed or not; false
+  // after 30 s (a guard against a hang, not a timing check).
   bool waitHeld(size_t count) {
     const Time deadline = Time::now() + Duration::seconds(30);
     MutexLock lock(mutex_);
@@ -87,8 +87,7 @@ class TestServiceImpl : public relaytest::TestService {
     return true;
   }
 
-  // Completes the index-th Hold call (in order of arrival), echoing its text,
-  // on the calling thread.
+  // Completes the index-th Hold call to arrive, echoing its text, here.
   void complete(size_t index) {
     Held held;
     {
@@ -124,9 +123,7 @@ class TestServiceImpl : public relaytest::TestService {
     bool completed;
   };
 
-  // Constant after construction
   const std::string prefix_;
-
   Mutex mutex_;
   ConditionVariable held_changed_;
   std::vector<Held> held_ VANTU_GUARDED_BY(mutex_);
@@ -137,9 +134,8 @@ inline const google::protobuf::MethodDescriptor* testMethod(const char* name) {
   return relaytest::TestService::descriptor()->FindMethodByName(name);
 }
 
-// An HttpServer on loopback serving a new `Service` (relaytest.TestService);
-// `port` 0 for any. The test thread owns it; it waits for the server's
-// deferred teardown when it goes.
+// An HttpServer on loopback (`port` 0 for any) serving a new `Service`; it
+// waits for the server's deferred teardown when it goes.
 template <class Service = TestServiceImpl>
 struct TestServer {
   explicit TestServer(uint16_t port = 0,

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,8 +24,13 @@ namespace {
 
 using vantu::testing::cert;
 using vantu::testing::openConnections;
+using vantu::testing::pythonOutput;
 using vantu::testing::serverTls;
-using vantu::testing::shellOutput;
+
+void sayHello(const HttpRequestPtr&, const HttpResponsePtr& response) {
+  const std::string text = "Hello, world!\n";
+  response->content.assign(text.begin(), text.end());
+}
 
 // Python's client (over TLS checked against CA, or plaintext when CA is "-")
 // asks for /hello, stays quiet for QUIET seconds, asks again, then waits for
@@ -70,8 +74,6 @@ print(first == second and first.endswith(b"Hello, world!\n"), rest == b"",
 // still answers, and it is closed for being idle only after idle_timeout, as
 // a plaintext connection is.
 TEST(TlsKeepAliveTest, HandshakeLimitEndsWithTheHandshake) {
-  const std::string path = vantu::testing::testCertDir() + "/quiet_client.py";
-  std::ofstream(path) << kQuietClient;
   // The handshake's limit leaves room for a loaded machine; the client is
   // quiet for three times it.
   constexpr int kIdleMs = 2500;
@@ -84,13 +86,10 @@ TEST(TlsKeepAliveTest, HandshakeLimitEndsWithTheHandshake) {
     std::shared_ptr<HttpServer> server =
         HttpServer::create(SocketAddress("127.0.0.1", 0), 128, options);
     ASSERT_TRUE(server);
-    server->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-      const std::string text = "Hello, world!\n";
-      response->content.assign(text.begin(), text.end());
-    });
-    const std::string output = shellOutput("python3 -W ignore " + path + " " +
-                                           std::to_string(server->localAddress().port()) + " " +
-                                           (tls ? cert("ca.pem") : std::string("-")) + " 1.5");
+    server->registerHandler("/hello", sayHello);
+    const std::string output =
+        pythonOutput(kQuietClient, std::to_string(server->localAddress().port()) + " " +
+                                       (tls ? cert("ca.pem") : std::string("-")) + " 1.5");
     int lasted_ms = -1;
     char first_same[8] = {};
     char closed[8] = {};
@@ -138,13 +137,9 @@ TEST(TlsKeepAliveTest, ChannelWaitsForSlowAnswersBeyondItsHandshakeLimit) {
   EXPECT_EQ(1u, openConnections(server.server));
 }
 
-// Python's client over memory BIOs, so that it decides where records end:
-// asks for /dirty (whose handler leaves an error in the event thread's
-// OpenSSL queue, as any code on that thread may), makes a second connection
-// (a handshake) and asks for /hello on it, then sends a request in
-// two pieces cut inside its record; asks for /dirty again, then sends a
-// last request and its close_notify in one write. Prints whether every answer came back and the
-// server ended with a close_notify of its own.
+// Python's client over memory BIOs, so that it decides where records end.
+// Prints whether every answer came back and the server ended with a
+// close_notify of its own.
 constexpr char kRecordClient[] = R"(
 import socket, ssl, sys, time
 port, ca = int(sys.argv[1]), sys.argv[2]
@@ -230,8 +225,6 @@ print(answers[0].endswith(b"dirty\n") and answers[2].endswith(b"dirty\n"),
 // close_notify after a request ends the connection cleanly, its answer sent
 // first.
 TEST(TlsKeepAliveTest, ErrorsLeftByOthersOnTheThreadFailNoConnection) {
-  const std::string path = vantu::testing::testCertDir() + "/record_client.py";
-  std::ofstream(path) << kRecordClient;
   HttpServerOptions options;
   options.tls = serverTls();
   std::shared_ptr<HttpServer> server =
@@ -254,13 +247,10 @@ TEST(TlsKeepAliveTest, ErrorsLeftByOthersOnTheThreadFailNoConnection) {
         const std::string text = "dirty\n";
         response->content.assign(text.begin(), text.end());
       });
-  server->registerHandler("/hello", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-    const std::string text = "Hello, world!\n";
-    response->content.assign(text.begin(), text.end());
-  });
+  server->registerHandler("/hello", sayHello);
   EXPECT_EQ("True True True\n",
-            shellOutput("python3 -W ignore " + path + " " +
-                        std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
+            pythonOutput(kRecordClient,
+                         std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
   EXPECT_TRUE(left) << "the handler left no error behind";
 }
 

@@ -26,6 +26,7 @@
 #include "relay/rpc.h"
 #include "test_service.h"
 #include "test_services.pb.h"
+#include "tests/log_capture.h"
 #include "tests/shell_output.h"
 #include "tests/test_certs.h"
 #include "tests/waiting.h"
@@ -44,13 +45,13 @@ namespace vantu {
 namespace relay {
 namespace {
 
-using vantu::testing::shellOutput;
-
-using vantu::testing::LoopbackClient;
-
 using vantu::testing::cert;
+using vantu::testing::curlTls;
+using vantu::testing::LoopbackClient;
 using vantu::testing::openConnections;
+using vantu::testing::pythonOutput;
 using vantu::testing::serverTls;
+using vantu::testing::shellOutput;
 
 std::string join(const std::vector<std::string>& parts) {
   std::string text;
@@ -65,7 +66,6 @@ std::string describe(const PeerInfo& peer) {
          " address=" + (peer.address.isValid() ? "yes" : "no");
 }
 
-// Echo answers with the caller's identity.
 class WhoService : public relaytest::TestService {
  public:
   void Echo(google::protobuf::RpcController* controller, const relaytest::Text*,
@@ -94,9 +94,6 @@ std::shared_ptr<HttpServer> startServer(HttpServerOptions options) {
                           [](const HttpRequestPtr& request, const HttpResponsePtr& response) {
                             setContent(response.get(), request->url.spec());
                           });
-  server->registerHandler("/big", [](const HttpRequestPtr&, const HttpResponsePtr& response) {
-    setContent(response.get(), std::string(256 * 1024, 'b'));
-  });
   server->registerRPCService(std::make_shared<WhoService>());
   return server;
 }
@@ -128,41 +125,46 @@ RPCChannelOptions channelTls(const std::string& ca, bool client_cert) {
   return options;
 }
 
-// Waits (bounded, as a guard) until the server has no connection open.
 bool waitNoConnections(const std::shared_ptr<HttpServer>& server) {
   return vantu::testing::eventually([&] { return openConnections(server) == 0; });
 }
 
+// Over TLS a request's url says "https://", whichever reader the server uses;
+// the Host still names the authority, and an absolute target stays as sent.
 TEST(TlsTest, ClientsNobodyHereWroteGetAnswersOverTls) {
-  HttpServerOptions options;
-  options.tls = serverTls("server", false);
-  // So that "Connection: close" ends s_client's session.
-  options.strict_framing = true;
-  std::shared_ptr<HttpServer> server = startServer(options);
-  ASSERT_TRUE(server);
-  const std::string ca = cert("ca.pem");
-  const std::string port = std::to_string(server->localAddress().port());
-  struct Case {
-    const char* name;
-    std::string command;
-    std::string expected;
-  } cases[] = {
-      {"curl by name",
-       "curl -sS --max-time 30 --cacert " + ca + " https://localhost:" + port + "/who",
-       "tls=1 version=TLSv1.3 subject= sans= address=yes"},
-      {"curl TLS 1.2",
-       "curl -sS --max-time 30 --tls-max 1.2 --cacert " + ca + " " + url(server, "/who"),
-       "tls=1 version=TLSv1.2 subject= sans= address=yes"},
-      {"openssl s_client",
-       "printf 'GET /hello HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' | "
-       "timeout 30 openssl s_client -quiet -verify_return_error -CAfile " +
-           ca + " -connect 127.0.0.1:" + port + " 2>/dev/null | tail -n 1",
-       "Hello, world!\n"},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(test.name);
+  for (bool strict : {true, false}) {
+    SCOPED_TRACE(strict ? "strict reader" : "default reader");
+    HttpServerOptions options;
+    options.tls = serverTls("server", false);
+    // So that "Connection: close" ends s_client's session.
+    options.strict_framing = strict;
+    std::shared_ptr<HttpServer> server = startServer(options);
+    ASSERT_TRUE(server);
+    const std::string port = std::to_string(server->localAddress().port());
+    const std::string by_name = "https://localhost:" + port;
+    const std::pair<std::string, std::string> cases[] = {
+        {by_name + "/who", "tls=1 version=TLSv1.3 subject= sans= address=yes"},
+        {"--tls-max 1.2 " + url(server, "/who"),
+         "tls=1 version=TLSv1.2 subject= sans= address=yes"},
+        {url(server, "/url?a=1"), "https://127.0.0.1:" + port + "/url?a=1"},
+        {by_name + "/url", by_name + "/url"},
+        {"--request-target http://elsewhere.test/url " + url(server, "/x"),
+         "http://elsewhere.test/url"},
+    };
+    for (const auto& test : cases) {
+      SCOPED_TRACE(test.first);
+      int status = -1;
+      EXPECT_EQ(test.second, curlTls(test.first, &status));
+      EXPECT_EQ(0, status);
+    }
+    if (!strict) continue;
     int status = -1;
-    EXPECT_EQ(test.expected, shellOutput(test.command, &status));
+    EXPECT_EQ("Hello, world!\n",
+              shellOutput(
+                  "printf 'GET /hello HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' | "
+                  "timeout 30 openssl s_client -quiet -verify_return_error -CAfile " +
+                      cert("ca.pem") + " -connect 127.0.0.1:" + port + " 2>/dev/null | tail -n 1",
+                  &status));
     EXPECT_EQ(0, status);
   }
 }
@@ -173,7 +175,10 @@ TEST(TlsTest, OldProtocolsAreRefusedSessionsResumeAndStreamsEndCleanly) {
   options.strict_framing = true;
   std::shared_ptr<HttpServer> server = startServer(options);
   ASSERT_TRUE(server);
-  const std::string script = R"(
+  // Resumption checked over TLS 1.2, where the session is known once the
+  // handshake ends (a TLS 1.3 ticket arrives after it).
+  EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
+            pythonOutput(R"(
 import socket, ssl, sys
 port, ca = int(sys.argv[1]), sys.argv[2]
 def get(context, session=None):
@@ -213,38 +218,8 @@ with socket.create_connection(("127.0.0.1", port), timeout=30) as raw:
             print("clean end" if answer.endswith(b"Hello, world!\n") else "no answer")
         except ssl.SSLEOFError:
             print("cut")
-)";
-  const std::string path = vantu::testing::testCertDir() + "/resume.py";
-  std::ofstream(path) << script;
-  // Resumption checked over TLS 1.2, where the session is known once the
-  // handshake ends (a TLS 1.3 ticket arrives after it).
-  EXPECT_EQ("TLSv1.2 False True\nTLS 1.1 refused\nclean end\n",
-            shellOutput("python3 -W ignore " + path + " " +
-                        std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
-}
-
-// Over TLS a request's url says "https://", whichever reader the server uses;
-// the Host still names the authority, and an absolute target stays as sent.
-TEST(TlsTest, RequestUrlsOverTlsSayHttps) {
-  for (bool strict : {false, true}) {
-    SCOPED_TRACE(strict ? "strict reader" : "default reader");
-    HttpServerOptions options;
-    options.tls = serverTls("server", false);
-    options.strict_framing = strict;
-    std::shared_ptr<HttpServer> server = startServer(options);
-    ASSERT_TRUE(server);
-    const std::string port = std::to_string(server->localAddress().port());
-    const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
-    int status = -1;
-    EXPECT_EQ("https://127.0.0.1:" + port + "/url?a=1",
-              shellOutput(curl + url(server, "/url?a=1"), &status));
-    EXPECT_EQ(0, status);
-    EXPECT_EQ("https://localhost:" + port + "/url",
-              shellOutput(curl + "https://localhost:" + port + "/url", &status));
-    EXPECT_EQ("http://elsewhere.test/url",
-              shellOutput(curl + "--request-target http://elsewhere.test/url " + url(server, "/x"),
-                          &status));
-  }
+)",
+                         std::to_string(server->localAddress().port()) + " " + cert("ca.pem")));
 }
 
 TEST(TlsTest, ChannelSucceedsOrFailsSayingWhy) {
@@ -313,21 +288,13 @@ TEST(TlsTest, PlaintextAndStalledClientsAreClosedNotLeaked) {
     EXPECT_EQ(std::string::npos, answer.find("Hello")) << "served in clear";
   }
   EXPECT_TRUE(waitNoConnections(server));
-  int status = -1;
-  EXPECT_EQ("Hello, world!\n", shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") +
-                                               " " + url(server, "/hello"),
-                                           &status));
+  EXPECT_EQ("Hello, world!\n", curlTls(url(server, "/hello")));
 }
 
-TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
+TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnlyAndUnusableFilesAreRefused) {
   const std::string chain = vantu::testing::testCertDir() + "/reload.pem";
   const std::string key = vantu::testing::testCertDir() + "/reload-key.pem";
-  auto install = [&](const std::string& name) {
-    return system(("cp " + cert(name + ".pem") + " " + chain + " && cp " + cert(name + "-key.pem") +
-                   " " + key)
-                      .c_str()) == 0;
-  };
-  ASSERT_TRUE(install("server"));
+  ASSERT_TRUE(vantu::testing::installCert("server", chain, key));
   HttpServerOptions options;
   options.tls.certificate_chain_file = chain;
   options.tls.private_key_file = key;
@@ -337,37 +304,27 @@ TEST(TlsTest, ReloadServesNewFilesToNewConnectionsOnly) {
   RPCChannelPtr channel = RPCChannel::create("127.0.0.1:" + port, channelTls("ca.pem", false));
   ASSERT_EQ("ok: tls=1 version=TLSv1.3 subject= sans= address=yes", callEcho(channel.get()));
 
-  std::vector<LogRecord> records;
-  std::mutex records_mutex;
-  setLogSink([&](const LogRecord& record) {
-    std::lock_guard<std::mutex> lock(records_mutex);
-    records.push_back(record);
-  });
-  const std::string curl = "curl -sS --max-time 30 --cacert " + cert("ca.pem") + " ";
-  const std::string as_wrong_name = curl + "--resolve wrong.example:" + port +
-                                    ":127.0.0.1 https://wrong.example:" + port + "/hello";
-  ASSERT_TRUE(install("wrong-name"));
+  vantu::testing::LogCapture log("http_server", 2);
+  const std::string as_wrong_name =
+      "--resolve wrong.example:" + port + ":127.0.0.1 https://wrong.example:" + port + "/hello";
+  ASSERT_TRUE(vantu::testing::installCert("wrong-name", chain, key));
   EXPECT_TRUE(server->reloadTlsCertificates());
   int status = -1;
-  EXPECT_EQ("Hello, world!\n", shellOutput(as_wrong_name, &status));
-  shellOutput(curl + url(server, "/hello") + " 2>/dev/null", &status);
+  EXPECT_EQ("Hello, world!\n", curlTls(as_wrong_name, &status));
+  curlTls(url(server, "/hello") + " 2>/dev/null", &status);
   EXPECT_NE(0, status) << "a new connection still got the old certificate";
   // The connection made before the reload keeps its session.
   EXPECT_EQ("ok: tls=1 version=TLSv1.3 subject= sans= address=yes", callEcho(channel.get()));
 
   std::ofstream(chain) << "not a certificate\n";
   EXPECT_FALSE(server->reloadTlsCertificates());
-  EXPECT_EQ("Hello, world!\n", shellOutput(as_wrong_name, &status)) << "the old files were dropped";
-  setLogSink(nullptr);
+  EXPECT_EQ("Hello, world!\n", curlTls(as_wrong_name)) << "the old files were dropped";
   bool logged = false;
-  for (const LogRecord& record : records) {
-    logged = logged || (record.level == 2 && record.logger == "http_server" &&
-                        record.text.find(chain) != std::string::npos);
+  for (const LogRecord& record : log.take()) {
+    logged = logged || (record.level == 2 && record.text.find(chain) != std::string::npos);
   }
   EXPECT_TRUE(logged) << "the refused reload was not logged at level 2";
-}
-
-TEST(TlsTest, UnusableFilesMakeNoServer) {
+  // Unusable files at the start make no server at all.
   for (const char* key : {"missing-key.pem", "client-key.pem"}) {
     SCOPED_TRACE(key);
     HttpServerOptions options;
@@ -396,7 +353,9 @@ TEST(TlsTest, SlowReaderWithRequestsQueuedKeepsTheServerBoundedAhead) {
                             answered.fetch_add(1);
                             response->content.assign(kAnswerSize, 'c');
                           });
-  const std::string script = R"(
+  const size_t read_limit = size_t{64} * 1024 * 1024;
+  const std::string output =
+      pythonOutput(R"(
 import os, socket, ssl, sys, threading
 port, ca, total, read_limit = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
 context = ssl.create_default_context(cafile=ca)
@@ -421,13 +380,9 @@ while len(data) < read_limit:
 one = data[:data.find(b"\r\n\r\n") + 4 + (256 << 10)]
 print(len(data), data == (one * (len(data) // len(one) + 1))[:len(data)], flush=True)
 os._exit(0)
-)";
-  const std::string path = vantu::testing::testCertDir() + "/slow_queued_reader.py";
-  std::ofstream(path) << script;
-  const size_t read_limit = size_t{64} * 1024 * 1024;
-  const std::string output = shellOutput("python3 -W ignore " + path + " " +
-                                         std::to_string(server->localAddress().port()) + " " +
-                                         cert("ca.pem") + " 2000 " + std::to_string(read_limit));
+)",
+                   std::to_string(server->localAddress().port()) + " " + cert("ca.pem") + " 2000 " +
+                       std::to_string(read_limit));
   const size_t read = std::strtoull(output.c_str(), nullptr, 10);
   ASSERT_GE(read, read_limit) << "the reader did not get its bytes";
   EXPECT_NE(std::string::npos, output.find(" True\n")) << "answers lost or cut: " << output;
@@ -483,13 +438,7 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
     const uint16_t port = server->localAddress().port();
     uint16_t client_port = 0;
     if (test.tls) {
-      int status = -1;
-      // Two requests on one connection.
-      EXPECT_EQ("kept\nkept\n",
-                shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") + " " +
-                                url(server, "/keep") + " " + url(server, "/keep"),
-                            &status));
-      EXPECT_EQ(0, status);
+      EXPECT_EQ("kept\nkept\n", curlTls(url(server, "/keep") + " " + url(server, "/keep")));
     } else {
       LoopbackClient client(port);
       ASSERT_TRUE(client.connected());
@@ -517,7 +466,6 @@ TEST(TlsTest, PeerIsRightOverPlaintextAndTlsAfterTheConnectionClosed) {
         EXPECT_EQ(client_port, peer.address.port());
       }
     }
-    // Both requests came from one connection, so from one port.
     EXPECT_EQ(requests[0]->peer().address, requests[1]->peer().address);
     RPCChannelPtr channel = test.tls ? RPCChannel::create("127.0.0.1:" + std::to_string(port),
                                                           channelTls("ca.pem", false))
@@ -549,32 +497,27 @@ TEST(TlsTest, AnswersWrittenTogetherReachTheirOwnConnections) {
 import socket, ssl, sys
 port, ca, count = int(sys.argv[1]), sys.argv[2], int(sys.argv[3])
 def connect():
-    raw = socket.create_connection(("127.0.0.1", port))
+    raw = socket.create_connection(("127.0.0.1", port), timeout=30)  # a guard against a hang
     if ca == "-":
         return raw
-    context = ssl.create_default_context(cafile=ca)
-    return context.wrap_socket(raw, server_hostname="127.0.0.1")
+    return ssl.create_default_context(cafile=ca).wrap_socket(raw, server_hostname="127.0.0.1")
 socks = [connect() for _ in range(count)]
 for i, s in enumerate(socks):
-    s.settimeout(30)  # a guard against a hang
     s.sendall(b"GET /park?%d HTTP/1.1\r\nHost: a\r\n\r\n" % i)
 right = 0
 for i, s in enumerate(socks):
-    got = b""
-    want = b"answer %d." % i * 50
+    got, want = b"", b"answer %d." % i * 50
     while not got.endswith(want) and len(got) < 100000:
         try:
             chunk = s.recv(1 << 16)
         except socket.timeout:
-            chunk = b""
+            break
         if not chunk:
             break
         got += chunk
     right += got.endswith(b"\r\n\r\n" + want)
 print(right)
 )";
-  const std::string path = vantu::testing::testCertDir() + "/answers_together.py";
-  std::ofstream(path) << script;
   constexpr int kClients = 20;
   for (bool tls : {true, false}) {
     SCOPED_TRACE(tls ? "TLS" : "plaintext");
@@ -596,11 +539,10 @@ print(right)
           for (auto& answer : *parked) answer.second();
           parked->clear();
         });
-    EXPECT_EQ(
-        std::to_string(kClients) + "\n",
-        shellOutput("python3 -W ignore " + path + " " +
-                    std::to_string(server->localAddress().port()) + " " +
-                    (tls ? cert("ca.pem") : std::string("-")) + " " + std::to_string(kClients)));
+    EXPECT_EQ(std::to_string(kClients) + "\n",
+              pythonOutput(script, std::to_string(server->localAddress().port()) + " " +
+                                       (tls ? cert("ca.pem") : std::string("-")) + " " +
+                                       std::to_string(kClients)));
     ASSERT_TRUE(waitNoConnections(server));
   }
 }
@@ -641,8 +583,7 @@ TEST(TlsExitTest, ChildUsesTlsAfterTheEventThreadStarted) {
   options.tls = serverTls("server", false);
   std::shared_ptr<HttpServer> server = startServer(options);
   ASSERT_TRUE(server);
-  EXPECT_EQ("Hello, world!\n", shellOutput("curl -sS --max-time 30 --cacert " + cert("ca.pem") +
-                                           " " + url(server, "/hello")));
+  EXPECT_EQ("Hello, world!\n", curlTls(url(server, "/hello")));
   defer(useOpenSslInEveryTurn);
 }
 

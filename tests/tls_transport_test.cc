@@ -28,7 +28,7 @@ using vantu::testing::cert;
 class Pair {
  public:
   explicit Pair(const std::string& server_name, bool client_cert = false)
-      : client_wire_(evbuffer_new()), server_wire_(evbuffer_new()) {
+      : client_wire(evbuffer_new()), server_wire(evbuffer_new()) {
     std::string error;
     server_context_ = TlsContext::newServer(cert("server.pem"), cert("server-key.pem"),
                                             client_cert ? cert("ca.pem") : "", &error);
@@ -36,14 +36,14 @@ class Pair {
     client_context_ = TlsContext::newClient(cert("ca.pem"), client_cert ? cert("client.pem") : "",
                                             client_cert ? cert("client-key.pem") : "", &error);
     EXPECT_TRUE(client_context_) << error;
-    server = TlsTransport::newServer(server_context_, server_wire_);
-    client = TlsTransport::newClient(client_context_, server_name, client_wire_);
+    server = TlsTransport::newServer(server_context_, server_wire);
+    client = TlsTransport::newClient(client_context_, server_name, client_wire);
   }
   ~Pair() {
     client.reset();
     server.reset();
-    evbuffer_free(client_wire_);
-    evbuffer_free(server_wire_);
+    evbuffer_free(client_wire);
+    evbuffer_free(server_wire);
   }
 
   // Delivers what one side wrote to the other, `piece` bytes at a time,
@@ -77,29 +77,23 @@ class Pair {
     client->setInput(nullptr, 0);
     client->handshake();
     for (int flight = 0; flight < 4; ++flight) {
-      deliver(client_wire_, server.get(), piece, &to_server);
-      if (deliver(server_wire_, client.get(), piece, &to_client) == TlsTransport::Result::kFailed) {
+      deliver(client_wire, server.get(), piece, &to_server);
+      if (deliver(server_wire, client.get(), piece, &to_client) == TlsTransport::Result::kFailed) {
         return false;
       }
     }
     return client->established() && server->established() && server->error().empty();
   }
 
-  struct evbuffer* clientWire() {
-    return client_wire_;
-  }
-  struct evbuffer* serverWire() {
-    return server_wire_;
-  }
-
+  // What each side wrote, not yet delivered.
+  struct evbuffer* const client_wire;
+  struct evbuffer* const server_wire;
   std::unique_ptr<TlsTransport> server;
   std::unique_ptr<TlsTransport> client;
   std::string to_server;
   std::string to_client;
 
  private:
-  struct evbuffer* const client_wire_;
-  struct evbuffer* const server_wire_;
   std::shared_ptr<TlsContext> server_context_;
   std::shared_ptr<TlsContext> client_context_;
 };
@@ -115,16 +109,16 @@ TEST(TlsTransportTest, BytesSurviveAnySplitAndEndWithCloseNotify) {
     ASSERT_TRUE(pair.client->write(message.data(), message.size()));
     pair.client->close();
     EXPECT_EQ(TlsTransport::Result::kClosed,
-              pair.deliver(pair.clientWire(), pair.server.get(), piece, &pair.to_server));
+              pair.deliver(pair.client_wire, pair.server.get(), piece, &pair.to_server));
     EXPECT_EQ(message, pair.to_server);
     // Half-closed: the server still answers after the client's close_notify.
     ASSERT_TRUE(pair.server->write("answer", 6));
-    pair.deliver(pair.serverWire(), pair.client.get(), piece, &pair.to_client);
+    pair.deliver(pair.server_wire, pair.client.get(), piece, &pair.to_client);
     EXPECT_EQ("answer", pair.to_client);
   }
 }
 
-TEST(TlsTransportTest, SessionReportsTheVerifiedClientOnly) {
+TEST(TlsTransportTest, HandshakeReportsTheVerifiedPeersOrWhyItFailed) {
   Pair mutual("localhost", true);
   ASSERT_TRUE(mutual.handshake(4096)) << mutual.server->error();
   // TLS 1.3: the server verifies the client's certificate on its last flight.
@@ -134,9 +128,7 @@ TEST(TlsTransportTest, SessionReportsTheVerifiedClientOnly) {
   // The server's own certificate, as the client sees it (IP SANs as text).
   EXPECT_EQ((std::vector<std::string>{"IP:127.0.0.1", "IP:::1", "DNS:localhost"}),
             mutual.client->session().peer_sans);
-}
 
-TEST(TlsTransportTest, FailuresSayWhy) {
   Pair named("example.org");
   EXPECT_FALSE(named.handshake(4096));
   EXPECT_EQ("TLS handshake failed: certificate verify failed: hostname mismatch",
@@ -144,9 +136,9 @@ TEST(TlsTransportTest, FailuresSayWhy) {
   // Garbage where a handshake should be.
   Pair pair("localhost");
   std::string ignored;
-  evbuffer_add(pair.clientWire(), "GET / HTTP/1.1\r\n\r\n", 18);
+  evbuffer_add(pair.client_wire, "GET / HTTP/1.1\r\n\r\n", 18);
   EXPECT_EQ(TlsTransport::Result::kFailed,
-            pair.deliver(pair.clientWire(), pair.server.get(), 4096, &ignored));
+            pair.deliver(pair.client_wire, pair.server.get(), 4096, &ignored));
   EXPECT_EQ("TLS handshake failed: http request", pair.server->error());
 }
 
@@ -175,8 +167,8 @@ TEST(TlsTransportTest, InterleavedTransportsKeepTheirOwnBytes) {
   }
   for (int flight = 0; flight < 4; ++flight) {
     for (Pair* pair : pairs) {
-      pair->deliver(pair->clientWire(), pair->server.get(), 4096, &pair->to_server);
-      pair->deliver(pair->serverWire(), pair->client.get(), 4096, &pair->to_client);
+      pair->deliver(pair->client_wire, pair->server.get(), 4096, &pair->to_server);
+      pair->deliver(pair->server_wire, pair->client.get(), 4096, &pair->to_client);
     }
   }
   for (size_t i = 0; i < pairs.size(); ++i) {
@@ -192,8 +184,8 @@ TEST(TlsTransportTest, InterleavedTransportsKeepTheirOwnBytes) {
       ASSERT_TRUE(pairs[i]->server->write(down.data(), down.size()));
     }
     for (Pair* pair : pairs) {
-      pair->deliver(pair->clientWire(), pair->server.get(), 7, &pair->to_server);
-      pair->deliver(pair->serverWire(), pair->client.get(), 7, &pair->to_client);
+      pair->deliver(pair->client_wire, pair->server.get(), 7, &pair->to_server);
+      pair->deliver(pair->server_wire, pair->client.get(), 7, &pair->to_client);
     }
   }
   for (size_t i = 0; i < pairs.size(); ++i) {
@@ -203,12 +195,12 @@ TEST(TlsTransportTest, InterleavedTransportsKeepTheirOwnBytes) {
     EXPECT_EQ("down 0" + n + "down 1" + n + "down 2" + n, pairs[i]->to_client);
   }
   // Records with nowhere to go are a failure, and nothing lands elsewhere.
-  const size_t before = evbuffer_get_length(second.serverWire());
+  const size_t before = evbuffer_get_length(second.server_wire);
   first.server->setWire(nullptr);
   EXPECT_FALSE(first.server->write("lost", 4));
   EXPECT_FALSE(first.server->error().empty());
-  EXPECT_EQ(0u, evbuffer_get_length(first.serverWire()));
-  EXPECT_EQ(before, evbuffer_get_length(second.serverWire()));
+  EXPECT_EQ(0u, evbuffer_get_length(first.server_wire));
+  EXPECT_EQ(before, evbuffer_get_length(second.server_wire));
 }
 
 // Queues an error on this thread's OpenSSL queue, as another user of OpenSSL
@@ -241,7 +233,7 @@ TEST(TlsTransportTest, AnErrorLeftOnTheThreadIsNotTheConnections) {
   EXPECT_EQ(TlsTransport::Result::kWantMore, pair.server->read(plain, sizeof(plain), &got));
   leaveOpenSslError();
   EXPECT_TRUE(pair.server->write("answer", 6)) << pair.server->error();
-  pair.deliver(pair.serverWire(), pair.client.get(), 4096, &pair.to_client);
+  pair.deliver(pair.server_wire, pair.client.get(), 4096, &pair.to_client);
   EXPECT_EQ("answer", pair.to_client);
   clearOpenSslErrors();
 }

@@ -11,6 +11,9 @@ namespace relay {
 namespace {
 
 TEST(UrlEscapeTest, UnescapeDecodesEachEscapeOnce) {
+  // A "%" without two hexadecimal digits after it is an ordinary byte; a
+  // decoded byte never starts another escape or becomes a blank; a NUL,
+  // escaped or raw, ends the result.
   struct Case {
     std::string escaped;
     std::string text;
@@ -22,7 +25,6 @@ TEST(UrlEscapeTest, UnescapeDecodesEachEscapeOnce) {
       {"+%2B+", " + "},
       {"%aF%Af", "\xAF\xAF"},
       {"%E2%82%AC", "\xE2\x82\xAC"},
-      // A "%" without two hexadecimal digits after it is an ordinary byte.
       {"100%", "100%"},
       {"%4", "%4"},
       {"%zz", "%zz"},
@@ -30,11 +32,9 @@ TEST(UrlEscapeTest, UnescapeDecodesEachEscapeOnce) {
       {"%%", "%%"},
       {"%%41", "%A"},
       {"%4%41", "%4A"},
-      // A decoded byte never starts another escape or becomes a blank.
       {"%2541", "%41"},
       {"%252B", "%2B"},
       {"%25%34%31", "%41"},
-      // A NUL, escaped or raw, ends the result.
       {"a%00b", "a"},
       {"%00", ""},
       {std::string("a\0%41", 5), "a"},
@@ -45,7 +45,6 @@ TEST(UrlEscapeTest, UnescapeDecodesEachEscapeOnce) {
     const std::string original = c.escaped;
     EXPECT_EQ(c.text, urlUnescape(original));
     EXPECT_EQ(c.escaped, original);  // the copying form leaves its argument alone
-
     std::string in_place = c.escaped;
     urlUnescape(&in_place);
     EXPECT_EQ(c.text, in_place);
@@ -70,10 +69,8 @@ TEST(UrlEscapeTest, EscapeKeepsOnlyUnreservedBytes) {
     EXPECT_EQ(c.escaped, urlEscape(c.text));
   }
   // Longer than the escaping buffer's inline capacity.
-  std::string expected;
-  for (int i = 0; i < 2000; ++i) expected += "x%20";
-  std::string text;
-  for (int i = 0; i < 2000; ++i) text += "x ";
+  std::string expected, text;
+  for (int i = 0; i < 2000; ++i) expected += "x%20", text += "x ";
   EXPECT_EQ(expected, urlEscape(text));
 }
 
